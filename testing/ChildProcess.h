@@ -1,0 +1,65 @@
+// ChildProcess: runs a program as a child process with its own environment,
+// and collects its exit code, standard output and standard error.
+#ifndef TESTING_CHILDPROCESS_H_
+#define TESTING_CHILDPROCESS_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+struct ChildResult {
+  int exitCode = -1;   // exit status, or 128 + signal number when killed
+  bool timedOut = false;
+  std::string out;
+  std::string err;
+};
+
+struct ChildOptions {
+  // Variables set (or, with a null-like "\x01unset", removed) on top of the
+  // test's own environment.
+  std::map<std::string, std::string> env;
+  bool clearEnv = false;        // start from an empty environment (PATH kept)
+  std::string cwd;              // working directory; empty: the test's
+  std::string stdinText;        // written to the child's standard input
+  int timeoutSeconds = 60;      // killed with SIGKILL after this
+};
+
+// argv[0] is the program path. Never throws; failures show in the result.
+ChildResult runChild(const std::vector<std::string>& argv, const ChildOptions& options = {});
+
+// Marks a variable for removal in ChildOptions::env.
+inline const char* kUnset = "\x01unset";
+
+// A background child that keeps running until stop() or destruction (SIGTERM,
+// then SIGKILL). Its standard output is read line by line on demand.
+class BackgroundChild {
+ public:
+  BackgroundChild(const std::vector<std::string>& argv, const ChildOptions& options = {});
+  ~BackgroundChild();
+  BackgroundChild(const BackgroundChild&) = delete;
+  BackgroundChild& operator=(const BackgroundChild&) = delete;
+
+  bool running() const { return pid_ > 0; }
+  int pid() const { return pid_; }
+  // Next line of standard output (without the newline); false on EOF or timeout.
+  bool readLine(std::string* line, int timeoutSeconds = 20);
+  // Sends sig, waits up to timeoutSeconds, returns the exit code as ChildResult does (-1 on timeout).
+  int stop(int sig = 15, int timeoutSeconds = 10);
+  // Waits for the child to end by itself; -1 on timeout.
+  int wait(int timeoutSeconds);
+  // What the child wrote to standard error so far (read after it ended).
+  std::string stderrText();
+
+ private:
+  int pid_ = -1;
+  int outFd_ = -1;
+  int errFd_ = -1;
+  std::string outBuf_;
+  std::string errBuf_;
+};
+
+}  // namespace testing_support
+
+#endif  // TESTING_CHILDPROCESS_H_

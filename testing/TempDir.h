@@ -1,0 +1,33 @@
+// TempDir: a fresh directory under $TMPDIR (or /tmp), removed with its
+// contents when the object goes away. Plus small file helpers for tests.
+#ifndef TESTING_TEMPDIR_H_
+#define TESTING_TEMPDIR_H_
+
+#include <string>
+
+namespace testing_support {
+
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() + "/" + name.
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Whole-file helpers; they fail the running test on I/O errors.
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+bool fileExists(const std::string& path);
+void makeDir(const std::string& path);
+
+}  // namespace testing_support
+
+#endif  // TESTING_TEMPDIR_H_
