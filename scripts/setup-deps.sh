@@ -8,7 +8,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev openssl
   libgtest-dev libgmock-dev libbenchmark-dev
   libtirpc-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev rpcsvc-proto
 )
 
 missing=()
