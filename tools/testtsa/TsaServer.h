@@ -1,0 +1,109 @@
+// TsaServer: a small RFC 3161 Timestamp Server for tests and local runs.
+//
+// Answers timestamp requests with OpenSSL's own TSA code (TS_RESP_CTX), so its
+// replies are an independent reference for the requester. Three listeners on
+// one address: HTTP, HTTPS (OpenSSL TLS with a CA-signed localhost
+// certificate) and the raw RFC 3161 TCP transport (4-byte big-endian length,
+// one flag byte, the DER message). Every HTTP request path is accepted.
+//
+// A fault mode makes every answer wrong in one chosen way, so clients can be
+// tested against broken servers. Each connection runs on a thread of its own;
+// the response context is shared under a mutex. run() returns when stop() was
+// called (from a signal handler too: it only sets a flag).
+#ifndef TOOLS_TESTTSA_TSASERVER_H_
+#define TOOLS_TESTTSA_TSASERVER_H_
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tools/testtsa/TsaPki.h"
+
+struct asn1_string_st;
+struct ssl_ctx_st;
+struct TS_resp_ctx;
+
+namespace testtsa {
+
+enum class Fault {
+  kNone,
+  kHttp500,     // HTTP: status 500 with a short text body (raw TCP answers normally)
+  kReject,      // a TimeStampResp with PKIStatus rejection (2) and a status text
+  kNotWorking,  // the two bytes 05 00 (HTTP body, or the whole raw TCP answer)
+  kBody4096,    // exactly 4096 bytes (HTTP body, or the whole raw TCP answer)
+  kBodyLarge,   // 8192 bytes
+  kBadFlag,     // raw TCP: flag byte 6 instead of 5 (HTTP answers normally)
+  kHang,        // read the request, never answer, keep the connection open
+  kGarbage,     // bytes that are no DER TimeStampResp, framed correctly
+  kEmpty,       // HTTP: 200 with an empty body; raw TCP: close without a byte
+};
+
+// "none", "http500", "reject", "notworking", "body4096", "bodylarge", "badflag",
+// "hang", "garbage", "empty". Returns false for an unknown name.
+bool parseFault(const std::string& name, Fault* fault);
+
+struct TsaOptions {
+  std::string bindAddress = "127.0.0.1";
+  int httpPort = 0;  // 0: an ephemeral port; -1: no listener
+  int httpsPort = 0;
+  int tcpPort = 0;
+  bool requireAuth = false;  // demand HTTP Basic login:password
+  std::string login;
+  std::string password;
+  std::string policyOid = "1.2.3.4.1";
+  Fault fault = Fault::kNone;
+};
+
+class TsaServer {
+ public:
+  TsaServer(const TsaOptions& options, TsaPki* pki);  // pki: borrowed, outlives the server
+  ~TsaServer();
+  TsaServer(const TsaServer&) = delete;
+  TsaServer& operator=(const TsaServer&) = delete;
+
+  // Sets up the response context, the TLS context and binds the listeners.
+  bool start(std::string* error);
+  // The bound ports (-1 for a listener that is off); valid after start().
+  int httpPort() const { return ports_[0]; }
+  int httpsPort() const { return ports_[1]; }
+  int tcpPort() const { return ports_[2]; }
+  // Accepts connections until stop().
+  void run();
+  void stop() { stopping_ = true; }
+
+ private:
+  enum Transport { kHttp = 0, kHttps = 1, kTcp = 2 };
+  class Stream;
+  class PlainStream;
+  class TlsStream;
+
+  bool listenOn(int port, int* fd, int* boundPort, std::string* error);
+  void serveConnection(Transport transport, int fd);
+  void serveHttp(Stream* stream, const char* name);
+  void serveTcp(Stream* stream);
+  // DER TimeStampResp for a DER TimeStampReq, shaped by the fault mode (reject).
+  std::string makeResponse(const std::string& request);
+  std::string faultBody(size_t size, const std::string& valid) const;
+  void hang();
+  // Serial numbers 1, 2, ...; in reject mode sets the rejection status instead.
+  static asn1_string_st* nextSerial(TS_resp_ctx* ctx, void* self);
+  void note(const std::string& line);
+
+  TsaOptions options_;
+  TsaPki* pki_;
+  ssl_ctx_st* sslCtx_ = nullptr;
+  TS_resp_ctx* respCtx_ = nullptr;
+  std::mutex respMutex_;  // guards respCtx_ and serial_
+  long serial_ = 0;
+  std::mutex noteMutex_;
+  std::atomic<bool> stopping_{false};
+  int listenFds_[3] = {-1, -1, -1};
+  int ports_[3] = {-1, -1, -1};
+  std::string expectedAuth_;  // "Basic " + BASE64(login:password)
+};
+
+}  // namespace testtsa
+
+#endif  // TOOLS_TESTTSA_TSASERVER_H_
