@@ -1,0 +1,668 @@
+// kvmini: a small KV emulator for people and tests.
+//
+//   kvmini serve [options]           serves the KV program and logs every call
+//   kvmini work --to H:P [--mode N] DIR
+//   kvmini ctrl --to H:P CODE [TEXT]
+//   kvmini info --to H:P NUMBER [TEXT]
+//   kvmini call --to H:P PROC [--number N] [--text T] [--noargs] [--prog P]
+//                             [--vers V] [--timeout S] [--retry S]
+//
+// serve prints "kvmini listening port=<port> prog=<prog> vers=2" first, then one
+// line per datagram it dispatches and one per order it sends, all on standard
+// output, flushed at once. It reads commands on standard input (see usage()).
+// Built on libtirpc only: it is the independent peer the worker is tested against.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <rpc/rpc.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tools/kvmini/KvMiniXdr.h"
+
+namespace kvmini {
+namespace {
+
+constexpr int kUsageExit = 64;
+constexpr int kRpcErrorExit = 2;
+
+void usage() {
+  fprintf(stderr,
+          "usage: kvmini serve [--port P] [--bind ADDR] [--offset N] [--refuse]\n"
+          "                    [--op-answer N] [--crt-answer N] [--silent]\n"
+          "                    [--worker-host H] [--queue DIR] [--mode N]\n"
+          "                    [--final-ctrl CODE] [--final-text T] [--exit-on-bye]\n"
+          "                    [--call-timeout S]\n"
+          "       kvmini work --to HOST:PORT [--mode N] DIR\n"
+          "       kvmini ctrl --to HOST:PORT CODE [TEXT]\n"
+          "       kvmini info --to HOST:PORT NUMBER [TEXT]\n"
+          "       kvmini call --to HOST:PORT PROC [--number N] [--text T] [--noargs]\n"
+          "                   [--prog P] [--vers V] [--timeout S] [--retry S]\n"
+          "serve reads commands on standard input, one a line:\n"
+          "  work N DIR | ctrl CODE [TEXT] | info N [TEXT] | null | refuse on|off |\n"
+          "  op-answer N | crt-answer N | silent on|off | quit\n");
+}
+
+// Text for a log line: quoted, with quotes, backslashes and control bytes escaped,
+// so that every call stays on one line.
+std::string quote(const char* s) {
+  if (s == nullptr) return "NULL";
+  std::string out = "\"";
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(s); *p; ++p) {
+    if (*p == '"' || *p == '\\') {
+      out += '\\';
+      out += static_cast<char>(*p);
+    } else if (*p < 0x20 || *p >= 0x7f) {
+      char hex[8];
+      snprintf(hex, sizeof hex, "\\x%02x", *p);
+      out += hex;
+    } else {
+      out += static_cast<char>(*p);
+    }
+  }
+  return out + "\"";
+}
+
+std::string sockaddrText(const sockaddr* sa, socklen_t len) {
+  char host[NI_MAXHOST], port[NI_MAXSERV];
+  if (getnameinfo(sa, len, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) !=
+      0) {
+    return "?";
+  }
+  return sa->sa_family == AF_INET6 ? std::string("[") + host + "]:" + port
+                                   : std::string(host) + ":" + port;
+}
+
+std::string addressText(const Address& a) {
+  char text[INET6_ADDRSTRLEN];
+  const char* ok = isIpv6Family(a.family) ? inet_ntop(AF_INET6, a.bytes, text, sizeof text)
+                                          : inet_ntop(AF_INET, a.bytes, text, sizeof text);
+  return "family=" + std::to_string(a.family) + " address=" + (ok ? text : "?") +
+         " port=" + std::to_string(a.port);
+}
+
+// libtirpc's xdrproc_t is variadic; going through void(*)() keeps the
+// conversion explicit without a function-type-cast warning.
+template <typename F>
+xdrproc_t asProc(F f) {
+  return reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(f));
+}
+
+void emit(const std::string& line) {
+  fputs(line.c_str(), stdout);
+  fputc('\n', stdout);
+  fflush(stdout);
+}
+
+bool parseInt(const char* text, long* value) {
+  if (text == nullptr || *text == '\0') return false;
+  char* end = nullptr;
+  errno = 0;
+  *value = strtol(text, &end, 0);
+  return errno == 0 && *end == '\0';
+}
+
+struct Target {
+  sockaddr_storage addr{};
+  socklen_t len = 0;
+};
+
+// "host:port" or "[v6]:port".
+bool parseTarget(const std::string& text, Target* t) {
+  std::string host, port;
+  if (!text.empty() && text[0] == '[') {
+    size_t close = text.find("]:");
+    if (close == std::string::npos) return false;
+    host = text.substr(1, close - 1);
+    port = text.substr(close + 2);
+  } else {
+    size_t colon = text.rfind(':');
+    if (colon == std::string::npos) return false;
+    host = text.substr(0, colon);
+    port = text.substr(colon + 1);
+  }
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* res = nullptr;
+  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &res) != 0 || res == nullptr) return false;
+  memcpy(&t->addr, res->ai_addr, res->ai_addrlen);
+  t->len = res->ai_addrlen;
+  freeaddrinfo(res);
+  return true;
+}
+
+// The outcome of one call to a worker's callback service (or any RPC service).
+struct CallResult {
+  bool ok = false;
+  bool hasInt = false;
+  int value = 0;
+  std::string error;  // the library's status text when !ok
+  std::string text() const {
+    if (!ok) return "error " + error;
+    return hasInt ? std::to_string(value) : "void";
+  }
+};
+
+struct CallSpec {
+  unsigned long prog = kToolProg;
+  unsigned long vers = kToolVers;
+  unsigned long proc = kToolWork;
+  bool noArgs = false;
+  Order order{0, nullptr};
+  int timeoutSeconds = 5;
+  int retrySeconds = 1;
+};
+
+CallResult callService(const Target& target, const CallSpec& spec) {
+  CallResult r;
+  int fd = socket(target.addr.ss_family, SOCK_DGRAM, 0);
+  if (fd < 0) {
+    r.error = std::string("socket: ") + strerror(errno);
+    return r;
+  }
+  netbuf nb{};
+  nb.buf = const_cast<sockaddr_storage*>(&target.addr);
+  nb.len = nb.maxlen = target.len;
+  CLIENT* clnt = clnt_dg_create(fd, &nb, spec.prog, spec.vers, 0, 0);
+  if (clnt == nullptr) {
+    close(fd);
+    r.error = clnt_spcreateerror("clnt_dg_create");
+    return r;
+  }
+  clnt_control(clnt, CLSET_FD_CLOSE, nullptr);
+  timeval retry{spec.retrySeconds, 0};
+  clnt_control(clnt, CLSET_RETRY_TIMEOUT, reinterpret_cast<char*>(&retry));
+  timeval total{spec.timeoutSeconds, 0};
+  Order order = spec.order;
+  xdrproc_t argProc = spec.noArgs ? asProc(xdr_void) : asProc(xdrOrder);
+  bool wantInt = spec.proc != kToolNull;
+  int value = 0;
+  xdrproc_t resProc = wantInt ? asProc(xdr_int) : asProc(xdr_void);
+  clnt_stat st = clnt_call(clnt, spec.proc, argProc, reinterpret_cast<char*>(&order), resProc,
+                           reinterpret_cast<char*>(&value), total);
+  if (st == RPC_SUCCESS) {
+    r.ok = true;
+    r.hasInt = wantInt;
+    r.value = value;
+  } else {
+    r.error = clnt_sperrno(st);
+  }
+  clnt_destroy(clnt);
+  return r;
+}
+
+const char* toolProcName(unsigned long proc) {
+  switch (proc) {
+    case kToolNull:
+      return "NULL";
+    case kToolWork:
+      return "WORK";
+    case kToolCtrl:
+      return "CTRL";
+    case kToolInfo:
+      return "INFO";
+  }
+  return "PROC";
+}
+
+// ---- serve -------------------------------------------------------------
+
+struct Server {
+  int hiAnswer = 1;
+  int opAnswer = 0;
+  int crtAnswer = 0;
+  bool silent = false;
+  bool exitOnBye = false;
+  int mode = 1;
+  int callTimeout = 5;
+  std::string workerHost;
+  std::vector<std::string> queue;
+  size_t next = 0;
+  std::string inHand;
+  bool queueReported = false;
+  long finalCtrl = 0;
+  std::string finalText;
+  bool haveWorker = false;
+  Target worker;
+  bool quit = false;
+};
+
+Server server;
+
+std::string callerText(SVCXPRT* xprt) {
+  netbuf* nb = svc_getrpccaller(xprt);
+  if (nb == nullptr || nb->buf == nullptr) return "?";
+  return sockaddrText(static_cast<sockaddr*>(nb->buf), nb->len);
+}
+
+// Remembers where the registered worker's callback service listens.
+void rememberWorker(const Address& a, SVCXPRT* xprt) {
+  Target t;
+  if (!server.workerHost.empty()) {
+    if (!parseTarget(server.workerHost + ":" + std::to_string(a.port), &t) &&
+        !parseTarget("[" + server.workerHost + "]:" + std::to_string(a.port), &t)) {
+      emit("kvmini: cannot resolve worker host " + server.workerHost);
+      return;
+    }
+  } else if (isIpv6Family(a.family)) {
+    auto* s6 = reinterpret_cast<sockaddr_in6*>(&t.addr);
+    s6->sin6_family = AF_INET6;
+    s6->sin6_port = htons(a.port);
+    memcpy(&s6->sin6_addr, a.bytes, 16);
+    t.len = sizeof *s6;
+  } else {
+    auto* s4 = reinterpret_cast<sockaddr_in*>(&t.addr);
+    s4->sin_family = AF_INET;
+    s4->sin_port = htons(a.port);
+    memcpy(&s4->sin_addr, a.bytes, 4);
+    t.len = sizeof *s4;
+  }
+  (void)xprt;
+  server.worker = t;
+  server.haveWorker = true;
+}
+
+void sendToWorker(unsigned long proc, int number, const std::string& text) {
+  if (!server.haveWorker) {
+    emit(std::string("SEND ") + toolProcName(proc) + " no worker registered");
+    return;
+  }
+  CallSpec spec;
+  spec.proc = proc;
+  spec.order.number = number;
+  spec.order.text = const_cast<char*>(text.c_str());
+  spec.timeoutSeconds = server.callTimeout;
+  CallResult r = callService(server.worker, spec);
+  emit(std::string("SEND ") + toolProcName(proc) + " " + std::to_string(number) + " " +
+       quote(text.c_str()) +
+       " to=" + sockaddrText(reinterpret_cast<sockaddr*>(&server.worker.addr), server.worker.len) +
+       " -> " + r.text());
+}
+
+// Hands out the next queued document, or reports the empty queue once.
+void advanceQueue() {
+  if (server.queue.empty() || !server.inHand.empty()) return;
+  if (server.next < server.queue.size()) {
+    server.inHand = server.queue[server.next++];
+    sendToWorker(kToolWork, server.mode, server.inHand);
+    return;
+  }
+  if (server.queueReported) return;
+  server.queueReported = true;
+  emit("QUEUE done");
+  if (server.finalCtrl != 0) {
+    sendToWorker(kToolCtrl, static_cast<int>(server.finalCtrl), server.finalText);
+  }
+}
+
+template <typename Record>
+bool getArgs(SVCXPRT* xprt, bool_t (*proc)(XDR*, Record*), Record* rec, const char* name,
+             const std::string& from) {
+  memset(rec, 0, sizeof *rec);
+  if (svc_getargs(xprt, asProc(proc), reinterpret_cast<char*>(rec))) {
+    return true;
+  }
+  emit(std::string(name) + " from=" + from + " GARBAGE_ARGS");
+  svcerr_decode(xprt);
+  return false;
+}
+
+template <typename Record>
+void freeArgs(SVCXPRT* xprt, bool_t (*proc)(XDR*, Record*), Record* rec) {
+  svc_freeargs(xprt, asProc(proc), reinterpret_cast<char*>(rec));
+}
+
+// Sends an int answer unless the server plays dead; returns the log suffix.
+std::string answerInt(SVCXPRT* xprt, int answer) {
+  if (server.silent) return " -> (no reply)";
+  if (!svc_sendreply(xprt, asProc(xdr_int), reinterpret_cast<char*>(&answer)))
+    return " -> (reply failed)";
+  return " -> " + std::to_string(answer);
+}
+
+void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
+  std::string from = callerText(xprt);
+  switch (rq->rq_proc) {
+    case NULLPROC: {
+      emit("NULL from=" + from);
+      if (!server.silent) svc_sendreply(xprt, asProc(xdr_void), nullptr);
+      return;
+    }
+    case kHi:
+    case kInfo: {
+      const char* name = rq->rq_proc == kHi ? "HI" : "INFO";
+      Hello h;
+      if (!getArgs(xprt, xdrHello, &h, name, from)) return;
+      std::string line = std::string(name) + " from=" + from + " " + addressText(h.address) +
+                         " type=" + quote(h.type);
+      line += answerInt(xprt, server.hiAnswer);
+      if (server.hiAnswer != 0) rememberWorker(h.address, xprt);
+      freeArgs(xprt, xdrHello, &h);
+      emit(line);
+      if (!server.silent && server.hiAnswer != 0 && rq->rq_proc == kHi) advanceQueue();
+      return;
+    }
+    case kBye:
+    case kAlive: {
+      const char* name = rq->rq_proc == kBye ? "BYE" : "ALIVE";
+      Hello h;
+      if (!getArgs(xprt, xdrHello, &h, name, from)) return;
+      std::string line = std::string(name) + " from=" + from + " " + addressText(h.address) +
+                         " type=" + quote(h.type);
+      // The worker waits for the goodbye's reply but never for an alive one.
+      if (rq->rq_proc == kBye && !server.silent) {
+        svc_sendreply(xprt, asProc(xdr_void), nullptr);
+      }
+      freeArgs(xprt, xdrHello, &h);
+      emit(line);
+      if (rq->rq_proc == kBye && server.exitOnBye) server.quit = true;
+      return;
+    }
+    case kOp: {
+      OpReport r;
+      if (!getArgs(xprt, xdrOpReport, &r, "OP", from)) return;
+      std::string line = "OP from=" + from + " " + addressText(r.address) +
+                         " document=" + quote(r.document) + " text2=" + quote(r.text2) +
+                         " text3=" + quote(r.text3);
+      line += answerInt(xprt, server.opAnswer);
+      bool answersInHand = r.document != nullptr && server.inHand == r.document;
+      freeArgs(xprt, xdrOpReport, &r);
+      emit(line);
+      if (answersInHand && !server.silent) {
+        server.inHand.clear();
+        advanceQueue();
+      }
+      return;
+    }
+    case kCrt: {
+      CrtRequest r;
+      if (!getArgs(xprt, xdrCrtRequest, &r, "CRT", from)) return;
+      std::string line = "CRT from=" + from + " type=" + quote(r.type) + " " +
+                         addressText(r.address) + " path=" + quote(r.path) +
+                         " operation=" + quote(r.operation) + " comment=" + quote(r.comment);
+      line += answerInt(xprt, server.crtAnswer);
+      freeArgs(xprt, xdrCrtRequest, &r);
+      emit(line);
+      return;
+    }
+    default:
+      emit("PROC " + std::to_string(rq->rq_proc) + " from=" + from + " -> PROC_UNAVAIL");
+      svcerr_noproc(xprt);
+      return;
+  }
+}
+
+std::vector<std::string> listQueue(const std::string& dir) {
+  std::vector<std::string> docs;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return docs;
+  while (dirent* e = readdir(d)) {
+    std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    std::string path = dir + "/" + name;
+    DIR* sub = opendir(path.c_str());
+    if (sub == nullptr) continue;
+    closedir(sub);
+    docs.push_back(path);
+  }
+  closedir(d);
+  std::sort(docs.begin(), docs.end());
+  return docs;
+}
+
+bool onOff(const std::string& word, bool* value) {
+  if (word == "on")
+    *value = true;
+  else if (word == "off")
+    *value = false;
+  else
+    return false;
+  return true;
+}
+
+// One command line from standard input.
+void runCommand(const std::string& line) {
+  char word[32] = "";
+  int used = 0;
+  if (sscanf(line.c_str(), "%31s %n", word, &used) < 1) return;
+  std::string cmd = word;
+  std::string rest = line.substr(static_cast<size_t>(used));
+  long number = 0;
+  char argWord[32] = "";
+  int used2 = 0;
+  bool hasNumber =
+      sscanf(rest.c_str(), "%31s %n", argWord, &used2) >= 1 && parseInt(argWord, &number);
+  std::string text = hasNumber ? rest.substr(static_cast<size_t>(used2)) : "";
+  bool flag = false;
+  if ((cmd == "work" || cmd == "ctrl" || cmd == "info") && hasNumber) {
+    unsigned long proc = cmd == "work" ? kToolWork : cmd == "ctrl" ? kToolCtrl : kToolInfo;
+    sendToWorker(proc, static_cast<int>(number), text);
+  } else if (cmd == "null") {
+    sendToWorker(kToolNull, 0, "");
+  } else if (cmd == "refuse" && onOff(argWord, &flag)) {
+    server.hiAnswer = flag ? 0 : 1;
+  } else if (cmd == "silent" && onOff(argWord, &flag)) {
+    server.silent = flag;
+  } else if (cmd == "op-answer" && hasNumber) {
+    server.opAnswer = static_cast<int>(number);
+  } else if (cmd == "crt-answer" && hasNumber) {
+    server.crtAnswer = static_cast<int>(number);
+  } else if (cmd == "quit") {
+    server.quit = true;
+    return;
+  } else {
+    emit("kvmini: unknown command: " + line);
+    return;
+  }
+  emit("OK " + cmd);
+}
+
+int bindSocket(const std::string& bindAddr, long port) {
+  Target t;
+  std::string spec = bindAddr.find(':') != std::string::npos ? "[" + bindAddr + "]" : bindAddr;
+  if (!parseTarget(spec + ":" + std::to_string(port), &t)) return -1;
+  int fd = socket(t.addr.ss_family, SOCK_DGRAM, 0);
+  if (fd < 0) return -1;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&t.addr), t.len) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int boundPort(int fd) {
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) return -1;
+  return ss.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&ss)->sin6_port)
+                                  : ntohs(reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
+}
+
+int serve(int argc, char** argv) {
+  long port = 4032;
+  long offset = 0;
+  std::string bindAddr = "0.0.0.0";
+  if (const char* env = getenv("RPC_OFFSET")) parseInt(env, &offset);
+  for (int i = 0; i < argc; ++i) {
+    std::string a = argv[i];
+    bool hasValue = i + 1 < argc;
+    long n = 0;
+    if (a == "--refuse")
+      server.hiAnswer = 0;
+    else if (a == "--silent")
+      server.silent = true;
+    else if (a == "--exit-on-bye")
+      server.exitOnBye = true;
+    else if (hasValue && a == "--bind")
+      bindAddr = argv[++i];
+    else if (hasValue && a == "--worker-host")
+      server.workerHost = argv[++i];
+    else if (hasValue && a == "--queue")
+      server.queue = listQueue(argv[++i]);
+    else if (hasValue && a == "--final-text")
+      server.finalText = argv[++i];
+    else if (hasValue && parseInt(argv[i + 1], &n)) {
+      ++i;
+      if (a == "--port")
+        port = n;
+      else if (a == "--offset")
+        offset = n;
+      else if (a == "--op-answer")
+        server.opAnswer = static_cast<int>(n);
+      else if (a == "--crt-answer")
+        server.crtAnswer = static_cast<int>(n);
+      else if (a == "--mode")
+        server.mode = static_cast<int>(n);
+      else if (a == "--final-ctrl")
+        server.finalCtrl = n;
+      else if (a == "--call-timeout")
+        server.callTimeout = static_cast<int>(n);
+      else
+        return usage(), kUsageExit;
+    } else {
+      return usage(), kUsageExit;
+    }
+  }
+  int fd = bindSocket(bindAddr, port);
+  if (fd < 0) {
+    fprintf(stderr, "kvmini: cannot bind %s port %ld: %s\n", bindAddr.c_str(), port,
+            strerror(errno));
+    return 1;
+  }
+  SVCXPRT* xprt = svc_dg_create(fd, 0, 0);
+  unsigned long prog = kKvProg + static_cast<unsigned long>(offset);
+  // Protocol 0: no port mapper; the worker is told the port directly.
+  if (xprt == nullptr || !svc_register(xprt, prog, kKvVers, kvDispatch, 0)) {
+    fprintf(stderr, "kvmini: cannot create the RPC service\n");
+    return 1;
+  }
+  emit("kvmini listening port=" + std::to_string(boundPort(fd)) + " prog=" + std::to_string(prog) +
+       " vers=" + std::to_string(kKvVers));
+
+  bool stdinOpen = true;
+  std::string pending;
+  while (!server.quit) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    if (stdinOpen) FD_SET(0, &readable);
+    int r = select(fd + 1, &readable, nullptr, nullptr, nullptr);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      perror("kvmini: select");
+      return 1;
+    }
+    if (FD_ISSET(fd, &readable)) svc_getreq_common(fd);
+    if (stdinOpen && FD_ISSET(0, &readable)) {
+      char buf[4096];
+      ssize_t n = read(0, buf, sizeof buf);
+      if (n <= 0) {
+        stdinOpen = false;  // keep serving; tests often start us without input
+        continue;
+      }
+      pending.append(buf, static_cast<size_t>(n));
+      size_t nl;
+      while ((nl = pending.find('\n')) != std::string::npos && !server.quit) {
+        std::string line = pending.substr(0, nl);
+        pending.erase(0, nl + 1);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        runCommand(line);
+      }
+    }
+  }
+  svc_destroy(xprt);
+  return 0;
+}
+
+// ---- one-shot client commands ---------------------------------------------
+
+int client(const std::string& cmd, int argc, char** argv) {
+  CallSpec spec;
+  std::string to;
+  std::vector<std::string> positional;
+  bool textGiven = false;
+  for (int i = 0; i < argc; ++i) {
+    std::string a = argv[i];
+    bool hasValue = i + 1 < argc;
+    long n = 0;
+    if (a == "--noargs") {
+      spec.noArgs = true;
+    } else if (hasValue && a == "--to") {
+      to = argv[++i];
+    } else if (hasValue && a == "--text") {
+      spec.order.text = argv[++i];
+      textGiven = true;
+    } else if (hasValue && a.compare(0, 2, "--") == 0 && parseInt(argv[i + 1], &n)) {
+      ++i;
+      if (a == "--mode" || a == "--number")
+        spec.order.number = static_cast<int>(n);
+      else if (a == "--prog")
+        spec.prog = static_cast<unsigned long>(n);
+      else if (a == "--vers")
+        spec.vers = static_cast<unsigned long>(n);
+      else if (a == "--timeout")
+        spec.timeoutSeconds = static_cast<int>(n);
+      else if (a == "--retry")
+        spec.retrySeconds = static_cast<int>(n);
+      else
+        return usage(), kUsageExit;
+    } else if (a.compare(0, 2, "--") == 0) {
+      return usage(), kUsageExit;
+    } else {
+      positional.push_back(a);
+    }
+  }
+  Target target;
+  if (to.empty() || !parseTarget(to, &target)) {
+    fprintf(stderr, "kvmini: --to HOST:PORT is required and must resolve\n");
+    return kUsageExit;
+  }
+  long n = 0;
+  std::string text;
+  if (cmd == "work" && positional.size() == 1) {
+    spec.proc = kToolWork;
+    if (spec.order.number == 0) spec.order.number = 1;
+    text = positional[0];
+  } else if ((cmd == "ctrl" || cmd == "info") && !positional.empty() && positional.size() <= 2 &&
+             parseInt(positional[0].c_str(), &n)) {
+    spec.proc = cmd == "ctrl" ? kToolCtrl : kToolInfo;
+    spec.order.number = static_cast<int>(n);
+    text = positional.size() == 2 ? positional[1] : "";
+  } else if (cmd == "call" && positional.size() == 1 && parseInt(positional[0].c_str(), &n)) {
+    spec.proc = static_cast<unsigned long>(n);
+    text = textGiven ? spec.order.text : "";
+  } else {
+    return usage(), kUsageExit;
+  }
+  spec.order.text = const_cast<char*>(text.c_str());
+  CallResult r = callService(target, spec);
+  emit(std::string(r.ok ? "reply " : "") + r.text());
+  return r.ok ? 0 : kRpcErrorExit;
+}
+
+}  // namespace
+}  // namespace kvmini
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    kvmini::usage();
+    return kvmini::kUsageExit;
+  }
+  std::string cmd = argv[1];
+  if (cmd == "serve") return kvmini::serve(argc - 2, argv + 2);
+  if (cmd == "work" || cmd == "ctrl" || cmd == "info" || cmd == "call") {
+    return kvmini::client(cmd, argc - 2, argv + 2);
+  }
+  kvmini::usage();
+  return kvmini::kUsageExit;
+}
