@@ -1,0 +1,92 @@
+#include "tstl/CAsn1integer.h"
+
+#include <gtest/gtest.h>
+
+#include "testing/DerTest.h"
+#include "testing/LogCapture.h"
+#include "tstl/CAsn1boolean.h"
+
+using testing_support::derHex;
+using testing_support::LogCapture;
+using testing_support::setDerHex;
+
+TEST(CAsn1integer, EncodesMinimalFormsAndNegativeAsOneOctet) {
+  struct Case {
+    int value;
+    const char* hex;
+  } cases[] = {
+      {0, "02 01 00"},
+      {127, "02 01 7f"},
+      {128, "02 02 00 80"},
+      {32767, "02 02 7f ff"},
+      {32768, "02 03 00 80 00"},
+      {0x7FFFFF, "02 03 7f ff ff"},
+      {0x800000, "02 04 00 80 00 00"},
+      {0x7FFFFFFF, "02 04 7f ff ff ff"},
+      // Negative values keep their lowest octet only.
+      {-1, "02 01 ff"},
+      {-128, "02 01 80"},
+      {-129, "02 01 7f"},
+  };
+  for (const Case& c : cases) {
+    CAsn1integer i(c.value);
+    EXPECT_EQ(derHex(i), c.hex) << c.value;
+  }
+}
+
+TEST(CAsn1integer, DecodesWithoutSignExtension) {
+  struct Case {
+    const char* hex;
+    int value;
+  } cases[] = {
+      {"02 01 ff", 255},         {"02 02 00 80", 128}, {"02 03 00 80 00", 32768},
+      {"02 04 ff ff ff ff", -1}, {"02 00", 0},
+  };
+  for (const Case& c : cases) {
+    CAsn1integer i(99);
+    unsigned int pos = 0;
+    ASSERT_EQ(setDerHex(i, c.hex, &pos), 0) << c.hex;
+    EXPECT_EQ(i.value, c.value) << c.hex;
+    EXPECT_EQ(pos, testing_support::fromHex(c.hex).size());
+  }
+}
+
+TEST(CAsn1integer, RefusesWrongTagLongValuesAndTruncation) {
+  LogCapture log;
+  struct Case {
+    const char* hex;
+    const char* message;
+  } cases[] = {
+      {"04 01 05", "DER decoding-error at pos 0. Expected 0x02, got 0x04"},
+      {"02 05 01 02 03 04 05", "Size of integer value > 4 bytes"},
+      {"02 02 01", "Needed 2 bytes, only 1 left"},
+      {"02", "Needed 1 bytes, only 0 left"},
+      {"", "Needed 1 bytes, only 0 left"},
+  };
+  for (const Case& c : cases) {
+    CAsn1integer i;
+    EXPECT_EQ(setDerHex(i, c.hex), -1) << c.hex;
+    EXPECT_TRUE(log.contains(c.message)) << c.message;
+  }
+}
+
+TEST(CAsn1boolean, EncodesAndDecodes) {
+  CAsn1boolean t(1), f(0), negative(-5);
+  EXPECT_EQ(derHex(t), "01 01 ff");
+  EXPECT_EQ(derHex(f), "01 01 00");
+  EXPECT_EQ(derHex(negative), "01 01 00");
+  CAsn1boolean b;
+  ASSERT_EQ(setDerHex(b, "01 01 01"), 0);
+  EXPECT_EQ(b.value, 1);
+  ASSERT_EQ(setDerHex(b, "01 01 00"), 0);
+  EXPECT_EQ(b.value, 0);
+}
+
+TEST(CAsn1boolean, RefusesWrongLengthOctetAndTruncation) {
+  LogCapture log;
+  CAsn1boolean b;
+  EXPECT_EQ(setDerHex(b, "01 02 ff ff"), -1);
+  EXPECT_TRUE(log.contains("DER decoding-error at pos 1. Expected 0x01, got 0x02"));
+  EXPECT_EQ(setDerHex(b, "02 01 ff"), -1);
+  EXPECT_EQ(setDerHex(b, "01 01"), -1);
+}

@@ -1,0 +1,67 @@
+#include "tstl/CAsn1oid.h"
+
+#include <gtest/gtest.h>
+#include <openssl/objects.h>
+
+#include "testing/DerTest.h"
+#include "testing/LogCapture.h"
+
+using testing_support::derHex;
+using testing_support::LogCapture;
+using testing_support::setDerHex;
+
+TEST(CAsn1oid, EncodesKnownIdentifiers) {
+  CAsn1oid sha256(NID_sha256), cn(NID_commonName);
+  EXPECT_EQ(derHex(sha256), "06 09 60 86 48 01 65 03 04 02 01");
+  EXPECT_EQ(derHex(cn), "06 03 55 04 03");
+}
+
+TEST(CAsn1oid, UnsetIdentifierCannotBeEncoded) {
+  LogCapture log;
+  CAsn1oid oid;
+  EXPECT_EQ(oid.getSize(), 0u);
+  unsigned char buffer[16];
+  unsigned int pos = 0;
+  EXPECT_EQ(oid.getDER(buffer, &pos), -1);
+  EXPECT_EQ(pos, 0u);
+  EXPECT_TRUE(log.contains("Object not initialized"));
+}
+
+TEST(CAsn1oid, DecodesKnownIdentifier) {
+  CAsn1oid oid;
+  unsigned int pos = 0;
+  ASSERT_EQ(setDerHex(oid, "06 05 2b 0e 03 02 1a 05 00", &pos), 0);
+  EXPECT_EQ(oid.nid, NID_sha1);
+  EXPECT_EQ(pos, 7u);
+}
+
+TEST(CAsn1oid, UnknownIdentifierIsRegisteredAndReencodes) {
+  // 1.3.6.1.4.1.99999.42.7 is not one of OpenSSL's.
+  const char* hex = "06 0a 2b 06 01 04 01 86 8d 1f 2a 07";
+  CAsn1oid oid;
+  ASSERT_EQ(setDerHex(oid, hex), 0);
+  EXPECT_NE(oid.nid, 0);
+  EXPECT_STREQ(OBJ_nid2sn(oid.nid), "1.3.6.1.4.1.99999.42.7");
+  EXPECT_EQ(derHex(oid), hex);
+  // A second decoding finds the registered NID again.
+  CAsn1oid again;
+  ASSERT_EQ(setDerHex(again, hex), 0);
+  EXPECT_EQ(again.nid, oid.nid);
+}
+
+TEST(CAsn1oid, RefusesBadInput) {
+  LogCapture log;
+  const char* cases[] = {
+      "04 03 55 04 03",  // not an OID
+      "06 03 55 04",     // truncated contents
+      "06",              // no length
+      "06 00",           // empty identifier: OpenSSL refuses it
+      "06 02 80 80",     // unterminated sub-identifier
+  };
+  for (const char* hex : cases) {
+    CAsn1oid oid(NID_sha1);
+    EXPECT_EQ(setDerHex(oid, hex), -1) << hex;
+    EXPECT_EQ(oid.nid, 0) << hex;
+  }
+  EXPECT_TRUE(log.contains("Expected 0x06, got 0x04"));
+}
