@@ -1,0 +1,61 @@
+// Setup files: the settings of an installation, one file per package, put
+// into the process environment.
+//
+// A package is the file $CONFIG/setup/<package>.Setup of NAME=VALUE lines.
+// Reading it stores every setting in the environment, so the ordinary
+// environment reading of the worker sees it; later packages overwrite earlier
+// ones. When CONFIG holds a bare name (no "/" or "\", not an existing path),
+// the configuration directory is looked up in the ".conf" files of the
+// directory named by ECM_CONF_DIRS.
+//
+// Line rules (setup files and ".conf" files alike):
+//   - a "#" as the first character makes a comment; a line without "=" is ignored;
+//   - NAME is the text before the first "=" with trailing white space removed;
+//     leading white space stays part of the name;
+//   - VALUE is the rest with leading and trailing white space removed, and
+//     then one pair of enclosing double quotes removed;
+//   - an empty VALUE sets nothing (the variable is neither set nor cleared).
+//
+// Not thread-safe: these functions change the process environment and are
+// meant for start-up.
+#ifndef BASE_SETUP_H_
+#define BASE_SETUP_H_
+
+#include "base/String.h"
+
+// Size of the buffers of expandAndPut and of one setup-file line.
+constexpr int kSetupBufferSize = 2048;
+
+// Reads the package's setup file into the environment. Returns 1 when the
+// file was read to its end, 0 when it could not be opened (silently: a
+// missing package is not an error) or a setting could not be stored (the
+// settings before it stay). When CONFIG is unset or empty it writes
+// "Environment variable CONFIG not set!" to standard error and ends the
+// process with exit code 1.
+int readSetup(const char* package);
+
+// Takes one text NAME=VALUE, expands variable references and stores it in the
+// environment. First pass: "\$" gives "$"; $NAME, $(NAME) and ${NAME} (NAME of
+// letters, digits, "_") are replaced by the variable's value; an unset
+// variable leaves the reference as written. Second pass: %NAME% references
+// are replaced by the variable's value; unknown ones stay as written. A text
+// that would expand beyond the buffer is reported on standard error and
+// stored unexpanded. Returns 0 on success, -1 when memory runs out, otherwise
+// the result of the environment store.
+int expandAndPut(const char* text);
+
+// Instead of the process environment, expandAndPut hands each expanded text
+// to setter(context, text); text is valid during the call only. The setter's
+// result is expandAndPut's. A null setter restores the process environment.
+using EnvironmentSetter = int (*)(void* context, const char* text);
+void setEnvironmentSetter(EnvironmentSetter setter, void* context);
+
+// Looks up configuration directories for the configuration name: reads every
+// ".conf" file of the directory $ECM_CONF_DIRS in sorted name order and
+// collects the values of their CONFIG keys, each directory once. Returns 0
+// when the list could be read, and then stores the first directory in
+// *result (left unchanged when there is none); -1 when ECM_CONF_DIRS is unset
+// or its directory cannot be read.
+int readConfigDirectory(const char* name, String* result);
+
+#endif  // BASE_SETUP_H_

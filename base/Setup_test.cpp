@@ -1,0 +1,264 @@
+#include "base/Setup.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "base/Log.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::makeDir;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+// Variables a test sets; removed again after each test.
+const char* const kVariables[] = {
+    "  ST_A", "ST_A",         "ST_EMPTYQ", "ST_KEEP", "ST_Q",         "ST_C",     " #ST_C",
+    "ST_T",   "ST_EQ",        "ST_HALFQ",  "ST_LONG", "ST_TAIL",      "ST_AFTER", "ST_HOME",
+    "ST_PCT", "ST_BIG",       "ST_MID",    "ST_REAL", "ST_1",         "ST_2",     "ST_3",
+    "ST_PKG", "ST_COMMENTED", "ST_UNSET",  "CONFIG",  "ECM_CONF_DIRS"};
+
+class SetupTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    makeDir(dir_.file("setup"));
+    setenv("CONFIG", dir_.path().c_str(), 1);
+  }
+  void TearDown() override {
+    setEnvironmentSetter(nullptr, nullptr);
+    for (const char* v : kVariables) unsetenv(v);
+    Log::init();
+  }
+  void writePackage(const std::string& package, const std::string& text) {
+    writeFile(dir_.file("setup/" + package + ".Setup"), text);
+  }
+  static std::string env(const char* name) {
+    const char* v = getenv(name);
+    return v ? v : "<unset>";
+  }
+  TempDir dir_;
+};
+
+TEST_F(SetupTest, LineRules) {
+  setenv("ST_KEEP", "old", 1);
+  writePackage("P",
+               "  ST_A = b\n"
+               "ST_EMPTYQ=\"\"\n"
+               "ST_KEEP=\n"
+               "ST_Q=\" x \"\n"
+               "#ST_C=1\n"
+               " #ST_C=1\n"
+               "ST_T=  v  \r\n"
+               "ST_EQ=a=b\n"
+               "ST_HALFQ=\"x\n"
+               "no equals sign here\n"
+               "=nameless\n"
+               "\n"
+               "ST_COMMENTED=1 # not a comment\n");
+  EXPECT_EQ(readSetup("P"), 1);
+  struct Case {
+    const char* name;
+    const char* value;
+  } cases[] = {
+      {"  ST_A", "b"},           // leading blanks stay part of the name
+      {"ST_A", "<unset>"},       //
+      {"ST_EMPTYQ", "<unset>"},  // empty after removing the quotes: nothing set
+      {"ST_KEEP", "old"},        // empty value neither sets nor clears
+      {"ST_Q", " x "},           // quoted blanks are kept
+      {"ST_C", "<unset>"},       // "#" first: a comment
+      {" #ST_C", "1"},           // "#" not first: part of the name
+      {"ST_T", "v"},             // blanks and CRLF around the value removed
+      {"ST_EQ", "a=b"},          // only the first "=" separates
+      {"ST_HALFQ", "\"x"},       // one quote alone stays
+      {"ST_COMMENTED", "1 # not a comment"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(env(c.name), c.value) << "'" << c.name << "'";
+}
+
+TEST_F(SetupTest, OverLongLineIsCutAndTheNextLineStillRead) {
+  std::string longLine = "ST_LONG=" + std::string(2100, 'x') + "ST_TAIL=1";
+  writePackage("P", longLine + "\nST_AFTER=1\n");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(readSetup("P"), 1);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(env("ST_LONG"), std::string(kSetupBufferSize - 8, 'x'));
+  EXPECT_EQ(env("ST_TAIL"), "<unset>");
+  EXPECT_EQ(env("ST_AFTER"), "1");
+}
+
+TEST_F(SetupTest, MissingPackageReturnsZeroSilently) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(readSetup("NoSuchPackage"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(SetupTest, UnsetOrEmptyConfigEndsTheProcess) {
+  unsetenv("CONFIG");
+  EXPECT_EXIT(readSetup("COMMON"), testing::ExitedWithCode(1),
+              "^Environment variable CONFIG not set!\n$");
+  setenv("CONFIG", "", 1);
+  EXPECT_EXIT(readSetup("COMMON"), testing::ExitedWithCode(1),
+              "^Environment variable CONFIG not set!\n$");
+}
+
+// Collects what expandAndPut would store.
+int collect(void* context, const char* text) {
+  static_cast<std::vector<std::string>*>(context)->push_back(text);
+  return 0;
+}
+
+TEST_F(SetupTest, ExpansionPasses) {
+  setenv("ST_HOME", "C:\\u", 1);
+  setenv("ST_PCT", "%ST_HOME%", 1);
+  unsetenv("ST_UNSET");
+  struct Case {
+    const char* text;
+    const char* stored;
+  } cases[] = {
+      {"B=$ST_HOME/x", "B=C:\\u/x"},
+      {"B=\\$ST_HOME", "B=$ST_HOME"},
+      {"B=${ST_HOME}y", "B=C:\\uy"},
+      {"B=$(ST_HOME)y", "B=C:\\uy"},
+      {"B=${ST_UNSET}", "B=${ST_UNSET}"},
+      {"B=$ST_UNSET/x", "B=$ST_UNSET/x"},
+      {"B=x$ST_UNSET", "B=x$ST_UNSET"},  // ends in an unset bare reference
+      {"B=$", "B=$"},
+      {"B=${ST_HOME", "B=${ST_HOME"},    // no closing bracket
+      {"B=${ST_HOME)", "B=${ST_HOME)"},  // wrong closing bracket
+      {"B=${}", "B=${}"},
+      {"B=%ST_HOME%", "B=C:\\u"},
+      {"B=%ST_UNSET%x", "B=%ST_UNSET%x"},
+      {"B=100%%", "B=100%%"},
+      {"B=50% off", "B=50% off"},
+      {"B=$ST_PCT", "B=C:\\u"},  // the system pass runs over the first pass's result
+      {"$ST_HOME=1", "C:\\u=1"},
+  };
+  std::vector<std::string> stored;
+  setEnvironmentSetter(collect, &stored);
+  for (const Case& c : cases) {
+    stored.clear();
+    EXPECT_EQ(expandAndPut(c.text), 0) << c.text;
+    ASSERT_EQ(stored.size(), 1u) << c.text;
+    EXPECT_EQ(stored[0], c.stored) << c.text;
+  }
+}
+
+TEST_F(SetupTest, OverLongExpansionIsReportedAndStoredUnexpanded) {
+  setenv("ST_BIG", std::string(kSetupBufferSize - 1, 'b').c_str(), 1);
+  setenv("ST_MID", std::string(kSetupBufferSize - 10, 'm').c_str(), 1);
+  std::vector<std::string> stored;
+  setEnvironmentSetter(collect, &stored);
+
+  // A value that does not fit the buffer with its NUL is not substituted.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(expandAndPut("B=$ST_BIG"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(expandAndPut("B=%ST_BIG%"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "String <<B=%ST_BIG%>> expands to 2050 = more than 2048 bytes!\n");
+
+  // The value fits, the whole text does not.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(expandAndPut("B=$ST_MID/0123456789"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "String <<B=$ST_MID/0123456789>> expands to 2052 = more than 2048 bytes!\n");
+
+  ASSERT_EQ(stored.size(), 3u);
+  EXPECT_EQ(stored[0], "B=$ST_BIG");
+  EXPECT_EQ(stored[1], "B=%ST_BIG%");
+  EXPECT_EQ(stored[2], "B=$ST_MID/0123456789");
+}
+
+TEST_F(SetupTest, SettingsReachTheProcessEnvironment) {
+  setenv("ST_HOME", "/home/u", 1);
+  writePackage("P", "ST_REAL=$ST_HOME/bin\n");
+  EXPECT_EQ(readSetup("P"), 1);
+  EXPECT_EQ(env("ST_REAL"), "/home/u/bin");
+  // A later package overrides an earlier one.
+  writePackage("Q", "ST_REAL=again\n");
+  EXPECT_EQ(readSetup("Q"), 1);
+  EXPECT_EQ(env("ST_REAL"), "again");
+}
+
+int refuseSecond(void* context, const char* text) {
+  auto* seen = static_cast<std::vector<std::string>*>(context);
+  seen->push_back(text);
+  return seen->size() == 2 ? 22 : 0;
+}
+
+TEST_F(SetupTest, AFailedStoreStopsReading) {
+  writePackage("P", "ST_1=a\nST_2=b\nST_3=c\n");
+  std::vector<std::string> seen;
+  setEnvironmentSetter(refuseSecond, &seen);
+  EXPECT_EQ(readSetup("P"), 0);
+  EXPECT_EQ(seen, (std::vector<std::string>{"ST_1=a", "ST_2=b"}));
+}
+
+class ConfigDirectoryTest : public SetupTest {
+ protected:
+  void SetUp() override {
+    makeDir(dir_.file("conf"));
+    for (const char* d : {"one", "two", "wrong"}) {
+      makeDir(dir_.file(d));
+      makeDir(dir_.file(std::string(d) + "/setup"));
+      writeFile(dir_.file(std::string(d) + "/setup/P.Setup"), std::string("ST_PKG=") + d + "\n");
+    }
+    setenv("ECM_CONF_DIRS", dir_.file("conf").c_str(), 1);
+  }
+};
+
+TEST_F(ConfigDirectoryTest, BareConfigNameIsLookedUpInSortedConfFiles) {
+  writeFile(dir_.file("conf/b.conf"), "CONFIG=" + dir_.file("two") + "\n");
+  writeFile(dir_.file("conf/a.conf"),
+            "#CONFIG=" + dir_.file("wrong") + "\nOTHER=x\nCONFIG=\"" + dir_.file("one") + "\"\n");
+  writeFile(dir_.file("conf/0.txt"), "CONFIG=" + dir_.file("wrong") + "\n");
+  setenv("CONFIG", "production", 1);
+
+  String first;
+  EXPECT_EQ(readConfigDirectory("production", &first), 0);
+  EXPECT_EQ(first.str(), dir_.file("one"));
+
+  EXPECT_EQ(readSetup("P"), 1);
+  EXPECT_EQ(env("ST_PKG"), "one");
+}
+
+TEST_F(ConfigDirectoryTest, DirectoriesAreCollectedOnce) {
+  writeFile(dir_.file("conf/a.conf"), "CONFIG=" + dir_.file("one") + "\n");
+  writeFile(dir_.file("conf/b.conf"),
+            "CONFIG=" + dir_.file("one") + "\nCONFIG=" + dir_.file("two") + "\n");
+  Log::setLevel(9, 1);
+  testing::internal::CaptureStderr();
+  String first;
+  EXPECT_EQ(readConfigDirectory("x", &first), 0);
+  std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(first.str(), dir_.file("one"));
+  EXPECT_NE(log.find("ConfigDir[0] (key CONFIG)  = " + dir_.file("one")), std::string::npos);
+  EXPECT_NE(log.find("Skip this path because found in list (key CONFIG) : " + dir_.file("one")),
+            std::string::npos);
+  EXPECT_NE(log.find("ConfigDir[1] (key CONFIG)  = " + dir_.file("two")), std::string::npos) << log;
+}
+
+TEST_F(ConfigDirectoryTest, PathsAndUnlistedNamesAreUsedAsTheyAre) {
+  writeFile(dir_.file("conf/a.conf"), "CONFIG=" + dir_.file("wrong") + "\n");
+  // A path is never looked up.
+  setenv("CONFIG", dir_.file("two").c_str(), 1);
+  EXPECT_EQ(readSetup("P"), 1);
+  EXPECT_EQ(env("ST_PKG"), "two");
+  // Without a configuration list a bare name stays a (missing) directory.
+  unsetenv("ECM_CONF_DIRS");
+  unsetenv("ST_PKG");
+  setenv("CONFIG", "production", 1);
+  String first = "unchanged";
+  EXPECT_EQ(readConfigDirectory("production", &first), -1);
+  EXPECT_EQ(first.str(), "unchanged");
+  EXPECT_EQ(readSetup("P"), 0);
+  EXPECT_EQ(env("ST_PKG"), "<unset>");
+}
+
+}  // namespace
