@@ -1,0 +1,493 @@
+#include "rpc/Clnt.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Log.h"
+#include "rpc/RpcMsg.h"
+
+rpc_createerr_t rpc_createerr;
+
+namespace {
+
+const char kComponent[] = "clnt_udp";
+
+}  // namespace
+
+struct CLIENT {
+  int sock = -1;
+  bool closeSock = false;
+  sockaddr_storage raddr{};
+  socklen_t rlen = 0;
+  timeval retry{};  // retransmission interval
+  timeval total{};  // total time-out set by CLSET_TIMEOUT
+  bool totalSet = false;
+  u_long prog = 0;
+  u_long vers = 0;
+  uint32_t xid = 0;
+  rpc_err err{};
+  std::vector<char> sendBuf;
+  std::vector<char> recvBuf;
+  u_int replyLen = 0;  // bytes of the last reply (for clnt_freeres)
+
+  ~CLIENT() {
+    if (closeSock && sock >= 0) close(sock);
+  }
+};
+
+namespace {
+
+// Keeps microseconds below one second (a caller may give 2 s as 0 s + 2000000 us).
+timeval normalise(timeval tv) {
+  if (tv.tv_usec < 0) tv.tv_usec = 0;
+  if (tv.tv_sec < 0) tv.tv_sec = 0;
+  tv.tv_sec += tv.tv_usec / 1000000;
+  tv.tv_usec %= 1000000;
+  return tv;
+}
+
+int64_t toMicros(const timeval& tv) {
+  return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
+}
+
+int64_t nowMicros() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+socklen_t addrLen(const sockaddr* sa) {
+  return sa->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+}
+
+// "host:port" for messages; "[host]:port" for IPv6.
+std::string addrText(const sockaddr* sa, socklen_t len) {
+  char host[NI_MAXHOST], serv[NI_MAXSERV];
+  if (getnameinfo(sa, len, host, sizeof host, serv, sizeof serv, NI_NUMERICHOST | NI_NUMERICSERV) !=
+      0)
+    return "IP address";
+  return sa->sa_family == AF_INET6 ? std::string("[") + host + "]:" + serv
+                                   : std::string(host) + ":" + serv;
+}
+
+clnt_stat setStatus(CLIENT* cl, clnt_stat stat) {
+  cl->err.re_status = stat;
+  return stat;
+}
+
+clnt_stat setErrno(CLIENT* cl, clnt_stat stat, int err) {
+  cl->err.re_status = stat;
+  cl->err.re_errno = err;
+  return stat;
+}
+
+// Turns a decoded reply header into the call's status.
+void replyToError(const rpc_reply_spec& spec, rpc_err* err) {
+  if (spec.stat == MSG_ACCEPTED) {
+    switch (spec.astat) {
+      case SUCCESS:
+        err->re_status = RPC_SUCCESS;
+        return;
+      case PROG_UNAVAIL:
+        err->re_status = RPC_PROGUNAVAIL;
+        return;
+      case PROG_MISMATCH:
+        err->re_status = RPC_PROGVERSMISMATCH;
+        err->re_vers.low = spec.low;
+        err->re_vers.high = spec.high;
+        return;
+      case PROC_UNAVAIL:
+        err->re_status = RPC_PROCUNAVAIL;
+        return;
+      case GARBAGE_ARGS:
+        err->re_status = RPC_CANTDECODEARGS;
+        return;
+      case SYSTEM_ERR:
+        err->re_status = RPC_SYSTEMERROR;
+        return;
+    }
+    err->re_status = RPC_FAILED;
+    err->re_lb.s1 = MSG_ACCEPTED;
+    err->re_lb.s2 = spec.astat;
+    return;
+  }
+  switch (spec.rstat) {
+    case RPC_MISMATCH:
+      err->re_status = RPC_VERSMISMATCH;
+      err->re_vers.low = spec.low;
+      err->re_vers.high = spec.high;
+      return;
+    case AUTH_ERROR:
+      err->re_status = RPC_AUTHERROR;
+      err->re_why = spec.why;
+      return;
+  }
+  err->re_status = RPC_FAILED;
+  err->re_lb.s1 = MSG_DENIED;
+  err->re_lb.s2 = spec.rstat;
+}
+
+void createError(clnt_stat stat, int err) {
+  rpc_createerr.cf_stat = stat;
+  rpc_createerr.cf_error.re_status = stat;
+  rpc_createerr.cf_error.re_errno = err;
+}
+
+}  // namespace
+
+CLIENT* clntudp_bufcreate(const sockaddr* raddr, u_long prog, u_long vers, timeval wait, int* sockp,
+                          u_int sendsz, u_int recvsz) {
+  if (raddr == nullptr || (raddr->sa_family != AF_INET && raddr->sa_family != AF_INET6)) {
+    createError(RPC_UNKNOWNHOST, 0);
+    return nullptr;
+  }
+  const socklen_t rlen = addrLen(raddr);
+  const in_port_t port = raddr->sa_family == AF_INET6
+                             ? reinterpret_cast<const sockaddr_in6*>(raddr)->sin6_port
+                             : reinterpret_cast<const sockaddr_in*>(raddr)->sin_port;
+  if (port == 0) {
+    // There is no port mapper to ask.
+    createError(RPC_PROGNOTREGISTERED, 0);
+    return nullptr;
+  }
+  auto cl = std::make_unique<CLIENT>();
+  memcpy(&cl->raddr, raddr, rlen);
+  cl->rlen = rlen;
+  cl->retry = normalise(wait);
+  cl->prog = prog;
+  cl->vers = vers;
+  cl->sendBuf.resize(sendsz ? sendsz : CLNTUDP_SENDSZ);
+  cl->recvBuf.resize(recvsz ? recvsz : CLNTUDP_RECVSZ);
+  timeval now;
+  gettimeofday(&now, nullptr);
+  cl->xid = static_cast<uint32_t>(getpid()) ^ static_cast<uint32_t>(now.tv_sec) ^
+            static_cast<uint32_t>(now.tv_usec);
+
+  int sock = sockp ? *sockp : RPC_ANYSOCK;
+  if (sock < 0) {
+    sock = socket(raddr->sa_family, SOCK_DGRAM, IPPROTO_UDP);
+    if (sock < 0) {
+      const int e = errno;
+      c_logmsg(kComponent, 2, "cannot create socket, errno=%d(%s)", e, strerror(e));
+      createError(RPC_SYSTEMERROR, e);
+      return nullptr;
+    }
+    cl->closeSock = true;
+    if (sockp) *sockp = sock;
+  }
+  cl->sock = sock;
+  // Waiting is done with poll; reads must never block after a spurious wake-up.
+  const int flags = fcntl(sock, F_GETFL);
+  if (flags >= 0) fcntl(sock, F_SETFL, flags | O_NONBLOCK);
+  rpc_createerr.cf_stat = RPC_SUCCESS;
+  return cl.release();
+}
+
+CLIENT* clntudp_create(const sockaddr* raddr, u_long prog, u_long vers, timeval wait, int* sockp) {
+  return clntudp_bufcreate(raddr, prog, vers, wait, sockp, CLNTUDP_SENDSZ, CLNTUDP_RECVSZ);
+}
+
+clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrproc_t xres,
+                    void* resp, timeval utimeout) {
+  cl->err = rpc_err{};
+  const timeval total = normalise(cl->totalSet ? cl->total : utimeout);
+  const int64_t totalUs = toMicros(total);
+  const int64_t retryUs = toMicros(cl->retry) > 0 ? toMicros(cl->retry) : totalUs;
+
+  XDR out;
+  xdrmem_create(&out, cl->sendBuf.data(), static_cast<u_int>(cl->sendBuf.size()), XDR_ENCODE);
+  const uint32_t xid = ++cl->xid;
+  if (!rpcmsg_encode_call(&out, xid, static_cast<u_int>(cl->prog), static_cast<u_int>(cl->vers),
+                          static_cast<u_int>(proc)) ||
+      (xargs != nullptr && !xargs(&out, argsp))) {
+    c_logmsg(kComponent, 2, "error RPC_CANTENCODEARGS");
+    return setStatus(cl, RPC_CANTENCODEARGS);
+  }
+  const size_t outLen = xdr_getpos(&out);
+  const sockaddr* raddr = reinterpret_cast<const sockaddr*>(&cl->raddr);
+
+  const int64_t start = nowMicros();
+  const int64_t deadline = start + totalUs;
+  for (;;) {
+    const ssize_t sent = sendto(cl->sock, cl->sendBuf.data(), outLen, 0, raddr, cl->rlen);
+    if (sent != static_cast<ssize_t>(outLen)) {
+      const int e = sent < 0 ? errno : EMSGSIZE;
+      c_logmsg(kComponent, 2, "sendto returns errno %d", e);
+      return setErrno(cl, RPC_CANTSEND, e);
+    }
+    if (totalUs == 0) return setStatus(cl, RPC_TIMEDOUT);  // a message without reply
+    const int64_t resendAt = nowMicros() + retryUs;
+
+    for (;;) {
+      const int64_t now = nowMicros();
+      if (now >= deadline) {
+        c_logmsg(kComponent, 2, "clnt timeout on FD%d, addr %s  was %d,%d", cl->sock,
+                 addrText(raddr, cl->rlen).c_str(), static_cast<int>(total.tv_sec),
+                 static_cast<int>(total.tv_usec));
+        return setStatus(cl, RPC_TIMEDOUT);
+      }
+      if (now >= resendAt) break;
+      const int64_t waitUs = (resendAt < deadline ? resendAt : deadline) - now;
+      pollfd pfd{cl->sock, POLLIN, 0};
+      const int ready = poll(&pfd, 1, static_cast<int>((waitUs + 999) / 1000));
+      if (ready < 0) {
+        if (errno == EINTR) continue;
+        const int e = errno;
+        c_logmsg(kComponent, 2, "select on FD%d failed, errno=%d", cl->sock, e);
+        return setErrno(cl, RPC_CANTRECV, e);
+      }
+      if (ready == 0) continue;
+
+      c_logmsg(kComponent, 10, "clnt read sock=FD%d buf=%x len=%x", cl->sock,
+               static_cast<unsigned>(reinterpret_cast<uintptr_t>(cl->recvBuf.data())),
+               static_cast<unsigned>(cl->recvBuf.size()));
+      sockaddr_storage from;
+      socklen_t fromLen = sizeof from;
+      const ssize_t n = recvfrom(cl->sock, cl->recvBuf.data(), cl->recvBuf.size(), 0,
+                                 reinterpret_cast<sockaddr*>(&from), &fromLen);
+      c_logmsg(kComponent, 10, "returns %d", static_cast<int>(n));
+      if (n < 0) {
+        const int e = errno;
+        if (e == EINTR || e == EAGAIN || e == EWOULDBLOCK) continue;
+        c_logmsg(kComponent, 2, "read on FD%d, addr %s returns %d, errno %d", cl->sock,
+                 addrText(raddr, cl->rlen).c_str(), static_cast<int>(n), e);
+        return setErrno(cl, RPC_CANTRECV, e);
+      }
+      if (n < 4) continue;  // not even an xid
+
+      XDR in;
+      xdrmem_create(&in, cl->recvBuf.data(), static_cast<u_int>(n), XDR_DECODE);
+      uint32_t rxid = 0;
+      u_int type = 0;
+      xdr_u_int(&in, &rxid);
+      if (rxid != xid) continue;  // a late reply to an earlier call
+      rpc_reply_spec spec;
+      if (!xdr_u_int(&in, &type) || type != REPLY || !rpcmsg_decode_reply_body(&in, &spec))
+        return setStatus(cl, RPC_CANTDECODERES);
+      replyToError(spec, &cl->err);
+      if (cl->err.re_status != RPC_SUCCESS) return cl->err.re_status;
+      cl->replyLen = static_cast<u_int>(n);
+      if (xres != nullptr && !xres(&in, resp)) return setStatus(cl, RPC_CANTDECODERES);
+      return RPC_SUCCESS;
+    }
+  }
+}
+
+void clnt_geterr(CLIENT* cl, rpc_err* errp) { *errp = cl->err; }
+
+bool_t clnt_freeres(CLIENT*, xdrproc_t xres, void* resp) {
+  xdr_free(xres, resp);
+  return TRUE;
+}
+
+void clnt_destroy(CLIENT* cl) { delete cl; }
+
+bool_t clnt_control(CLIENT* cl, u_int request, void* info) {
+  switch (request) {
+    case CLSET_FD_CLOSE:
+      cl->closeSock = true;
+      return TRUE;
+    case CLSET_FD_NCLOSE:
+      cl->closeSock = false;
+      return TRUE;
+  }
+  if (info == nullptr) return FALSE;
+  switch (request) {
+    case CLSET_TIMEOUT:
+      cl->total = normalise(*static_cast<timeval*>(info));
+      cl->totalSet = true;
+      return TRUE;
+    case CLGET_TIMEOUT:
+      *static_cast<timeval*>(info) = cl->total;
+      return TRUE;
+    case CLGET_SERVER_ADDR:
+      memset(info, 0, sizeof(sockaddr_storage));
+      memcpy(info, &cl->raddr, cl->rlen);
+      return TRUE;
+    case CLSET_RETRY_TIMEOUT:
+      cl->retry = normalise(*static_cast<timeval*>(info));
+      return TRUE;
+    case CLGET_RETRY_TIMEOUT:
+      *static_cast<timeval*>(info) = cl->retry;
+      return TRUE;
+    case CLGET_FD:
+      *static_cast<int*>(info) = cl->sock;
+      return TRUE;
+    case CLGET_XID:
+      *static_cast<uint32_t*>(info) = cl->xid;
+      return TRUE;
+    case CLSET_XID:
+      cl->xid = *static_cast<uint32_t*>(info) - 1;
+      return TRUE;
+    case CLGET_VERS:
+      *static_cast<u_long*>(info) = cl->vers;
+      return TRUE;
+    case CLSET_VERS:
+      cl->vers = *static_cast<u_long*>(info);
+      return TRUE;
+    case CLGET_PROG:
+      *static_cast<u_long*>(info) = cl->prog;
+      return TRUE;
+    case CLSET_PROG:
+      cl->prog = *static_cast<u_long*>(info);
+      return TRUE;
+  }
+  return FALSE;
+}
+
+// ---- error texts ----
+
+namespace {
+
+const char* authText(auth_stat why) {
+  switch (why) {
+    case AUTH_OK:
+      return "Authentication OK";
+    case AUTH_BADCRED:
+      return "Invalid client credential";
+    case AUTH_REJECTEDCRED:
+      return "Server rejected credential";
+    case AUTH_BADVERF:
+      return "Invalid client verifier";
+    case AUTH_REJECTEDVERF:
+      return "Server rejected verifier";
+    case AUTH_TOOWEAK:
+      return "Client credential too weak";
+    case AUTH_INVALIDRESP:
+      return "Invalid server verifier";
+    case AUTH_FAILED:
+      return "Failed (unspecified error)";
+  }
+  return nullptr;
+}
+
+std::string errnoText(int err) {
+  char buf[256];
+  const char* t = strerror_r(err, buf, sizeof buf);
+  return t ? t : "";
+}
+
+std::string format(const char* fmt, ...) CLOCKETTE_PRINTF(1, 2);
+std::string format(const char* fmt, ...) {
+  char buf[512];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  return buf;
+}
+
+// "<s>: <text><detail>"; the detail depends on the status.
+std::string errorText(const char* s, const rpc_err& e) {
+  std::string out = format("%s: %s", s ? s : "", clnt_sperrno(e.re_status));
+  switch (e.re_status) {
+    case RPC_SUCCESS:
+    case RPC_CANTENCODEARGS:
+    case RPC_CANTDECODERES:
+    case RPC_TIMEDOUT:
+    case RPC_PROGUNAVAIL:
+    case RPC_PROCUNAVAIL:
+    case RPC_CANTDECODEARGS:
+    case RPC_SYSTEMERROR:
+    case RPC_UNKNOWNHOST:
+    case RPC_PROGNOTREGISTERED:
+    case RPC_FAILED:
+      break;
+    case RPC_CANTSEND:
+    case RPC_CANTRECV:
+      out += "; errno = " + errnoText(e.re_errno);
+      break;
+    case RPC_VERSMISMATCH:
+    case RPC_PROGVERSMISMATCH:
+      out += format("; low version = %u, high version = %u", static_cast<unsigned>(e.re_vers.low),
+                    static_cast<unsigned>(e.re_vers.high));
+      break;
+    case RPC_AUTHERROR: {
+      out += "; why = ";
+      const char* t = authText(e.re_why);
+      out += t ? std::string(t)
+               : format("(unknown authentication error - %d)", static_cast<int>(e.re_why));
+      break;
+    }
+    default:
+      out += format("; s1 = %u, s2 = %u", static_cast<unsigned>(e.re_lb.s1),
+                    static_cast<unsigned>(e.re_lb.s2));
+      break;
+  }
+  return out;
+}
+
+thread_local std::string perrorBuf;
+
+}  // namespace
+
+const char* clnt_sperrno(clnt_stat stat) {
+  switch (stat) {
+    case RPC_SUCCESS:
+      return "RPC: Success";
+    case RPC_CANTENCODEARGS:
+      return "RPC: Can't encode arguments";
+    case RPC_CANTDECODERES:
+      return "RPC: Can't decode result";
+    case RPC_CANTSEND:
+      return "RPC: Unable to send";
+    case RPC_CANTRECV:
+      return "RPC: Unable to receive";
+    case RPC_TIMEDOUT:
+      return "RPC: Timed out";
+    case RPC_VERSMISMATCH:
+      return "RPC: Incompatible versions of RPC";
+    case RPC_AUTHERROR:
+      return "RPC: Authentication error";
+    case RPC_PROGUNAVAIL:
+      return "RPC: Program unavailable";
+    case RPC_PROGVERSMISMATCH:
+      return "RPC: Program/version mismatch";
+    case RPC_PROCUNAVAIL:
+      return "RPC: Procedure unavailable";
+    case RPC_CANTDECODEARGS:
+      return "RPC: Server can't decode arguments";
+    case RPC_SYSTEMERROR:
+      return "RPC: Remote system error";
+    case RPC_UNKNOWNHOST:
+      return "RPC: Unknown host";
+    case RPC_PROGNOTREGISTERED:
+      return "RPC: Program not registered";
+    case RPC_FAILED:
+      return "RPC: Failed (unspecified error)";
+    case RPC_UNEXPECTEDFD:
+      return "RPC: coroutine resumed from unexpected FD";
+    case RPC_PMAPFAILURE:  // deliberately without a text of its own
+      break;
+  }
+  return "RPC: (unknown error code)";
+}
+
+const char* clnt_sperror(CLIENT* cl, const char* s) {
+  perrorBuf = errorText(s, cl->err);
+  return perrorBuf.c_str();
+}
+
+const char* clnt_spcreateerror(const char* s) {
+  rpc_err e = rpc_createerr.cf_error;
+  e.re_status = rpc_createerr.cf_stat;
+  perrorBuf = errorText(s, e);
+  return perrorBuf.c_str();
+}
+
+void clnt_perror(CLIENT* cl, const char* s) { fprintf(stderr, "%s\n", clnt_sperror(cl, s)); }
+
+void clnt_pcreateerror(const char* s) { fprintf(stderr, "%s\n", clnt_spcreateerror(s)); }
+
+void clnt_perrno(clnt_stat stat) { fprintf(stderr, "%s", clnt_sperrno(stat)); }

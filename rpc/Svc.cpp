@@ -1,0 +1,233 @@
+#include "rpc/Svc.h"
+
+#include <fcntl.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "base/Log.h"
+#include "rpc/RpcMsg.h"
+
+fd_set svc_fdset;
+int svc_maxsock = 0;
+
+namespace {
+
+const char kComponent[] = "svc";
+
+struct Callout {
+  u_long prog;
+  u_long vers;
+  svc_dispatch_t dispatch;
+};
+
+std::vector<Callout>& callouts() {
+  static std::vector<Callout> list;
+  return list;
+}
+
+SVCXPRT* xports[NOFILE];
+std::atomic<bool> svcRunning{false};
+
+Callout* findCallout(u_long prog, u_long vers) {
+  for (Callout& c : callouts())
+    if (c.prog == prog && c.vers == vers) return &c;
+  return nullptr;
+}
+
+bool_t reply(SVCXPRT* xprt, const rpc_reply_spec& spec) {
+  return xprt->xp_ops->xp_reply(xprt, &spec);
+}
+
+void acceptedError(SVCXPRT* xprt, accept_stat astat) {
+  rpc_reply_spec spec;
+  spec.astat = astat;
+  reply(xprt, spec);
+}
+
+// Logs why a descriptor of the read set made select fail.
+void checkReadSet(const fd_set& set) {
+  for (int fd = 0; fd < svc_maxsock; ++fd) {
+    if (!FD_ISSET(fd, &set)) continue;
+    if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+      c_logmsg(kComponent, 2, "FD%d closed meanwhile in %s", fd, "readfds");
+      continue;
+    }
+    int type = 0;
+    socklen_t len = sizeof type;
+    if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) < 0)
+      c_logmsg(kComponent, 2, "bad FD%d set in %s", fd, "readfds");
+  }
+}
+
+}  // namespace
+
+bool_t svc_register(SVCXPRT*, u_long prog, u_long vers, svc_dispatch_t dispatch, u_long) {
+  // The protocol is not announced anywhere: there is no port mapper.
+  if (Callout* c = findCallout(prog, vers)) return c->dispatch == dispatch ? TRUE : FALSE;
+  callouts().push_back(Callout{prog, vers, dispatch});
+  return TRUE;
+}
+
+void svc_unregister(u_long prog, u_long vers) {
+  auto& list = callouts();
+  for (auto it = list.begin(); it != list.end(); ++it) {
+    if (it->prog == prog && it->vers == vers) {
+      list.erase(it);
+      return;
+    }
+  }
+}
+
+void xprt_register(SVCXPRT* xprt) {
+  const int sock = xprt->xp_sock;
+  if (sock < 0) return;
+  if (sock >= NOFILE) {
+    c_logmsg(kComponent, 2, "exceeded NOFILE=%d!!", NOFILE);
+    c_logmsg(kComponent, 10, "close FD%d", sock);
+    close(sock);
+    xprt->xp_sock = -1;
+    return;
+  }
+  xports[sock] = xprt;
+  c_logmsg(kComponent, 10, "set FD%d", sock);
+  FD_SET(sock, &svc_fdset);
+  if (sock + 1 > svc_maxsock) svc_maxsock = sock + 1;
+}
+
+void xprt_unregister(SVCXPRT* xprt) {
+  const int sock = xprt->xp_sock;
+  if (sock < 0 || sock >= NOFILE || xports[sock] != xprt) return;
+  xports[sock] = nullptr;
+  c_logmsg(kComponent, 10, "clr FD%d", sock);
+  FD_CLR(sock, &svc_fdset);
+  while (svc_maxsock > 0 && xports[svc_maxsock - 1] == nullptr) --svc_maxsock;
+}
+
+SVCXPRT* svc_xprt_of(int fd) { return fd >= 0 && fd < NOFILE ? xports[fd] : nullptr; }
+
+void svc_destroy(SVCXPRT* xprt) {
+  if (xprt == nullptr) return;
+  xprt_unregister(xprt);
+  xprt->xp_ops->xp_destroy(xprt);
+}
+
+void svc_run() {
+  svcRunning = true;
+  while (svcRunning) {
+    fd_set readfds = svc_fdset;
+    c_logmsg(kComponent, 10, "before select %lx, maxSock=%d",
+             static_cast<unsigned long>(readfds.fds_bits[0]), svc_maxsock);
+    const int n = select(svc_maxsock, &readfds, nullptr, nullptr, nullptr);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      perror("svc: - Select failed");
+      checkReadSet(svc_fdset);
+      break;
+    }
+    if (n == 0) continue;
+    c_logmsg(kComponent, 10, "after select %lx", static_cast<unsigned long>(readfds.fds_bits[0]));
+    svc_getreqset(&readfds);
+  }
+}
+
+void terminateSvcrun() {
+  c_logmsg(kComponent, 10, "terminate on JVM exit");
+  svcRunning = false;
+}
+
+void svc_getreqset(fd_set* readfds) {
+  const int limit = svc_maxsock;
+  for (int fd = 0; fd < limit; ++fd)
+    if (FD_ISSET(fd, readfds)) svc_getreq_common(fd);
+}
+
+void svc_getreq_common(int fd) {
+  SVCXPRT* xprt = svc_xprt_of(fd);
+  if (xprt == nullptr) return;
+  rpc_call_hdr hdr;
+  if (xprt->xp_ops->xp_recv(xprt, &hdr)) svc_dispatch_request(xprt, &hdr);
+}
+
+void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr) {
+  xprt->xp_xid = hdr->xid;
+  if (hdr->rpcvers != RPC_MSG_VERSION) {
+    rpc_reply_spec spec;
+    spec.stat = MSG_DENIED;
+    spec.rstat = RPC_MISMATCH;
+    spec.low = spec.high = RPC_MSG_VERSION;
+    reply(xprt, spec);
+    return;
+  }
+  const enum_t flavor = hdr->cred.oa_flavor;
+  if (flavor != AUTH_NONE && flavor != AUTH_SYS && flavor != AUTH_SHORT) {
+    svcerr_auth(xprt, AUTH_REJECTEDCRED);
+    return;
+  }
+  if (Callout* c = findCallout(hdr->prog, hdr->vers)) {
+    svc_req req;
+    req.rq_prog = hdr->prog;
+    req.rq_vers = hdr->vers;
+    req.rq_proc = hdr->proc;
+    req.rq_cred = hdr->cred;
+    req.rq_xprt = xprt;
+    c->dispatch(&req, xprt);
+    return;
+  }
+  // The program is known in other versions: tell the caller which.
+  bool progFound = false;
+  u_long low = ~0ul, high = 0;
+  for (const Callout& c : callouts()) {
+    if (c.prog != hdr->prog) continue;
+    progFound = true;
+    if (c.vers < low) low = c.vers;
+    if (c.vers > high) high = c.vers;
+  }
+  if (progFound)
+    svcerr_progvers(xprt, low, high);
+  else
+    svcerr_noprog(xprt);
+}
+
+bool_t svc_sendreply(SVCXPRT* xprt, xdrproc_t xresults, void* results) {
+  rpc_reply_spec spec;
+  spec.astat = SUCCESS;
+  spec.results = xresults;
+  spec.where = results;
+  return reply(xprt, spec);
+}
+
+void svcerr_noproc(SVCXPRT* xprt) { acceptedError(xprt, PROC_UNAVAIL); }
+void svcerr_decode(SVCXPRT* xprt) { acceptedError(xprt, GARBAGE_ARGS); }
+void svcerr_systemerr(SVCXPRT* xprt) { acceptedError(xprt, SYSTEM_ERR); }
+void svcerr_noprog(SVCXPRT* xprt) { acceptedError(xprt, PROG_UNAVAIL); }
+
+void svcerr_progvers(SVCXPRT* xprt, u_long low, u_long high) {
+  rpc_reply_spec spec;
+  spec.astat = PROG_MISMATCH;
+  spec.low = static_cast<u_int>(low);
+  spec.high = static_cast<u_int>(high);
+  reply(xprt, spec);
+}
+
+void svcerr_auth(SVCXPRT* xprt, auth_stat why) {
+  rpc_reply_spec spec;
+  spec.stat = MSG_DENIED;
+  spec.rstat = AUTH_ERROR;
+  spec.why = why;
+  reply(xprt, spec);
+}
+
+void svcerr_weakauth(SVCXPRT* xprt) { svcerr_auth(xprt, AUTH_TOOWEAK); }
+
+bool_t svc_getargs(SVCXPRT* xprt, xdrproc_t xargs, void* argsp) {
+  return xprt->xp_ops->xp_getargs(xprt, xargs, argsp);
+}
+
+bool_t svc_freeargs(SVCXPRT* xprt, xdrproc_t xargs, void* argsp) {
+  return xprt->xp_ops->xp_freeargs(xprt, xargs, argsp);
+}
