@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "base/Log.h"
+#include "tstl/CAsn1time.h"
 #include "tstl/KeyType.h"
 #include "tstl/OpenSslErrors.h"
 
@@ -16,6 +17,15 @@ std::string nameText(const X509_NAME* name) {
   char buf[1024];
   if (X509_NAME_oneline(name, buf, sizeof(buf)) == nullptr) return std::string();
   return buf;
+}
+
+bool derOf(const ASN1_TIME* t, std::vector<unsigned char>* der) {
+  unsigned char* out = nullptr;
+  int n = i2d_ASN1_TIME(t, &out);
+  if (n <= 0) return false;
+  OpenSslBytesPtr owner(out);
+  der->assign(out, out + n);
+  return true;
 }
 
 bool toEpoch(const ASN1_TIME* t, time_t* out) {
@@ -71,6 +81,8 @@ void CCertInfo::clear() {
   serial_.clear();
   issuerText_.clear();
   subjectText_.clear();
+  notBeforeDer_.clear();
+  notAfterDer_.clear();
   notBefore_ = notAfter_ = 0;
   publicKey_.reset();
   signatureNid_ = NID_undef;
@@ -102,7 +114,9 @@ bool CCertInfo::analyze() {
   serial_.assign(q, q + len);
 
   if (!toEpoch(X509_get0_notBefore(c), &notBefore_) ||
-      !toEpoch(X509_get0_notAfter(c), &notAfter_)) {
+      !toEpoch(X509_get0_notAfter(c), &notAfter_) ||
+      !derOf(X509_get0_notBefore(c), &notBeforeDer_) ||
+      !derOf(X509_get0_notAfter(c), &notAfterDer_)) {
     return false;
   }
   publicKey_.reset(X509_get_pubkey(c));
@@ -174,6 +188,18 @@ int CCertInfo::getDER(unsigned char* buffer, unsigned int* pos) const {
 std::string CCertInfo::GetIssuerName() const { return issuerText_; }
 
 std::string CCertInfo::GetSubjectName() const { return subjectText_; }
+
+int CCertInfo::GetTimeNotBefore(CAsn1time* out) const {
+  if (notBeforeDer_.empty()) return -1;
+  unsigned int pos = 0;
+  return out->setDER(notBeforeDer_.data(), &pos, static_cast<unsigned int>(notBeforeDer_.size()));
+}
+
+int CCertInfo::GetTimeNotAfter(CAsn1time* out) const {
+  if (notAfterDer_.empty()) return -1;
+  unsigned int pos = 0;
+  return out->setDER(notAfterDer_.data(), &pos, static_cast<unsigned int>(notAfterDer_.size()));
+}
 
 std::string CCertInfo::GetTimeNotBeforeText() const {
   return ok() ? epochText(notBefore_) : std::string();

@@ -17,6 +17,8 @@
 
 #include "tstl/OpenSslPtr.h"
 
+class CAsn1time;
+
 class CCertInfo {
  public:
   // An empty object, to be filled by readPEM.
@@ -58,6 +60,10 @@ class CCertInfo {
   // Validity bounds in seconds since 1970 (UTC).
   time_t GetNotBefore() const { return notBefore_; }
   time_t GetNotAfter() const { return notAfter_; }
+  // The bounds as certificate times (UTCTime or GeneralizedTime, as they are
+  // encoded in the certificate). 0, or -1 when nothing is held.
+  int GetTimeNotBefore(CAsn1time* out) const;
+  int GetTimeNotAfter(CAsn1time* out) const;
   // The bounds as "YYYY-MM-DD hh:mm:ss GMT" for messages.
   std::string GetTimeNotBeforeText() const;
   std::string GetTimeNotAfterText() const;
@@ -99,6 +105,8 @@ class CCertInfo {
   std::vector<unsigned char> serial_;
   std::string issuerText_;
   std::string subjectText_;
+  std::vector<unsigned char> notBeforeDer_;
+  std::vector<unsigned char> notAfterDer_;
   time_t notBefore_ = 0;
   time_t notAfter_ = 0;
   EvpPkeyPtr publicKey_;

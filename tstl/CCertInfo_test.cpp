@@ -9,6 +9,7 @@
 
 #include "testing/TempDir.h"
 #include "testing/TestCa.h"
+#include "tstl/CAsn1time.h"
 #include "tstl/KeyType.h"
 
 namespace {
@@ -73,7 +74,20 @@ TEST_F(CCertInfoTest, DecodesDerAndTakesOutTheFields) {
   time_t now = time(nullptr);
   EXPECT_NEAR(static_cast<double>(cert.GetNotBefore()), static_cast<double>(now - 3600), 60);
   EXPECT_NEAR(static_cast<double>(cert.GetNotAfter()), static_cast<double>(now + 86400), 60);
-  EXPECT_EQ(cert.GetTimeNotAfterText().size(), std::string("2026-01-02 03:04:05 GMT").size());
+  CAsn1time notAfter;
+  ASSERT_EQ(cert.GetTimeNotAfter(&notAfter), 0);
+  struct tm tm = {};
+  time_t expected = cert.GetNotAfter();
+  gmtime_r(&expected, &tm);
+  EXPECT_EQ(notAfter.type, CAsn1time::kUtcTime);  // before 2050
+  EXPECT_EQ(notAfter.year, tm.tm_year + 1900);
+  EXPECT_EQ(notAfter.month, tm.tm_mon + 1);
+  EXPECT_EQ(notAfter.day, tm.tm_mday);
+  EXPECT_EQ(notAfter.second, tm.tm_sec);
+  EXPECT_EQ(cert.GetTimeNotAfterText(), notAfter.displayText());
+  CAsn1time notBefore;
+  ASSERT_EQ(cert.GetTimeNotBefore(&notBefore), 0);
+  EXPECT_EQ(cert.GetTimeNotBeforeText(), notBefore.displayText());
   EXPECT_EQ(cert.GetKeyType(), kKeyTypeRsa);
   EXPECT_EQ(cert.GetKeyLength(), 256);
   EXPECT_EQ(cert.GetSignatureType(), NID_sha256WithRSAEncryption);
@@ -112,6 +126,8 @@ TEST_F(CCertInfoTest, RefusesBrokenDer) {
     EXPECT_FALSE(cert.ok()) << bytes.size();
     EXPECT_EQ(cert.GetKeyType(), -1);
     EXPECT_EQ(cert.GetRSAPublicKey(), nullptr);
+    CAsn1time t;
+    EXPECT_EQ(cert.GetTimeNotAfter(&t), -1);
     unsigned int pos = 0;
     unsigned char out[4];
     EXPECT_EQ(cert.getDER(out, &pos), -1);
