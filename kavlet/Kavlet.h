@@ -1,0 +1,133 @@
+// Kavlet: the base class of every worker program of the pipeline.
+//
+// A Kavlet owns the settings all workers share (KV host, port and directory,
+// worker type, log file and level, test mode), reads them from setup packages,
+// the environment and the command line, sets up logging and prints the
+// common usage, settings and version texts. A tool derives from it, overrides
+// the virtual operations below and implements service().
+//
+// Settings are taken in this order, later sources winning: constructor
+// defaults; setup packages ("COMMON", read by main, then the -env packages),
+// which set environment variables; the environment (readEnvironment); the
+// command line (parseArgv).
+//
+// Lifetime: main creates exactly one Kavlet (through the tool class); the
+// constructor makes it reachable as theKavlet for the signal handlers and the
+// RPC callbacks. It lives until the process ends. Single-threaded apart from
+// the signal handling, which only reaches it through theKavlet.
+//
+// Results follow the framework's rule: 1 for success, 0 for failure.
+#ifndef KAVLET_KAVLET_H_
+#define KAVLET_KAVLET_H_
+
+#include <vector>
+
+#include "base/String.h"
+
+class Document;
+
+class Kavlet {
+ public:
+  static constexpr int kDefaultKvPort = 4032;
+
+  // Sets the defaults, makes this object theKavlet and installs the signal
+  // and console handlers.
+  Kavlet();
+  Kavlet(const Kavlet&) = delete;
+  Kavlet& operator=(const Kavlet&) = delete;
+
+  // The virtual operations keep this order; tools built against the
+  // framework override them slot by slot.
+
+  virtual ~Kavlet();
+  // Handles a control message from the KV (code, text; text may be null).
+  // Returns 1.
+  virtual int control(int code, const char* text);
+  // Creates the Document for directory and worker type and stores it in
+  // document. Returns 1, or 0 when there is none.
+  virtual int createDocument(const char* directory, const char* workerType);
+  // Called before registering with the KV; 0 stops the start. Base: 1.
+  virtual int checkBeforeConnect();
+  // Program name, socket start-up, -env packages, environment, command line,
+  // logging. Derived classes call it first. Returns 1 when the worker is
+  // ready. Ends the process for "-h", an unknown option or an unset CONFIG.
+  virtual int init(int argc, char** argv);
+  // Prints the settings to standard error.
+  virtual void printObject();
+  // The tool's work on one document directory (document is open): 1 done,
+  // 0 failed; 2 or more is reported through extendedKVop.
+  virtual int service(const char* directory) = 0;
+  // Reports a service result of 2 or more for directory to the KV; returns
+  // the result of the report (0 when the KV accepted it).
+  virtual int extendedKVop(int result, const char* directory);
+  // Called by parseArgv for each argument the base does not know; *position
+  // is that argument's index. Returns 1 when the argument (and its value,
+  // *position then designating the value) was taken, 0 when it is unknown,
+  // which ends the process with the usage. Base: 0.
+  virtual int parseOneArgument(int argc, char** argv, int* position);
+  // Called for a control word the base does not know; *position is the
+  // word's index in words and is moved past the arguments it consumed.
+  // Returns 1 when taken, 0 when the message is refused. Base: 0.
+  virtual int parseAdditionalKvctrlArguments(std::vector<String>& words, int* position);
+  // The usage printers, each under its heading of printUsage; all write to
+  // standard error.
+  virtual void printAddOnUsage();
+  virtual void printArgsUsage();
+  virtual void printCommandsUsage();
+  virtual void printKvctrlUsage();
+  virtual void printEnvUsage();
+  virtual void printHintsUsage();
+  virtual void printVersion();
+  // Reads the common environment variables (KVHOST, LOGLEVEL, KVPORT, KVDIR).
+  virtual void readEnvironment();
+  // Log file, ZEPH_SRV_LOG, the -parafile package and the numeric log level.
+  virtual void initLog();
+
+  // Takes the program name from path: the part after the last "/" (or "\"),
+  // without a ".exe"/".EXE" suffix when something remains before it. Sets
+  // name and type. Returns 1.
+  int setProgname(const char* path);
+  // Applies the command-line options (see printArgsUsage). "-h" or an
+  // unknown option print the usage and end the process with exit code 0.
+  void parseArgv(int argc, char** argv);
+  // Prints the usage with all its sections to standard error.
+  void printUsage();
+  // Logs its call and returns 0.
+  int makeKVDir();
+
+  // Settings, in the order the framework has always kept them. Public: the
+  // tool, the control callbacks and the work cycle read and set them.
+  String parafile;         // -parafile: setup package read in initLog
+  String kvDir;            // KVDIR, with "\" turned into "/"
+  String kvHost;           // KV host; the local host name by default
+  int kvPort;              // KV port
+  String serverLogDir;     // ZEPH_SRV_LOG, read in initLog
+  String logFile;          // log file; <type>.log when not given
+  int logLevel;            // numeric log level 0-12
+  String name;             // program name
+  String testCount;        // non-empty: test mode; the count or "-test"
+  String testPath;         // -testpath: directory worked on in test mode
+  String type;             // worker type registered with the KV
+  String errorComment;     // comment of a failed document
+  String okComment;        // comment of a processed document
+  Document* document;      // the document in hand; owned, only during one order
+  int kvTest;              // set by the control words kvTestOn/kvTestOff
+  String curErrorComment;  // errorComment for the document in hand
+  String errorStatus;      // status word of a failed document
+  String curOkComment;     // okComment for the document in hand
+  String okStatus;         // status word of a processed document
+  int suspendTime;
+
+ private:
+  // Installs the handlers for SIGINT/SIGTERM and the console events. Its
+  // body lives with the signal handling code.
+  void installHandlers();
+  // Reads the -env setup packages named on the command line.
+  void readEnvPackages(int argc, char** argv);
+};
+
+// The one Kavlet of the process; set by its constructor, cleared by its
+// destructor.
+extern Kavlet* theKavlet;
+
+#endif  // KAVLET_KAVLET_H_

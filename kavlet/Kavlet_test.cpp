@@ -1,0 +1,351 @@
+#include "kavlet/Kavlet.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/Platform.h"
+#include "base/Setup.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::fileExists;
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+class TestKavlet : public Kavlet {
+ public:
+  int service(const char*) override { return 1; }
+};
+
+// A NULL-terminated argument vector that owns its texts.
+class Argv {
+ public:
+  Argv(std::initializer_list<const char*> args) {
+    for (const char* a : args) texts_.emplace_back(a);
+    for (std::string& t : texts_) ptrs_.push_back(t.data());
+    ptrs_.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(texts_.size()); }
+  char** argv() { return ptrs_.data(); }
+
+ private:
+  std::vector<std::string> texts_;
+  std::vector<char*> ptrs_;
+};
+
+const char* const kVariables[] = {"KVHOST",   "KVPORT",      "KVDIR",   "LOGLEVEL",  "LOG_DEBUG",
+                                  "LOG_INFO", "LOG_WARNING", "LOG_RPC", "LOG_ENTRY", "KT_ORDER",
+                                  "KT_EMPTY", "KT_A",        "KT_B"};
+
+// Each test gets a configuration directory ($CONFIG/setup) and a log
+// directory (ZEPH_SRV_LOG), and leaves the environment, the current
+// directory and the logging as it found them.
+class KavletTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char cwd[PATH_MAX];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    cwd_ = cwd;
+    for (const char* v : kVariables) unsetenv(v);
+    makeDir(config_.file("setup"));
+    makeDir(config_.file("logs"));
+    setenv("CONFIG", config_.path().c_str(), 1);
+    setenv("ZEPH_SRV_LOG", config_.file("logs").c_str(), 1);
+  }
+  void TearDown() override {
+    ASSERT_EQ(chdir(cwd_.c_str()), 0);
+    for (const char* v : kVariables) unsetenv(v);
+    unsetenv("CONFIG");
+    unsetenv("ZEPH_SRV_LOG");
+    Log::setLogFile("stderr");
+    Log::init();
+  }
+  void writePackage(const std::string& package, const std::string& text) {
+    writeFile(config_.file("setup/" + package + ".Setup"), text);
+  }
+  static std::string golden(const char* name) {
+    return readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/kavlet/testdata/" + name);
+  }
+  TempDir config_;
+  std::string cwd_;
+};
+
+TEST_F(KavletTest, DefaultsAndTheProcessWidePointer) {
+  {
+    TestKavlet k;
+    EXPECT_EQ(theKavlet, &k);
+    EXPECT_EQ(k.kvHost, localHostName());
+    EXPECT_EQ(k.kvPort, 4032);
+    EXPECT_EQ(k.logLevel, 2);
+    EXPECT_EQ(k.errorComment, "could not process document");
+    EXPECT_EQ(k.okComment, "document has been processed");
+    EXPECT_EQ(k.errorStatus, "error");
+    EXPECT_EQ(k.okStatus, "ok");
+    EXPECT_EQ(k.suspendTime, 300);
+    EXPECT_EQ(k.document, nullptr);
+    EXPECT_EQ(k.kvTest, 0);
+    EXPECT_TRUE(k.testCount.empty());
+    EXPECT_EQ(k.checkBeforeConnect(), 1);
+    EXPECT_EQ(k.makeKVDir(), 0);
+  }
+  EXPECT_EQ(theKavlet, nullptr);
+}
+
+TEST_F(KavletTest, ProgramNameRules) {
+  struct Case {
+    const char* path;
+    const char* name;
+  } cases[] = {
+      {"C:\\bin\\tool.EXE", "tool"},
+      {"x.exe", "x"},
+      {".exe", ".exe"},  // nothing would be left
+      {"tool.Exe", "tool.Exe"},
+      {"/usr/local/bin/clockette", "clockette"},
+      {"/opt/a\\b.exe", "a\\b"},  // a "/" wins over "\"
+      {"dir/tool.exe.exe", "tool.exe"},
+      {"", ""},
+  };
+  TestKavlet k;
+  for (const Case& c : cases) {
+    EXPECT_EQ(k.setProgname(c.path), 1);
+    EXPECT_EQ(k.name, c.name) << c.path;
+    EXPECT_EQ(k.type, c.name) << c.path;
+  }
+}
+
+TEST_F(KavletTest, LaterSourcesWin) {
+  // COMMON and then the -env package fill the environment; the environment
+  // beats the defaults and the command line beats everything.
+  writePackage("COMMON", "KVPORT=5000\nKVHOST=commonhost\nLOGLEVEL=6\n");
+  writePackage("site", "KVPORT=5001\n");
+  ASSERT_EQ(readSetup("COMMON"), 1);
+  struct Case {
+    Argv args;
+    int port;
+    const char* host;
+    int level;
+    const char* type;
+  } cases[] = {
+      {{"/bin/worker"}, 5000, "commonhost", 6, "worker"},
+      {{"/bin/worker", "-env", "site"}, 5001, "commonhost", 6, "worker"},
+      {{"/bin/worker", "-env", "site", "-P", "6000", "-kvhost", "cmd", "-loglevel", "3", "-type",
+        "stamper"},
+       6000,
+       "cmd",
+       3,
+       "stamper"},
+  };
+  for (Case& c : cases) {
+    TestKavlet k;
+    ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
+    EXPECT_EQ(k.kvPort, c.port);
+    EXPECT_EQ(k.kvHost, c.host);
+    EXPECT_EQ(k.logLevel, c.level);
+    EXPECT_EQ(k.type, c.type);
+    EXPECT_EQ(k.name, "worker");
+  }
+}
+
+TEST_F(KavletTest, EnvironmentBeatsDefaults) {
+  setenv("KVPORT", "7000", 1);
+  setenv("LOGLEVEL", "4", 1);
+  setenv("KVHOST", "envhost", 1);
+  TestKavlet k;
+  Argv a{"worker"};
+  ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+  EXPECT_EQ(k.kvPort, 7000);
+  EXPECT_EQ(k.logLevel, 4);
+  EXPECT_EQ(k.kvHost, "envhost");
+}
+
+TEST_F(KavletTest, EnvPackagesAreReadInOrderIncludingEmptyNames) {
+  writePackage("a", "KT_ORDER=a\nKT_A=1\n");
+  writePackage("b", "KT_ORDER=b\nKT_B=1\n");
+  writePackage("", "KT_EMPTY=1\n");
+  struct Case {
+    const char* list;
+    std::vector<std::string> packages;
+    const char* order;
+  } cases[] = {
+      {"a,,b", {"a", "", "b"}, "b"},
+      {"a,", {"a"}, "a"},
+      {"b,a", {"b", "a"}, "a"},
+  };
+  for (const Case& c : cases) {
+    for (const char* v : {"KT_ORDER", "KT_A", "KT_B"}) unsetenv(v);
+    Log::init();
+    Log::setLevel(9, 1);
+    TestKavlet k;
+    Argv a{"worker", "-env", c.list, "-logfile", "stderr"};
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    std::string log = testing::internal::GetCapturedStderr();
+    std::string expected;
+    for (const std::string& p : c.packages)
+      expected += "env-option: read setup from package '" + p + "'\n";
+    std::string seen;
+    for (size_t at = log.find("env-option"); at != std::string::npos;
+         at = log.find("env-option", at + 1))
+      seen += log.substr(at, log.find('\n', at) - at + 1);
+    EXPECT_EQ(seen, expected) << c.list;
+    EXPECT_STREQ(getenv("KT_ORDER"), c.order) << c.list;
+  }
+}
+
+TEST_F(KavletTest, NoEnvOptionIsLogged) {
+  Log::setLevel(9, 1);
+  TestKavlet k;
+  Argv a{"worker", "-logfile", "stderr", "-env"};  // -env without a value
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("no env-option"), std::string::npos);
+}
+
+TEST_F(KavletTest, TestModeOption) {
+  struct Case {
+    Argv args;
+    const char* testCount;
+    int level;
+    const char* testPath;
+  } cases[] = {
+      {{"w", "-test", "3"}, "3", 2, ""},
+      {{"w", "-test", "-loglevel", "9"}, "-test", 9, ""},
+      {{"w", "-loglevel", "9", "-test"}, "-test", 9, ""},
+      {{"w", "-test", "", "-testpath", "/docs"}, "-test", 2, "/docs"},
+      {{"w", "-testpath", "/docs"}, "", 2, "/docs"},
+  };
+  for (Case& c : cases) {
+    TestKavlet k;
+    ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
+    EXPECT_EQ(k.testCount, c.testCount);
+    EXPECT_EQ(k.logLevel, c.level);
+    EXPECT_EQ(k.testPath, c.testPath);
+  }
+}
+
+TEST_F(KavletTest, KvDirIsEnteredOnlyOutsideTestMode) {
+  makeDir(config_.file("kv"));
+  makeDir(config_.file("kv/sub"));
+  std::string windowsStyle = config_.path() + "\\kv\\sub";
+  std::string expected = config_.path() + "/kv/sub";
+  setenv("KVDIR", windowsStyle.c_str(), 1);
+  char here[PATH_MAX];
+  {
+    TestKavlet k;
+    Argv a{"w", "-test"};
+    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    EXPECT_EQ(k.kvDir, expected);
+    ASSERT_NE(getcwd(here, sizeof here), nullptr);
+    EXPECT_EQ(std::string(here), cwd_);
+  }
+  {
+    TestKavlet k;
+    Argv a{"w"};
+    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    EXPECT_EQ(k.kvDir, expected);
+    ASSERT_NE(getcwd(here, sizeof here), nullptr);
+    char real[PATH_MAX];
+    ASSERT_NE(realpath(expected.c_str(), real), nullptr);
+    EXPECT_EQ(std::string(here), real);
+  }
+}
+
+TEST_F(KavletTest, NumericLogLevelSwitchesFiveUpToItsValue) {
+  struct Case {
+    const char* level;
+    int highestOn;
+  } cases[] = {{"7", 7}, {"13", 13}, {"2", 4}, {"0", 4}};
+  for (const Case& c : cases) {
+    TestKavlet k;
+    Argv a{"w", "-loglevel", c.level};
+    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    for (int level = 0; level <= 13; ++level)
+      EXPECT_EQ(Log::getLevel(level), level <= c.highestOn ? 1 : 0)
+          << "loglevel " << c.level << ", level " << level;
+  }
+}
+
+TEST_F(KavletTest, ParameterPackageSwitchesNamedLevels) {
+  writePackage("logging", "LOG_DEBUG=on\nLOG_WARNING=off\n");
+  TestKavlet k;
+  Argv a{"w", "-parafile", "logging"};
+  ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+  EXPECT_EQ(Log::getLevel(9), 1);
+  EXPECT_EQ(Log::getLevel(4), 0);
+  EXPECT_EQ(Log::getLevel(8), 0);
+}
+
+TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
+  {
+    TestKavlet k;
+    Argv a{"/bin/w", "-type", "stamper", "-loglevel", "13"};
+    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    EXPECT_EQ(k.logFile, "stamper.log");
+    EXPECT_EQ(k.serverLogDir, config_.file("logs"));
+    EXPECT_EQ(std::string(Log::logFileName()), config_.file("logs/stamper.log"));
+  }
+  {
+    TestKavlet k;
+    Argv a{"/bin/w", "-type", "", "-logfile", "sub.log"};
+    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    EXPECT_EQ(k.logFile, "sub.log");
+    Log::setLogFile("stderr");
+  }
+  EXPECT_TRUE(fileExists(config_.file("logs/sub.log")));
+  std::string text = readFile(config_.file("logs/stamper.log"));
+  EXPECT_NE(text.find("Kavlet::initLog"), std::string::npos) << text;
+}
+
+TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {
+  struct Case {
+    Argv args;
+  } cases[] = {
+      {{"w", "-h"}},
+      {{"w", "-help"}},
+      {{"w", "-test", "2", "-nosuch"}},
+      // A value-taking option without its value is not taken.
+      {{"w", "-type"}},
+      {{"w", "-loglevel"}},
+      {{"w", "-P"}},
+  };
+  for (Case& c : cases) {
+    TestKavlet k;
+    EXPECT_EXIT(k.init(c.args.argc(), c.args.argv()), testing::ExitedWithCode(0),
+                "\n\n Usage: w \\[options...\\]\n");
+  }
+}
+
+TEST_F(KavletTest, UsageText) {
+  TestKavlet k;
+  k.setProgname("/bin/worker");
+  k.type = "stamper";
+  testing::internal::CaptureStderr();
+  k.printUsage();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), golden("usage.txt"));
+}
+
+TEST_F(KavletTest, SettingsAndVersionTexts) {
+  TestKavlet k;
+  k.setProgname("/bin/worker");
+  k.type = "stamper";
+  k.kvDir = "/kv";
+  k.kvHost = "kvhost";
+  k.kvPort = 4711;
+  k.testPath = "/docs";
+  k.logFile = "stamper.log";
+  testing::internal::CaptureStderr();
+  k.printObject();
+  k.printVersion();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), golden("settings.txt"));
+}
+
+}  // namespace
