@@ -1,0 +1,167 @@
+#include "kavlet/docfiles/Document.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+// Process-wide: protocol lines are kept unless KV_PROTOCOL, read once when
+// the first protocol is created, says otherwise.
+bool g_protocolOn = true;
+bool g_protocolSwitchRead = false;
+
+void readProtocolSwitch() {
+  if (g_protocolSwitchRead) return;
+  g_protocolSwitchRead = true;
+  const char* v = getenv("KV_PROTOCOL");
+  // Only "on" in any letter case keeps it on; unlike other switches, "yes"
+  // and an empty value turn it off.
+  if (v != nullptr && String(v).lower() != "on") g_protocolOn = false;
+}
+
+}  // namespace
+
+Document::Document(const String& directory, const String& tag, int withProtocol)
+    : tag_(tag), directory_(directory), commands_(new Commands(directory, tag)) {
+  Log log("Document", "Document", __FILE__, __LINE__, 13);
+  if (withProtocol != 0) {
+    protocol_.reset(new Protocol(directory, tag));
+    readProtocolSwitch();
+  }
+}
+
+Document::~Document() {
+  Log log("Document", "~Document", __FILE__, __LINE__, 13);
+  fileHandles_.clear();
+  commands_.reset();
+  protocol_.reset();
+}
+
+int Document::openCommands() {
+  Log log("Document", "openCommands", __FILE__, __LINE__, 13);
+  return commands_->openCommands();
+}
+
+int Document::hasReadPermission() {
+  Log log("Document", "hasReadPermission", __FILE__, __LINE__, 13);
+  return commands_->openFile(FileH::kReadText, 0);
+}
+
+int Document::findKeyInCommands(const String& key) {
+  Log log("Document", "findKeyInCommands", __FILE__, __LINE__, 13);
+  return commands_->findKey(key);
+}
+
+int Document::getValueForFromCommands(const String& key, String& value) {
+  Log log("Document", "getValueForFromCommands", __FILE__, __LINE__, 13);
+  return commands_->getValueFor1(key, value);
+}
+
+String Document::getValueForFromCommands(const String& key) {
+  Log log("Document", "getValueForFromCommands", __FILE__, __LINE__, 13);
+  return commands_->getValueFor2(key);
+}
+
+int Document::getValueForFromCommands(const String& key, List<String>& values) {
+  Log log("Document", "getValueForFromCommands", __FILE__, __LINE__, 13);
+  return commands_->getValueFor3(key, values);
+}
+
+int Document::getValueForFromCommands(const char* key, char*** values) {
+  Log log("Document", "getValueForFromCommands", __FILE__, __LINE__, 13);
+  return commands_->getValueFor(key, values);
+}
+
+int Document::getValueForFromCommands(char*** lines) {
+  Log log("Document", "getValueForFromCommands", __FILE__, __LINE__, 13);
+  return commands_->readAll(lines);
+}
+
+int Document::getAllValuesFromCommands(List<CommandsEntries>& out) {
+  Log log("Document", "getAllValuesFromCommands", __FILE__, __LINE__, 13);
+  return commands_->readAll(out);
+}
+
+int Document::appendToCommands(const String& line) {
+  Log log("Document", "appendToCommands", __FILE__, __LINE__, 13);
+  return commands_->appendToBuffer1(line);
+}
+
+int Document::deleteFromCommands1(const List<CommandsEntries>& list) {
+  Log log("Document", "deleteFromCommands1", __FILE__, __LINE__, 13);
+  return commands_->deleteFromCommands2(list);
+}
+
+int Document::deleteFromCommands2(const CommandsEntries& e) {
+  Log log("Document", "deleteFromCommands2", __FILE__, __LINE__, 13);
+  return commands_->deleteFromCommands3(e);
+}
+
+int Document::deleteFromCommands3(const String& key, const String& value) {
+  Log log("Document", "deleteFromCommands3", __FILE__, __LINE__, 13);
+  return commands_->deleteFromCommands1(key, value);
+}
+
+int Document::integrateChanges() {
+  Log log("Document", "integrateChanges", __FILE__, __LINE__, 13);
+  return commands_->integrateChanges();
+}
+
+int Document::closeCommands() {
+  Log log("Document", "closeCommands", __FILE__, __LINE__, 13);
+  if (commands_->writeBuffer() == 0) return 0;
+  return commands_->closeCommands() != 0 ? 1 : 0;
+}
+
+int Document::appendToProtocol(const String& text) {
+  Log log("Document", "appendToProtocol", __FILE__, __LINE__, 13);
+  if (!g_protocolOn || !protocol_) return 1;
+  return protocol_->appendToBuffer(text);
+}
+
+int Document::closeProtocol() {
+  Log log("Document", "closeProtocol", __FILE__, __LINE__, 13);
+  if (!protocol_) return 1;
+  if (protocol_->writeBuffer() == 0) return 0;
+  return protocol_->closeProtocol() != 0 ? 1 : 0;
+}
+
+int Document::closeAll() {
+  Log log("Document", "closeAll", __FILE__, __LINE__, 13);
+  int result = 1;
+  if (commands_ && closeCommands() == 0) result = 0;
+  if (protocol_ && closeProtocol() == 0) result = 0;
+  for (auto& handle : fileHandles_) {
+    if (handle->closeFile() == 0) result = 0;
+  }
+  return result;
+}
+
+FileH* Document::getfileHPtr(const String& fileName) {
+  Log log("Document", "getfileHPtr", __FILE__, __LINE__, 13);
+  for (auto& handle : fileHandles_) {
+    if (*handle == fileName) return handle.get();
+  }
+  fileHandles_.push_back(std::make_unique<FileH>(fileName, tag_));
+  return fileHandles_.back().get();
+}
+
+FileH* Document::getFileH(const char* fileName) {
+  Log log("Document", "getFileH", __FILE__, __LINE__, 13);
+  return getfileHPtr(String(fileName));
+}
+
+int Document::docMessage(Log& log, int line, int level, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  log.vmsg(line, level, format, args);
+  va_end(args);
+  char text[3000];
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  // Levels 5 and below are the error levels.
+  String entry = level <= 5 ? String("ERROR: ") + text : String(text);
+  return appendToProtocol(entry);
+}

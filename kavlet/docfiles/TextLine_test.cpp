@@ -1,0 +1,208 @@
+#include "kavlet/docfiles/TextLine.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "kavlet/docfiles/SplitString.h"
+#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/ChildProcess.h"
+
+namespace {
+
+using Tokens = std::vector<std::string>;
+
+// Tokens of line under mode until the first null.
+Tokens tokensOf(const char* line, int mode) {
+  TextLine t(line);
+  Tokens out;
+  while (char* token = t.getNextToken(mode)) {
+    out.push_back(token);
+    TextLine::free(token);
+  }
+  return out;
+}
+
+struct TokenCase {
+  const char* line;
+  Tokens expected;
+};
+
+TEST(TextLineQuoted, StateTableOutcomes) {
+  const TokenCase cases[] = {
+      {"TIMESTAMP_FILE \"my file.pdf\" out.txt", {"TIMESTAMP_FILE", "my file.pdf", "out.txt"}},
+      {"  lead \t  trail  ", {"lead", "trail"}},
+      // Outside quotes a quote inside a word and a backslash are literal.
+      {"abc\"def x", {"abc\"def", "x"}},
+      {"a\\\"b", {"a\\\"b"}},
+      {"\\start", {"\\start"}},
+      // Inside quotes blanks are kept.
+      {"\"tab\there  two\"", {"tab\there  two"}},
+      // n backslashes before a quote: n-1 backslashes and a literal quote.
+      {"\"a\\\"b\"", {"a\"b"}},
+      {"\"a\\\\\\\"b\"", {"a\\\\\"b"}},
+      // n backslashes before anything else: all n kept.
+      {"\"a\\b\"", {"a\\b"}},
+      {"\"a\\\\b\"", {"a\\\\b"}},
+      {"\"a\\ b\"", {"a\\ b"}},
+      {"\"x\"\ty", {"x", "y"}},
+      // Text glued to a closing quote, a quote after a closing quote, an
+      // unterminated quote and a backslash at the end inside quotes: errors.
+      {"\"abc\"def next", {}},
+      {"\"abc\"\"def\"", {}},
+      {"ok \"abc", {"ok"}},
+      {"\"abc\\", {}},
+      // The line ends at its first CR or LF.
+      {"A B\r\nC", {"A", "B"}},
+      {"A\nB", {"A"}},
+      {"", {}},
+  };
+  for (const TokenCase& c : cases) EXPECT_EQ(tokensOf(c.line, 1), c.expected) << c.line;
+}
+
+TEST(TextLineQuoted, EmptyQuotedArgumentIsNullButNotTheEnd) {
+  TextLine t("\"\" next");
+  EXPECT_EQ(t.getNextToken(1), nullptr);
+  char* token = t.getNextToken(1);
+  ASSERT_NE(token, nullptr);
+  EXPECT_STREQ(token, "next");
+  TextLine::free(token);
+  EXPECT_EQ(t.getNextToken(1), nullptr);
+  EXPECT_EQ(t.getNextToken(1), nullptr);
+}
+
+TEST(TextLineQuoted, MalformedQuotingLogsAndExhaustsTheLine) {
+  docfiles_test::LogCapture log;
+  TextLine t("\"abc\"def more");
+  EXPECT_EQ(t.getNextToken(1), nullptr);
+  EXPECT_EQ(t.getNextToken(1), nullptr);
+  EXPECT_TRUE(
+      log.contains("error in parsing line for tokens at position -1 in line: '\"abc\"def more'"));
+}
+
+TEST(TextLinePlain, BlanksOnlySeparate) {
+  const TokenCase cases[] = {
+      {"\"a b\"", {"\"a", "b\""}},
+      {"a\\ \"b\"\t\tc ", {"a\\", "\"b\"", "c"}},
+      {"   ", {}},
+      {"A B\r\nC", {"A", "B"}},
+      {"single", {"single"}},
+  };
+  for (const TokenCase& c : cases) EXPECT_EQ(tokensOf(c.line, 0), c.expected) << c.line;
+}
+
+TEST(TextLine, ResetOtherModesAndNullText) {
+  TextLine t("one two");
+  char* a = t.getNextToken(0);
+  t.reset();
+  char* b = t.getNextToken(1);
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  EXPECT_STREQ(a, "one");
+  EXPECT_STREQ(b, "one");
+  TextLine::free(a);
+  TextLine::free(b);
+  TextLine::free(nullptr);
+  EXPECT_EQ(t.getNextToken(2), nullptr);
+  TextLine none(nullptr);
+  EXPECT_EQ(none.length(), 0);
+  EXPECT_EQ(none.getNextToken(1), nullptr);
+  EXPECT_EQ(none.getNextToken(0), nullptr);
+}
+
+TEST(TextLine, TokensOfAnyLength) {
+  std::string big(200000, 'x');
+  std::string line = "K \"" + big + " y\" " + big;
+  EXPECT_EQ(tokensOf(line.c_str(), 1), (Tokens{"K", big + " y", big}));
+  EXPECT_EQ(tokensOf(line.c_str(), 0), (Tokens{"K", "\"" + big, "y\"", big}));
+}
+
+// The switch is process-wide and read once, so each case runs in a process
+// of its own.
+std::string probeTokens(const std::vector<std::string>& steps, const char* value) {
+  std::vector<std::string> argv = {DOCFILES_PROBE};
+  argv.insert(argv.end(), steps.begin(), steps.end());
+  testing_support::ChildOptions o;
+  o.env["DOUBLE_QUOTED_COMMANDS_ARGUMENTS"] = value ? value : testing_support::kUnset;
+  testing_support::ChildResult r = testing_support::runChild(argv, o);
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  return r.out;
+}
+
+TEST(TextLineSwitch, EnvironmentChoosesTheRulesOncePerProcess) {
+  const std::string quoted = "[a b][c]\n";
+  const std::string plain = "[\"a][b\"][c]\n";
+  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, nullptr), quoted);
+  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "JA"), quoted);
+  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "On"), quoted);
+  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "No"), plain);
+  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "OFF"), plain);
+  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, ""), plain);
+  // Changing the variable later in the process changes nothing.
+  EXPECT_EQ(
+      probeTokens({"tok:\"a b\" c", "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=no", "tok:\"a b\" c"},
+                  nullptr),
+      quoted + quoted);
+  EXPECT_EQ(
+      probeTokens({"tok:\"a b\" c", "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=yes", "tok:\"a b\" c"},
+                  "0"),
+      plain + plain);
+}
+
+struct KeyValCase {
+  const char* line;
+  int result;
+  const char* key;
+  const char* value;
+};
+
+TEST(GetKeyAndVal, KeysAndValues) {
+  const KeyValCase cases[] = {
+      {"KEY", 1, "KEY", ""},
+      {"KEY   value with  blanks ", 1, "KEY", "value with  blanks "},
+      {"  KEY V", 1, "  KEY", "V"},
+      {"\tK\t \tv\t", 1, "\tK", "v\t"},
+      {"KEY   ", 1, "KEY", ""},
+      {"COMP a\r\n", 1, "COMP", "a"},
+      {"COMP a\n", 1, "COMP", "a"},
+      {"A b\rC d\n", 1, "A", "b"},
+      {"", 0, "", ""},
+      {"\r\n", 0, "", ""},
+      {" \t ", 0, "", ""},
+  };
+  for (const KeyValCase& c : cases) {
+    String key = "old";
+    String value = "old";
+    EXPECT_EQ(getKeyAndVal(c.line, key, value), c.result) << c.line;
+    EXPECT_EQ(key.str(), c.key) << c.line;
+    EXPECT_EQ(value.str(), c.value) << c.line;
+  }
+}
+
+TEST(SplitString, KeepsEmptyPieces) {
+  struct Case {
+    const char* text;
+    char sep;
+    std::vector<std::string> parts;
+  };
+  const Case cases[] = {
+      {"a,,b", ',', {"a", "", "b"}},
+      {"a,", ',', {"a", ""}},
+      {",", ',', {"", ""}},
+      {"abc", ',', {"abc"}},
+      {"loglevel  9", ' ', {"loglevel", "", "9"}},
+  };
+  for (const Case& c : cases) {
+    std::vector<String> parts;
+    ASSERT_EQ(SplitString::split(c.text, parts, c.sep), static_cast<int>(c.parts.size())) << c.text;
+    for (size_t i = 0; i < c.parts.size(); ++i) EXPECT_EQ(parts[i].str(), c.parts[i]) << c.text;
+  }
+  std::vector<String> parts(5, String("stale"));
+  EXPECT_EQ(SplitString::split("", parts, ','), 0);
+  EXPECT_EQ(SplitString::split("x y", parts, ' '), 2);
+  EXPECT_EQ(parts[0], "x");
+  EXPECT_EQ(parts[1], "y");
+}
+
+}  // namespace
