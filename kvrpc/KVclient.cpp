@@ -1,0 +1,358 @@
+#include "kvrpc/KVclient.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "base/Log.h"
+#include "kvrpc/HostIdent.h"
+#include "kvrpc/KVprot.h"
+#include "rpc/Clnt.h"
+
+namespace {
+
+constexpr int kByeSeconds = 5;
+constexpr int kCrtTotalSeconds = 15;
+constexpr int kCrtRetrySeconds = 2;
+
+struct ClientState {
+  CLIENT* registration = nullptr;
+  hello_kl hello{};
+  std::string helloType;  // owns hello.type's characters
+  int totalTimeout = 60;
+  int retryInterval = 2;
+  // One value shared by every call, changed by client creation (retry), the
+  // registration (total) and KVcrt; later calls inherit what the last one set.
+  timeval sharedTimeout{0, 0};
+  uint16_t kvPort = KV_DEFAULT_PORT;
+  bool portFixed = false;
+  long programOffset = 0;
+  std::string hostOverride, typeOverride;
+  bool hostOverridden = false, typeOverridden = false;
+  bool simulation = false;
+  bool envRead = false;
+};
+
+ClientState& st() {
+  static ClientState s;
+  return s;
+}
+
+struct ClientDestroy {
+  void operator()(CLIENT* c) const { clnt_destroy(c); }
+};
+using ClientPtr = std::unique_ptr<CLIENT, ClientDestroy>;
+
+const char* orNull(const char* text) { return text ? text : "NULL"; }
+// The wire has no null string; an absent text travels as an empty one.
+char* wireText(const char* text) { return const_cast<char*>(text ? text : ""); }
+
+// Prints the client's last RPC error to standard error and to the log.
+void reportRpcError(Log& log, int line, CLIENT* client, const char* prefix) {
+  log.msg(line, 2, "%s", clnt_sperror(client, prefix));
+  clnt_perror(client, prefix);
+}
+
+void applyOverrides(Log& log, const char** host, const char** type) {
+  ClientState& s = st();
+  if (s.hostOverridden) {
+    log.msg(__LINE__, 5, "libkavlet: using hostname '%s' and not '%s'", s.hostOverride.c_str(),
+            orNull(*host));
+    *host = s.hostOverride.c_str();
+  }
+  if (s.typeOverridden) {
+    log.msg(__LINE__, 5, "libkavlet: using type '%s' and not '%s'", s.typeOverride.c_str(),
+            orNull(*type));
+    *type = s.typeOverride.c_str();
+  }
+}
+
+// The tool's own address (first address of the host) with port 0.
+sockaddr_kl ownAddress() {
+  sockaddr_kl kl{};
+  const HostAddress& a = getMyInetAddr().front();
+  kl.family = static_cast<u_short>(a.family());
+  kl.port = 0;
+  if (a.family() == AF_INET6) {
+    memcpy(kl.address, &reinterpret_cast<const sockaddr_in6*>(&a.addr)->sin6_addr, 16);
+  } else {
+    memcpy(kl.address, &reinterpret_cast<const sockaddr_in*>(&a.addr)->sin_addr, 4);
+  }
+  return kl;
+}
+
+// Text form of a record's address for log lines.
+std::string klText(const sockaddr_kl& kl) {
+  sockaddr_storage ss{};
+  if (kl.family == AF_INET) {
+    auto* s4 = reinterpret_cast<sockaddr_in*>(&ss);
+    s4->sin_family = AF_INET;
+    s4->sin_port = htons(kl.port);
+    memcpy(&s4->sin_addr, kl.address, 4);
+  } else {
+    auto* s6 = reinterpret_cast<sockaddr_in6*>(&ss);
+    s6->sin6_family = AF_INET6;
+    s6->sin6_port = htons(kl.port);
+    memcpy(&s6->sin6_addr, kl.address, 16);
+  }
+  char text[INET6_ADDRSTRLEN + 16];
+  return addressText(reinterpret_cast<sockaddr*>(&ss), 1, text, sizeof text);
+}
+
+timeval seconds(int s) { return timeval{s, 0}; }
+
+// Creates the callback service when none exists yet. Returns false on failure.
+bool ensureService(int protocol) {
+  return ToolServiceSocket() != 0 || ToolCreateService(protocol) >= 0;
+}
+
+}  // namespace
+
+void getEnv() {
+  Log log("KVclient", "getEnv", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  if (s.envRead) return;
+  s.envRead = true;
+  if (const char* host = getenv("kavletHOST")) {
+    s.hostOverride = host;
+    s.hostOverridden = true;
+  }
+  if (const char* type = getenv("kavletTYPE")) {
+    s.typeOverride = type;
+    s.typeOverridden = true;
+  }
+  if (const char* klcto = getenv("KLCTO")) {
+    char* end = nullptr;
+    s.totalTimeout = static_cast<int>(strtol(klcto, &end, 10));
+    if (s.totalTimeout < 0) s.totalTimeout = 0;
+    if (*end == '/') {
+      int retry = atoi(end + 1);
+      // A zero interval would resend without pause; keep the default then.
+      if (retry > 0) s.retryInterval = retry;
+    }
+    log.msg(__LINE__, 9, "KLCTO=%s: total %d s, retry %d s", klcto, s.totalTimeout,
+            s.retryInterval);
+  }
+  if (const char* offset = getenv("RPC_OFFSET")) s.programOffset = atol(offset);
+  if (const char* port = getenv("KVPORT")) {
+    long p = atol(port);
+    if (p > 0 && p <= 65535 && !s.portFixed) s.kvPort = static_cast<uint16_t>(p);
+  }
+}
+
+void KVSetPort(uint16_t port) {
+  Log log("KVclient", "KVSetPort", __FILE__, __LINE__, 13);
+  st().kvPort = port;
+  st().portFixed = true;
+}
+
+int KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
+  Log log("KVclient", "KVclnt_create", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  HostAddressList addresses;
+  if (resolveHost(host, &addresses) != 0) {
+    log.msg(__LINE__, 5, "KVconnect: cannot get addess for '%s'", orNull(host));
+    return -2;
+  }
+  HostAddress& kv = addresses.front();
+  if (kv.family() == AF_INET6) {
+    reinterpret_cast<sockaddr_in6*>(&kv.addr)->sin6_port = htons(port);
+  } else {
+    reinterpret_cast<sockaddr_in*>(&kv.addr)->sin_port = htons(port);
+  }
+  s.sharedTimeout = seconds(s.retryInterval);
+  int sock = RPC_ANYSOCK;
+  CLIENT* c = clntudp_create(kv.sa(), KVPROG + s.programOffset, KVVERS, s.sharedTimeout, &sock);
+  if (c == nullptr) {
+    log.msg(__LINE__, 2, "%s", clnt_spcreateerror("clntudp_create"));
+    clnt_pcreateerror("clntudp_create");
+    return -4;
+  }
+  *client = c;
+  return 0;
+}
+
+int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo) {
+  Log log("KVclient", "KVconnect", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 8, "KVconnect(host='%s',type='%s',port=%u,op_or_info=%d)", orNull(host),
+          orNull(type), servicePort, opOrInfo);
+  getEnv();
+  applyOverrides(log, &host, &type);
+  ClientState& s = st();
+
+  s.hello.address = ownAddress();
+  s.hello.address.port = servicePort;
+  s.helloType = type ? type : "";
+  s.hello.type = const_cast<char*>(s.helloType.c_str());
+  log.msg(__LINE__, 8, "I am %s on %s", s.hello.type, klText(s.hello.address).c_str());
+
+  if (s.registration != nullptr) {  // left over from a hello that got no answer
+    clnt_destroy(s.registration);
+    s.registration = nullptr;
+  }
+  int rc = KVclnt_create(host, s.kvPort, &s.registration);
+  if (rc != 0) return rc;
+
+  s.sharedTimeout.tv_sec = s.totalTimeout;
+  int answer = 0;
+  u_long proc = opOrInfo == 1 ? KVPROC_HI : KVPROC_INFO;
+  if (clnt_call(s.registration, proc, xdr_proc<xdr_hello_kl>, &s.hello, xdr_proc<xdr_int>, &answer,
+                s.sharedTimeout) != RPC_SUCCESS) {
+    reportRpcError(log, __LINE__, s.registration, "rpc(hello)");
+    return -3;
+  }
+  log.msg(__LINE__, 9, "answer %d", answer);
+  if (answer != 0) {
+    log.msg(__LINE__, 9, "KV accepted me");
+    return 0;
+  }
+  clnt_destroy(s.registration);
+  s.registration = nullptr;
+  return -1;
+}
+
+int KVhi(const char* host, const char* type, ToolWorkCallback work, ToolCtrlCallback ctrl) {
+  Log log("KVclient", "KVhi", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
+  if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
+  if (!ensureService(s.simulation ? 17 : 0)) {
+    log.msg(__LINE__, 5, "KVhi: ToolCreateService() failed; creating the Kavlet service failed");
+    return -5;
+  }
+  ToolSetCallbacks(work, ctrl);
+  if (s.simulation) return ToolServiceSocket();
+  int rc = KVconnect(host, type, ToolServicePort(), 1);
+  return rc < 0 ? rc : ToolServiceSocket();
+}
+
+int KVinfo(const char* host, const char* type, ToolInfoCallback info) {
+  Log log("KVclient", "KVinfo", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
+  if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
+  if (!ensureService(s.simulation ? 17 : 0)) {
+    log.msg(__LINE__, 5, "KVinfo: ToolCreateService() failed; creating the Kavlet service failed");
+    return -1;
+  }
+  ToolSetInfoCallback(info);
+  if (s.simulation) return ToolServiceSocket();
+  int rc = KVconnect(host, type, ToolServicePort(), 0);
+  if (rc < 0) return rc;
+  log.msg(__LINE__, 8, "KVinfo on in_sock %d", ToolServiceSocket());
+  return ToolServiceSocket();
+}
+
+int KVop(const char* document, const char* text2, const char* text3) {
+  Log log("KVclient", "KVop", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  if (s.simulation) {
+    log.msg(__LINE__, 5, "KVop('%s','%s','%s')\n", orNull(document), orNull(text2), orNull(text3));
+    return 0;
+  }
+  if (s.registration == nullptr) {
+    log.msg(__LINE__, 2, "KVop: not registered with a KV");
+    return 1;
+  }
+  op_kl op{};
+  op.address = s.hello.address;
+  op.document = wireText(document);
+  op.status = wireText(text2);
+  op.comment = wireText(text3);
+  int answer = 0;
+  if (clnt_call(s.registration, KVPROC_OP, xdr_proc<xdr_op_kl>, &op, xdr_proc<xdr_int>, &answer,
+                s.sharedTimeout) != RPC_SUCCESS) {
+    reportRpcError(log, __LINE__, s.registration, "KVop");
+    return 1;
+  }
+  return answer;
+}
+
+int KVcrt(const char* hostname, const char* type, const char* path, const char* operation,
+          const char* comment) {
+  Log log("KVclient", "KVcrt", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 8, "KVcrt(hostname='%s', type='%s', path='%s', operation='%s',comment='%s')",
+          orNull(hostname), orNull(type), orNull(path), orNull(operation), orNull(comment));
+  ClientState& s = st();
+  // Deliberately module-wide: every later call (KVop too) keeps these values.
+  s.totalTimeout = kCrtTotalSeconds;
+  s.retryInterval = kCrtRetrySeconds;
+  getEnv();
+  applyOverrides(log, &hostname, &type);
+  if (s.simulation) {
+    log.msg(__LINE__, 5, "KVcrt('%s', '%s', '%s', '%s', '%s')", orNull(hostname), orNull(type),
+            orNull(path), orNull(operation), orNull(comment));
+    return 0;
+  }
+  crt_kl crt{};
+  crt.type = wireText(type);
+  crt.address = ownAddress();
+  crt.path = wireText(path);
+  crt.operation = wireText(operation);
+  crt.comment = wireText(comment);
+  CLIENT* raw = nullptr;
+  int rc = KVclnt_create(hostname, s.kvPort, &raw);
+  if (rc != 0) return rc;
+  ClientPtr client(raw);
+
+  s.sharedTimeout.tv_sec = s.totalTimeout;
+  int answer = 0;
+  if (clnt_call(client.get(), KVPROC_CRT, xdr_proc<xdr_crt_kl>, &crt, xdr_proc<xdr_int>, &answer,
+                s.sharedTimeout) != RPC_SUCCESS) {
+    reportRpcError(log, __LINE__, client.get(), "KVcrt");
+    return 1;
+  }
+  log.msg(__LINE__, 9, "answer %d", answer);
+  client.reset();
+  log.msg(__LINE__, 8, answer != 0 ? "KV refuses document" : "KV accepted document");
+  return answer;
+}
+
+int KVcrt2(const char* path, const char* operation, const char* comment) {
+  Log log("KVclient", "KVcrt2", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  if (s.registration == nullptr) {
+    log.msg(__LINE__, 2, "KVcrt2: not registered with a KV");
+    return 1;
+  }
+  crt_kl crt{};
+  crt.type = s.hello.type;
+  crt.address = s.hello.address;
+  crt.path = wireText(path);
+  crt.operation = wireText(operation);
+  crt.comment = wireText(comment);
+  int answer = 0;
+  if (clnt_call(s.registration, KVPROC_CRT, xdr_proc<xdr_crt_kl>, &crt, xdr_proc<xdr_int>, &answer,
+                s.sharedTimeout) != RPC_SUCCESS) {
+    reportRpcError(log, __LINE__, s.registration, "KVcrt2");
+    return 1;
+  }
+  return answer;
+}
+
+void KValive() {
+  Log log("KVclient", "KValive", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  if (s.registration == nullptr) return;
+  // A zero time-out sends the message once and waits for nothing.
+  clnt_call(s.registration, KVPROC_ALIVE, xdr_proc<xdr_hello_kl>, &s.hello, xdr_proc<xdr_void>,
+            nullptr, seconds(0));
+}
+
+void KVbye() {
+  Log log("KVclient", "KVbye", __FILE__, __LINE__, 13);
+  ClientState& s = st();
+  if (s.registration == nullptr) return;
+  // From now on a late control message ends the process and a late order is only logged.
+  ToolResetCallbacks();
+  if (clnt_call(s.registration, KVPROC_BYE, xdr_proc<xdr_hello_kl>, &s.hello, xdr_proc<xdr_void>,
+                nullptr, seconds(kByeSeconds)) != RPC_SUCCESS) {
+    reportRpcError(log, __LINE__, s.registration, "KVbye");
+  }
+  clnt_destroy(s.registration);
+  s.registration = nullptr;
+}

@@ -1,0 +1,71 @@
+// KVclient: the tool's calls to the KV: registration (KVhi, KVinfo),
+// result reports (KVop), document creation (KVcrt, KVcrt2), keep-alive and
+// goodbye.
+//
+// One registration per process: the module keeps the registration client, the
+// registration record, the time-outs, the KV port and the environment it read
+// (getEnv). The callbacks live in the tool service (ToolService.h), which
+// KVhi/KVinfo create. Results: 0 for success, -1 to -5 for registration
+// failures (KVstringError gives their texts), 1 when a call itself failed,
+// otherwise the KV's answer. Single-threaded: called from the worker's main
+// thread (and its signal thread only for the goodbye).
+//
+// Environment, read once by getEnv: kavletHOST and kavletTYPE replace the
+// host and type the caller passes; KLCTO is "total[/retry]" in seconds (default
+// 60/2); RPC_OFFSET is added to the KV's program number (never to the tool's);
+// KVPORT sets the KV's port (default 4032) unless KVSetPort was called first.
+#ifndef KVRPC_KVCLIENT_H_
+#define KVRPC_KVCLIENT_H_
+
+#include <cstdint>
+
+#include "kvrpc/ToolService.h"
+
+struct CLIENT;
+
+// Registers the tool as a worker of type with the KV on host ("DEBUG":
+// simulation, nothing is sent). Creates the callback service on first use and
+// installs the non-null callbacks. Returns the service socket (>= 0), or -1
+// (type not needed), -2 (host unknown), -3 (no answer), -4 (client creation),
+// -5 (service creation).
+int KVhi(const char* host, const char* type, ToolWorkCallback work, ToolCtrlCallback ctrl);
+
+// Registers the tool for information messages; the info callback (null too)
+// is installed. Returns the service socket or -1 to -4 (-1 also when the
+// service cannot be made).
+int KVinfo(const char* host, const char* type, ToolInfoCallback info);
+
+// The registration exchange of KVhi (opOrInfo 1) and KVinfo (0): tells the KV
+// on host that a tool of type serves on servicePort. Returns 0 or -1 to -4.
+int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo);
+
+// Reports the result of the order on document. Returns the KV's
+// result-report code (0 = ok), or 1 when the call failed.
+int KVop(const char* document, const char* text2, const char* text3);
+
+// Asks the KV on hostname to create the document path, over a client of its
+// own. Sets the module's time-outs to 15 s total / 2 s retry for every later
+// call. Returns 0 (accepted), the KV's refusal code, 1 (call failed), -2 or -4.
+int KVcrt(const char* hostname, const char* type, const char* path, const char* operation,
+          const char* comment);
+
+// The same through the registration client (only after a successful KVhi).
+// Returns the KV's answer or 1.
+int KVcrt2(const char* path, const char* operation, const char* comment);
+
+// Tells the KV that the tool is alive: sent once, no answer awaited.
+void KValive();
+// Says goodbye and drops the registration; afterwards the default callbacks
+// are in place again, so a late control message ends the process.
+void KVbye();
+// Fixes the KV's port; KVPORT no longer overrides it.
+void KVSetPort(uint16_t port);
+
+// Makes a UDP client for the KV's program on host:port, retransmitting every
+// retry interval. Returns 0 with *client set, -2 (host unknown) or -4.
+int KVclnt_create(const char* host, uint16_t port, CLIENT** client);
+
+// Reads the environment variables above; only the first call does anything.
+void getEnv();
+
+#endif  // KVRPC_KVCLIENT_H_

@@ -1,0 +1,179 @@
+#include "kvrpc/ToolService.h"
+
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/Log.h"
+#include "kvrpc/KVprot.h"
+#include "rpc/Svc.h"
+#include "rpc/SvcUdp.h"
+
+namespace {
+
+struct ServiceState {
+  int socket = 0;  // 0: no service yet
+  uint16_t port = 0;
+  uint32_t socketMask = 0;
+  SVCXPRT* v4 = nullptr;  // owned by the runtime's descriptor table
+  SVCXPRT* v6 = nullptr;
+  ToolWorkCallback work = DefaultWorker;
+  ToolCtrlCallback ctrl = DefaultCtrl;
+  ToolInfoCallback info = nullptr;
+  void (*exitFn)(int) = exit;
+};
+
+ServiceState& state() {
+  static ServiceState s;
+  return s;
+}
+
+// Source file names in messages carry no directory.
+const char* baseName(const char* path) {
+  const char* slash = strrchr(path, '/');
+  return slash ? slash + 1 : path;
+}
+
+void endProcess(int status) {
+  Log::flush();
+  state().exitFn(status);
+}
+
+}  // namespace
+
+int ToolCreateService(int protocol) {
+  Log log("ToolService", "ToolCreateService", __FILE__, __LINE__, 13);
+  ServiceState& s = state();
+
+  sockaddr_in v4{};
+  v4.sin_family = AF_INET;
+  v4.sin_addr.s_addr = htonl(INADDR_ANY);
+  v4.sin_port = 0;
+  SVCXPRT* xprt = svcudp_create(&v4);
+  if (xprt == nullptr) {
+    log.msg(__LINE__, 5, "cannot create socket");
+    return -1;
+  }
+  if (!svc_register(xprt, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {
+    log.msg(__LINE__, 5, "cannot register Tool service");
+    svc_destroy(xprt);
+    return -1;
+  }
+  s.v4 = xprt;
+  s.port = xprt->xp_port;
+  log.msg(__LINE__, 8, "ToolCreateService on port %d", s.port);
+  s.socket = xprt->xp_sock;
+  s.socketMask |= 1u << (xprt->xp_sock % 32);
+
+  // IPv6 is optional: a host without it is served on IPv4 alone.
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_addr = in6addr_any;
+  v6.sin6_port = htons(s.port);
+  SVCXPRT* xprt6 = svcudp_create(&v6);
+  if (xprt6 == nullptr) {
+    log.msg(__LINE__, 5,
+            "Can`t create service for IPV6, the call of function svcudp_create() failed: '%s'",
+            strerror(errno));
+  } else if (!svc_register(xprt6, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {
+    log.msg(__LINE__, 8, "cannot register Tool service");
+  } else {
+    s.v6 = xprt6;
+  }
+  return s.socket;
+}
+
+void ToolDispatch(svc_req* request, SVCXPRT* transport) {
+  Log log("ToolService", "ToolDispatch", __FILE__, __LINE__, 13);
+  ServiceState& s = state();
+  u_long proc = request->rq_proc;
+  log.msg(__LINE__, 8, "ToolDispatch %d", static_cast<int>(proc));
+  if (proc > TOOLPROC_INFO) {
+    svcerr_noproc(transport);
+    return;
+  }
+  order_kl order{};
+  if (!svc_getargs(transport, xdr_proc<xdr_order_kl>, &order)) {
+    log.msg(__LINE__, 5, "cannot decode arguments");
+    svcerr_decode(transport);
+    return;
+  }
+  log.msg(__LINE__, 9, "%d(%d, \"%s\")", static_cast<int>(proc), order.number,
+          order.text ? order.text : "NULL");
+
+  switch (proc) {
+    case TOOLPROC_NULL:
+      svc_sendreply(transport, xdr_proc<xdr_void>, nullptr);
+      break;
+    case TOOLPROC_WORK: {
+      // The acknowledgement goes out before the work: the KV's call returns at
+      // once and the result travels later by KVop. An order we could not
+      // acknowledge is left alone, because the KV sends it again.
+      int ack = 1;
+      if (!svc_sendreply(transport, xdr_proc<xdr_int>, &ack)) {
+        log.msg(__LINE__, 5,
+                "ToolDispatch: cannot reply; so we don't work on document '%s'; the KV will "
+                "retry this order",
+                order.text ? order.text : "NULL");
+        break;
+      }
+      s.work(order.number, order.text);
+      log.msg(__LINE__, 9, "%s %d worker returns", baseName(__FILE__), __LINE__);
+      if (order.number == 2) {
+        svc_freeargs(transport, xdr_proc<xdr_order_kl>, &order);
+        endProcess(0);
+        return;
+      }
+      break;
+    }
+    case TOOLPROC_CTRL: {
+      int result = s.ctrl(order.number, order.text);
+      if (!svc_sendreply(transport, xdr_proc<xdr_int>, &result)) {
+        log.msg(__LINE__, 5, "ToolDisiggh gfghpatch: cannot reply");
+      }
+      break;
+    }
+    case TOOLPROC_INFO:
+      // Information messages are one-way: no reply, not even an empty one.
+      if (s.info != nullptr) {
+        s.info(order.text, order.number);
+      } else {
+        svcerr_noproc(transport);
+      }
+      break;
+  }
+  svc_freeargs(transport, xdr_proc<xdr_order_kl>, &order);
+}
+
+void DefaultWorker(int number, const char* text) {
+  Log log("ToolService", "DefaultWorker", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 5, "DefaultWorker(%d, '%s')", number, text ? text : "NULL");
+}
+
+int DefaultCtrl(int number, const char* text) {
+  Log log("ToolService", "DefaultCtrl", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 5, "DefaultCtrl(%d,'%s')", number, text ? text : "NULL");
+  endProcess(0);
+  return 0;
+}
+
+int ToolServiceSocket() { return state().socket; }
+uint16_t ToolServicePort() { return state().port; }
+uint32_t ToolSocketMask() { return state().socketMask; }
+SVCXPRT* ToolServiceTransport(bool ipv6) { return ipv6 ? state().v6 : state().v4; }
+
+void ToolSetCallbacks(ToolWorkCallback work, ToolCtrlCallback ctrl) {
+  if (work != nullptr) state().work = work;
+  if (ctrl != nullptr) state().ctrl = ctrl;
+}
+
+void ToolResetCallbacks() {
+  state().work = DefaultWorker;
+  state().ctrl = DefaultCtrl;
+}
+
+void ToolSetInfoCallback(ToolInfoCallback info) { state().info = info; }
+
+void ToolSetExitFunction(void (*exitFn)(int status)) { state().exitFn = exitFn ? exitFn : exit; }

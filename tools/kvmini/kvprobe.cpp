@@ -1,0 +1,155 @@
+// kvprobe: runs the worker's KV client calls and callback service from the
+// command line, one step after the other, so that tests can drive them in a
+// fresh process (the module reads its environment once per process) against
+// kvmini or a libtirpc client. The counterpart of kvmini, built on our own
+// runtime.
+//
+//   kvprobe [-l LEVEL] [-opwork] STEP...
+//
+// Steps and what they print on standard output (one line each; "ms=" is how
+// long the step took):
+//   setport N                      KVSetPort(N)
+//   hi HOST TYPE                   "hi <result> ms=<ms>"
+//   info HOST TYPE                 "info <result> ms=<ms>"
+//   op DOC STATUS COMMENT          "op <result> ms=<ms>"
+//   crt HOST TYPE PATH OP COMMENT  "crt <result> ms=<ms>"
+//   crt2 PATH OP COMMENT           "crt2 <result> ms=<ms>"
+//   alive | bye                    "alive ms=<ms>" / "bye ms=<ms>"
+//   port                           "port <service port> socket <service socket>"
+//   myname                         "myname <MY_HOST_NAME>" and "myaddr <address>" lines
+//   resolve NAME                   "resolve <rc> <address>..."
+//   sleep MS
+//   serve                          svc_run until a control message 5 arrives
+// While serving, callbacks print "WORK <n> <text>", "CTRL <n> <text>" (the
+// reply is 100 + n; code 5 also ends the loop) and "INFO <text> <n>". With
+// -opwork every work order is answered with KVop(text, "ok", "") ("op ...").
+// -l LEVEL switches log levels 5..LEVEL on (the log goes to standard error).
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "base/Log.h"
+#include "kvrpc/HostIdent.h"
+#include "kvrpc/KVclient.h"
+#include "kvrpc/ToolService.h"
+#include "rpc/Svc.h"
+
+namespace {
+
+bool opAfterWork = false;
+
+long long nowMs() {
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  return tv.tv_sec * 1000LL + tv.tv_usec / 1000;
+}
+
+void out(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void out(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vprintf(format, args);
+  va_end(args);
+  putchar('\n');
+  fflush(stdout);
+}
+
+void probeWork(int number, const char* text) {
+  out("WORK %d %s", number, text ? text : "NULL");
+  if (opAfterWork) out("op %d", KVop(text, "ok", ""));
+}
+
+int probeCtrl(int number, const char* text) {
+  out("CTRL %d %s", number, text ? text : "NULL");
+  if (number == KVctrlEXIT) terminateSvcrun();
+  return 100 + number;
+}
+
+void probeInfo(const char* text, int number) { out("INFO %s %d", text ? text : "NULL", number); }
+
+int usage() {
+  fprintf(stderr, "usage: kvprobe [-l LEVEL] [-opwork] STEP...\n");
+  return 64;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Log::init();
+  int i = 1;
+  for (; i < argc && argv[i][0] == '-'; ++i) {
+    if (strcmp(argv[i], "-l") == 0 && i + 1 < argc) {
+      int level = atoi(argv[++i]);
+      for (int l = 5; l <= level && l <= Log::kMaxLevel; ++l) Log::setLevel(l, 1);
+    } else if (strcmp(argv[i], "-opwork") == 0) {
+      opAfterWork = true;
+    } else {
+      return usage();
+    }
+  }
+  for (; i < argc; ++i) {
+    std::string step = argv[i];
+    int left = argc - i - 1;
+    long long start = nowMs();
+    auto ms = [start] { return nowMs() - start; };
+    if (step == "setport" && left >= 1) {
+      KVSetPort(static_cast<uint16_t>(atoi(argv[++i])));
+    } else if (step == "hi" && left >= 2) {
+      int rc = KVhi(argv[i + 1], argv[i + 2], probeWork, probeCtrl);
+      i += 2;
+      out("hi %d ms=%lld", rc, ms());
+    } else if (step == "info" && left >= 2) {
+      int rc = KVinfo(argv[i + 1], argv[i + 2], probeInfo);
+      i += 2;
+      out("info %d ms=%lld", rc, ms());
+    } else if (step == "op" && left >= 3) {
+      int rc = KVop(argv[i + 1], argv[i + 2], argv[i + 3]);
+      i += 3;
+      out("op %d ms=%lld", rc, ms());
+    } else if (step == "crt" && left >= 5) {
+      int rc = KVcrt(argv[i + 1], argv[i + 2], argv[i + 3], argv[i + 4], argv[i + 5]);
+      i += 5;
+      out("crt %d ms=%lld", rc, ms());
+    } else if (step == "crt2" && left >= 3) {
+      int rc = KVcrt2(argv[i + 1], argv[i + 2], argv[i + 3]);
+      i += 3;
+      out("crt2 %d ms=%lld", rc, ms());
+    } else if (step == "alive") {
+      KValive();
+      out("alive ms=%lld", ms());
+    } else if (step == "bye") {
+      KVbye();
+      out("bye ms=%lld", ms());
+    } else if (step == "port") {
+      out("port %u socket %d", ToolServicePort(), ToolServiceSocket());
+    } else if (step == "myname") {
+      out("myname %s", MY_HOST_NAME());
+      char text[80];
+      for (const HostAddress& a : getMyInetAddr()) {
+        out("myaddr %s", addressText(a.sa(), 0, text, sizeof text));
+      }
+    } else if (step == "resolve" && left >= 1) {
+      HostAddressList list;
+      int rc = resolveHost(argv[++i], &list);
+      std::string line = "resolve " + std::to_string(rc);
+      char text[80];
+      for (const HostAddress& a : list)
+        line += std::string(" ") + addressText(a.sa(), 0, text, sizeof text);
+      out("%s", line.c_str());
+    } else if (step == "sleep" && left >= 1) {
+      usleep(static_cast<useconds_t>(atoi(argv[++i])) * 1000);
+    } else if (step == "serve") {
+      svc_run();
+      out("served");
+    } else {
+      return usage();
+    }
+  }
+  Log::flush();
+  return 0;
+}
