@@ -1,0 +1,153 @@
+#include "tstl/CAsn1time.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "testing/DerTest.h"
+#include "testing/Hex.h"
+#include "testing/LogCapture.h"
+
+using testing_support::derHex;
+using testing_support::LogCapture;
+using testing_support::setDerHex;
+
+namespace {
+
+// The DER of a time text under the given identifier.
+std::string timeHex(int tag, const std::string& text) {
+  std::string bytes;
+  bytes += static_cast<char>(tag);
+  bytes += static_cast<char>(text.size());
+  bytes += text;
+  return testing_support::toHex(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+}
+
+}  // namespace
+
+TEST(CAsn1time, ParsesEveryTextForm) {
+  struct Case {
+    int tag;
+    const char* text;
+    int type, year, month, day, hour, minute, second, tzHours, tzMinutes;
+    double fraction;
+    const char* display;
+  } cases[] = {
+      {0x17, "991231235959Z", 23, 1999, 12, 31, 23, 59, 59, 0, 0, 0, "1999-12-31 23:59:59 GMT"},
+      {0x17, "500101000000Z", 23, 2050, 1, 1, 0, 0, 0, 0, 0, 0, "2050-01-01 00:00:00 GMT"},
+      {0x17, "510101000000Z", 23, 1951, 1, 1, 0, 0, 0, 0, 0, 0, "1951-01-01 00:00:00 GMT"},
+      {0x17, "0401020304+0130", 23, 2004, 1, 2, 3, 4, -1, 1, 30, 0, "2004-01-02 03:04 GMT+0130"},
+      {0x17, "0401020304Z", 23, 2004, 1, 2, 3, 4, -1, 0, 0, 0, "2004-01-02 03:04 GMT"},
+      {0x17, "040102030405-0545", 23, 2004, 1, 2, 3, 4, 5, -5, -45, 0,
+       "2004-01-02 03:04:05 GMT-0545"},
+      {0x18, "20240102030405.5Z", 24, 2024, 1, 2, 3, 4, 5, 0, 0, 0.5, "2024-01-02 03:04:05.5 GMT"},
+      {0x18, "20240102030405.125Z", 24, 2024, 1, 2, 3, 4, 5, 0, 0, 0.125,
+       "2024-01-02 03:04:05.125 GMT"},
+      {0x18, "20240102030405Z", 24, 2024, 1, 2, 3, 4, 5, 0, 0, 0, "2024-01-02 03:04:05 GMT"},
+      // The type follows the text, not the identifier octet.
+      {0x18, "991231235959Z", 23, 1999, 12, 31, 23, 59, 59, 0, 0, 0, "1999-12-31 23:59:59 GMT"},
+  };
+  for (const Case& c : cases) {
+    CAsn1time t;
+    ASSERT_EQ(setDerHex(t, timeHex(c.tag, c.text)), 0) << c.text;
+    EXPECT_EQ(t.type, c.type) << c.text;
+    EXPECT_EQ(t.year, c.year) << c.text;
+    EXPECT_EQ(t.month, c.month) << c.text;
+    EXPECT_EQ(t.day, c.day) << c.text;
+    EXPECT_EQ(t.hour, c.hour) << c.text;
+    EXPECT_EQ(t.minute, c.minute) << c.text;
+    EXPECT_EQ(t.second, c.second) << c.text;
+    EXPECT_EQ(t.tzHours, c.tzHours) << c.text;
+    EXPECT_EQ(t.tzMinutes, c.tzMinutes) << c.text;
+    EXPECT_DOUBLE_EQ(t.fraction, c.fraction) << c.text;
+    EXPECT_EQ(t.displayText(), c.display);
+  }
+}
+
+TEST(CAsn1time, ReencodesIdentically) {
+  const char* texts[] = {"991231235959Z",     "0401020304+0130",     "040102030405-0545",
+                         "20240102030405.5Z", "20240102030405.125Z", "20240102030405Z"};
+  for (const char* text : texts) {
+    CAsn1time t;
+    int tag = strlen(text) >= 15 && text[14] != '+' && text[14] != '-' && text[12] != '-' &&
+                      text[12] != '+' && text[10] != '+'
+                  ? 0x18
+                  : 0x17;
+    if (std::string(text).find_first_of("+-Z.") == 12 ||
+        std::string(text).find_first_of("+-Z.") == 10)
+      tag = 0x17;
+    ASSERT_EQ(setDerHex(t, timeHex(tag, text)), 0) << text;
+    EXPECT_EQ(derHex(t), timeHex(tag, text)) << text;
+  }
+}
+
+TEST(CAsn1time, GeneralizedTimeIsWrittenInGmtWhateverTheOffset) {
+  CAsn1time t;
+  t.type = CAsn1time::kGeneralizedTime;
+  t.year = 2024, t.month = 2, t.day = 29, t.hour = 1, t.minute = 2, t.second = 3;
+  t.tzHours = 5;
+  EXPECT_EQ(t.derText(), "20240229010203Z");
+  t.type = CAsn1time::kUtcTime;
+  EXPECT_EQ(t.derText(), "240229010203+0500");
+  t.type = 0;
+  EXPECT_EQ(t.getSize(), 0u);
+  unsigned char buffer[64];
+  unsigned int pos = 0;
+  EXPECT_EQ(t.getDER(buffer, &pos), -1);
+}
+
+TEST(CAsn1time, ConvertsToGmt) {
+  struct Case {
+    const char* text;
+    const char* gmt;
+  } cases[] = {
+      {"0401020304+0130", "20040102013400Z"},
+      {"040101003000+0100", "20031231233000Z"},  // back over a year end
+      {"040228233000-0100", "20040229003000Z"},  // into a leap day
+      {"20240102030405.5Z", "20240102030405Z"},  // the fraction goes
+      {"991231235959Z", "19991231235959Z"},
+  };
+  for (const Case& c : cases) {
+    CAsn1time t;
+    ASSERT_EQ(t.setVal(c.text, static_cast<unsigned int>(strlen(c.text))), 0) << c.text;
+    ASSERT_EQ(t.toGMT(), 0);
+    EXPECT_EQ(t.type, CAsn1time::kGeneralizedTime);
+    EXPECT_EQ(t.derText(), c.gmt) << c.text;
+    EXPECT_EQ(t.tzHours, 0);
+    EXPECT_EQ(t.tzMinutes, 0);
+  }
+}
+
+TEST(CAsn1time, RefusesBadTexts) {
+  const char* texts[] = {
+      "20240102030405+01",     // offset needs four digits
+      "20240102030405+0100x",  // and nothing after them
+      "2024010203040Z",        // 13 digits
+      "24010203Z",             // 8 digits
+      "0401020304.5Z",         // fraction without seconds
+      "20240102030405.Z",      // fraction without digits
+      "20240102030405.5",      // fraction without 'Z'
+      "20240102030405",        // no zone at all
+      "2024010203040xZ",       // not a digit
+      "20240102030405Q",       // unknown zone mark
+  };
+  for (const char* text : texts) {
+    CAsn1time t;
+    EXPECT_EQ(t.setVal(text, static_cast<unsigned int>(strlen(text))), -1) << text;
+  }
+}
+
+TEST(CAsn1time, RefusesWrongTypeLongTextAndTruncation) {
+  LogCapture log;
+  CAsn1time t;
+  EXPECT_EQ(setDerHex(t, timeHex(0x04, "991231235959Z")), -1);
+  EXPECT_TRUE(log.contains("Got time type 0x04, expected 0x17 or 0x18"));
+  EXPECT_EQ(setDerHex(t, "17 50" + std::string(80 * 3, ' ')), -1);
+  EXPECT_EQ(setDerHex(t, timeHex(0x18, std::string(80, '1'))), -1);
+  EXPECT_TRUE(log.contains("Size 80 exeeds 79"));
+  std::string whole = timeHex(0x17, "991231235959Z");
+  for (size_t cut = 0; cut < whole.size(); cut += 3) {
+    EXPECT_EQ(setDerHex(t, whole.substr(0, cut)), -1) << cut;
+  }
+}
