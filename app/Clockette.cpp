@@ -1,0 +1,162 @@
+#include "app/Clockette.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/Log.h"
+
+Clockette::Clockette()
+    : host("localhost"), port(8080), protocol("http"), urlPath("/"), login(""), password("") {
+  Log log("clockette", "Clockette", __FILE__, __LINE__, 13);
+}
+
+Clockette::~Clockette() = default;
+
+int Clockette::parseOneArgument(int argc, char** argv, int* position) {
+  Log log("clockette", "parseOneArgument", __FILE__, __LINE__, 13);
+  struct Option {
+    const char* option;
+    String* field;  // null: the port
+  };
+  const Option options[] = {{"-host", &host},        {"-port", nullptr}, {"-protocol", &protocol},
+                            {"-url_path", &urlPath}, {"-login", &login}, {"-password", &password}};
+  int at = *position;
+  for (const Option& o : options) {
+    if (strcmp(argv[at], o.option) != 0) continue;
+    if (at + 1 >= argc) return 0;  // no value: unknown, never read past argv
+    *position = at + 1;
+    const char* value = argv[at + 1];
+    if (o.field == nullptr) {
+      port = atoi(value);
+    } else {
+      *o.field = value;
+    }
+    bool secret = o.field == &login || o.field == &password;
+    log.msg(__LINE__, 9,
+            "parsing timestamp arguments: argc=%d pos=%d :   argv[%d]='%s'   argv[%d]='%s'\n", argc,
+            at, at, argv[at], at + 1, secret ? "***" : value);
+    return 1;
+  }
+  return 0;
+}
+
+void Clockette::readEnvironment() {
+  Log log("clockette", "readEnvironment", __FILE__, __LINE__, 13);
+  Kavlet::readEnvironment();
+  if (const char* v = getenv("TIMESTAMP_PROTOCOL")) protocol = v;
+  if (const char* v = getenv("TIMESTAMP_HOST")) host = v;
+  if (const char* v = getenv("TIMESTAMP_PORT")) port = atoi(v);
+  if (const char* v = getenv("TIMESTAMP_URL_PATH")) urlPath = v;
+  if (const char* v = getenv("TIMESTAMP_LOGIN")) login = v;
+  if (const char* v = getenv("TIMESTAMP_PASSWORD")) password = v;
+}
+
+void Clockette::printObject() {
+  Log log("clockette", "printObject", __FILE__, __LINE__, 13);
+  Kavlet::printObject();
+  fprintf(stderr, "\tTS protocol : '%s'\n", protocol.c_str());
+  fprintf(stderr, "\tTS host     : '%s'\n", host.c_str());
+  fprintf(stderr, "\tTS port     : '%d'\n", port);
+  fprintf(stderr, "\tTS URL path : '%s'\n", urlPath.c_str());
+  fflush(stderr);
+}
+
+void Clockette::printVersion() { Kavlet::printVersion(); }
+
+void Clockette::printArgsUsage() {
+  Kavlet::printArgsUsage();
+  fputs(
+      "\t-host <ts-host>       hostname of timestamp server   \n"
+      "\t                      (Default: localhost)           \n"
+      "\t-port <ts-port>       port number of timestamp server\n"
+      "\t                      (Default: 8080)                \n"
+      "\t-protocol [http|https]                               \n"
+      "\t                      protocol for communication with\n"
+      "\t                      timestamp server.(Default:http)\n"
+      "\t-url_path <path>      path part of the URL           \n"
+      "\t                      (Default: /)                   \n"
+      "\t-login <login>        user name for timestamping     \n"
+      "\t                      systems that require HTTP Basic\n"
+      "\t                      Authorization                  \n"
+      "\t-password <password>  password for timestamping      \n"
+      "\t                      systems that require HTTP Basic\n"
+      "\t                      Authorization                  \n",
+      stderr);
+}
+
+void Clockette::printEnvUsage() {
+  Kavlet::printEnvUsage();
+  fputs(
+      "\tTIMESTAMP_PROTOCOL [http|https]:                     \n"
+      "\t                       protocol for communication    \n"
+      "\t                       with timestamp server         \n"
+      "\t                       (Default=http)                \n"
+      "\tTIMESTAMP_PORT <port> :port of timestamp server      \n"
+      "\t                       (Default=8080)                \n"
+      "\tTIMESTAMP_HOST <host> :hostname of timestamp server  \n"
+      "\t                       (Default=localhost)           \n"
+      "\tTIMESTAMP_URL_PATH <path>:                           \n"
+      "\t                       path of timestamp server URL  \n"
+      "\t                       (Default=/)                   \n"
+      "\tTIMESTAMP_LOGIN <login>:                             \n"
+      "\t                       user name for timestamping    \n"
+      "\t                       systems, that require HTTP    \n"
+      "\t                       Basic Authorization           \n"
+      "\tTIMESTAMP_PASSWORD <password>:                       \n"
+      "\t                       password for timestamping     \n"
+      "\t                       systems, that require HTTP    \n"
+      "\t                       Basic Authorization           \n",
+      stderr);
+}
+
+void Clockette::printCommandsUsage() {
+  Kavlet::printCommandsUsage();
+  fputs(
+      "\t\tCOMP <name> <type> <file> [<app_type>]             \n"
+      "\t\tCOMP ...                                           \n"
+      "\t\tTIMESTAMP_COMP                                     \n"
+      "\t\tTIMESTAMP_FILE <file> <tst_file>                   \n"
+      "\t\tTIMESTAMP_FILE ...                                 \n"
+      "\twill be written, if TIMESTAMP_COMP is defined:       \n"
+      "\t\tCOMP_TIMESTAMP_FILE \"<name>\" \"<tst_file>\"      \n"
+      "\t\tCOMP_TIMESTAMP_FILE ...                            \n"
+      "\twith:                                                \n"
+      "\t\t<name>         = component name                    \n"
+      "\t\t<file>         = local file name                   \n"
+      "\t\t<type>         = component type (mime-type)        \n"
+      "\t\t<app_type>     = application type to allow         \n"
+      "\t\t                 pool selection (see HUBS...)      \n"
+      "\t\t<tst_file>     = timestamp-file of file <file>     \n"
+      "\t\t                 (format = BASE64 encoded DER)     \n",
+      stderr);
+}
+
+void Clockette::printHintsUsage() {
+  Kavlet::printHintsUsage();
+  fputs(
+      "\tThis program is a Kavlet:                           \n"
+      "\tThe clockette Kavlet is designed for timestamping \n"
+      "\tfiles in the Kavane. Each source file     \n"
+      "\twhich should be timestamped must                     \n"
+      "\teither be specified by                               \n"
+      "\t   'TIMESTAMP_FILE' COMMANDS statement               \n"
+      "\tor                                                   \n"
+      "\t   'COMP' COMMANDS statement                         \n"
+      "\t                                                     \n"
+      "\tIf file was specified by 'TIMESTAMP_FILE' COMMANDS   \n"
+      "\tstatement, the corresponding timestamp was provided  \n"
+      "\tby the Timestamp Server and stored into local file.  \n"
+      "\t                                                     \n"
+      "\tIf 'TIMESTAMP_COMP' statement was defined in COMMANDS\n"
+      "\tfile, the timestamp for each file of 'COMP' COMMANDS \n"
+      "\tstatement will be provided by the Timestamp Server   \n"
+      "\tand stored into a corresponding local file, and in   \n"
+      "\taddition a 'COMP_TIMESTAMP_FILE' statement will be   \n"
+      "\twritten to COMMANDS file.                            \n",
+      stderr);
+}
+
+void Clockette::printAddOnUsage() {
+  fputs("\tThe status returned to KV is \"ok\" or \"error\"   \n", stderr);
+}

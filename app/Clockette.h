@@ -1,0 +1,46 @@
+// Clockette: the timestamping worker.
+//
+// Adds to the Kavlet settings those of the Timestamp Server (host, port,
+// protocol, URL path, login, password), with their options, environment
+// variables, usage texts and settings print-out. Its service timestamps the
+// files of one document. The login and the password are never printed or
+// logged.
+//
+// One object per process, created by main before any option is read; the
+// settings do not change after init.
+#ifndef APP_CLOCKETTE_H_
+#define APP_CLOCKETTE_H_
+
+#include "base/String.h"
+#include "kavlet/Kavlet.h"
+
+class Clockette : public Kavlet {
+ public:
+  Clockette();
+  ~Clockette() override;
+
+  void printObject() override;
+  int service(const char* directory) override;
+  // Takes -host, -port, -protocol, -url_path, -login and -password with
+  // their value; 0 for any other argument or a value missing at the end.
+  int parseOneArgument(int argc, char** argv, int* position) override;
+  void printAddOnUsage() override;
+  void printArgsUsage() override;
+  void printCommandsUsage() override;
+  void printEnvUsage() override;
+  void printHintsUsage() override;
+  void printVersion() override;
+  // The Kavlet variables, then TIMESTAMP_PROTOCOL, TIMESTAMP_HOST,
+  // TIMESTAMP_PORT, TIMESTAMP_URL_PATH, TIMESTAMP_LOGIN, TIMESTAMP_PASSWORD;
+  // a variable that is set, even to an empty value, replaces its setting.
+  void readEnvironment() override;
+
+  String host;      // Timestamp Server host
+  int port;         // its TCP port, as atoi gives it (handed on modulo 65536)
+  String protocol;  // "http" or "https", passed on unchecked
+  String urlPath;   // path part of the server URL
+  String login;     // HTTP Basic user; empty: none. Never printed.
+  String password;  // HTTP Basic password; empty: none. Never printed.
+};
+
+#endif  // APP_CLOCKETTE_H_

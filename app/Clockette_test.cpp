@@ -1,0 +1,163 @@
+#include "app/Clockette.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "base/Log.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::TempDir;
+
+class Argv {
+ public:
+  Argv(std::initializer_list<const char*> args) {
+    for (const char* a : args) texts_.emplace_back(a);
+    for (std::string& t : texts_) ptrs_.push_back(t.data());
+    ptrs_.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(texts_.size()); }
+  char** argv() { return ptrs_.data(); }
+
+ private:
+  std::vector<std::string> texts_;
+  std::vector<char*> ptrs_;
+};
+
+const char* const kVariables[] = {"TIMESTAMP_PROTOCOL",
+                                  "TIMESTAMP_HOST",
+                                  "TIMESTAMP_PORT",
+                                  "TIMESTAMP_URL_PATH",
+                                  "TIMESTAMP_LOGIN",
+                                  "TIMESTAMP_PASSWORD",
+                                  "KVHOST",
+                                  "KVPORT",
+                                  "LOGLEVEL"};
+
+class ClocketteTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* v : kVariables) unsetenv(v);
+    makeDir(dir_.file("setup"));
+    setenv("CONFIG", dir_.path().c_str(), 1);
+    setenv("ZEPH_SRV_LOG", dir_.path().c_str(), 1);
+  }
+  void TearDown() override {
+    for (const char* v : kVariables) unsetenv(v);
+    unsetenv("CONFIG");
+    unsetenv("ZEPH_SRV_LOG");
+    Log::setLogFile("stderr");
+    Log::init();
+  }
+  TempDir dir_;
+};
+
+TEST_F(ClocketteTest, DefaultSettingsText) {
+  setenv("KVHOST", "kvhost", 1);
+  Clockette c;
+  Argv a{"/opt/bin/clockette"};
+  ASSERT_EQ(c.init(a.argc(), a.argv()), 1);
+  testing::internal::CaptureStderr();
+  c.printObject();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/app/testdata/settings.txt"));
+}
+
+TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
+  struct Case {
+    std::vector<std::pair<const char*, const char*>> env;
+    Argv args;
+    const char *host, *protocol, *urlPath, *login, *password;
+    int port;
+  } cases[] = {
+      {{}, {"c"}, "localhost", "http", "/", "", "", 8080},
+      {{{"TIMESTAMP_HOST", "a"},
+        {"TIMESTAMP_PORT", "318"},
+        {"TIMESTAMP_PROTOCOL", "https"},
+        {"TIMESTAMP_URL_PATH", "/tsa"},
+        {"TIMESTAMP_LOGIN", "u"},
+        {"TIMESTAMP_PASSWORD", "p"}},
+       {"c"},
+       "a",
+       "https",
+       "/tsa",
+       "u",
+       "p",
+       318},
+      // The command line wins over the environment.
+      {{{"TIMESTAMP_HOST", "a"}, {"TIMESTAMP_PORT", "318"}},
+       {"c", "-host", "b", "-port", "70000", "-protocol", "x", "-url_path", "/p", "-login", "l",
+        "-password", "w"},
+       "b",
+       "x",
+       "/p",
+       "l",
+       "w",
+       70000},
+      // A variable set to an empty value replaces the default; atoi decides the port.
+      {{{"TIMESTAMP_HOST", ""}, {"TIMESTAMP_URL_PATH", ""}, {"TIMESTAMP_PORT", "http"}},
+       {"c"},
+       "",
+       "http",
+       "",
+       "",
+       "",
+       0},
+  };
+  for (Case& c : cases) {
+    for (const char* v : kVariables) unsetenv(v);
+    for (auto& kv : c.env) setenv(kv.first, kv.second, 1);
+    Clockette tool;
+    ASSERT_EQ(tool.init(c.args.argc(), c.args.argv()), 1);
+    EXPECT_EQ(tool.host, c.host);
+    EXPECT_EQ(tool.protocol, c.protocol);
+    EXPECT_EQ(tool.urlPath, c.urlPath);
+    EXPECT_EQ(tool.login, c.login);
+    EXPECT_EQ(tool.password, c.password);
+    EXPECT_EQ(tool.port, c.port);
+  }
+}
+
+TEST_F(ClocketteTest, CredentialsAreNeitherPrintedNorLogged) {
+  // Options are parsed before the log file and level are set: their lines go
+  // where the log is at that time, at the levels the LOG_ variables chose.
+  setenv("LOG_DEBUG", "on", 1);
+  setenv("LOG_ENTRY", "on", 1);
+  Log::init();
+  Clockette c;
+  Argv a{"c",      "-loglevel",   "13",        "-logfile",   "all.log",
+         "-login", "secret-user", "-password", "secret-word"};
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(c.init(a.argc(), a.argv()), 1);
+  std::string logged = testing::internal::GetCapturedStderr();
+  unsetenv("LOG_DEBUG");
+  unsetenv("LOG_ENTRY");
+  testing::internal::CaptureStderr();
+  c.printObject();
+  std::string printed = testing::internal::GetCapturedStderr();
+  Log::setLogFile("stderr");
+  logged += readFile(dir_.file("all.log"));
+  EXPECT_NE(logged.find("parsing timestamp arguments: argc=9 pos=5 :   argv[5]='-login'"),
+            std::string::npos)
+      << logged;
+  EXPECT_NE(logged.find("clockette::printObject"), std::string::npos) << logged;
+  for (const std::string& text : {printed, logged}) {
+    EXPECT_EQ(text.find("secret"), std::string::npos) << text;
+  }
+}
+
+TEST_F(ClocketteTest, ToolOptionWithoutValueIsUnknown) {
+  for (const char* option : {"-host", "-port", "-protocol", "-url_path", "-login", "-password"}) {
+    Clockette c;
+    Argv a{"c", option};
+    EXPECT_EXIT(c.init(a.argc(), a.argv()), testing::ExitedWithCode(0), "Usage: c ") << option;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+// The clockette program as a child process: start-up, usage and exit codes.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "testing/ChildProcess.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::ChildOptions;
+using testing_support::ChildResult;
+using testing_support::kUnset;
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::runChild;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+const std::string kProgram = std::string(CLOCKETTE_BINARY_DIR) + "/app/clockette";
+const char kBanner[] = "Kavane Core Kavlets CLOCKETTE 22.3.0 (Revision 22.3.0.127)";
+
+class ProgramTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    makeDir(dir_.file("setup"));
+    makeDir(dir_.file("logs"));
+    makeDir(dir_.file("docs"));
+    options_.cwd = dir_.path();
+    options_.env["CONFIG"] = dir_.path();
+    options_.env["ZEPH_SRV_LOG"] = kUnset;
+    options_.env["KVDIR"] = kUnset;
+    options_.env["ECM_CONF_DIRS"] = kUnset;
+  }
+  ChildResult run(std::vector<std::string> args) {
+    args.insert(args.begin(), kProgram);
+    return runChild(args, options_);
+  }
+  TempDir dir_;
+  ChildOptions options_;
+};
+
+TEST_F(ProgramTest, WithoutConfigTheProgramDoesNotStart) {
+  for (const char* config : {kUnset, ""}) {
+    options_.env["CONFIG"] = config;
+    ChildResult r = run({"-h"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err, "Environment variable CONFIG not set!\n");
+    EXPECT_EQ(r.out, "");
+  }
+}
+
+TEST_F(ProgramTest, HelpPrintsTheUsage) {
+  ChildResult r = run({"-h"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/app/testdata/usage.txt"));
+}
+
+TEST_F(ProgramTest, UnknownOptionsPrintTheUsageAndExitWithZero) {
+  for (const char* option : {"-help", "-nosuch", "-H", "-url_path"}) {
+    ChildResult r = run({"-test", "-loglevel", "5", option});
+    EXPECT_EQ(r.exitCode, 0) << option;
+    EXPECT_EQ(r.err.rfind("\n\n Usage: clockette [options...]\n", 0), 0u) << option << r.err;
+  }
+}
+
+TEST_F(ProgramTest, CommonPackageConfiguresTheLogWithTheEventPrefix) {
+  // COMMON is read before anything else: here it decides where the log goes.
+  writeFile(dir_.file("setup/COMMON.Setup"), "ZEPH_SRV_LOG=" + dir_.file("logs") + "\n");
+  // Options are logged before the log file is opened, so on standard error.
+  options_.env["LOG_DEBUG"] = "on";
+  ChildResult r = run({"-type", "stamper", "-test", "-testpath", dir_.file("docs")});
+  std::string prefix = std::string(kBanner) + " [program=" + kProgram + "] : ";
+  EXPECT_NE(r.err.find(prefix), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("option -type: 'stamper'"), std::string::npos) << r.err;
+  std::string log = readFile(dir_.file("logs/stamper.log"));
+  EXPECT_EQ(log.rfind(prefix, 0), 0u) << log;
+  EXPECT_NE(log.find("clockette started, " + std::string(kBanner)), std::string::npos) << log;
+}
+
+}  // namespace
