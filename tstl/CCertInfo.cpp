@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "base/Log.h"
+#include "tstl/CAsn1issuerSerial.h"
 #include "tstl/CAsn1time.h"
 #include "tstl/KeyType.h"
 #include "tstl/OpenSslErrors.h"
@@ -188,6 +189,19 @@ int CCertInfo::getDER(unsigned char* buffer, unsigned int* pos) const {
 std::string CCertInfo::GetIssuerName() const { return issuerText_; }
 
 std::string CCertInfo::GetSubjectName() const { return subjectText_; }
+
+int CCertInfo::GetIssuerAndSerial(CAsn1issuerSerial* out) const {
+  Log log("CCertInfo", "GetIssuerAndSerial", __FILE__, __LINE__, 13);
+  if (!ok()) return -1;
+  unsigned int pos = 0;
+  if (out->issuer.setDER(issuerDer_.data(), &pos, static_cast<unsigned int>(issuerDer_.size())) !=
+      0) {
+    log.msg(__LINE__, 2, "issuer name of %s can't be decoded", subjectText_.c_str());
+    return -1;
+  }
+  out->serial.setVal(kTagInteger, serial_.data(), static_cast<unsigned int>(serial_.size()));
+  return 0;
+}
 
 int CCertInfo::GetTimeNotBefore(CAsn1time* out) const {
   if (notBeforeDer_.empty()) return -1;

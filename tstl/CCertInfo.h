@@ -17,6 +17,7 @@
 
 #include "tstl/OpenSslPtr.h"
 
+class CAsn1issuerSerial;
 class CAsn1time;
 
 class CCertInfo {
@@ -56,6 +57,10 @@ class CCertInfo {
   // DER of the issuer Name and the serial number's INTEGER contents.
   const std::vector<unsigned char>& GetIssuerDER() const { return issuerDer_; }
   const std::vector<unsigned char>& GetSerialNumber() const { return serial_; }
+  // Fills an IssuerAndSerialNumber: the issuer Name and the serial number as
+  // an INTEGER-tagged string. 0, or -1 when nothing is held or the issuer
+  // does not decode.
+  int GetIssuerAndSerial(CAsn1issuerSerial* out) const;
 
   // Validity bounds in seconds since 1970 (UTC).
   time_t GetNotBefore() const { return notBefore_; }

@@ -9,7 +9,9 @@
 
 #include "testing/TempDir.h"
 #include "testing/TestCa.h"
+#include "tstl/CAsn1issuerSerial.h"
 #include "tstl/CAsn1time.h"
+#include "tstl/Der.h"
 #include "tstl/KeyType.h"
 
 namespace {
@@ -101,6 +103,35 @@ TEST_F(CCertInfoTest, DecodesDerAndTakesOutTheFields) {
   ASSERT_EQ(cert.getDER(out.data(), &pos), 0);
   EXPECT_EQ(pos, out.size());
   EXPECT_TRUE(std::equal(der.begin(), der.end(), out.begin() + 3));
+}
+
+TEST_F(CCertInfoTest, IssuerAndSerialEncodeAsInTheCertificate) {
+  std::vector<unsigned char> der = derOf(dsaCert_);
+  CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
+  CAsn1issuerSerial ref;
+  ASSERT_EQ(cert.GetIssuerAndSerial(&ref), 0);
+  EXPECT_EQ(ref.issuer.attributeCount(), 3);
+
+  // SEQUENCE { issuer Name, serialNumber INTEGER } from OpenSSL's own encodings.
+  unsigned char* name = nullptr;
+  int nameLength = i2d_X509_NAME(X509_get_issuer_name(dsaCert_), &name);
+  unsigned char* serial = nullptr;
+  int serialLength = i2d_ASN1_INTEGER(X509_get0_serialNumber(dsaCert_), &serial);
+  ASSERT_GT(nameLength, 0);
+  ASSERT_GT(serialLength, 0);
+  int total = nameLength + serialLength;
+  ASSERT_LT(total, 256);
+  std::vector<unsigned char> expected = {0x30};
+  if (total >= 128) expected.push_back(0x81);
+  expected.push_back(static_cast<unsigned char>(total));
+  expected.insert(expected.end(), name, name + nameLength);
+  expected.insert(expected.end(), serial, serial + serialLength);
+  OPENSSL_free(name);
+  OPENSSL_free(serial);
+  EXPECT_EQ(encodeDER(ref), expected);
+
+  CCertInfo empty;
+  EXPECT_EQ(empty.GetIssuerAndSerial(&ref), -1);
 }
 
 TEST_F(CCertInfoTest, DsaCertificateReportsDsaKey) {
