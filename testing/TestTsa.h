@@ -22,6 +22,7 @@ struct TestTsaOptions {
   bool requireAuth = false;
   std::string login;  // with requireAuth: the Basic credentials it demands
   std::string password;
+  std::string bindAddress;  // numeric address to listen on; empty: 127.0.0.1
 };
 
 class TestTsa {
