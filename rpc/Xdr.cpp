@@ -47,7 +47,7 @@ bool_t xdrUint32(XDR* xdrs, uint32_t* v) {
 // decoding failure, running out of memory below that limit is fatal.
 char* allocDecoded(u_int nodesize) {
   if (nodesize > XDR_MAX_ALLOC) {
-    c_logmsg(kComponent, 2, "cannot allocate %d bytes", static_cast<int>(nodesize));
+    c_logmsg(kComponent, 2, "cannot allocate %u bytes", nodesize);
     return nullptr;
   }
   char* p = static_cast<char*>(malloc(nodesize == 0 ? 1 : nodesize));
@@ -221,7 +221,7 @@ bool_t xdr_string(XDR* xdrs, char** cpp, u_int maxsize) {
   if (xdrs->x_op == XDR_DECODE) {
     const uint64_t nodesize = static_cast<uint64_t>(size) + 1;
     if (nodesize > XDR_MAX_ALLOC) {
-      c_logmsg(kComponent, 2, "cannot allocate %d bytes", static_cast<int>(nodesize));
+      c_logmsg(kComponent, 2, "cannot allocate %lld bytes", static_cast<long long>(nodesize));
       return FALSE;
     }
     if (size > xdrs->x_handy) return FALSE;  // cannot be there: do not allocate

@@ -97,9 +97,9 @@ int run(const Record<T>& rec, bool encode, Args& args) {
   return 0;
 }
 
-const Record<sockaddr_kl> kSockaddr = {
-    (xdrproc_t)xdr_sockaddr_kl, [](Args& a, sockaddr_kl* o) { a.address(o); },
-    [](const sockaddr_kl& o) { printAddress(o); }};
+const Record<sockaddr_kl> kSockaddr = {(xdrproc_t)xdr_sockaddr_kl,
+                                       [](Args& a, sockaddr_kl* o) { a.address(o); },
+                                       [](const sockaddr_kl& o) { printAddress(o); }};
 const Record<hello_kl> kHello = {(xdrproc_t)xdr_hello_kl,
                                  [](Args& a, hello_kl* o) {
                                    a.address(&o->address);

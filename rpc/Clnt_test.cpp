@@ -1,0 +1,248 @@
+#include "rpc/Clnt.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "rpc/peer/TestProg.h"
+
+using rpc_test::UdpSocket;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+// Big-endian words: replies are built by hand so that the client is checked
+// against the wire format, not against our own encoder.
+Bytes words(std::initializer_list<uint32_t> ws) {
+  Bytes b;
+  for (uint32_t w : ws)
+    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(w >> s));
+  return b;
+}
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+uint32_t wordAt(const Bytes& b, size_t i) {
+  return (uint32_t{b[4 * i]} << 24) | (uint32_t{b[4 * i + 1]} << 16) |
+         (uint32_t{b[4 * i + 2]} << 8) | b[4 * i + 3];
+}
+// An accepted reply: xid, REPLY, MSG_ACCEPTED, null verifier, status.
+Bytes accepted(uint32_t xid, uint32_t status) { return words({xid, 1, 0, 0, 0, status}); }
+
+bool_t xdrPair(XDR* x, int* p) { return xdr_int(x, &p[0]) && xdr_int(x, &p[1]); }
+
+struct ClientFixture : ::testing::Test {
+  UdpSocket peer;
+  CLIENT* cl = nullptr;
+  std::thread thread;
+
+  void create(timeval retry) {
+    sockaddr_in a = peer.address();
+    int sock = RPC_ANYSOCK;
+    cl = clntudp_create(&a, TESTPROG, TESTVERS, retry, &sock);
+    ASSERT_NE(nullptr, cl);
+  }
+  ~ClientFixture() override {
+    if (thread.joinable()) thread.join();
+    if (cl) clnt_destroy(cl);
+  }
+  clnt_stat callAdd(int a, int b, int* sum, timeval total) {
+    int args[2] = {a, b};
+    return clnt_call(cl, TESTPROC_ADD, xdr_proc<xdrPair>, args, xdr_proc<xdr_int>, sum, total);
+  }
+};
+
+TEST_F(ClientFixture, SendsAnAuthNoneCallAndDecodesTheResult) {
+  create({1, 0});
+  Bytes call;
+  thread = std::thread([&] {
+    sockaddr_in from;
+    if (!peer.receive(&call, &from, 3000)) return;
+    peer.sendTo(accepted(wordAt(call, 0), 0) + words({42}), from);
+  });
+  int sum = 0;
+  ASSERT_EQ(RPC_SUCCESS, callAdd(40, 2, &sum, {3, 0}));
+  thread.join();
+  EXPECT_EQ(42, sum);
+  // xid, CALL, version 2, program, version, procedure, AUTH_NONE x2, arguments.
+  EXPECT_EQ(words({wordAt(call, 0), 0, 2, TESTPROG, TESTVERS, TESTPROC_ADD, 0, 0, 0, 0, 40, 2}),
+            call);
+}
+
+TEST_F(ClientFixture, RetransmitsEveryIntervalUntilTheTotalTimeOut) {
+  create({0, 250000});
+  std::vector<uint32_t> xids;
+  thread = std::thread([&] {
+    Bytes d;
+    sockaddr_in from;
+    while (peer.receive(&d, &from, 800)) xids.push_back(wordAt(d, 0));
+  });
+  int sum = 0;
+  const auto start = Clock::now();
+  EXPECT_EQ(RPC_TIMEDOUT, callAdd(1, 2, &sum, {0, 1000000}));
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  thread.join();
+  EXPECT_GE(seconds, 0.95);
+  EXPECT_LT(seconds, 1.6);
+  ASSERT_GE(xids.size(), 3u);
+  EXPECT_LE(xids.size(), 5u);
+  for (uint32_t x : xids) EXPECT_EQ(xids[0], x) << "a retransmission keeps the xid";
+  EXPECT_STREQ("KVop: RPC: Timed out", clnt_sperror(cl, "KVop"));
+}
+
+TEST_F(ClientFixture, ZeroTotalTimeOutSendsOnceAndDoesNotWait) {
+  create({2, 0});
+  int sum = 0;
+  const auto start = Clock::now();
+  EXPECT_EQ(RPC_TIMEDOUT, callAdd(1, 2, &sum, {0, 0}));
+  EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 0.2);
+  Bytes d;
+  sockaddr_in from;
+  EXPECT_TRUE(peer.receive(&d, &from, 1000));
+  EXPECT_FALSE(peer.receive(&d, &from, 300));
+}
+
+TEST_F(ClientFixture, IgnoresRepliesWithAnotherXid) {
+  create({1, 0});
+  thread = std::thread([&] {
+    Bytes call;
+    sockaddr_in from;
+    if (!peer.receive(&call, &from, 3000)) return;
+    const uint32_t xid = wordAt(call, 0);
+    peer.sendTo(accepted(xid - 1, 0) + words({7}), from);  // late answer to an older call
+    peer.sendTo(Bytes{1, 2}, from);                        // noise
+    peer.sendTo(accepted(xid, 0) + words({42}), from);
+  });
+  int sum = 0;
+  ASSERT_EQ(RPC_SUCCESS, callAdd(40, 2, &sum, {3, 0}));
+  EXPECT_EQ(42, sum);
+}
+
+TEST_F(ClientFixture, ReplyStatusesBecomeErrorsWithTheirTexts) {
+  struct Case {
+    Bytes (*reply)(uint32_t xid);
+    clnt_stat stat;
+    const char* text;
+  } cases[] = {
+      {[](uint32_t x) { return accepted(x, 1); }, RPC_PROGUNAVAIL, "p: RPC: Program unavailable"},
+      {[](uint32_t x) {
+         return accepted(x, 2) + words({1, 3});
+       },
+       RPC_PROGVERSMISMATCH, "p: RPC: Program/version mismatch; low version = 1, high version = 3"},
+      {[](uint32_t x) { return accepted(x, 3); }, RPC_PROCUNAVAIL, "p: RPC: Procedure unavailable"},
+      {[](uint32_t x) { return accepted(x, 4); }, RPC_CANTDECODEARGS,
+       "p: RPC: Server can't decode arguments"},
+      {[](uint32_t x) { return accepted(x, 5); }, RPC_SYSTEMERROR, "p: RPC: Remote system error"},
+      {[](uint32_t x) {
+         return words({x, 1, 1, 0, 2, 2});
+       },
+       RPC_VERSMISMATCH, "p: RPC: Incompatible versions of RPC; low version = 2, high version = 2"},
+      {[](uint32_t x) {
+         return words({x, 1, 1, 1, 5});
+       },
+       RPC_AUTHERROR, "p: RPC: Authentication error; why = Client credential too weak"},
+      {[](uint32_t x) {
+         return words({x, 1, 1, 1, 99});
+       },
+       RPC_AUTHERROR, "p: RPC: Authentication error; why = (unknown authentication error - 99)"},
+      {[](uint32_t x) { return accepted(x, 9); }, RPC_FAILED, "p: RPC: Failed (unspecified error)"},
+      {[](uint32_t x) {
+         return accepted(x, 0) + Bytes{0, 0};
+       },
+       RPC_CANTDECODERES, "p: RPC: Can't decode result"},
+      {[](uint32_t x) {
+         return words({x, 1, 0, 0, 500});
+       },
+       RPC_CANTDECODERES, "p: RPC: Can't decode result"},
+  };
+  create({1, 0});
+  for (const Case& c : cases) {
+    std::thread t([&] {
+      Bytes call;
+      sockaddr_in from;
+      if (peer.receive(&call, &from, 3000)) peer.sendTo(c.reply(wordAt(call, 0)), from);
+    });
+    int sum = 0;
+    EXPECT_EQ(c.stat, callAdd(1, 2, &sum, {3, 0})) << c.text;
+    EXPECT_STREQ(c.text, clnt_sperror(cl, "p"));
+    t.join();
+  }
+}
+
+TEST_F(ClientFixture, ArgumentsThatDoNotFitAreNotSent) {
+  create({1, 0});
+  std::string big(9000, 'x');
+  char* text = big.data();
+  int res = 0;
+  EXPECT_EQ(RPC_CANTENCODEARGS, clnt_call(cl, TESTPROC_ECHO, xdr_proc<xdr_wrapstring>, &text,
+                                          xdr_proc<xdr_int>, &res, {1, 0}));
+  EXPECT_STREQ("e: RPC: Can't encode arguments", clnt_sperror(cl, "e"));
+  Bytes d;
+  sockaddr_in from;
+  EXPECT_FALSE(peer.receive(&d, &from, 200));
+}
+
+TEST(Clnt, SendFailureReportsTheSystemError) {
+  sockaddr_in broadcast = UdpSocket::loopback(9);
+  broadcast.sin_addr.s_addr = htonl(INADDR_BROADCAST);  // refused without SO_BROADCAST
+  int sock = RPC_ANYSOCK;
+  CLIENT* cl = clntudp_create(&broadcast, TESTPROG, TESTVERS, {1, 0}, &sock);
+  ASSERT_NE(nullptr, cl);
+  EXPECT_EQ(RPC_CANTSEND,
+            clnt_call(cl, 0, xdr_proc<xdr_void>, nullptr, xdr_proc<xdr_void>, nullptr, {1, 0}));
+  EXPECT_STREQ("s: RPC: Unable to send; errno = Permission denied", clnt_sperror(cl, "s"));
+  clnt_destroy(cl);
+}
+
+TEST(Clnt, CreationWithoutPortFailsWithPrintableError) {
+  sockaddr_in noPort = UdpSocket::loopback(0);
+  int sock = RPC_ANYSOCK;
+  EXPECT_EQ(nullptr, clntudp_create(&noPort, TESTPROG, TESTVERS, {1, 0}, &sock));
+  testing::internal::CaptureStderr();
+  clnt_pcreateerror("clntudp_create");
+  EXPECT_EQ("clntudp_create: RPC: Program not registered\n",
+            testing::internal::GetCapturedStderr());
+}
+
+TEST(Clnt, StatusTextsKeepTheGapAt14) {
+  const char* texts[] = {"RPC: Success",
+                         "RPC: Can't encode arguments",
+                         "RPC: Can't decode result",
+                         "RPC: Unable to send",
+                         "RPC: Unable to receive",
+                         "RPC: Timed out",
+                         "RPC: Incompatible versions of RPC",
+                         "RPC: Authentication error",
+                         "RPC: Program unavailable",
+                         "RPC: Program/version mismatch",
+                         "RPC: Procedure unavailable",
+                         "RPC: Server can't decode arguments",
+                         "RPC: Remote system error",
+                         "RPC: Unknown host",
+                         "RPC: (unknown error code)",
+                         "RPC: Program not registered",
+                         "RPC: Failed (unspecified error)",
+                         "RPC: coroutine resumed from unexpected FD",
+                         "RPC: (unknown error code)"};
+  for (int i = 0; i < 19; ++i) EXPECT_STREQ(texts[i], clnt_sperrno(static_cast<clnt_stat>(i))) << i;
+}
+
+TEST_F(ClientFixture, ControlSetsTheTotalTimeOutForEveryCall) {
+  create({0, 100000});
+  timeval total = {0, 300000};
+  ASSERT_TRUE(clnt_control(cl, CLSET_TIMEOUT, &total));
+  int sum = 0;
+  const auto start = Clock::now();
+  EXPECT_EQ(RPC_TIMEDOUT, callAdd(1, 2, &sum, {25, 0}));
+  EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 1.0);
+  int fd = -1;
+  EXPECT_TRUE(clnt_control(cl, CLGET_FD, &fd));
+  EXPECT_GE(fd, 0);
+}
+
+}  // namespace

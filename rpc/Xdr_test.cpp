@@ -1,0 +1,151 @@
+#include "rpc/Xdr.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "testing/Hex.h"
+
+using testing_support::fromHex;
+using testing_support::toHex;
+
+namespace {
+
+// Encodes with fn into a buffer of size bytes; returns the bytes written, or
+// "FAIL" when the routine failed.
+template <typename Fn>
+std::string encode(Fn fn, u_int size = 256) {
+  std::vector<char> buf(size);
+  XDR x;
+  xdrmem_create(&x, buf.data(), size, XDR_ENCODE);
+  if (!fn(&x)) return "FAIL";
+  return toHex(reinterpret_cast<uint8_t*>(buf.data()), xdr_getpos(&x));
+}
+
+struct Decoder {
+  std::vector<uint8_t> bytes;
+  XDR x;
+  explicit Decoder(const std::string& hex) : bytes(fromHex(hex)) {
+    xdrmem_create(&x, reinterpret_cast<char*>(bytes.data()), static_cast<u_int>(bytes.size()),
+                  XDR_DECODE);
+  }
+};
+
+TEST(Xdr, IntegersTravelAsFourBigEndianBytes) {
+  int i = -2;
+  u_int u = 0x01020304;
+  short s = -1;
+  u_short us = 0xbeef;
+  char c = 'A';
+  long l = -5;
+  bool_t b = 7;
+  int64_t h = 0x0102030405060708;
+  EXPECT_EQ("ff ff ff fe", encode([&](XDR* x) { return xdr_int(x, &i); }));
+  EXPECT_EQ("01 02 03 04", encode([&](XDR* x) { return xdr_u_int(x, &u); }));
+  EXPECT_EQ("ff ff ff ff", encode([&](XDR* x) { return xdr_short(x, &s); }));
+  EXPECT_EQ("00 00 be ef", encode([&](XDR* x) { return xdr_u_short(x, &us); }));
+  EXPECT_EQ("00 00 00 41", encode([&](XDR* x) { return xdr_char(x, &c); }));
+  EXPECT_EQ("ff ff ff fb", encode([&](XDR* x) { return xdr_long(x, &l); }));
+  EXPECT_EQ("00 00 00 01", encode([&](XDR* x) { return xdr_bool(x, &b); }));
+  EXPECT_EQ("01 02 03 04 05 06 07 08", encode([&](XDR* x) { return xdr_hyper(x, &h); }));
+}
+
+TEST(Xdr, DecodesSignedAndUnsignedValues) {
+  Decoder d("ff ff ff fe  ff ff ff ff  ff ff 80 00  00 00 00 ff");
+  int i = 0;
+  u_int u = 0;
+  short s = 0;
+  u_short us = 0;
+  ASSERT_TRUE(xdr_int(&d.x, &i));
+  ASSERT_TRUE(xdr_u_int(&d.x, &u));
+  ASSERT_TRUE(xdr_short(&d.x, &s));
+  ASSERT_TRUE(xdr_u_short(&d.x, &us));
+  EXPECT_EQ(-2, i);
+  EXPECT_EQ(0xffffffffu, u);
+  EXPECT_EQ(-32768, s);
+  EXPECT_EQ(0xff, us);
+  EXPECT_FALSE(xdr_int(&d.x, &i)) << "read past the end";
+}
+
+TEST(Xdr, StringsAndOpaqueArePaddedToFourBytes) {
+  char* s = const_cast<char*>("abcde");
+  char op[3] = {1, 2, 3};
+  char* empty = const_cast<char*>("");
+  EXPECT_EQ("00 00 00 05 61 62 63 64 65 00 00 00",
+            encode([&](XDR* x) { return xdr_string(x, &s, 100); }));
+  EXPECT_EQ("01 02 03 00", encode([&](XDR* x) { return xdr_opaque(x, op, 3); }));
+  EXPECT_EQ("00 00 00 00", encode([&](XDR* x) { return xdr_wrapstring(x, &empty); }));
+  // Too long for its bound, a null string, and a buffer too small all fail.
+  EXPECT_EQ("FAIL", encode([&](XDR* x) { return xdr_string(x, &s, 4); }));
+  char* null = nullptr;
+  EXPECT_EQ("FAIL", encode([&](XDR* x) { return xdr_string(x, &null, 100); }));
+  EXPECT_EQ("FAIL", encode([&](XDR* x) { return xdr_string(x, &s, 100); }, 11));
+}
+
+TEST(Xdr, DecodedStringIsAllocatedTerminatedAndFreed) {
+  Decoder d("00 00 00 05 61 62 63 64 65 00 00 00");
+  char* s = nullptr;
+  ASSERT_TRUE(xdr_string(&d.x, &s, 5));
+  ASSERT_NE(nullptr, s);
+  EXPECT_STREQ("abcde", s);
+  EXPECT_EQ(12u, xdr_getpos(&d.x));
+  xdr_free(xdr_proc<xdr_wrapstring>, &s);
+  EXPECT_EQ(nullptr, s);
+}
+
+TEST(Xdr, RejectsStringsThatBreakTheirBoundsOrTheBuffer) {
+  struct Case {
+    const char* name;
+    const char* hex;
+    u_int maxsize;
+  } cases[] = {
+      {"longer than the bound", "00 00 00 05 61 62 63 64 65 00 00 00", 4},
+      {"bytes missing", "00 00 00 05 61 62 63", 100},
+      {"padding missing", "00 00 00 05 61 62 63 64 65", 100},
+      {"length word cut", "00 00 00", 100},
+      {"length beyond the allocation limit", "08 00 00 00 00", ~0u},
+      {"length that wraps", "ff ff ff ff 00", ~0u},
+  };
+  for (const Case& c : cases) {
+    Decoder d(c.hex);
+    char* s = nullptr;
+    EXPECT_FALSE(xdr_string(&d.x, &s, c.maxsize)) << c.name;
+    free(s);
+  }
+}
+
+TEST(Xdr, VariableOpaqueRoundTrip) {
+  char data[5] = {9, 8, 7, 6, 5};
+  char* p = data;
+  u_int n = 5;
+  std::string hex = encode([&](XDR* x) { return xdr_bytes(x, &p, &n, 10); });
+  EXPECT_EQ("00 00 00 05 09 08 07 06 05 00 00 00", hex);
+  Decoder d(hex);
+  char* out = nullptr;
+  u_int outLen = 0;
+  ASSERT_TRUE(xdr_bytes(&d.x, &out, &outLen, 10));
+  ASSERT_EQ(5u, outLen);
+  EXPECT_EQ(0, memcmp(data, out, 5));
+  free(out);
+  Decoder tooLong(hex);
+  out = nullptr;
+  EXPECT_FALSE(xdr_bytes(&tooLong.x, &out, &outLen, 4));
+  EXPECT_EQ(nullptr, out);
+}
+
+TEST(Xdr, PositionCanBeMovedOnlyInsideTheBuffer) {
+  char buf[8];
+  XDR x;
+  xdrmem_create(&x, buf, sizeof buf, XDR_ENCODE);
+  EXPECT_TRUE(xdr_setpos(&x, 8));
+  int i = 1;
+  EXPECT_FALSE(xdr_int(&x, &i));
+  EXPECT_FALSE(xdr_setpos(&x, 9));
+  EXPECT_TRUE(xdr_setpos(&x, 4));
+  EXPECT_TRUE(xdr_int(&x, &i));
+  EXPECT_EQ(8u, xdr_getpos(&x));
+}
+
+}  // namespace

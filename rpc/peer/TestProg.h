@@ -1,0 +1,75 @@
+// Shared by the runtime's tests and the libtirpc peer: the numbers of the
+// small test program, and (for the tests) a plain UDP socket on 127.0.0.1.
+#ifndef RPC_PEER_TESTPROG_H_
+#define RPC_PEER_TESTPROG_H_
+
+#define TESTPROG 0x20001234u
+#define TESTVERS 1u
+#define TESTPROC_NULL 0u
+#define TESTPROC_ADD 1u   // two ints -> their sum
+#define TESTPROC_ECHO 2u  // string -> the same string
+
+#ifndef TESTPROG_NO_SOCKET
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace rpc_test {
+
+// A datagram socket bound to 127.0.0.1 on an ephemeral port.
+class UdpSocket {
+ public:
+  UdpSocket() {
+    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a = loopback(0);
+    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+    port_ = ntohs(a.sin_port);
+  }
+  ~UdpSocket() { close(fd_); }
+  UdpSocket(const UdpSocket&) = delete;
+  UdpSocket& operator=(const UdpSocket&) = delete;
+
+  static sockaddr_in loopback(int port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+  }
+  int fd() const { return fd_; }
+  int port() const { return port_; }
+  sockaddr_in address() const { return loopback(port_); }
+
+  // Next datagram within timeoutMs; false when none came.
+  bool receive(std::vector<uint8_t>* data, sockaddr_in* from, int timeoutMs) {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) <= 0) return false;
+    data->resize(65536);
+    socklen_t len = sizeof *from;
+    ssize_t n =
+        recvfrom(fd_, data->data(), data->size(), 0, reinterpret_cast<sockaddr*>(from), &len);
+    if (n < 0) return false;
+    data->resize(static_cast<size_t>(n));
+    return true;
+  }
+  void sendTo(const std::vector<uint8_t>& data, const sockaddr_in& to) {
+    sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  }
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+};
+
+}  // namespace rpc_test
+#endif  // TESTPROG_NO_SOCKET
+
+#endif  // RPC_PEER_TESTPROG_H_
