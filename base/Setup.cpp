@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -141,14 +142,14 @@ size_t expandPercent(const std::string& in, std::string* out) {
 
 int storeInEnvironment(const std::string& text) {
   if (g_setter != nullptr) return g_setter(g_setterContext, text.c_str());
-  char* copy = static_cast<char*>(malloc(text.size() + 1));
-  if (copy == nullptr) {
-    fprintf(stderr, "Memory problem could not malloc!\n");
-    return -1;
-  }
-  memcpy(copy, text.c_str(), text.size() + 1);
-  // putenv keeps the pointer: the copy now belongs to the environment.
-  return putenv(copy);
+  // setenv keeps its own copy, so nothing of ours has to outlive the call;
+  // like a NAME=VALUE store, the first "=" separates the name.
+  size_t eq = text.find('=');
+  std::string name = text.substr(0, eq);
+  std::string value = eq == std::string::npos ? std::string() : text.substr(eq + 1);
+  if (setenv(name.c_str(), value.c_str(), 1) == 0) return 0;
+  if (errno == ENOMEM) fprintf(stderr, "Memory problem could not malloc!\n");
+  return -1;
 }
 
 bool isExistingPath(const char* path) {

@@ -40,8 +40,8 @@ int readSetup(const char* package);
 // variable leaves the reference as written. Second pass: %NAME% references
 // are replaced by the variable's value; unknown ones stay as written. A text
 // that would expand beyond the buffer is reported on standard error and
-// stored unexpanded. Returns 0 on success, -1 when memory runs out, otherwise
-// the result of the environment store.
+// stored unexpanded. Returns 0 on success, -1 when the environment refuses
+// the setting (out of memory, reported on standard error, or an empty name).
 int expandAndPut(const char* text);
 
 // Instead of the process environment, expandAndPut hands each expanded text

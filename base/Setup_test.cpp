@@ -198,6 +198,15 @@ TEST_F(SetupTest, AFailedStoreStopsReading) {
   setEnvironmentSetter(refuseSecond, &seen);
   EXPECT_EQ(readSetup("P"), 0);
   EXPECT_EQ(seen, (std::vector<std::string>{"ST_1=a", "ST_2=b"}));
+
+  // The same with the process environment: a name that expands to nothing
+  // cannot be stored; what came before it stays.
+  setEnvironmentSetter(nullptr, nullptr);
+  setenv("ST_UNSET", "", 1);
+  writePackage("P", "ST_1=a\n$ST_UNSET=b\nST_3=c\n");
+  EXPECT_EQ(readSetup("P"), 0);
+  EXPECT_EQ(env("ST_1"), "a");
+  EXPECT_EQ(env("ST_3"), "<unset>");
 }
 
 class ConfigDirectoryTest : public SetupTest {
