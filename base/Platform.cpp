@@ -24,8 +24,9 @@ int startSockets(int major, int minor) {
 }
 
 String localHostName() {
-  char name[32] = {0};
+  char name[256] = {0};
   if (gethostname(name, sizeof name - 1) != 0) return String();
-  name[sizeof name - 1] = '\0';
+  // The KV protocol carries the name in a 32-byte field.
+  name[31] = '\0';
   return String(name);
 }

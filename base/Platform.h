@@ -18,8 +18,8 @@ int startSockets(int major, int minor);
 // A version mismatch is reported and is not an error.
 int reportSocketStartup(int err, int wantMajor, int wantMinor, int gotMajor, int gotMinor);
 
-// The local host name as gethostname() gives it into a 32-byte buffer (so at
-// most 31 characters); empty when it cannot be read.
+// The local host name, cut to 31 characters (it travels in a 32-byte field);
+// empty when it cannot be read.
 String localHostName();
 
 #endif  // BASE_PLATFORM_H_
