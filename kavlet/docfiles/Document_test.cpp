@@ -1,0 +1,271 @@
+#include "kavlet/docfiles/Document.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/ChildProcess.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::fileExists;
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+// The protocol switch is read once per process: make sure this process sees
+// it on, whatever the environment of the test run says.
+class ProtocolSwitchOn : public ::testing::Environment {
+ public:
+  void SetUp() override { unsetenv("KV_PROTOCOL"); }
+};
+const auto* const kProtocolOn = ::testing::AddGlobalTestEnvironment(new ProtocolSwitchOn);
+
+class DocumentTest : public ::testing::Test {
+ protected:
+  std::string file(const char* name) const { return dir_.file(name); }
+  TempDir dir_;
+};
+
+TEST_F(DocumentTest, ForwardsLookupsAndTheNumberedDeletes) {
+  writeFile(file("COMMANDS"), "A 1\nA 2\nB x\nC y\nD z\n");
+  Document doc(dir_.path().c_str(), "clockette", 0);
+  EXPECT_EQ(doc.hasReadPermission(), 1);
+  EXPECT_EQ(doc.findKeyInCommands("A"), 2);
+  String v;
+  EXPECT_EQ(doc.getValueForFromCommands("A", v), 2);
+  EXPECT_EQ(v, "2");
+  EXPECT_EQ(doc.getValueForFromCommands("B"), "x");
+  List<String> all;
+  EXPECT_EQ(doc.getValueForFromCommands("A", all), 2);
+  char** lines = nullptr;
+  EXPECT_EQ(doc.getValueForFromCommands(&lines), 5);
+  for (char** p = lines; *p; ++p) free(*p);
+  free(lines);
+  // 1 takes a list, 2 an entry, 3 a key and a value.
+  List<CommandsEntries> list;
+  list.put(CommandsEntries("B", "x"));
+  EXPECT_EQ(doc.deleteFromCommands1(list), 1);
+  EXPECT_EQ(doc.deleteFromCommands2(CommandsEntries("C", "y")), 1);
+  EXPECT_EQ(doc.deleteFromCommands3("D", "z"), 1);
+  EXPECT_EQ(doc.appendToCommands("E w"), 1);
+  EXPECT_EQ(doc.integrateChanges(), 1);
+  List<CommandsEntries> entries;
+  EXPECT_EQ(doc.getAllValuesFromCommands(entries), 1);
+  EXPECT_EQ(entries.count(), 3u);
+  EXPECT_EQ(doc.closeCommands(), 1);
+  EXPECT_EQ(readFile(file("COMMANDS")), "A\t1\nA\t2\nE\tw\n");
+}
+
+TEST_F(DocumentTest, CloseAllWritesCommandsProtocolAndFurtherFiles) {
+  writeFile(file("COMMANDS"), "A 1\n");
+  Document doc(dir_.path().c_str(), "clockette", 1);
+  doc.appendToCommands("B 2");
+  EXPECT_EQ(doc.appendToProtocol("done"), 1);
+  FileH* out = doc.getfileHPtr(file("out.txt").c_str());
+  EXPECT_EQ(doc.getFileH(file("out.txt").c_str()), out);
+  EXPECT_NE(doc.getfileHPtr(file("other.txt").c_str()), out);
+  ASSERT_EQ(out->openFile(FileH::kWriteText), 1);
+  out->writeLineToFile("payload");
+  EXPECT_EQ(doc.closeAll(), 1);
+  EXPECT_FALSE(out->isOpen());
+  EXPECT_EQ(readFile(file("COMMANDS")), "A 1\nB 2\n");
+  EXPECT_EQ(readFile(file("out.txt")), "payload\n");
+  std::string protocol = readFile(file("KVprotocol"));
+  EXPECT_EQ(protocol.substr(19), " [clockette] done\n");
+}
+
+TEST_F(DocumentTest, CloseAllAttemptsEverythingAfterAFailure) {
+  // No COMMANDS: the append cannot be made, but the protocol is still written.
+  Document doc(dir_.path().c_str(), "clockette", 1);
+  doc.appendToCommands("B 2");
+  doc.appendToProtocol("still recorded");
+  EXPECT_EQ(doc.closeAll(), 0);
+  EXPECT_FALSE(fileExists(file("COMMANDS")));
+  EXPECT_NE(readFile(file("KVprotocol")).find("still recorded"), std::string::npos);
+  EXPECT_EQ(doc.hasReadPermission(), 0);
+}
+
+TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
+  docfiles_test::LogCapture log;
+  Log scope("test", "DocMessage", __FILE__, __LINE__, 13);
+  Document doc(dir_.path().c_str(), "clockette", 1);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 2, "failed %s", "file.pdf"), 1);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 5, "at five"), 1);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 6, "fine %d", 6), 1);
+  std::string longText(4000, 'm');
+  doc.docMessage(scope, __LINE__, 8, "%s", longText.c_str());
+  EXPECT_EQ(doc.closeProtocol(), 1);
+  std::string text = readFile(file("KVprotocol"));
+  EXPECT_NE(text.find("] ERROR: failed file.pdf\n"), std::string::npos);
+  EXPECT_NE(text.find("] ERROR: at five\n"), std::string::npos);
+  EXPECT_NE(text.find("] fine 6\n"), std::string::npos);
+  EXPECT_NE(text.find("] " + std::string(2999, 'm') + "\n"), std::string::npos);
+  EXPECT_TRUE(log.contains("test::DocMessage: failed file.pdf"));
+}
+
+TEST_F(DocumentTest, WithoutProtocolMessagesGoOnlyToTheLog) {
+  Document doc(dir_.path().c_str(), "clockette", 0);
+  Log scope("test", "NoProtocol", __FILE__, __LINE__, 13);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 2, "only logged"), 1);
+  EXPECT_EQ(doc.closeProtocol(), 1);
+  EXPECT_EQ(doc.closeAll(), 1);
+  EXPECT_FALSE(fileExists(file("KVprotocol")));
+}
+
+// Runs body as an unprivileged user when the test runs as root, so that
+// directory permissions apply. Returns body's result (the child's exit code).
+int runUnprivileged(int (*body)(const std::string&), const std::string& dir) {
+  if (geteuid() != 0) return body(dir);
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(99);
+    _exit(body(dir));
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
+}
+
+TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {
+  std::string doc = file("doc");
+  makeDir(doc);
+  const std::string original = "A 1\nB 2\n";
+  writeFile(doc + "/COMMANDS", original);
+  chmod(dir_.path().c_str(), 0755);
+  chmod((doc + "/COMMANDS").c_str(), 0644);
+  chmod(doc.c_str(), 0555);
+  auto body = [](const std::string& d) -> int {
+    docfiles_test::LogCapture log;
+    Document document(d.c_str(), "clockette", 1);
+    if (document.findKeyInCommands("A") != 1) return 10;
+    document.deleteFromCommands3("A", "1");
+    document.appendToCommands("C 3");
+    document.appendToProtocol("line");
+    if (document.closeCommands() != 0) return 11;
+    if (document.closeAll() != 0) return 12;
+    if (!log.contains("can't rename file ; the call of function rename('" + d + "/COMMANDS','" + d +
+                      "/COMMANDS.clockette') failed:'Permission denied'"))
+      return 13;
+    if (!log.contains("cannot open file " + d + "/KVprotocol: errno=Permission denied")) return 14;
+    return 0;
+  };
+  EXPECT_EQ(runUnprivileged(body, doc), 0);
+  chmod(doc.c_str(), 0755);
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
+  EXPECT_FALSE(fileExists(doc + "/COMMANDS.clockette"));
+  EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
+}
+
+// Switches that are read once per process run in a probe process.
+testing_support::ChildResult probe(const std::vector<std::string>& steps,
+                                   const std::map<std::string, std::string>& env = {}) {
+  std::vector<std::string> argv = {DOCFILES_PROBE};
+  argv.insert(argv.end(), steps.begin(), steps.end());
+  testing_support::ChildOptions o;
+  o.env = env;
+  if (o.env.count("KV_PROTOCOL") == 0) o.env["KV_PROTOCOL"] = testing_support::kUnset;
+  return testing_support::runChild(argv, o);
+}
+
+TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
+  struct Case {
+    const char* value;
+    bool kept;
+  };
+  const Case cases[] = {{"On", true}, {"oN", true}, {"yes", false}, {"", false}, {"1", false}};
+  for (const Case& c : cases) {
+    std::string d = file((std::string("v") + c.value).c_str());
+    makeDir(d);
+    auto r = probe({"proto:" + d + ":1:text"}, {{"KV_PROTOCOL", c.value}});
+    EXPECT_EQ(r.out, "proto 1\n") << c.value << r.err;
+    EXPECT_EQ(fileExists(d + "/KVprotocol"), c.kept) << c.value;
+  }
+  // A document without a protocol does not read the switch; the next one
+  // with a protocol does, and the value then holds for the process.
+  for (const char* name : {"d1", "d2", "d3"}) makeDir(file(name));
+  auto r =
+      probe({"proto:" + file("d1") + ":0:x", "env:KV_PROTOCOL=on", "proto:" + file("d2") + ":1:y",
+             "env:KV_PROTOCOL=off", "proto:" + file("d3") + ":1:z"},
+            {{"KV_PROTOCOL", "off"}});
+  EXPECT_EQ(r.out, "proto 1\nproto 1\nproto 1\n") << r.err;
+  EXPECT_FALSE(fileExists(file("d1/KVprotocol")));
+  EXPECT_TRUE(fileExists(file("d2/KVprotocol")));
+  EXPECT_TRUE(fileExists(file("d3/KVprotocol")));
+}
+
+std::string manyStatements(int n) {
+  std::string s;
+  for (int i = 0; i < n; ++i) {
+    s += "STATEMENT_" + std::to_string(i) + "  value number " + std::to_string(i) + "\n";
+    if (i % 100 == 0) s += "\n";
+  }
+  return s;
+}
+
+TEST_F(DocumentTest, RewriteKilledHalfWayIsRepairedAtTheNextRead) {
+  const std::string original = manyStatements(3000);
+  writeFile(file("COMMANDS"), original);
+  {
+    testing_support::ChildOptions o;
+    o.env["KV_PROTOCOL"] = testing_support::kUnset;
+    testing_support::BackgroundChild child(
+        {DOCFILES_PROBE, "rewrite:" + dir_.path() + ":clockette:1500"}, o);
+    std::string line;
+    ASSERT_TRUE(child.readLine(&line, 30));
+    ASSERT_EQ(line, "STOPPED");
+    EXPECT_EQ(child.stop(SIGKILL), 128 + SIGKILL);
+  }
+  // The rewrite was cut short: the file on disk is neither the old nor the
+  // new content.
+  std::string cut = readFile(file("COMMANDS"));
+  EXPECT_LT(cut.size(), original.size());
+  EXPECT_EQ(readFile(file("COMMANDS.clockette")), original);
+
+  Document doc(dir_.path().c_str(), "clockette", 0);
+  List<CommandsEntries> entries;
+  ASSERT_EQ(doc.getAllValuesFromCommands(entries), 1);
+  ASSERT_EQ(entries.count(), 3000u);
+  int i = 0;
+  for (const CommandsEntries& e : entries) {
+    EXPECT_EQ(e, CommandsEntries(("STATEMENT_" + std::to_string(i)).c_str(),
+                                 ("value number " + std::to_string(i)).c_str()));
+    ++i;
+  }
+  EXPECT_EQ(readFile(file("COMMANDS")), original);
+  EXPECT_EQ(readFile(file("COMMANDS.clockette")), original);
+}
+
+TEST_F(DocumentTest, RewriteKilledBeforeItsFirstLineIsRepairedToo) {
+  const std::string original = "A 1\nB 2\n";
+  writeFile(file("COMMANDS"), original);
+  {
+    testing_support::BackgroundChild child(
+        {DOCFILES_PROBE, "rewrite:" + dir_.path() + ":clockette:1"});
+    std::string line;
+    ASSERT_TRUE(child.readLine(&line, 30));
+    ASSERT_EQ(line, "STOPPED");
+    child.stop(SIGKILL);
+  }
+  EXPECT_EQ(readFile(file("COMMANDS")), "");  // truncated, the line still buffered
+  Document doc(dir_.path().c_str(), "clockette", 0);
+  EXPECT_EQ(doc.getValueForFromCommands("B"), "2");
+  EXPECT_EQ(readFile(file("COMMANDS")), original);
+}
+
+TEST_F(DocumentTest, ProbeRewriteRunsToTheEndWithoutAStop) {
+  writeFile(file("COMMANDS"), "A 1\nB 2\n");
+  auto r = probe({"rewrite:" + dir_.path() + ":clockette:0"});
+  EXPECT_EQ(r.out, "done 1\n") << r.err;
+  EXPECT_EQ(readFile(file("COMMANDS")), "B\t2\nADDED by probe\n");
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+#include "kavlet/docfiles/FileH.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::fileExists;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+TEST(FileHOpen, TypesModesAndRefusals) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  std::string name = dir.file("f");
+  FileH f(name, "tag");
+  // Reading modes need the file; writing modes create it.
+  for (int type : {FileH::kReadBinary, FileH::kReadText, FileH::kUpdate, FileH::kUpdateBinary})
+    EXPECT_EQ(f.openFile(type), 0) << type;
+  EXPECT_TRUE(log.contains("cannot open file " + name + ": errno=No such file or directory"));
+  for (int type = 3; type <= 12; ++type) {
+    if (type == FileH::kUpdate || type == FileH::kUpdateBinary) continue;
+    unlink(name.c_str());
+    ASSERT_EQ(f.openFile(type), 1) << type;
+    EXPECT_EQ(f.openType(), type);
+    EXPECT_EQ(f.writeToFile("x"), 1) << type;
+    EXPECT_EQ(f.closeFile(), 1) << type;
+    EXPECT_EQ(readFile(name), "x") << type;
+  }
+  EXPECT_EQ(f.openFile(0), 0);
+  EXPECT_EQ(f.openFile(13), 0);
+  EXPECT_TRUE(log.contains("wrong type: 13"));
+  ASSERT_EQ(f.openFile(FileH::kReadText), 1);
+  EXPECT_EQ(f.openFile(FileH::kReadText), 0);
+  EXPECT_TRUE(log.contains("file '" + name + "' is allready open"));
+  EXPECT_EQ(f.closeFile(), 1);
+  EXPECT_EQ(f.closeFile(), 1);
+  EXPECT_TRUE(log.contains("file '" + name + "' is already closed"));
+  EXPECT_TRUE(f == String(name.c_str()));
+  EXPECT_TRUE(f == FileH(name, "other"));
+  EXPECT_FALSE(f == FileH(name + "x", "tag"));
+}
+
+TEST(FileHRead, LinesOfAnyLengthWithTheirLineEnds) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  std::string big(200000, 'L');
+  std::string withNul("a\0b", 3);
+  writeFile(dir.file("f"), big + "\n" + "crlf\r\n" + withNul + "\n\n" + "last");
+  FileH f(dir.file("f"), "tag");
+  ASSERT_EQ(f.openFile(FileH::kReadText), 1);
+  String line;
+  const std::string expected[] = {big + "\n", "crlf\r\n", withNul + "\n", "\n", "last"};
+  for (const std::string& e : expected) {
+    ASSERT_EQ(f.readNextLine(line), 1);
+    EXPECT_EQ(line.str(), e);
+  }
+  EXPECT_LT(f.readNextLine(line), 0);
+  EXPECT_LT(f.readNextLine(line), 0);
+  EXPECT_GE(log.count("read partstr="), 2u);
+  f.closeFile();
+  EXPECT_EQ(f.readNextLine(line), 0);
+}
+
+TEST(FileHWrite, StringsAndLinesExactlyAndRefusals) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  std::string name = dir.file("f");
+  FileH f(name, "tag");
+  EXPECT_EQ(f.writeToFile("nothing open"), 0);
+  EXPECT_TRUE(log.contains("can't write string 'nothing open' to file '" + name +
+                           "'\n    because the file isn't open for writing."));
+  EXPECT_EQ(f.writeLineToFile("nothing open"), 0);
+  ASSERT_EQ(f.openFile(FileH::kWriteText), 1);
+  EXPECT_EQ(f.writeToFile("a\tb "), 1);
+  EXPECT_EQ(f.writeLineToFile(""), 1);
+  EXPECT_EQ(f.writeLineToFile("second"), 1);
+  EXPECT_EQ(f.closeFile(), 1);
+  EXPECT_EQ(readFile(name), "a\tb \nsecond\n");
+  ASSERT_EQ(f.openFile(FileH::kReadText), 1);
+  EXPECT_EQ(f.writeLineToFile("to a read stream"), 0);
+  EXPECT_TRUE(log.contains("can`t write string 'to a read stream' to '" + name + "': errno = '"));
+  f.closeFile();
+  EXPECT_EQ(readFile(name), "a\tb \nsecond\n");
+}
+
+TEST(FileHBackup, BackupHoldsTheContentFromBeforeTheFirstChange) {
+  TempDir dir;
+  std::string name = dir.file("COMMANDS");
+  std::string backup = name + ".clockette";
+  writeFile(name, "original\n");
+  FileH f(name, "clockette");
+  EXPECT_EQ(f.backupName(), backup);
+  ASSERT_EQ(f.makeBackupCopy(), 1);
+  EXPECT_EQ(readFile(backup), "original\n");
+  EXPECT_EQ(readFile(name), "original\n");
+  // A second backup by the same object changes nothing.
+  writeFile(name, "changed\n");
+  EXPECT_EQ(f.makeBackupCopy(), 1);
+  EXPECT_EQ(readFile(backup), "original\n");
+  EXPECT_EQ(readFile(name), "changed\n");
+  // Nor does a recovery: this object's own backup is never restored.
+  EXPECT_EQ(f.recoverFromBackup(), 1);
+  EXPECT_EQ(readFile(name), "changed\n");
+}
+
+TEST(FileHBackup, RefusedForAMissingOrOpenFile) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  FileH missing(dir.file("COMMANDS"), "t");
+  EXPECT_EQ(missing.makeBackupCopy(), 0);
+  EXPECT_TRUE(log.contains("can't rename file ; the call of function rename('" +
+                           dir.file("COMMANDS") + "','" + dir.file("COMMANDS.t") + "') failed:"));
+  EXPECT_FALSE(fileExists(dir.file("COMMANDS.t")));
+  EXPECT_FALSE(fileExists(dir.file("COMMANDS")));
+  writeFile(dir.file("open"), "x");
+  FileH open(dir.file("open"), "t");
+  ASSERT_EQ(open.openFile(FileH::kReadText), 1);
+  EXPECT_EQ(open.makeBackupCopy(), 0);
+  EXPECT_FALSE(fileExists(dir.file("open.t")));
+}
+
+TEST(FileHBackup, LeftoverBackupIsRestoredBeforeReadingAndKept) {
+  TempDir dir;
+  std::string name = dir.file("COMMANDS");
+  writeFile(name, "half writ");
+  writeFile(name + ".clockette", "saved\n");
+  writeFile(name + ".other", "another worker's\n");
+  FileH f(name, "clockette");
+  ASSERT_EQ(f.recoverFromBackup(), 1);
+  EXPECT_EQ(readFile(name), "saved\n");
+  EXPECT_EQ(readFile(name + ".clockette"), "saved\n");
+  EXPECT_EQ(readFile(name + ".other"), "another worker's\n");
+  // Recovered once per object: later changes are not undone.
+  writeFile(name, "new\n");
+  EXPECT_EQ(f.recoverFromBackup(), 1);
+  EXPECT_EQ(f.makeBackupCopy(), 1);
+  EXPECT_EQ(readFile(name), "new\n");
+  EXPECT_EQ(readFile(name + ".clockette"), "saved\n");
+}
+
+TEST(FileHBackup, NewObjectWithLeftoverBackupCopiesItOverTheFile) {
+  TempDir dir;
+  std::string name = dir.file("COMMANDS");
+  writeFile(name, "half writ");
+  writeFile(name + ".t", "saved\n");
+  FileH f(name, "t");
+  ASSERT_EQ(f.makeBackupCopy(), 1);
+  EXPECT_EQ(readFile(name), "saved\n");
+  EXPECT_EQ(readFile(name + ".t"), "saved\n");
+}
+
+TEST(FileHBackup, RecoveryWithoutBackupAndWithAMissingFile) {
+  TempDir dir;
+  std::string name = dir.file("COMMANDS");
+  writeFile(name, "as is\n");
+  FileH f(name, "t");
+  EXPECT_EQ(f.recoverFromBackup(), 1);
+  EXPECT_EQ(readFile(name), "as is\n");
+  EXPECT_FALSE(fileExists(name + ".t"));
+  // The file itself may be gone (crash between unlink and copy).
+  unlink(name.c_str());
+  writeFile(name + ".t", "saved\n");
+  FileH g(name, "t");
+  EXPECT_EQ(g.recoverFromBackup(), 1);
+  EXPECT_EQ(readFile(name), "saved\n");
+}
+
+}  // namespace

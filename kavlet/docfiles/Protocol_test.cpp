@@ -1,0 +1,99 @@
+#include "kavlet/docfiles/Protocol.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <regex>
+#include <string>
+
+#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::fileExists;
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+std::string localStamp() {
+  time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+  char buf[100];
+  strftime(buf, sizeof buf, "%Y/%m/%d %H:%M:%S", &local);
+  return buf;
+}
+
+TEST(Protocol, StampedLinesFollowTheEarlierOnes) {
+  TempDir dir;
+  std::string file = dir.file("KVprotocol");
+  const std::string earlier = "2020/01/01 00:00:00 [scanner] scanned\n";
+  writeFile(file, earlier);
+  Protocol p(dir.path().c_str(), "clockette");
+  EXPECT_EQ(p.fileName(), file.c_str());
+  std::string before = localStamp();
+  EXPECT_EQ(p.appendToBuffer("file stamped"), 1);
+  EXPECT_EQ(p.appendToBuffer("two\nlines"), 1);
+  std::string after = localStamp();
+  // Nothing reaches the file before writeBuffer.
+  EXPECT_EQ(readFile(file), earlier);
+  EXPECT_EQ(p.writeBuffer(), 1);
+  EXPECT_EQ(p.closeProtocol(), 1);
+  std::string text = readFile(file);
+  ASSERT_EQ(text.compare(0, earlier.size(), earlier), 0);
+  std::smatch m;
+  std::string added = text.substr(earlier.size());
+  ASSERT_TRUE(
+      std::regex_match(added, m,
+                       std::regex("(\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d) \\[clockette\\] "
+                                  "file stamped\n"
+                                  "(\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d) \\[clockette\\] "
+                                  "two\nlines\n")))
+      << added;
+  EXPECT_GE(m[1].str(), before);
+  EXPECT_LE(m[2].str(), after);
+  // The buffer was emptied: a second write adds nothing.
+  EXPECT_EQ(p.writeBuffer(), 1);
+  EXPECT_EQ(readFile(file), text);
+}
+
+TEST(Protocol, EmptyBufferCreatesNoFile) {
+  TempDir dir;
+  Protocol p(dir.path().c_str(), "clockette");
+  EXPECT_EQ(p.writeBuffer(), 1);
+  EXPECT_EQ(p.closeProtocol(), 1);
+  EXPECT_FALSE(fileExists(dir.file("KVprotocol")));
+}
+
+TEST(Protocol, EachDocumentWritesItsOwnDirectory) {
+  TempDir dir;
+  makeDir(dir.file("a"));
+  makeDir(dir.file("b"));
+  Protocol a(dir.file("a").c_str(), "w");
+  Protocol b(dir.file("b").c_str(), "w");
+  a.appendToBuffer("for a");
+  b.appendToBuffer("for b");
+  EXPECT_EQ(a.writeBuffer(), 1);
+  EXPECT_EQ(b.writeBuffer(), 1);
+  a.closeProtocol();
+  b.closeProtocol();
+  EXPECT_NE(readFile(dir.file("a/KVprotocol")).find("] for a\n"), std::string::npos);
+  EXPECT_EQ(readFile(dir.file("a/KVprotocol")).find("for b"), std::string::npos);
+  EXPECT_NE(readFile(dir.file("b/KVprotocol")).find("] for b\n"), std::string::npos);
+}
+
+TEST(Protocol, FailedWriteDropsTheBufferAndReports) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  makeDir(dir.file("KVprotocol"));  // cannot be opened as a file, not even by root
+  Protocol p(dir.path().c_str(), "w");
+  p.appendToBuffer("lost");
+  EXPECT_EQ(p.writeBuffer(), 0);
+  EXPECT_TRUE(log.contains("cannot open file " + dir.file("KVprotocol") + ": errno="));
+  EXPECT_EQ(p.writeBuffer(), 1);
+  EXPECT_EQ(p.closeProtocol(), 1);
+}
+
+}  // namespace

@@ -1,0 +1,148 @@
+#include "kavlet/docfiles/utl.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "kavlet/docfiles/Owners.h"
+#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::fileExists;
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+// Bytes that cross several 1024-byte chunks and include NUL bytes.
+std::string pattern(size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 7 + i / 13) & 0xff);
+  return s;
+}
+
+TEST(UtlCopy, KeepsTheTargetTailWhileCopyAndSyncTruncates) {
+  TempDir dir;
+  std::string from = dir.file("from");
+  writeFile(from, "0123456789");
+  std::string old(100, 'o');
+  writeFile(dir.file("plain"), old);
+  writeFile(dir.file("synced"), old);
+  EXPECT_EQ(utlCopy(from.c_str(), dir.file("plain").c_str()), 1);
+  EXPECT_EQ(utlCopyAndSync(from.c_str(), dir.file("synced").c_str()), 1);
+  EXPECT_EQ(readFile(dir.file("plain")), "0123456789" + old.substr(10));
+  EXPECT_EQ(readFile(dir.file("synced")), "0123456789");
+}
+
+TEST(UtlCopy, CopiesManyChunksExactlyAndCreatesTheTarget) {
+  TempDir dir;
+  std::string data = pattern(5 * 1024 + 17);
+  writeFile(dir.file("from"), data);
+  for (auto copy : {utlCopy, utlCopyAndSync, utlLinkOrCopy}) {
+    std::string to = dir.file("to");
+    unlink(to.c_str());
+    EXPECT_EQ(copy(dir.file("from").c_str(), to.c_str()), 1);
+    EXPECT_EQ(readFile(to), data);
+  }
+}
+
+TEST(UtlCopy, FailuresLeaveTheTargetAlone) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  writeFile(dir.file("target"), "keep me");
+  makeDir(dir.file("adir"));
+  for (auto copy : {utlCopy, utlCopyAndSync, utlLinkOrCopy}) {
+    EXPECT_EQ(copy(dir.file("missing").c_str(), dir.file("target").c_str()), 0);
+    // A directory as source must not truncate the target before failing.
+    EXPECT_EQ(copy(dir.file("adir").c_str(), dir.file("target").c_str()), 0);
+    EXPECT_EQ(readFile(dir.file("target")), "keep me");
+    EXPECT_FALSE(fileExists(dir.file("new")));
+    EXPECT_EQ(copy(dir.file("missing").c_str(), dir.file("new").c_str()), 0);
+    EXPECT_FALSE(fileExists(dir.file("new")));
+  }
+  EXPECT_EQ(utlCopy(dir.file("target").c_str(), dir.file("no/such/dir").c_str()), 0);
+  EXPECT_TRUE(log.contains("the system call open64('" + dir.file("no/such/dir") +
+                           "',O_WRONLY|O_CREAT,0666) failed:No such file or directory"));
+  EXPECT_TRUE(log.contains("can't copy file from '" + dir.file("missing") + "' to '" +
+                           dir.file("new") + "'; the call of function utlCopy("));
+}
+
+TEST(UtlLinkOrCopy, MakesAnIndependentCopy) {
+  TempDir dir;
+  writeFile(dir.file("from"), "original");
+  ASSERT_EQ(utlLinkOrCopy(dir.file("from").c_str(), dir.file("to").c_str()), 1);
+  writeFile(dir.file("from"), "changed afterwards");
+  EXPECT_EQ(readFile(dir.file("to")), "original");
+}
+
+TEST(UtlAppend, AppendsExactlyTheRangeWithinBounds) {
+  docfiles_test::LogCapture log;
+  TempDir dir;
+  std::string data = pattern(3000);
+  std::string from = dir.file("from");
+  std::string to = dir.file("to");
+  writeFile(from, data);
+  writeFile(to, "head:");
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 10, 2500), 1);
+  EXPECT_EQ(readFile(to), "head:" + data.substr(10, 2500));
+  // offset + len == size is the last valid range; one byte more fails and
+  // appends nothing.
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 2990, 10), 1);
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 2990, 11), 0);
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 3001, 0), 0);
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), -1, 5), 0);
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 5, -1), 0);
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 1, INT64_MAX), 0);
+  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 3000, 0), 1);
+  EXPECT_EQ(readFile(to), "head:" + data.substr(10, 2500) + data.substr(2990, 10));
+  EXPECT_TRUE(
+      log.contains("invalid parameters: file '" + from + "': size=3000, offset=2990, len=11"));
+  EXPECT_EQ(utlAppend(dir.file("missing").c_str(), to.c_str(), 0, 0), 0);
+}
+
+TEST(UtlReadWrite, ShortFileAndWriteErrors) {
+  TempDir dir;
+  writeFile(dir.file("f"), "abc");
+  docfiles::ScopedFd fd(open(dir.file("f").c_str(), O_RDONLY));
+  char buf[16];
+  EXPECT_EQ(utlRead(fd.get(), buf, sizeof buf), 3);
+  EXPECT_EQ(std::string(buf, 3), "abc");
+  EXPECT_EQ(utlRead(fd.get(), buf, sizeof buf), 0);
+  EXPECT_EQ(utlWrite(fd.get(), "x", 1), -1);
+  EXPECT_EQ(utlRead(-1, buf, 1), -1);
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  docfiles::ScopedFd in(pipeFds[0]);
+  docfiles::ScopedFd out(pipeFds[1]);
+  EXPECT_EQ(utlWrite(out.get(), "hello", 5), 5);
+  EXPECT_EQ(utlRead(in.get(), buf, 5), 5);
+  EXPECT_EQ(std::string(buf, 5), "hello");
+}
+
+TEST(ValidateDate, MonthsDaysAndLeapYears) {
+  struct Case {
+    const char* date;
+    int valid;
+  };
+  const Case cases[] = {
+      {"20240229", 1}, {"20230229", 0}, {"19000229", 0}, {"20000229", 1}, {"20240131", 1},
+      {"20240132", 0}, {"20240431", 0}, {"20241231", 1}, {"20241301", 0}, {"20240100", 0},
+      {"20240001", 0}, {"2024-101", 0}, {"", 0},
+  };
+  for (const Case& c : cases) EXPECT_EQ(validateDate(c.date), c.valid) << c.date;
+}
+
+TEST(ValidateDate, MonthZeroFailsOnItsDaysNotOnItsRange) {
+  docfiles_test::LogCapture log;
+  EXPECT_EQ(validateDate("20240010"), 0);
+  EXPECT_TRUE(log.contains("month 0 of year 2024 consists of 0 days."));
+  EXPECT_FALSE(log.contains("month must be between"));
+  EXPECT_EQ(validateDate("20241301"), 0);
+  EXPECT_TRUE(log.contains("month must be between 01 and 12 (month is 13)"));
+}
+
+}  // namespace
