@@ -261,11 +261,4 @@ TEST_F(DocumentTest, RewriteKilledBeforeItsFirstLineIsRepairedToo) {
   EXPECT_EQ(readFile(file("COMMANDS")), original);
 }
 
-TEST_F(DocumentTest, ProbeRewriteRunsToTheEndWithoutAStop) {
-  writeFile(file("COMMANDS"), "A 1\nB 2\n");
-  auto r = probe({"rewrite:" + dir_.path() + ":clockette:0"});
-  EXPECT_EQ(r.out, "done 1\n") << r.err;
-  EXPECT_EQ(readFile(file("COMMANDS")), "B\t2\nADDED by probe\n");
-}
-
 }  // namespace

@@ -114,13 +114,6 @@ TEST(UtlReadWrite, ShortFileAndWriteErrors) {
   EXPECT_EQ(utlRead(fd.get(), buf, sizeof buf), 0);
   EXPECT_EQ(utlWrite(fd.get(), "x", 1), -1);
   EXPECT_EQ(utlRead(-1, buf, 1), -1);
-  int pipeFds[2];
-  ASSERT_EQ(pipe(pipeFds), 0);
-  docfiles::ScopedFd in(pipeFds[0]);
-  docfiles::ScopedFd out(pipeFds[1]);
-  EXPECT_EQ(utlWrite(out.get(), "hello", 5), 5);
-  EXPECT_EQ(utlRead(in.get(), buf, 5), 5);
-  EXPECT_EQ(std::string(buf, 5), "hello");
 }
 
 TEST(ValidateDate, MonthsDaysAndLeapYears) {
