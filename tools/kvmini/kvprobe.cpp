@@ -4,7 +4,7 @@
 // kvmini or a libtirpc client. The counterpart of kvmini, built on our own
 // runtime.
 //
-//   kvprobe [-l LEVEL] [-opwork] STEP...
+//   kvprobe [-l LEVEL] [-log FILE] [-opwork] STEP...
 //
 // Steps and what they print on standard output (one line each; "ms=" is how
 // long the step took):
@@ -23,7 +23,8 @@
 // While serving, callbacks print "WORK <n> <text>", "CTRL <n> <text>" (the
 // reply is 100 + n; code 5 also ends the loop) and "INFO <text> <n>". With
 // -opwork every work order is answered with KVop(text, "ok", "") ("op ...").
-// -l LEVEL switches log levels 5..LEVEL on (the log goes to standard error).
+// -l LEVEL switches log levels 5..LEVEL on; the log goes to standard error
+// unless -log names a file.
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -73,7 +74,7 @@ int probeCtrl(int number, const char* text) {
 void probeInfo(const char* text, int number) { out("INFO %s %d", text ? text : "NULL", number); }
 
 int usage() {
-  fprintf(stderr, "usage: kvprobe [-l LEVEL] [-opwork] STEP...\n");
+  fprintf(stderr, "usage: kvprobe [-l LEVEL] [-log FILE] [-opwork] STEP...\n");
   return 64;
 }
 
@@ -86,6 +87,8 @@ int main(int argc, char** argv) {
     if (strcmp(argv[i], "-l") == 0 && i + 1 < argc) {
       int level = atoi(argv[++i]);
       for (int l = 5; l <= level && l <= Log::kMaxLevel; ++l) Log::setLevel(l, 1);
+    } else if (strcmp(argv[i], "-log") == 0 && i + 1 < argc) {
+      Log::setLogFile(argv[++i]);
     } else if (strcmp(argv[i], "-opwork") == 0) {
       opAfterWork = true;
     } else {

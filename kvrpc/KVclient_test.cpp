@@ -1,0 +1,285 @@
+// The KV client calls in a fresh process each (kvprobe), against a KV
+// emulated by an independent ONC RPC implementation (kvmini, on libtirpc).
+#include "kvrpc/KVclient.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "testing/KvPeers.h"
+
+namespace {
+
+using testing_support::ChildOptions;
+using testing_support::ChildResult;
+using testing_support::KvMini;
+using testing_support::kvminiCall;
+using testing_support::kvprobePath;
+using testing_support::LinePeer;
+using testing_support::numberAfter;
+using testing_support::runChild;
+
+ChildOptions probeEnv(std::map<std::string, std::string> extra = {}) {
+  ChildOptions o;
+  o.env = {{"MY_HOST_NAME", "localhost"},           {"KLCTO", "3/1"},
+           {"KVPORT", testing_support::kUnset},     {"RPC_OFFSET", testing_support::kUnset},
+           {"kavletHOST", testing_support::kUnset}, {"kavletTYPE", testing_support::kUnset}};
+  for (auto& kv : extra) o.env[kv.first] = kv.second;
+  return o;
+}
+
+ChildResult probe(const std::vector<std::string>& steps, const ChildOptions& options) {
+  std::vector<std::string> argv = {kvprobePath(), "-l", "9"};
+  argv.insert(argv.end(), steps.begin(), steps.end());
+  return runChild(argv, options);
+}
+
+// The line of the probe's output that starts with step + " ".
+std::string stepLine(const ChildResult& r, const std::string& step) {
+  size_t pos = 0;
+  while (pos < r.out.size()) {
+    size_t nl = r.out.find('\n', pos);
+    std::string line = r.out.substr(pos, nl - pos);
+    if (line.compare(0, step.size() + 1, step + " ") == 0) return line;
+    if (nl == std::string::npos) break;
+    pos = nl + 1;
+  }
+  return "";
+}
+long stepResult(const ChildResult& r, const std::string& step) {
+  return numberAfter(stepLine(r, step), step);
+}
+
+std::string lineStarting(KvMini& kv, const std::string& prefix) {
+  for (const auto& l : kv.drain(0)) {
+    if (l.compare(0, prefix.size(), prefix) == 0) return l;
+  }
+  return "";
+}
+
+TEST(KVclientTest, RegistersReportsCreatesDocumentsAndSaysGoodbye) {
+  KvMini kv;
+  ChildResult r = probe({"setport", kv.portText(), "hi",    "localhost", "clockette", "port",
+                         "op",      "/docs/0001",  "ok",    "",          "crt2",      "/docs/new",
+                         "split",   "from 0001",   "crt",   "localhost", "splitter",  "/docs/other",
+                         "merge",   "x",           "alive", "bye"},
+                        probeEnv());
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  long sock = stepResult(r, "hi");
+  EXPECT_GE(sock, 0) << r.out;
+  std::string servicePort = std::to_string(numberAfter(stepLine(r, "port"), "port"));
+  EXPECT_EQ(numberAfter(stepLine(r, "port"), "socket"), sock);
+  EXPECT_EQ(stepResult(r, "op"), 0);
+  EXPECT_EQ(stepResult(r, "crt2"), 0);
+  EXPECT_EQ(stepResult(r, "crt"), 0);
+
+  kv.drain(1);
+  std::string me = "family=2 address=127.0.0.1 port=" + servicePort;
+  EXPECT_NE(lineStarting(kv, "HI ").find(me + " type=\"clockette\" -> 1"), std::string::npos);
+  EXPECT_NE(
+      lineStarting(kv, "OP ").find(me + " document=\"/docs/0001\" text2=\"ok\" text3=\"\" -> 0"),
+      std::string::npos);
+  // KVcrt2 goes with the registration; KVcrt with its own type and port 0.
+  EXPECT_NE(lineStarting(kv, "CRT ")
+                .find("type=\"clockette\" " + me +
+                      " path=\"/docs/new\" operation=\"split\" "
+                      "comment=\"from 0001\" -> 0"),
+            std::string::npos);
+  EXPECT_EQ(kv.countLines("CRT "), 2);
+  EXPECT_EQ(kv.countLines("ALIVE "), 1);
+  EXPECT_NE(lineStarting(kv, "BYE ").find(me + " type=\"clockette\""), std::string::npos);
+  bool ownCrt = false;
+  for (const auto& l : kv.drain(0)) {
+    ownCrt |= l.find("type=\"splitter\" family=2 address=127.0.0.1 port=0 path=\"/docs/other\"") !=
+              std::string::npos;
+  }
+  EXPECT_TRUE(ownCrt);
+}
+
+TEST(KVclientTest, EnvironmentReplacesHostAndType) {
+  KvMini kv;
+  ChildResult r = probe({"setport", kv.portText(), "hi", "kv.invalid", "given"},
+                        probeEnv({{"kavletHOST", "localhost"}, {"kavletTYPE", "forced"}}));
+  EXPECT_GE(stepResult(r, "hi"), 0) << r.out << r.err;
+  EXPECT_NE(r.err.find("libkavlet: using hostname 'localhost' and not 'kv.invalid'"),
+            std::string::npos);
+  EXPECT_NE(r.err.find("libkavlet: using type 'forced' and not 'given'"), std::string::npos);
+  kv.drain(1);
+  EXPECT_NE(lineStarting(kv, "HI ").find("type=\"forced\""), std::string::npos);
+}
+
+struct FailureCase {
+  const char* name;
+  std::vector<std::string> kvArgs;
+  std::string host;
+  long hiCode;
+  const char* stderrPart;
+};
+
+TEST(KVclientTest, RegistrationFailuresGiveTheirCodesAndLeaveNoRegistration) {
+  const FailureCase cases[] = {
+      {"refused", {"--refuse"}, "localhost", -1, "answer 0"},
+      {"unknown host",
+       {},
+       "no-such-host.invalid",
+       -2,
+       "KVconnect: cannot get addess for 'no-such-host.invalid'"},
+      {"silent", {"--silent"}, "localhost", -3, "rpc(hello): RPC: Timed out"},
+      {"other program", {"--offset", "3"}, "localhost", -3, "rpc(hello): RPC: Program unavailable"},
+  };
+  for (const FailureCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    KvMini kv(c.kvArgs);
+    ChildResult r = probe(
+        {"setport", kv.portText(), "hi", c.host, "tool", "op", "/d", "ok", "", "alive", "bye"},
+        probeEnv({{"KLCTO", "1/1"}}));
+    EXPECT_EQ(stepResult(r, "hi"), c.hiCode) << r.out;
+    EXPECT_NE(r.err.find(c.stderrPart), std::string::npos) << r.err;
+    if (c.hiCode != -3) {
+      // Without a registration nothing further reaches the KV.
+      EXPECT_EQ(stepResult(r, "op"), 1);
+      kv.drain(1);
+      EXPECT_EQ(kv.countLines("OP "), 0);
+      EXPECT_EQ(kv.countLines("ALIVE "), 0);
+      EXPECT_EQ(kv.countLines("BYE "), 0);
+    }
+  }
+}
+
+TEST(KVclientTest, KvAnswersOfOpAndCrtAreReturned) {
+  KvMini kv({"--op-answer", "4", "--crt-answer", "3"});
+  ChildResult r =
+      probe({"setport", kv.portText(), "hi", "localhost", "tool", "op", "/d", "error", "disk full",
+             "crt2", "/n", "o", "c", "crt", "localhost", "t", "/p", "o", "c"},
+            probeEnv());
+  EXPECT_EQ(stepResult(r, "op"), 4) << r.out;
+  EXPECT_EQ(stepResult(r, "crt2"), 3);
+  EXPECT_EQ(stepResult(r, "crt"), 3);
+  EXPECT_NE(r.err.find("KV refuses document"), std::string::npos);
+}
+
+TEST(KVclientTest, BoundsOfTheReportAreKeptOnTheClientSide) {
+  KvMini kv;
+  std::string status61(61, 's');
+  ChildResult r = probe({"setport", kv.portText(), "hi", "localhost", "tool", "op", "/d", status61,
+                         "", "op", "/d", status61.substr(1), ""},
+                        probeEnv());
+  EXPECT_NE(r.out.find("op 1 "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("op 0 "), std::string::npos) << r.out;
+  EXPECT_NE(r.err.find("KVop: RPC: Can't encode arguments"), std::string::npos) << r.err;
+  kv.drain(1);
+  EXPECT_EQ(kv.countLines("OP "), 1);
+}
+
+struct TimeoutCase {
+  const char* klcto;
+  long minMs, maxMs;
+  int minSends, maxSends;
+};
+
+TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
+  const TimeoutCase cases[] = {
+      {"3/1", 2900, 4500, 3, 4},  // sent at 0, 1, 2 (and perhaps 3) s
+      {"3", 2900, 4500, 2, 2},    // the retry interval stays 2 s: sent at 0 and 2 s
+  };
+  for (const TimeoutCase& c : cases) {
+    SCOPED_TRACE(c.klcto);
+    KvMini kv({"--silent"});
+    ChildResult r = probe({"setport", kv.portText(), "hi", "localhost", "tool"},
+                          probeEnv({{"KLCTO", c.klcto}}));
+    EXPECT_EQ(stepResult(r, "hi"), -3) << r.out;
+    long ms = numberAfter(stepLine(r, "hi"), "ms");
+    EXPECT_GE(ms, c.minMs);
+    EXPECT_LE(ms, c.maxMs);
+    EXPECT_NE(r.err.find("clnt timeout on FD"), std::string::npos) << r.err;
+    kv.drain(1);
+    EXPECT_GE(kv.countLines("HI "), c.minSends);
+    EXPECT_LE(kv.countLines("HI "), c.maxSends);
+  }
+}
+
+TEST(KVclientTest, KVopToAKvThatWentAwayFails) {
+  auto kv = std::make_unique<KvMini>();
+  LinePeer p({kvprobePath(), "-l", "9", "setport", kv->portText(), "hi", "localhost", "tool",
+              "sleep", "1500", "op", "/d", "ok", ""},
+             probeEnv({{"KLCTO", "2/1"}}));
+  ASSERT_TRUE(kv->waitFor("HI "));
+  kv.reset();  // the KV ends
+  std::string line;
+  ASSERT_TRUE(p.waitFor("op ", &line, 10));
+  EXPECT_EQ(numberAfter(line, "op"), 1);
+  EXPECT_NE(p.child().stderrText().find("KVop: RPC:"), std::string::npos);
+}
+
+TEST(KVclientTest, DebugHostServesButSendsNothing) {
+  ChildResult r = probe({"hi", "DEBUG", "tool", "port", "op", "/d", "ok", "fine", "crt", "kvhost",
+                         "t", "/p", "o", "c", "alive", "bye"},
+                        probeEnv());
+  long sock = stepResult(r, "hi");
+  EXPECT_GE(sock, 0) << r.out;
+  EXPECT_GT(numberAfter(stepLine(r, "port"), "port"), 0);
+  EXPECT_EQ(stepResult(r, "op"), 0);
+  EXPECT_EQ(stepResult(r, "crt"), 0);
+  EXPECT_NE(r.err.find("KVhi: simulation: no connection to KV"), std::string::npos);
+  EXPECT_NE(r.err.find("KVop('/d','ok','fine')"), std::string::npos);
+  EXPECT_NE(r.err.find("KVcrt('kvhost', 't', '/p', 'o', 'c')"), std::string::npos);
+  EXPECT_EQ(r.err.find("clntudp_create"), std::string::npos);
+}
+
+TEST(KVclientTest, KvPortComesFromKVPORTUnlessSetPortWasCalled) {
+  KvMini kv;
+  struct {
+    const char* name;
+    std::string kvport;
+    std::vector<std::string> setport;
+    bool reachesKv;
+  } cases[] = {
+      {"KVPORT", kv.portText(), {}, true},
+      {"KVSetPort wins", kv.portText(), {"setport", "9"}, false},
+      {"KVPORT not a number", "none", {"setport", kv.portText()}, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> steps = c.setport;
+    steps.insert(steps.end(), {"hi", "localhost", "tool", "bye"});
+    ChildResult r = probe(steps, probeEnv({{"KVPORT", c.kvport}, {"KLCTO", "1/1"}}));
+    EXPECT_EQ(stepResult(r, "hi") >= 0, c.reachesKv) << r.out;
+  }
+  kv.drain(1);
+  EXPECT_EQ(kv.countLines("HI "), 2);
+}
+
+TEST(KVclientTest, ProgramOffsetShiftsTheKvProgramButNotTheToolProgram) {
+  KvMini kv({"--offset", "3"});
+  LinePeer p({kvprobePath(), "setport", kv.portText(), "hi", "localhost", "tool", "port", "serve"},
+             probeEnv({{"RPC_OFFSET", "3"}}));
+  std::string hi, port;
+  ASSERT_TRUE(p.waitFor("hi ", &hi));
+  EXPECT_GE(numberAfter(hi, "hi"), 0) << hi;
+  ASSERT_TRUE(p.waitFor("port ", &port));
+  // kvmini calls the callback program by its fixed number.
+  EXPECT_EQ(
+      kvminiCall("127.0.0.1:" + std::to_string(numberAfter(port, "port")), {"work", "/docs/x"}),
+      "reply 1");
+  EXPECT_TRUE(p.waitFor("WORK 1 /docs/x"));
+}
+
+TEST(KVclientTest, KVcrtShortensTheTimeOutOfEveryLaterCall) {
+  auto kv = std::make_unique<KvMini>();
+  // No KLCTO: the registration would wait 60 s, but KVcrt has set 15 s for all.
+  ChildOptions env = probeEnv({{"KLCTO", testing_support::kUnset}});
+  LinePeer p({kvprobePath(), "setport", kv->portText(), "crt", "localhost", "t", "/p", "o", "c",
+              "hi", "localhost", "tool", "sleep", "1000", "op", "/d", "ok", ""},
+             env);
+  ASSERT_TRUE(p.waitFor("hi "));
+  kv.reset();
+  std::string line;
+  ASSERT_TRUE(p.waitFor("op ", &line, 40));
+  EXPECT_EQ(numberAfter(line, "op"), 1);
+  long ms = numberAfter(line, "ms");
+  EXPECT_GE(ms, 14500);
+  EXPECT_LE(ms, 20000);
+}
+
+}  // namespace
