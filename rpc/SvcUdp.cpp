@@ -44,7 +44,15 @@ bool_t udpRecv(SVCXPRT* xprt, rpc_call_hdr* hdr) {
         recvfrom(xprt->xp_sock, d->recvBuf.data(), d->recvBuf.size(), MSG_DONTWAIT | MSG_TRUNC,
                  reinterpret_cast<sockaddr*>(&xprt->xp_raddr), &xprt->xp_addrlen);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return FALSE;
+    if (n < 0) {
+      const int e = errno;
+      if (e == EBADF || e == ENOTSOCK) {
+        // No longer our socket: serving it again would only spin.
+        c_logmsg(kComponent, 2, "bad FD%d set in %s", xprt->xp_sock, "readfds");
+        xprt_unregister(xprt);
+      }
+      return FALSE;
+    }
     if (static_cast<size_t>(n) > d->recvBuf.size()) {
       c_logmsg(kComponent, 5, "dropped datagram of %d bytes on FD%d", static_cast<int>(n),
                xprt->xp_sock);

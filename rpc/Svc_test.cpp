@@ -1,0 +1,238 @@
+#include "rpc/Svc.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "rpc/Clnt.h"
+#include "rpc/SvcUdp.h"
+#include "rpc/peer/ServiceLoop.h"
+#include "rpc/peer/TestProg.h"
+#include "testing/LogCapture.h"
+
+using rpc_test::ServiceLoop;
+using rpc_test::UdpSocket;
+using rpc_test::xdrPair;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes words(std::initializer_list<uint32_t> ws) {
+  Bytes b;
+  for (uint32_t w : ws)
+    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(w >> s));
+  return b;
+}
+
+struct ClientDeleter {
+  void operator()(CLIENT* c) const { clnt_destroy(c); }
+};
+using ClientPtr = std::unique_ptr<CLIENT, ClientDeleter>;
+
+const timeval kTotal = {3, 0};
+
+clnt_stat add(CLIENT* cl, int a, int b, int* sum) {
+  int args[2] = {a, b};
+  return clnt_call(cl, TESTPROC_ADD, xdr_proc<xdrPair>, args, xdr_proc<xdr_int>, sum, kTotal);
+}
+
+// Sends one datagram from a plain socket and returns the reply (empty when
+// none came within timeoutMs).
+Bytes exchange(int port, const Bytes& request, int timeoutMs = 1000) {
+  UdpSocket s;
+  s.sendTo(request, UdpSocket::loopback(port));
+  Bytes reply;
+  sockaddr_in from;
+  if (!s.receive(&reply, &from, timeoutMs)) reply.clear();
+  return reply;
+}
+
+TEST(Svc, RunDispatchesCallsToTheRegisteredRoutine) {
+  ServiceLoop svc;
+  ASSERT_NE(nullptr, svc.xprt());
+  svc.start();
+  ClientPtr cl(svc.client());
+  ASSERT_TRUE(cl);
+  EXPECT_EQ(RPC_SUCCESS, clnt_call(cl.get(), TESTPROC_NULL, xdr_proc<xdr_void>, nullptr,
+                                   xdr_proc<xdr_void>, nullptr, kTotal));
+  int sum = 0;
+  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 2, 3, &sum));
+  EXPECT_EQ(5, sum);
+  char* in = const_cast<char*>("hello, world");
+  char* out = nullptr;
+  ASSERT_EQ(RPC_SUCCESS, clnt_call(cl.get(), TESTPROC_ECHO, xdr_proc<xdr_wrapstring>, &in,
+                                   xdr_proc<xdr_wrapstring>, &out, kTotal));
+  EXPECT_STREQ("hello, world", out);
+  clnt_freeres(cl.get(), xdr_proc<xdr_wrapstring>, &out);
+}
+
+TEST(Svc, RepliesOnTheWireAsTheCallerExpects) {
+  ServiceLoop svc;
+  svc.start();
+  // xid, CALL, RPC version, program, version, procedure, credential, verifier, args.
+  const Bytes call = words({77, 0, 2, TESTPROG, TESTVERS, TESTPROC_ADD, 0, 0, 0, 0, 20, 22});
+  EXPECT_EQ(words({77, 1, 0, 0, 0, 0, 42}), exchange(svc.port(), call));
+  // AUTH_SYS credentials are accepted unchecked.
+  const Bytes sys = words({78, 0, 2, TESTPROG, TESTVERS, TESTPROC_ADD, 1, 8, 5, 0, 0, 0, 1, 2});
+  EXPECT_EQ(words({78, 1, 0, 0, 0, 0, 3}), exchange(svc.port(), sys));
+  // Another RPC version is denied with the supported range, an unknown
+  // credential flavour as rejected.
+  const Bytes v3 = words({79, 0, 3, TESTPROG, TESTVERS, 0, 0, 0, 0, 0});
+  EXPECT_EQ(words({79, 1, 1, 0, 2, 2}), exchange(svc.port(), v3));
+  const Bytes flavour = words({80, 0, 2, TESTPROG, TESTVERS, 0, 9, 0, 0, 0});
+  EXPECT_EQ(words({80, 1, 1, 1, 2}), exchange(svc.port(), flavour));
+}
+
+TEST(Svc, AnswersTheStandardErrors) {
+  ServiceLoop svc;
+  svc.start();
+  struct Case {
+    const char* name;
+    u_long prog, vers, proc;
+    int args;  // how many ints to send to a procedure that wants two
+    clnt_stat expected;
+  } cases[] = {
+      {"unknown procedure", TESTPROG, TESTVERS, 9, 2, RPC_PROCUNAVAIL},
+      {"arguments that do not decode", TESTPROG, TESTVERS, TESTPROC_ADD, 1, RPC_CANTDECODEARGS},
+      {"system error", TESTPROG, TESTVERS, 3, 0, RPC_SYSTEMERROR},
+      {"unknown program", TESTPROG + 1, TESTVERS, 0, 0, RPC_PROGUNAVAIL},
+      {"unknown version", TESTPROG, TESTVERS + 1, 0, 0, RPC_PROGVERSMISMATCH},
+  };
+  for (const Case& c : cases) {
+    ClientPtr cl(svc.client(c.prog, c.vers));
+    int args[2] = {1, 2};
+    xdrproc_t xargs = c.args == 2   ? xdr_proc<xdrPair>
+                      : c.args == 1 ? xdr_proc<xdr_int>
+                                    : xdr_proc<xdr_void>;
+    int res = 0;
+    EXPECT_EQ(c.expected, clnt_call(cl.get(), c.proc, xargs, args, xdr_proc<xdr_int>, &res, kTotal))
+        << c.name;
+    if (c.expected == RPC_PROGVERSMISMATCH) {
+      EXPECT_STREQ("v: RPC: Program/version mismatch; low version = 1, high version = 1",
+                   clnt_sperror(cl.get(), "v"));
+    }
+  }
+}
+
+TEST(Svc, KeepsServingAfterGarbageDatagrams) {
+  ServiceLoop svc;
+  svc.start();
+  UdpSocket noise;
+  std::mt19937 rng(12345);
+  const Bytes header = words({1, 0, 2, TESTPROG, TESTVERS, TESTPROC_ECHO, 0, 0, 0, 0});
+  for (int i = 0; i < 500; ++i) {
+    Bytes d(rng() % 120);
+    for (auto& b : d) b = static_cast<uint8_t>(rng());
+    if (i % 2) {  // a valid header followed by random bytes reaches the argument decoder
+      d.insert(d.begin(), header.begin(), header.end());
+    }
+    noise.sendTo(d, UdpSocket::loopback(svc.port()));
+  }
+  // A datagram longer than the receive buffer is dropped, not decoded in part.
+  Bytes big = words({2, 0, 2, TESTPROG, TESTVERS, TESTPROC_NULL, 0, 0, 0, 0});
+  big.resize(SVCUDP_BUFSIZE + 100);
+  EXPECT_TRUE(exchange(svc.port(), big, 300).empty());
+  ClientPtr cl(svc.client());
+  int sum = 0;
+  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 40, 2, &sum));
+  EXPECT_EQ(42, sum);
+}
+
+TEST(Svc, TerminateTakesEffectWhenTheWaitReturns) {
+  ServiceLoop svc;
+  svc.start();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  terminateSvcrun();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(svc.done()) << "the loop sits in its wait until something arrives";
+  // The request that wakes it is still served.
+  ClientPtr cl(svc.client());
+  int sum = 0;
+  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 1, 1, &sum));
+  for (int i = 0; i < 100 && !svc.done(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(svc.done());
+}
+
+TEST(Svc, RefusesDescriptorsFromNofileOn) {
+  rlimit lim;
+  getrlimit(RLIMIT_NOFILE, &lim);
+  if (lim.rlim_cur <= NOFILE) {
+    lim.rlim_cur = lim.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &lim);
+  }
+  if (lim.rlim_cur <= NOFILE) GTEST_SKIP() << "descriptor limit too low";
+  testing_support::LogCapture log;
+  Log::setLevel(10, 1);
+  const int s = socket(AF_INET, SOCK_DGRAM, 0);
+  ASSERT_EQ(NOFILE - 1, dup2(s, NOFILE - 1));
+  ASSERT_EQ(NOFILE, dup2(s, NOFILE));
+  close(s);
+
+  EXPECT_EQ(nullptr, svcudp_bufcreate(NOFILE, 0, 0));
+  EXPECT_EQ(-1, fcntl(NOFILE, F_GETFD)) << "the refused socket is closed";
+  EXPECT_TRUE(log.contains("exceeded NOFILE=512!!"));
+  EXPECT_TRUE(log.contains("close FD512"));
+
+  SVCXPRT* last = svcudp_bufcreate(NOFILE - 1, 0, 0);
+  ASSERT_NE(nullptr, last);
+  EXPECT_EQ(last, svc_xprt_of(NOFILE - 1));
+  EXPECT_EQ(NOFILE, svc_maxsock);
+  svc_destroy(last);
+  EXPECT_LT(svc_maxsock, NOFILE);
+  Log::setLevel(10, 0);
+}
+
+TEST(Svc, SelectFailureEndsTheLoop) {
+  ServiceLoop svc;
+  // Both open files: they must do so before the victim's number becomes free.
+  testing_support::LogCapture log;
+  testing::internal::CaptureStderr();
+  SVCXPRT* victim = svcudp_bufcreate(RPC_ANYSOCK, 0, 0);
+  ASSERT_NE(nullptr, victim);
+  close(victim->xp_sock);  // closed behind the runtime's back
+  svc_run();               // returns at once: select reports the bad descriptor
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(std::string::npos, err.find("svc: - Select failed")) << err;
+  EXPECT_TRUE(
+      log.contains("FD" + std::to_string(victim->xp_sock) + " closed meanwhile in readfds"));
+  xprt_unregister(victim);
+  victim->xp_sock = -1;
+  svc_destroy(victim);
+}
+
+TEST(Svc, IPv4AndIPv6ServicesShareAPort) {
+  ServiceLoop svc;
+  sockaddr_in6 any6{};
+  any6.sin6_family = AF_INET6;
+  any6.sin6_addr = in6addr_any;
+  any6.sin6_port = htons(static_cast<uint16_t>(svc.port()));
+  SVCXPRT* v6 = svcudp_create(&any6);
+  if (v6 == nullptr && errno == EAFNOSUPPORT) GTEST_SKIP() << "no IPv6";
+  ASSERT_NE(nullptr, v6);
+  EXPECT_EQ(svc.port(), v6->xp_port);
+  EXPECT_TRUE(svc_register(v6, TESTPROG, TESTVERS, rpc_test::testDispatch, 0));
+  EXPECT_FALSE(svc_register(
+      v6, TESTPROG, TESTVERS, [](svc_req*, SVCXPRT*) {}, 0))
+      << "one routine per program and version";
+  svc.start();
+  sockaddr_in6 loop6 = any6;
+  loop6.sin6_addr = in6addr_loopback;
+  int sock = RPC_ANYSOCK;
+  ClientPtr cl(clntudp_create(&loop6, TESTPROG, TESTVERS, {1, 0}, &sock));
+  ASSERT_TRUE(cl);
+  int sum = 0;
+  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 6, 7, &sum));
+  EXPECT_EQ(13, sum);
+  svc.stop();
+  svc_destroy(v6);
+}
+
+}  // namespace

@@ -1,0 +1,106 @@
+// Test helper: a UDP service of the test program on 127.0.0.1 whose loop
+// (svc_run) runs on a background thread, as the worker runs it on its main
+// thread.
+#ifndef RPC_PEER_SERVICELOOP_H_
+#define RPC_PEER_SERVICELOOP_H_
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "rpc/Clnt.h"
+#include "rpc/Svc.h"
+#include "rpc/SvcUdp.h"
+#include "rpc/peer/TestProg.h"
+
+namespace rpc_test {
+
+inline bool_t xdrPair(XDR* x, int* p) { return xdr_int(x, &p[0]) && xdr_int(x, &p[1]); }
+
+// NULL, ADD (int, int -> sum), ECHO (string -> string), 3: SYSTEM_ERR, else PROC_UNAVAIL.
+inline void testDispatch(svc_req* rq, SVCXPRT* xprt) {
+  switch (rq->rq_proc) {
+    case TESTPROC_NULL:
+      svc_sendreply(xprt, xdr_proc<xdr_void>, nullptr);
+      return;
+    case TESTPROC_ADD: {
+      int ab[2] = {0, 0};
+      if (!svc_getargs(xprt, xdr_proc<xdrPair>, ab)) {
+        svcerr_decode(xprt);
+        return;
+      }
+      int sum = ab[0] + ab[1];
+      svc_sendreply(xprt, xdr_proc<xdr_int>, &sum);
+      return;
+    }
+    case TESTPROC_ECHO: {
+      char* text = nullptr;
+      if (!svc_getargs(xprt, xdr_proc<xdr_wrapstring>, &text)) {
+        svcerr_decode(xprt);
+        return;
+      }
+      svc_sendreply(xprt, xdr_proc<xdr_wrapstring>, &text);
+      svc_freeargs(xprt, xdr_proc<xdr_wrapstring>, &text);
+      return;
+    }
+    case 3:
+      svcerr_systemerr(xprt);
+      return;
+    default:
+      svcerr_noproc(xprt);
+  }
+}
+
+class ServiceLoop {
+ public:
+  ServiceLoop() {
+    sockaddr_in a = UdpSocket::loopback(0);
+    xprt_ = svcudp_create(&a);
+    if (xprt_) svc_register(xprt_, TESTPROG, TESTVERS, testDispatch, 17);
+  }
+  ~ServiceLoop() {
+    stop();
+    svc_unregister(TESTPROG, TESTVERS);
+    svc_destroy(xprt_);
+  }
+  ServiceLoop(const ServiceLoop&) = delete;
+  ServiceLoop& operator=(const ServiceLoop&) = delete;
+
+  SVCXPRT* xprt() const { return xprt_; }
+  int port() const { return xprt_->xp_port; }
+
+  void start() {
+    done_ = false;
+    thread_ = std::thread([this] {
+      svc_run();
+      done_ = true;
+    });
+  }
+  bool done() const { return done_; }
+  // Ends the loop: terminateSvcrun, then a datagram to wake its select.
+  void stop() {
+    if (!thread_.joinable()) return;
+    UdpSocket waker;
+    for (int i = 0; i < 250 && !done_; ++i) {
+      terminateSvcrun();
+      waker.sendTo({0, 0, 0, 0}, UdpSocket::loopback(port()));
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    thread_.join();
+  }
+  // A client of the test program at this service.
+  CLIENT* client(u_long prog = TESTPROG, u_long vers = TESTVERS) const {
+    sockaddr_in a = UdpSocket::loopback(port());
+    int sock = RPC_ANYSOCK;
+    return clntudp_create(&a, prog, vers, {1, 0}, &sock);
+  }
+
+ private:
+  SVCXPRT* xprt_ = nullptr;
+  std::thread thread_;
+  std::atomic<bool> done_{true};
+};
+
+}  // namespace rpc_test
+
+#endif  // RPC_PEER_SERVICELOOP_H_
