@@ -1,0 +1,389 @@
+#include "kvrpc/KVprot.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "testing/ChildProcess.h"
+#include "testing/Hex.h"
+#include "testing/LogCapture.h"
+
+using testing_support::fromHex;
+using testing_support::toHex;
+
+namespace {
+
+const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/kvrpc/kvprot_peer";
+
+std::string compact(std::string hex) {
+  std::string out;
+  for (char c : hex)
+    if (c != ' ' && c != '\n') out += c;
+  return out;
+}
+
+// Encodes a record with our routine; "FAIL" when it fails.
+template <typename T>
+std::string encode(bool_t (*fn)(XDR*, T*), T rec) {
+  std::vector<char> buf(4096);
+  XDR x;
+  xdrmem_create(&x, buf.data(), static_cast<u_int>(buf.size()), XDR_ENCODE);
+  if (!fn(&x, &rec)) return "FAIL";
+  return compact(toHex(reinterpret_cast<uint8_t*>(buf.data()), xdr_getpos(&x)));
+}
+
+// Decodes hex with our routine into *rec; false when it fails (the record
+// is freed either way by the caller with xdr_free).
+template <typename T>
+bool decode(bool_t (*fn)(XDR*, T*), const std::string& hex, T* rec) {
+  std::vector<uint8_t> b = fromHex(hex);
+  XDR x;
+  xdrmem_create(&x, reinterpret_cast<char*>(b.data()), static_cast<u_int>(b.size()), XDR_DECODE);
+  memset(rec, 0, sizeof *rec);
+  return fn(&x, rec) && xdr_getpos(&x) == b.size();
+}
+
+sockaddr_kl address(u_short family, u_short port, const std::string& hex) {
+  sockaddr_kl a{};
+  a.family = family;
+  a.port = port;
+  std::vector<uint8_t> b = fromHex(hex);
+  memcpy(a.address, b.data(), b.size());
+  return a;
+}
+
+const sockaddr_kl kV4 = address(2, 0x1234, "7f 00 00 01");
+const sockaddr_kl kV6 = address(23, 4032, "20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01");
+
+std::string v4Wire(int port) {
+  char p[16];
+  snprintf(p, sizeof p, "%08x", port);
+  return std::string("00000002") + p + "7f000001" + std::string(64, '0');
+}
+
+// Runs the peer; returns its standard output (without the last newline).
+std::string peer(std::vector<std::string> args) {
+  args.insert(args.begin(), kPeer);
+  testing_support::ChildResult r = testing_support::runChild(args);
+  std::string out = r.out;
+  while (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+std::vector<std::string> addressArgs(const sockaddr_kl& a) {
+  return {std::to_string(a.family), std::to_string(a.port),
+          compact(toHex(reinterpret_cast<const uint8_t*>(a.address), 16))};
+}
+
+// "family=..\nport=..\naddress=..": how the peer prints a sockaddr_kl.
+std::string addressLines(int family, int port, const sockaddr_kl& a) {
+  return "family=" + std::to_string(family) + "\nport=" + std::to_string(port) +
+         "\naddress=" + compact(toHex(reinterpret_cast<const uint8_t*>(a.address), 16));
+}
+
+u_short swapped(u_short p) { return static_cast<u_short>((p >> 8) | (p << 8)); }
+
+TEST(KVprot, SockaddrTakes44BytesForIPv4And24ForIPv6) {
+  EXPECT_EQ(v4Wire(0x1234), encode(xdr_sockaddr_kl, kV4));
+  EXPECT_EQ(88u, v4Wire(0).size());
+  EXPECT_EQ("0000001700000fc020010db8000000000000000000000001", encode(xdr_sockaddr_kl, kV6));
+}
+
+TEST(KVprot, ForeignIPv6FamiliesTravelAsGivenAndBecome23) {
+  testing_support::LogCapture log;
+  Log::setLevel(9, 1);
+  for (u_short family : {10, 22, 24, 26}) {
+    sockaddr_kl a = kV6;
+    a.family = family;
+    std::vector<char> buf(64);
+    XDR x;
+    xdrmem_create(&x, buf.data(), 64, XDR_ENCODE);
+    ASSERT_TRUE(xdr_sockaddr_kl(&x, &a));
+    EXPECT_EQ(24u, xdr_getpos(&x)) << family;
+    EXPECT_EQ(family, static_cast<u_char>(buf[3])) << "the wire keeps the family";
+    EXPECT_EQ(23, a.family) << "the record ends with the KV's IPv6 number";
+  }
+  EXPECT_TRUE(log.contains("us_family=10 (IPv6 Linux client)"));
+  EXPECT_TRUE(log.contains("us_family=22 (IPv6 HP-UX client)"));
+  EXPECT_TRUE(log.contains("us_family=24 (IPv6 AIX client)"));
+  EXPECT_TRUE(log.contains("us_family=26 (IPv6 Solaris client)"));
+  EXPECT_TRUE(log.contains("us_family changed to 23 (AF_INET6)"));
+  // An unknown family is sent like IPv4.
+  sockaddr_kl odd = kV4;
+  odd.family = 5;
+  EXPECT_EQ(88u, encode(xdr_sockaddr_kl, odd).size());
+  EXPECT_TRUE(log.contains("us_family=5 (unknown client)"));
+  Log::setLevel(9, 0);
+}
+
+TEST(KVprot, DecodingSwapsThePortAndDropsTheFiller) {
+  sockaddr_kl a;
+  std::string wire = v4Wire(0x1234);
+  wire.replace(wire.size() - 8, 8, "000000ff");  // filler content carries no meaning
+  ASSERT_TRUE(decode(xdr_sockaddr_kl, wire, &a));
+  EXPECT_EQ(2, a.family);
+  EXPECT_EQ(0x3412, a.port) << "swapped on decode only";
+  EXPECT_EQ(0, memcmp(kV4.address, a.address, 4));
+  ASSERT_TRUE(decode(xdr_sockaddr_kl, "0000000a 00000fc0 20010db8000000000000000000000001", &a));
+  EXPECT_EQ(23, a.family);
+  EXPECT_EQ(0, memcmp(kV6.address, a.address, 16));
+  EXPECT_FALSE(decode(xdr_sockaddr_kl, v4Wire(1).substr(0, 80), &a)) << "filler cut short";
+}
+
+TEST(KVprot, RecordsKeepTheirWireOrder) {
+  hello_kl h{const_cast<char*>("stamp"), kV4};
+  EXPECT_EQ(v4Wire(0x1234) +
+                "00000005"
+                "7374616d70000000",
+            encode(xdr_hello_kl, h));
+  order_kl o{7, const_cast<char*>("/docs/1")};
+  EXPECT_EQ(
+      "00000007"
+      "00000007"
+      "2f646f63732f3100",
+      encode(xdr_order_kl, o));
+  crt_kl c{const_cast<char*>("t"), kV6, const_cast<char*>("p"), const_cast<char*>(""),
+           const_cast<char*>("c")};
+  EXPECT_EQ(
+      "00000001"
+      "74000000"
+      "0000001700000fc020010db8000000000000000000000001"
+      "00000001"
+      "70000000"
+      "00000000"
+      "00000001"
+      "63000000",
+      encode(xdr_crt_kl, c));
+  // A null string cannot be sent.
+  order_kl nullText{1, nullptr};
+  EXPECT_EQ("FAIL", encode(xdr_order_kl, nullText));
+}
+
+TEST(KVprot, DecodedRecordsOwnFreshStrings) {
+  op_kl in{kV4, const_cast<char*>("/d"), const_cast<char*>("ok"), const_cast<char*>("fine")};
+  const std::string wire = encode(xdr_op_kl, in);
+  op_kl out;
+  ASSERT_TRUE(decode(xdr_op_kl, wire, &out));
+  EXPECT_STREQ("/d", out.document);
+  EXPECT_STREQ("ok", out.status);
+  EXPECT_STREQ("fine", out.comment);
+  EXPECT_EQ(swapped(kV4.port), out.address.port);
+  xdr_free(xdr_proc<xdr_op_kl>, &out);
+  EXPECT_EQ(nullptr, out.document);
+  EXPECT_EQ(nullptr, out.comment);
+  // Every cut-short prefix fails, and what was decoded so far can be freed.
+  for (size_t n = 0; n < wire.size(); n += 8) {
+    ASSERT_FALSE(decode(xdr_op_kl, wire.substr(0, n), &out)) << n;
+    xdr_free(xdr_proc<xdr_op_kl>, &out);
+  }
+}
+
+// Wire bytes of a string of n 'x' (no bound applied).
+std::string stringWire(size_t n) {
+  char len[16];
+  snprintf(len, sizeof len, "%08zx", n);
+  std::string s = len;
+  for (size_t i = 0; i < n; ++i) s += "78";
+  while ((s.size() / 2) % 4) s += "00";
+  return s;
+}
+
+TEST(KVprot, BoundedStringsAreRefusedBeyondTheirBoundByBothImplementations) {
+  const std::string addr = v4Wire(0x1234);
+  struct Case {
+    const char* record;
+    std::string wire;
+    bool ok;
+  } cases[] = {
+      {"op_kl", addr + stringWire(128) + stringWire(60) + stringWire(128), true},
+      {"op_kl", addr + stringWire(1) + stringWire(61) + stringWire(1), false},
+      {"op_kl", addr + stringWire(129) + stringWire(1) + stringWire(1), false},
+      {"op_kl", addr + stringWire(1) + stringWire(1) + stringWire(129), false},
+      {"report_kl", addr + stringWire(1) + stringWire(61) + stringWire(1), false},
+      {"crt_kl", stringWire(25) + addr + stringWire(1) + stringWire(1) + stringWire(1), true},
+      {"crt_kl", stringWire(26) + addr + stringWire(1) + stringWire(1) + stringWire(1), false},
+      {"peer_kl", addr + stringWire(26), false},
+      {"hello_kl", addr + stringWire(5000), true},
+  };
+  for (const Case& c : cases) {
+    const std::string rec = c.record;
+    bool ours = false;
+    if (rec == "op_kl") {
+      op_kl r;
+      ours = decode(xdr_op_kl, c.wire, &r);
+      xdr_free(xdr_proc<xdr_op_kl>, &r);
+    } else if (rec == "report_kl") {
+      report_kl r;
+      ours = decode(xdr_report_kl, c.wire, &r);
+      xdr_free(xdr_proc<xdr_report_kl>, &r);
+    } else if (rec == "crt_kl") {
+      crt_kl r;
+      ours = decode(xdr_crt_kl, c.wire, &r);
+      xdr_free(xdr_proc<xdr_crt_kl>, &r);
+    } else if (rec == "peer_kl") {
+      peer_kl r;
+      ours = decode(xdr_peer_kl, c.wire, &r);
+      xdr_free(xdr_proc<xdr_peer_kl>, &r);
+    } else {
+      hello_kl r;
+      ours = decode(xdr_hello_kl, c.wire, &r);
+      xdr_free(xdr_proc<xdr_hello_kl>, &r);
+    }
+    EXPECT_EQ(c.ok, ours) << rec << " " << c.wire.size();
+    EXPECT_EQ(c.ok, peer({"decode", rec, c.wire}) != "FAILED") << rec << " (libtirpc)";
+  }
+  // Neither side sends an over-long text either.
+  op_kl tooLong{kV4, const_cast<char*>("/d"), nullptr, const_cast<char*>("c")};
+  std::string status(61, 's');
+  tooLong.status = status.data();
+  EXPECT_EQ("FAIL", encode(xdr_op_kl, tooLong));
+  EXPECT_EQ("FAILED", peer({"encode", "op_kl", "2", "4660", "7f000001", "/d", status, "c"}));
+}
+
+// The same record through both implementations: identical bytes, and each
+// decodes what the other encoded.
+TEST(KVprot, WireMatchesTheSystemLibrary) {
+  struct AddrCase {
+    sockaddr_kl a;
+    size_t bytes;
+  } addrs[] = {
+      {kV4, 44},
+      {kV6, 24},
+      {address(10, 5000, "fe800000000000000000000000000001"), 24},
+      {address(22, 1, "20010db8000000000000000000000002"), 24},
+      {address(24, 65535, "20010db8000000000000000000000003"), 24},
+      {address(26, 4032, "20010db8000000000000000000000004"), 24},
+      {address(5, 77, "0a000001"), 44},
+  };
+  for (const AddrCase& c : addrs) {
+    const std::string ours = encode(xdr_sockaddr_kl, c.a);
+    EXPECT_EQ(c.bytes * 2, ours.size());
+    std::vector<std::string> args = {"encode", "sockaddr_kl"};
+    for (auto& s : addressArgs(c.a)) args.push_back(s);
+    EXPECT_EQ(ours, peer(args)) << "family " << c.a.family;
+    // The system library reads the family and port as sent.
+    EXPECT_EQ(addressLines(c.a.family, c.a.port, c.a), peer({"decode", "sockaddr_kl", ours}));
+    sockaddr_kl back;
+    ASSERT_TRUE(decode(xdr_sockaddr_kl, ours, &back));
+    const bool v6 = c.bytes == 24;
+    EXPECT_EQ(v6 ? 23 : c.a.family, back.family);
+    EXPECT_EQ(swapped(c.a.port), back.port);
+    EXPECT_EQ(0, memcmp(c.a.address, back.address, v6 ? 16 : 4));
+  }
+
+  const std::string text200(200, 't');
+  hello_kl h{const_cast<char*>("clockette"), kV6};
+  std::vector<std::string> hArgs = {"encode", "hello_kl"};
+  for (auto& s : addressArgs(kV6)) hArgs.push_back(s);
+  hArgs.push_back("clockette");
+  const std::string hWire = encode(xdr_hello_kl, h);
+  EXPECT_EQ(hWire, peer(hArgs));
+  EXPECT_EQ(addressLines(23, 4032, kV6) + "\ntype=clockette", peer({"decode", "hello_kl", hWire}));
+
+  op_kl op{kV4, const_cast<char*>("/queue/doc 1"), const_cast<char*>("ok"),
+           const_cast<char*>("document has been processed")};
+  std::vector<std::string> opArgs = {"encode", "op_kl"};
+  for (auto& s : addressArgs(kV4)) opArgs.push_back(s);
+  for (const char* s : {"/queue/doc 1", "ok", "document has been processed"}) opArgs.push_back(s);
+  const std::string opWire = encode(xdr_op_kl, op);
+  EXPECT_EQ(opWire, peer(opArgs));
+
+  crt_kl crt{const_cast<char*>("clockette"), kV4, const_cast<char*>(text200.c_str()),
+             const_cast<char*>("stamp"), const_cast<char*>("")};
+  std::vector<std::string> crtArgs = {"encode", "crt_kl", "clockette"};
+  for (auto& s : addressArgs(kV4)) crtArgs.push_back(s);
+  for (const std::string& s : {text200, std::string("stamp"), std::string()}) crtArgs.push_back(s);
+  const std::string crtWire = peer(crtArgs);
+  EXPECT_EQ(encode(xdr_crt_kl, crt), crtWire);
+  crt_kl crtBack;
+  ASSERT_TRUE(decode(xdr_crt_kl, crtWire, &crtBack));
+  EXPECT_STREQ("clockette", crtBack.type);
+  EXPECT_EQ(text200, crtBack.path);
+  EXPECT_STREQ("stamp", crtBack.operation);
+  EXPECT_STREQ("", crtBack.comment);
+  xdr_free(xdr_proc<xdr_crt_kl>, &crtBack);
+
+  const std::string orderWire = peer({"encode", "order_kl", "-3", "/docs/a"});
+  order_kl order;
+  ASSERT_TRUE(decode(xdr_order_kl, orderWire, &order));
+  EXPECT_EQ(-3, order.number);
+  EXPECT_STREQ("/docs/a", order.text);
+  xdr_free(xdr_proc<xdr_order_kl>, &order);
+
+  pair_kl pair{1, -2, const_cast<char*>("x")};
+  EXPECT_EQ(encode(xdr_pair_kl, pair), peer({"encode", "pair_kl", "1", "-2", "x"}));
+  texts_kl texts{const_cast<char*>("a"), const_cast<char*>("bb"), const_cast<char*>("ccc"),
+                 const_cast<char*>("dddd")};
+  EXPECT_EQ(encode(xdr_texts_kl, texts), peer({"encode", "texts_kl", "a", "bb", "ccc", "dddd"}));
+  note_kl note{9, const_cast<char*>("n")};
+  EXPECT_EQ(encode(xdr_note_kl, note), peer({"encode", "note_kl", "9", "n"}));
+}
+
+TEST(KVprot, MessagesOfTheCodes) {
+  const std::map<int, const char*> texts = {
+      {0, ""},
+      {1, "connection to KV lost"},
+      {2, "KV has ressource problems"},
+      {3, "configuration error"},
+      {4, "synchronisation"},
+      {5, "Kavlet did not call KVhi"},
+      {6, "cannot switch to another queue"},
+      {7, "warning: new queue is blocked"},
+      {-1, "no need for this kavlettype"},
+      {-2, "cannot get address of KV host"},
+      {-3, "building connection to KV timed out"},
+      {-4, "client create failed (clntudp_create)"},
+      {-5, "server create for callback failed"},
+      {8, "not implemented KV error"},
+      {-6, "not implemented KV error"},
+  };
+  for (const auto& [code, text] : texts) EXPECT_STREQ(text, KVstringError(code)) << code;
+}
+
+TEST(KVprot, NamesOfTheCodes) {
+  struct Case {
+    int code, kind;
+    const char* name;
+  } cases[] = {
+      {-1, 1, "currently not needed"},
+      {-2, 1, "couldn't find host"},
+      {-3, 1, "timeout"},
+      {-4, 1, "BADSVC"},
+      {-5, 1, "NOSVC"},
+      {1, 1, "unknown error 1"},
+      {1, 2, "KVOP_NOCONNECT"},
+      {2, 2, "KVOP_MISCERR"},
+      {3, 2, "unknown error 3"},
+      {4, 2, "KVOP_SYNCERR"},
+      {5, 2, "KVOP_NOHI"},
+      {6, 2, "KV_NOSWITCH"},
+      {7, 2, "unknown error 7"},
+      {1, 3, "KVctrlLIVE"},
+      {2, 3, "KVctrlPRINTLIST"},
+      {5, 3, "KVctrlEXIT"},
+      {13, 3, "KVctrlLOGLEVEL"},
+      {16, 3, "KVctrlCut"},
+      {17, 3, "KVctrlHiStatus"},
+      {18, 3, "KVctrlSTARTTOOL"},
+      {19, 3, "unknown error 19"},
+      {-7, 3, "unknown error -7"},
+      {1, 4, "unknown type 1"},
+      {3, 0, "unknown type 3"},
+  };
+  for (const Case& c : cases) {
+    String text("before");
+    EXPECT_EQ(1, KVcodeName(c.code, c.kind, text));
+    EXPECT_EQ(String(c.name), text) << c.code << "/" << c.kind;
+  }
+  for (int kind : {1, 2, 3, 9}) {
+    String text("untouched");
+    EXPECT_EQ(0, KVcodeName(0, kind, text));
+    EXPECT_EQ(String("untouched"), text);
+  }
+}
+
+}  // namespace
