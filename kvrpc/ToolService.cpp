@@ -98,6 +98,9 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
   if (!svc_getargs(transport, xdr_proc<xdr_order_kl>, &order)) {
     log.msg(__LINE__, 5, "cannot decode arguments");
     svcerr_decode(transport);
+    // A decode that failed late (say, in a string's padding) has already
+    // allocated the string.
+    svc_freeargs(transport, xdr_proc<xdr_order_kl>, &order);
     return;
   }
   log.msg(__LINE__, 9, "%d(%d, \"%s\")", static_cast<int>(proc), order.number,

@@ -1,0 +1,63 @@
+// Feeds arbitrary datagrams through the callback service's decoding and
+// dispatch, as if each had arrived on its UDP port: call header, argument
+// decoding, every procedure's branch, and the replies (which go to a local
+// sink socket that is emptied after each input).
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/Log.h"
+#include "kvrpc/ToolService.h"
+#include "rpc/SvcUdp.h"
+
+namespace {
+
+volatile size_t sink;
+
+void fuzzWork(int number, const char* text) { sink = static_cast<size_t>(number) + strlen(text); }
+int fuzzCtrl(int number, const char* text) { return number + static_cast<int>(strlen(text)); }
+void fuzzInfo(const char* text, int number) { sink = static_cast<size_t>(number) + strlen(text); }
+// Work mode 2 and the default control callback would end the process.
+void keepRunning(int) {}
+
+struct Service {
+  SVCXPRT* transport = nullptr;
+  int replySocket = -1;
+  sockaddr_in replyTo{};
+
+  Service() {
+    // Millions of inputs: keep the log (decoding errors at level 2) out of the way.
+    Log::setLogFile("/dev/null");
+    ToolSetExitFunction(keepRunning);
+    if (ToolCreateService(0) < 0) abort();
+    ToolSetCallbacks(fuzzWork, fuzzCtrl);
+    transport = ToolServiceTransport(false);
+    replySocket = socket(AF_INET, SOCK_DGRAM, 0);
+    replyTo.sin_family = AF_INET;
+    replyTo.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof replyTo;
+    if (replySocket < 0 || bind(replySocket, reinterpret_cast<sockaddr*>(&replyTo), len) != 0 ||
+        getsockname(replySocket, reinterpret_cast<sockaddr*>(&replyTo), &len) != 0) {
+      abort();
+    }
+  }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Service service;
+  // Both branches of the info procedure: with and without a callback.
+  ToolSetInfoCallback(size % 2 ? fuzzInfo : nullptr);
+  svcudp_dispatch(service.transport, data, size, reinterpret_cast<sockaddr*>(&service.replyTo),
+                  sizeof service.replyTo);
+  char reply[9000];
+  while (recv(service.replySocket, reply, sizeof reply, MSG_DONTWAIT) > 0) {
+  }
+  return 0;
+}
