@@ -10,12 +10,13 @@ namespace {
 // The end of the element whose identifier is at buffer[at], or false when its
 // length field cannot be read before end.
 bool elementEnd(const unsigned char* buffer, unsigned int at, unsigned int end,
-                unsigned long long* elementEnd) {
+                unsigned long long* elementEnd, unsigned int* contentLength = nullptr) {
   unsigned int pos = at + 1;
   DerReader in(buffer, &pos, end);
   int length = 0;
   if (at >= end || !in.readLengthValue(&length)) return false;
   *elementEnd = static_cast<unsigned long long>(pos) + static_cast<unsigned int>(length);
+  if (contentLength != nullptr) *contentLength = static_cast<unsigned int>(length);
   return true;
 }
 
@@ -102,16 +103,17 @@ int CAsn1ietfStatusInfo::readFreeText(const unsigned char* buffer, unsigned int*
   for (int n = 1; *pos < textEnd; ++n) {
     const unsigned int at = *pos;
     unsigned long long stringEnd = 0;
+    unsigned int stringLength = 0;
     CAsn1string text;
     bool fault = true;
     if (buffer[at] != kTagUtf8String) {
       log.msg(__LINE__, 2, "PKIStatusInfo->PKIFreeText->data type %d is not UTF8String",
               buffer[at]);
-    } else if (!elementEnd(buffer, at, textEnd, &stringEnd)) {
+    } else if (!elementEnd(buffer, at, textEnd, &stringEnd, &stringLength)) {
       log.msg(__LINE__, 2, "failed to parse sizeUTF8String size (#%d)", n);
     } else if (stringEnd > textEnd) {
       log.msg(__LINE__, 2, "UTF8String at %u of size %d ends at %u > PKIFreeText end %u", at,
-              static_cast<int>(stringEnd - at), static_cast<unsigned int>(stringEnd), textEnd);
+              static_cast<int>(stringLength), static_cast<unsigned int>(stringEnd), textEnd);
     } else if (text.setDER(buffer, pos, textEnd) != 0) {
       log.msg(__LINE__, 2, "failed to parse UTF8String/statusString (#%d)", n);
     } else {

@@ -119,7 +119,9 @@ TEST_P(GrantedResponse, DecodesLikeOpenSslAndReencodesIdentically) {
   EXPECT_EQ(tst.messageImprint.hashAlgorithm.algorithm.nid, facts.imprintNid);
   EXPECT_EQ(bytesOf(tst.messageImprint.hashedMessage), facts.imprint);
   EXPECT_EQ(tst.hasNonce(), facts.hasNonce);
-  if (facts.hasNonce) EXPECT_EQ(tst.nonce.value, facts.nonce);
+  if (facts.hasNonce) {
+    EXPECT_EQ(tst.nonce.value, facts.nonce);
+  }
   EXPECT_EQ(resp.getCertCount(), static_cast<unsigned int>(facts.certificateCount));
   if (c.certReq) {
     ASSERT_NE(resp.getCert(0), nullptr);
@@ -269,7 +271,9 @@ TEST(CAsn1ietfTSResp, TruncatedResponsesNeverReadPastTheirEnd) {
       CAsn1ietfTSResp shrunk;
       const int rc = decode(shrunk, cut);
       EXPECT_FALSE(shrunk.hasToken()) << n;
-      if (rc == 0) EXPECT_EQ(shrunk.getStatus(), 0);
+      if (rc == 0) {
+        EXPECT_EQ(shrunk.getStatus(), 0);
+      }
     }
   }
 }
@@ -421,7 +425,9 @@ TEST(CAsn1ietfTSResp, CertificateValidityIsCheckedUnlessSwitchedOffExactly) {
     CAsn1ietfTSResp resp;
     resp.setGenTime(c.genTime);
     EXPECT_EQ(resp.addRefFromCert(cert), c.result) << (c.ignore ? c.ignore : "unset");
-    if (c.message != nullptr) EXPECT_TRUE(log.contains(c.message)) << c.message;
+    if (c.message != nullptr) {
+      EXPECT_TRUE(log.contains(c.message)) << c.message;
+    }
     Log::setLevel(7, 0);
   }
   unsetenv("IgnoreCertificateValidyDates");
