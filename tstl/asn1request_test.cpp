@@ -1,0 +1,233 @@
+#include "tstl/asn1request.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/ts.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "testing/DerTest.h"
+#include "testing/Hex.h"
+
+using testing_support::derHex;
+using testing_support::fromHex;
+using testing_support::setDerHex;
+using testing_support::toHex;
+
+namespace {
+
+using TsReqPtr = std::unique_ptr<TS_REQ, decltype(&TS_REQ_free)>;
+
+std::vector<unsigned char> digestOf(int nid, const std::string& data) {
+  const EVP_MD* md = EVP_get_digestbynid(nid);
+  EXPECT_NE(md, nullptr) << OBJ_nid2sn(nid);
+  if (md == nullptr) return {};
+  std::vector<unsigned char> out(EVP_MAX_MD_SIZE);
+  unsigned int n = 0;
+  EXPECT_EQ(EVP_Digest(data.data(), data.size(), out.data(), &n, md, nullptr), 1);
+  out.resize(n);
+  return out;
+}
+
+CAsn1IETFrequest requestFor(int nid, const std::vector<unsigned char>& digest) {
+  CAsn1IETFrequest req;
+  req.messageImprint.hashAlgorithm = CAsn1algorithmIdentifier(nid, true);
+  req.messageImprint.hashedMessage.setVal(digest.data(), static_cast<unsigned int>(digest.size()));
+  return req;
+}
+
+// A TimeStampReq made by OpenSSL, as DER.
+std::vector<unsigned char> opensslRequest(int nid, const std::vector<unsigned char>& digest,
+                                          bool withOptionals) {
+  TsReqPtr req(TS_REQ_new(), TS_REQ_free);
+  TS_REQ_set_version(req.get(), 1);
+  TS_MSG_IMPRINT* imprint = TS_MSG_IMPRINT_new();
+  X509_ALGOR* algo = X509_ALGOR_new();
+  X509_ALGOR_set0(algo, OBJ_nid2obj(nid), V_ASN1_NULL, nullptr);
+  TS_MSG_IMPRINT_set_algo(imprint, algo);
+  TS_MSG_IMPRINT_set_msg(imprint, const_cast<unsigned char*>(digest.data()),
+                         static_cast<int>(digest.size()));
+  TS_REQ_set_msg_imprint(req.get(), imprint);
+  TS_MSG_IMPRINT_free(imprint);
+  X509_ALGOR_free(algo);
+  if (withOptionals) {
+    ASN1_OBJECT* policy = OBJ_txt2obj("1.2.3.4.5", 1);
+    TS_REQ_set_policy_id(req.get(), policy);
+    ASN1_OBJECT_free(policy);
+    ASN1_INTEGER* nonce = ASN1_INTEGER_new();
+    ASN1_INTEGER_set(nonce, 0x1234567);
+    TS_REQ_set_nonce(req.get(), nonce);
+    ASN1_INTEGER_free(nonce);
+    TS_REQ_set_cert_req(req.get(), 1);
+  }
+  int n = i2d_TS_REQ(req.get(), nullptr);
+  std::vector<unsigned char> out(static_cast<size_t>(n));
+  unsigned char* p = out.data();
+  i2d_TS_REQ(req.get(), &p);
+  return out;
+}
+
+int decode(CAsn1object& object, const std::vector<unsigned char>& der, unsigned int* pos) {
+  *pos = 0;
+  return object.setDER(der.data(), pos, static_cast<unsigned int>(der.size()));
+}
+
+const int kDigests[] = {NID_sha1, NID_sha256, NID_sha512, NID_ripemd160};
+
+}  // namespace
+
+TEST(CAsn1IETFrequest, FreshRequestIsVersionOneAndImprintOnly) {
+  std::vector<unsigned char> digest = digestOf(NID_sha256, "abc");
+  CAsn1IETFrequest req = requestFor(NID_sha256, digest);
+  EXPECT_EQ(
+      derHex(req),
+      "30 36 02 01 01 30 31 30 0d 06 09 60 86 48 01 65 03 04 02 01 05 00 04 20 " + toHex(digest));
+  EXPECT_EQ(req.getSize(), 0x38u);
+  EXPECT_EQ(req.contentLength.value, 0x36);
+}
+
+TEST(CAsn1IETFrequest, OpenSslReadsOurRequests) {
+  for (int nid : kDigests) {
+    std::vector<unsigned char> digest = digestOf(nid, "document body");
+    CAsn1IETFrequest req = requestFor(nid, digest);
+    std::vector<unsigned char> der = encodeDER(req);
+    ASSERT_FALSE(der.empty());
+    const unsigned char* p = der.data();
+    TsReqPtr parsed(d2i_TS_REQ(nullptr, &p, static_cast<long>(der.size())), TS_REQ_free);
+    ASSERT_TRUE(parsed) << OBJ_nid2sn(nid);
+    EXPECT_EQ(p, der.data() + der.size());
+    EXPECT_EQ(TS_REQ_get_version(parsed.get()), 1);
+    TS_MSG_IMPRINT* imprint = TS_REQ_get_msg_imprint(parsed.get());
+    EXPECT_EQ(OBJ_obj2nid(TS_MSG_IMPRINT_get_algo(imprint)->algorithm), nid);
+    ASN1_OCTET_STRING* msg = TS_MSG_IMPRINT_get_msg(imprint);
+    EXPECT_EQ(std::vector<unsigned char>(msg->data, msg->data + msg->length), digest);
+    EXPECT_EQ(TS_REQ_get_nonce(parsed.get()), nullptr);
+    EXPECT_EQ(TS_REQ_get_cert_req(parsed.get()), 0);
+  }
+}
+
+TEST(CAsn1IETFrequest, DecodesOpenSslsRequests) {
+  for (int nid : kDigests) {
+    std::vector<unsigned char> digest = digestOf(nid, "another body");
+    std::vector<unsigned char> der = opensslRequest(nid, digest, false);
+    CAsn1IETFrequest req;
+    unsigned int pos = 0;
+    ASSERT_EQ(decode(req, der, &pos), 0) << OBJ_nid2sn(nid);
+    EXPECT_EQ(pos, der.size());
+    EXPECT_EQ(req.version.value, 1);
+    EXPECT_EQ(req.messageImprint.hashAlgorithm.algorithm.nid, nid);
+    const CAsn1string& hash = req.messageImprint.hashedMessage;
+    EXPECT_EQ(hash.tag(), kTagOctetString);
+    EXPECT_EQ(std::vector<unsigned char>(hash.data(), hash.data() + hash.length()), digest);
+    EXPECT_EQ(encodeDER(req), der) << OBJ_nid2sn(nid);
+  }
+}
+
+TEST(CAsn1IETFrequest, DecodedOptionalsKeepTheirFlags) {
+  std::vector<unsigned char> digest = digestOf(NID_sha256, "x");
+  std::vector<unsigned char> der = opensslRequest(NID_sha256, digest, true);
+  CAsn1IETFrequest req;
+  unsigned int pos = 0;
+  ASSERT_EQ(decode(req, der, &pos), 0);
+  EXPECT_EQ(pos, der.size());
+  EXPECT_EQ(OBJ_obj2nid(OBJ_txt2obj("1.2.3.4.5", 1)), req.reqPolicy.nid);
+  EXPECT_EQ(req.nonce.getInteger(), 0x1234567);
+  EXPECT_EQ(req.certReq.value, 1);
+  EXPECT_FALSE(req.policyPresent || req.noncePresent || req.certReqPresent);
+  // Re-encoding writes only what was flagged: version and imprint.
+  EXPECT_EQ(encodeDER(req), opensslRequest(NID_sha256, digest, false));
+
+  req.noncePresent = req.certReqPresent = req.policyPresent = true;
+  EXPECT_EQ(encodeDER(req), der);
+}
+
+TEST(CAsn1IETFrequest, SkipsAnOptionalThatRunsPastTheRequest) {
+  // The nonce claims 5 octets; only 3 are left inside the request.
+  const std::string imprint = "30 09 30 05 06 03 2b 0e 03 04 00 ";
+  std::string hex = "30 11 02 01 01 " + imprint + "02 05 01 02 03 04 05";
+  CAsn1IETFrequest req;
+  unsigned int pos = 0;
+  ASSERT_EQ(setDerHex(req, hex, &pos), 0);
+  EXPECT_EQ(req.nonce.length(), 0u);
+  EXPECT_EQ(pos, 2u + 3u + 11u);  // the element stays unread
+
+  // Inside the request it is read.
+  std::string fits = "30 16 02 01 01 " + imprint + "02 03 01 02 03 01 01 ff";
+  ASSERT_EQ(setDerHex(req, fits, &pos), 0);
+  EXPECT_EQ(req.nonce.getInteger(), 0x010203);
+  EXPECT_EQ(req.certReq.value, 1);
+}
+
+TEST(CAsn1IETFrequest, RefusesOtherStartsAndTruncations) {
+  std::vector<unsigned char> der = opensslRequest(NID_sha1, digestOf(NID_sha1, "t"), true);
+  for (unsigned char first : {0x31, 0x02, 0xA0, 0x00}) {
+    std::vector<unsigned char> bad = der;
+    bad[0] = first;
+    CAsn1IETFrequest req;
+    unsigned int pos = 0;
+    EXPECT_EQ(decode(req, bad, &pos), -1) << int(first);
+  }
+  // Cut anywhere before the end of the imprint: -1. Cut in the optionals:
+  // their lengths no longer fit, so the request lengths refuse first.
+  for (size_t cut = 0; cut < der.size(); ++cut) {
+    std::vector<unsigned char> part(der.begin(), der.begin() + cut);
+    CAsn1IETFrequest req;
+    unsigned int pos = 0;
+    EXPECT_EQ(decode(req, part, &pos), -1) << cut;
+    EXPECT_LE(pos, cut);
+  }
+}
+
+TEST(CAsn1sigIA4request, WrapsTheImprintWithABitStringHash) {
+  CAsn1sigIA4request req;
+  req.messageImprint.hashAlgorithm = CAsn1algorithmIdentifier(NID_sha1, false);
+  EXPECT_EQ(req.version.value, 99);
+  const char* hex = "a0 15 30 13 02 01 63 a2 0e 30 0c 30 07 06 05 2b 0e 03 02 1a 03 01 00";
+  EXPECT_EQ(derHex(req), hex);
+  CAsn1sigIA4request back;
+  ASSERT_EQ(setDerHex(back, hex), 0);
+  EXPECT_EQ(back.messageImprint.hashedMessage.tag(), kTagBitString);
+  EXPECT_EQ(derHex(back), hex);
+  EXPECT_EQ(setDerHex(back, std::string("a1") + (hex + 2)), -1);
+  EXPECT_EQ(setDerHex(back, std::string(hex).substr(0, 30)), -1);
+}
+
+TEST(CAsn1Pkcs7request, WrapsVersionAndImprint) {
+  CAsn1Pkcs7request req;
+  req.messageImprint.hashAlgorithm = CAsn1algorithmIdentifier(NID_sha1, false);
+  const unsigned char h[] = {0xAB};
+  req.messageImprint.hashedMessage.setVal(h, 1);
+  const char* hex = "a3 13 30 11 02 01 00 30 0c 30 07 06 05 2b 0e 03 02 1a 04 01 ab";
+  EXPECT_EQ(derHex(req), hex);
+  CAsn1Pkcs7request back;
+  ASSERT_EQ(setDerHex(back, hex), 0);
+  EXPECT_EQ(derHex(back), hex);
+  EXPECT_EQ(setDerHex(back, std::string("a2") + (hex + 2)), -1);
+}
+
+TEST(CAsn1CertRequest, EncodesBothModesAndRefusesOthers) {
+  CAsn1CertRequest req;
+  const unsigned char a[] = {0x0A}, b[] = {0x0B};
+  req.first.setVal(a, 1);
+  req.second.setVal(b, 1);
+  req.mode = 1;
+  const char* mode1 = "a2 0a 30 08 02 01 01 a0 03 04 01 0a";
+  const char* mode2 = "a2 0d 30 0b 02 01 01 30 06 04 01 0a 04 01 0b";
+  EXPECT_EQ(derHex(req), mode1);
+  req.mode = 2;
+  EXPECT_EQ(derHex(req), mode2);
+  req.mode = 3;
+  EXPECT_EQ(derHex(req), "getDER failed");
+
+  CAsn1CertRequest back;
+  ASSERT_EQ(setDerHex(back, mode1), 0);
+  EXPECT_EQ(back.mode, 1);
+  ASSERT_EQ(setDerHex(back, mode2), 0);
+  EXPECT_EQ(back.mode, 2);
+  EXPECT_EQ(back.second.getInteger(), 0x0B);
+  EXPECT_EQ(setDerHex(back, "a2 08 30 06 02 01 01 a1 01 00"), -1);
+  EXPECT_EQ(setDerHex(back, "a2 05 30 03 02 01 01"), -1);
+}

@@ -1,0 +1,83 @@
+#include "tstl/zpcryptbase.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string encode(const std::string& input) {
+  std::vector<char> out(4 * input.size() / 3 + 10, 'X');
+  EXPECT_EQ(encodeBase64(reinterpret_cast<const unsigned char*>(input.data()),
+                         static_cast<unsigned int>(input.size()), out.data(),
+                         static_cast<unsigned int>(out.size())),
+            0);
+  return std::string(out.data());
+}
+
+unsigned int crcOf(const std::string& input) {
+  unsigned int crc = 1;
+  EXPECT_EQ(crc32(reinterpret_cast<const unsigned char*>(input.data()),
+                  static_cast<unsigned int>(input.size()), &crc),
+            0);
+  return crc;
+}
+
+}  // namespace
+
+TEST(encodeBase64, EncodesWithPaddingOnOneLine) {
+  EXPECT_EQ(encode(":"), "Og==");
+  EXPECT_EQ(encode(""), "");
+  EXPECT_EQ(encode("ab"), "YWI=");
+  EXPECT_EQ(encode("abc"), "YWJj");
+  std::string input;
+  for (int i = 0; i < 300; ++i) input += static_cast<char>(i);
+  std::string text = encode(input);
+  EXPECT_EQ(text.size(), 400u);
+  EXPECT_EQ(text.find('\n'), std::string::npos);
+  EXPECT_EQ(text.substr(0, 8), "AAECAwQF");
+}
+
+TEST(encodeBase64, NeverWritesPastTheCapacity) {
+  char out[6];
+  memset(out, 'X', sizeof out);
+  const unsigned char input[] = "abcdef";
+  ASSERT_EQ(encodeBase64(input, 6, out, 5), 0);
+  EXPECT_STREQ(out, "YWJj");
+  EXPECT_EQ(out[5], 'X');
+}
+
+TEST(decodeBase64, DecodesWhatEncodeWrote) {
+  std::string input;
+  for (int i = 0; i < 300; ++i) input += static_cast<char>(i * 7);
+  std::string text = encode(input);
+  std::vector<unsigned char> out(400);
+  int n = -1;
+  ASSERT_EQ(decodeBase64(text.c_str(), out.data(), &n, static_cast<int>(out.size())), 0);
+  ASSERT_EQ(n, 300);
+  EXPECT_EQ(std::string(out.begin(), out.begin() + 300), input);
+
+  // A smaller capacity stops the read.
+  ASSERT_EQ(decodeBase64("YWJjZGVm", out.data(), &n, 4), 0);
+  EXPECT_EQ(n, 4);
+  EXPECT_EQ(std::string(out.begin(), out.begin() + 4), "abcd");
+}
+
+TEST(decodeBase64, TextThatIsNotBase64DecodesToNothing) {
+  unsigned char out[16];
+  for (const char* text : {"", "!!!!", "Og=\x01"}) {
+    int n = 99;
+    ASSERT_EQ(decodeBase64(text, out, &n, sizeof out), 0) << text;
+    EXPECT_LE(n, 0) << text;
+  }
+}
+
+TEST(crc32, IsTheUnaugmentedRemainder) {
+  EXPECT_EQ(crcOf("123456789"), 0xCCBD34E2u);
+  EXPECT_EQ(crcOf(""), 0u);
+  // Four zero bytes more give the register of the usual shifted form: the
+  // CRC-32/POSIX check value 0x765E7680 before its final inversion.
+  EXPECT_EQ(crcOf(std::string("123456789") + std::string(4, '\0')), 0x89A1897Fu);
+  EXPECT_EQ(crcOf(std::string(1, '\x01')), 0x01u);
+}
