@@ -588,9 +588,11 @@ int serve(int argc, char** argv) {
 
 int client(const std::string& cmd, int argc, char** argv) {
   CallSpec spec;
+  spec.order.number = 0;
   std::string to;
   std::vector<std::string> positional;
   bool textGiven = false;
+  bool numberGiven = false;  // "work" defaults to mode 1, "call" to 0
   for (int i = 0; i < argc; ++i) {
     std::string a = argv[i];
     bool hasValue = i + 1 < argc;
@@ -604,18 +606,20 @@ int client(const std::string& cmd, int argc, char** argv) {
       textGiven = true;
     } else if (hasValue && a.compare(0, 2, "--") == 0 && parseInt(argv[i + 1], &n)) {
       ++i;
-      if (a == "--mode" || a == "--number")
+      if (a == "--mode" || a == "--number") {
         spec.order.number = static_cast<int>(n);
-      else if (a == "--prog")
+        numberGiven = true;
+      } else if (a == "--prog") {
         spec.prog = static_cast<unsigned long>(n);
-      else if (a == "--vers")
+      } else if (a == "--vers") {
         spec.vers = static_cast<unsigned long>(n);
-      else if (a == "--timeout")
+      } else if (a == "--timeout") {
         spec.timeoutSeconds = static_cast<int>(n);
-      else if (a == "--retry")
+      } else if (a == "--retry") {
         spec.retrySeconds = static_cast<int>(n);
-      else
+      } else {
         return usage(), kUsageExit;
+      }
     } else if (a.compare(0, 2, "--") == 0) {
       return usage(), kUsageExit;
     } else {
@@ -631,7 +635,7 @@ int client(const std::string& cmd, int argc, char** argv) {
   std::string text;
   if (cmd == "work" && positional.size() == 1) {
     spec.proc = kToolWork;
-    if (spec.order.number == 0) spec.order.number = 1;
+    if (!numberGiven) spec.order.number = 1;
     text = positional[0];
   } else if ((cmd == "ctrl" || cmd == "info") && !positional.empty() && positional.size() <= 2 &&
              parseInt(positional[0].c_str(), &n)) {
