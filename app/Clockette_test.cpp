@@ -152,12 +152,4 @@ TEST_F(ClocketteTest, CredentialsAreNeitherPrintedNorLogged) {
   }
 }
 
-TEST_F(ClocketteTest, ToolOptionWithoutValueIsUnknown) {
-  for (const char* option : {"-host", "-port", "-protocol", "-url_path", "-login", "-password"}) {
-    Clockette c;
-    Argv a{"c", option};
-    EXPECT_EXIT(c.init(a.argc(), a.argv()), testing::ExitedWithCode(0), "Usage: c ") << option;
-  }
-}
-
 }  // namespace

@@ -58,7 +58,7 @@ TEST_F(ProgramTest, HelpPrintsTheUsage) {
 }
 
 TEST_F(ProgramTest, UnknownOptionsPrintTheUsageAndExitWithZero) {
-  for (const char* option : {"-help", "-nosuch", "-H", "-url_path"}) {
+  for (const char* option : {"-help", "-nosuch", "-H", "-url_path", "-password"}) {
     ChildResult r = run({"-test", "-loglevel", "5", option});
     EXPECT_EQ(r.exitCode, 0) << option;
     EXPECT_EQ(r.err.rfind("\n\n Usage: clockette [options...]\n", 0), 0u) << option << r.err;
