@@ -1,0 +1,810 @@
+#include "tstl/tsrequest.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/rand.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/Platform.h"
+#include "base/String.h"
+#include "base/SystemError.h"
+#include "tstl/CAsn1ietfTSResp.h"
+#include "tstl/CAsn1messageImprint.h"
+#include "tstl/CAsn1string.h"
+#include "tstl/Der.h"
+#include "tstl/OpenSslPtr.h"
+#include "tstl/asn1request.h"
+#include "tstl/zpcryptbase.h"
+
+namespace {
+
+const char kComponent[] = "zpTrequest";
+// Shown wherever a message would otherwise carry the Basic credentials.
+const char kMask[] = "********";
+
+constexpr long kDefaultConnectTimeoutS = 10;
+constexpr long kDefaultTotalTimeoutS = 60;
+constexpr int kConnectAttempts = 10;
+constexpr int kRefusedRetryMs = 1000;
+constexpr unsigned char kTsaMsg = 0;       // RFC 3161 TCP flag of a request
+constexpr unsigned char kFinalMsgRep = 5;  // RFC 3161 TCP flag of the final answer
+constexpr int kMaxDigest = 64;
+
+struct RequesterState {
+  std::string host;
+  uint16_t port = 0;
+  std::string protocol;
+  std::string path = "/";
+  bool haveCredentials = false;
+  std::string credentials;  // BASE64 of login:password
+  bool haveClientAuth = false;
+  std::string clientKeyFile;
+  std::string clientCertFile;
+  int digestNid = -1;
+  int tstInfoNid = 0;
+  int policyNid = 0;
+  long connectTimeoutS = kDefaultConnectTimeoutS;
+  long totalTimeoutS = kDefaultTotalTimeoutS;
+  char errorText[256] = {0};  // systemErrorText's answer
+};
+
+RequesterState& state() {
+  static RequesterState s;
+  return s;
+}
+
+struct FileCloser {
+  void operator()(FILE* f) const { fclose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+struct CurlCleanup {
+  void operator()(CURL* c) const { curl_easy_cleanup(c); }
+};
+using CurlPtr = std::unique_ptr<CURL, CurlCleanup>;
+struct SlistFree {
+  void operator()(curl_slist* l) const { curl_slist_free_all(l); }
+};
+using SlistPtr = std::unique_ptr<curl_slist, SlistFree>;
+struct AddrinfoFree {
+  void operator()(addrinfo* a) const { freeaddrinfo(a); }
+};
+using AddrinfoPtr = std::unique_ptr<addrinfo, AddrinfoFree>;
+
+// A socket descriptor that closes itself.
+class ScopedSocket {
+ public:
+  explicit ScopedSocket(int fd) : fd_(fd) {}
+  ~ScopedSocket() {
+    if (fd_ >= 0) close(fd_);
+  }
+  ScopedSocket(const ScopedSocket&) = delete;
+  ScopedSocket& operator=(const ScopedSocket&) = delete;
+  int get() const { return fd_; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_;
+};
+
+long long nowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+}
+
+// A positive number of seconds from the environment, else the default.
+long timeoutFromEnv(Log& log, const char* name, long fallback) {
+  const char* value = getenv(name);
+  if (value == nullptr || *value == '\0') return fallback;
+  char* end = nullptr;
+  long seconds = strtol(value, &end, 10);
+  if (end == value || *end != '\0' || seconds <= 0) {
+    log.msg(__LINE__, 2, "%s '%s' is no positive number of seconds, using %ld", name, value,
+            fallback);
+    return fallback;
+  }
+  return seconds;
+}
+
+// Host-name verification is on for exactly "on" or "ON", or a value that
+// starts with 1, y or Y; unset and anything else is off.
+bool verifyHostWanted() {
+  const char* v = getenv("TS_VERFHOST");
+  if (v == nullptr) return false;
+  return strcmp(v, "on") == 0 || strcmp(v, "ON") == 0 || v[0] == '1' || v[0] == 'y' || v[0] == 'Y';
+}
+
+// Replaces the value of every "Authorization:" header line in text with the mask.
+std::string maskAuthorization(const char* data, size_t size) {
+  std::string text(data, size);
+  static const char kHeader[] = "authorization:";
+  const size_t headerLen = sizeof kHeader - 1;
+  size_t lineStart = 0;
+  while (lineStart < text.size()) {
+    size_t lineEnd = text.find('\n', lineStart);
+    if (lineEnd == std::string::npos) lineEnd = text.size();
+    if (lineEnd - lineStart >= headerLen &&
+        strncasecmp(text.c_str() + lineStart, kHeader, headerLen) == 0) {
+      size_t valueStart = lineStart + headerLen;
+      while (valueStart < lineEnd && text[valueStart] == ' ') ++valueStart;
+      size_t schemeEnd = text.find(' ', valueStart);  // keep the scheme name ("Basic")
+      if (schemeEnd != std::string::npos && schemeEnd < lineEnd) valueStart = schemeEnd + 1;
+      size_t valueEnd = lineEnd;
+      if (valueEnd > valueStart && text[valueEnd - 1] == '\r') --valueEnd;
+      text.replace(valueStart, valueEnd - valueStart, kMask);
+      lineEnd = valueStart + strlen(kMask);
+      if (lineEnd < text.size() && text[lineEnd] == '\r') ++lineEnd;
+    }
+    lineStart = lineEnd + 1;
+  }
+  return text;
+}
+
+// Name resolution with the address-family preference of QR_PREF_IP: "[v6]"
+// is numeric IPv6; the preferred family goes first; a link-local IPv6 first
+// address gives way to the first routable IPv6 address.
+int resolveHost(const char* name, AddrinfoPtr* result) {
+  static int preference = -1;
+  if (name == nullptr || *name == '\0') return EAI_NONAME;
+  if (preference < 0) {
+    const char* pref = getenv("QR_PREF_IP");
+    preference = pref && strcmp(pref, "4") == 0 ? 4 : pref && strcmp(pref, "6") == 0 ? 6 : 0;
+  }
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  std::string host = name;
+  const char* close = strchr(name, ']');
+  if (name[0] == '[' && close != nullptr) {
+    host.assign(name + 1, close - name - 1);
+    hints.ai_family = AF_INET6;
+    hints.ai_flags = AI_NUMERICHOST;
+  }
+  addrinfo* list = nullptr;
+  int rc = getaddrinfo(host.c_str(), nullptr, &hints, &list);
+  if (rc != 0) return rc;
+  std::vector<addrinfo*> items;
+  for (addrinfo* a = list; a != nullptr; a = a->ai_next) items.push_back(a);
+  if (preference != 0) {
+    int family = preference == 4 ? AF_INET : AF_INET6;
+    std::vector<addrinfo*> first, rest;
+    for (addrinfo* a : items) (a->ai_family == family ? first : rest).push_back(a);
+    first.insert(first.end(), rest.begin(), rest.end());
+    items.swap(first);
+  }
+  auto linkLocal = [](const addrinfo* a) {
+    const auto* b = reinterpret_cast<const sockaddr_in6*>(a->ai_addr)->sin6_addr.s6_addr;
+    return b[0] == 0xFE && b[1] == 0x80;
+  };
+  if (items[0]->ai_family == AF_INET6 && linkLocal(items[0])) {
+    for (size_t i = 1; i < items.size(); ++i) {
+      if (items[i]->ai_family == AF_INET6 && !linkLocal(items[i])) {
+        addrinfo* better = items[i];
+        items.erase(items.begin() + static_cast<long>(i));
+        items.insert(items.begin(), better);
+        break;
+      }
+    }
+  }
+  for (size_t i = 0; i < items.size(); ++i) {
+    items[i]->ai_next = i + 1 < items.size() ? items[i + 1] : nullptr;
+  }
+  result->reset(items[0]);
+  return 0;
+}
+
+// The numeric host of an address, IPv6 in brackets; "IP address" when the
+// system cannot give it.
+std::string addressText(const sockaddr* addr, socklen_t len) {
+  char host[NI_MAXHOST];
+  if (getnameinfo(addr, len, host, sizeof host, nullptr, 0, NI_NUMERICHOST) != 0) {
+    return "IP address";
+  }
+  return addr->sa_family == AF_INET6 ? std::string("[") + host + "]" : std::string(host);
+}
+
+// Connects fd to addr within timeoutMs. 0, or an errno value.
+int connectWithin(int fd, const sockaddr* addr, socklen_t len, long long timeoutMs) {
+  int flags = fcntl(fd, F_GETFL, 0);
+  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  int err = 0;
+  if (connect(fd, addr, len) != 0) {
+    err = errno;
+    if (err == EINPROGRESS) {
+      pollfd p{fd, POLLOUT, 0};
+      int r;
+      do {
+        r = poll(&p, 1, static_cast<int>(timeoutMs < 0 ? 0 : timeoutMs));
+      } while (r < 0 && errno == EINTR);
+      if (r == 0) {
+        err = ETIMEDOUT;
+      } else if (r < 0) {
+        err = errno;
+      } else {
+        socklen_t errLen = sizeof err;
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errLen) != 0) err = errno;
+      }
+    }
+  }
+  fcntl(fd, F_SETFL, flags);
+  return err;
+}
+
+// Receives until the peer closes, the buffer is full, an error, or deadlineMs
+// passes (then errno is ETIMEDOUT). Returns the number of bytes received.
+uint64_t receiveAll(int fd, unsigned char* buffer, uint64_t capacity, long long deadlineMs) {
+  uint64_t used = 0;
+  while (used < capacity) {
+    long long left = deadlineMs - nowMs();
+    if (left <= 0) {
+      errno = ETIMEDOUT;
+      break;
+    }
+    pollfd p{fd, POLLIN, 0};
+    int r = poll(&p, 1, static_cast<int>(left));
+    if (r < 0 && errno == EINTR) continue;
+    if (r == 0) {
+      errno = ETIMEDOUT;
+      break;
+    }
+    ssize_t got = r < 0 ? -1 : recv(fd, buffer + used, capacity - used, 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;  // closed by the peer, or an error (errno kept)
+    used += static_cast<uint64_t>(got);
+  }
+  return used;
+}
+
+// The body of a failed HTTP answer as text for the log (NUL-terminated copy).
+std::string bodyText(const ResponseBuffer& rb) {
+  return std::string(reinterpret_cast<const char*>(rb.data), rb.used).c_str();
+}
+
+// Fills the DER TimeStampReq for imprint. False when encoding fails.
+bool encodeRequest(CAsn1messageImprint* imprint, std::vector<unsigned char>* der) {
+  CAsn1IETFrequest request;
+  request.messageImprint.hashAlgorithm.algorithm.nid = imprint->hashAlgorithm.algorithm.nid;
+  unsigned int digestLen = imprint->hashedMessage.length();
+  if (digestLen > kMaxDigest) digestLen = kMaxDigest;
+  request.messageImprint.hashedMessage.setVal(kTagOctetString, imprint->hashedMessage.data(),
+                                              digestLen);
+  unsigned int size = request.getSize();
+  der->assign(size, 0);
+  unsigned int pos = 0;
+  return size > 0 && request.getDER(der->data(), &pos) == 0 && pos == size;
+}
+
+// HTTP or HTTPS exchange through libcurl. Fills rb.
+int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBuffer* rb) {
+  RequesterState& s = state();
+  curl_global_init(CURL_GLOBAL_NOTHING);
+  CurlPtr curl(curl_easy_init());
+  if (!curl) {
+    log.msg(__LINE__, 2, "curl returns error %d(%s)", CURLE_FAILED_INIT,
+            curl_easy_strerror(CURLE_FAILED_INIT));
+    return -4;
+  }
+  CURL* c = curl.get();
+  if (getenv("CURL_DEBUG") != nullptr) {
+    curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
+    curl_easy_setopt(c, CURLOPT_STDERR, Log::logfile);
+    curl_easy_setopt(c, CURLOPT_VERBOSE, 1L);
+  }
+  // The "/</" between port and path is what the deployed Timestamp Servers
+  // expect; it is not a typo.
+  size_t urlSize = s.host.size() + s.path.size() + 100;
+  std::unique_ptr<char[]> url(new (std::nothrow) char[urlSize]);
+  if (!url) {
+    log.msg(__LINE__, 2, "Error allocating timestamp request URL.");
+    return -1;
+  }
+  snprintf(url.get(), urlSize, "%s://%s:%d/</%s", s.protocol.c_str(), s.host.c_str(), s.port,
+           s.path.c_str());
+  log.msg(__LINE__, 8, "url: %s", url.get());
+  curl_easy_setopt(c, CURLOPT_URL, url.get());
+  curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, verifyHostWanted() ? 1L : 0L);
+  // The server's chain is never checked: the timestamp itself is verified later.
+  curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+  curl_easy_setopt(c, CURLOPT_SSL_CTX_FUNCTION, sslcb);
+  if (s.haveClientAuth) {
+    curl_easy_setopt(c, CURLOPT_SSLCERT, s.clientCertFile.c_str());
+    curl_easy_setopt(c, CURLOPT_SSLCERTTYPE, "DER");
+    curl_easy_setopt(c, CURLOPT_SSLKEY, s.clientKeyFile.c_str());
+    curl_easy_setopt(c, CURLOPT_SSLKEYTYPE, "DER");
+  }
+  curl_easy_setopt(c, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_301));
+  curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(c, CURLOPT_POSTFIELDS, request.data());
+  curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
+  curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, s.connectTimeoutS);
+  curl_easy_setopt(c, CURLOPT_TIMEOUT, s.totalTimeoutS);
+  curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+
+  curl_slist* headers = nullptr;
+  if (s.haveCredentials) {
+    size_t authSize = s.credentials.size() + 30;
+    std::unique_ptr<char[]> auth(new (std::nothrow) char[authSize]);
+    if (!auth) {
+      log.msg(__LINE__, 2, "Error allocating timestamp authentication.");
+      return -1;
+    }
+    snprintf(auth.get(), authSize, "Authorization: Basic %s", s.credentials.c_str());
+    headers = curl_slist_append(headers, auth.get());
+    OPENSSL_cleanse(auth.get(), authSize);  // curl keeps its own copy
+  }
+  headers = curl_slist_append(headers, "Content-Type: application/timestamp-query");
+  SlistPtr headerList(headers);
+  curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(c, CURLOPT_WRITEDATA, rb);
+  curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collectResponse);
+
+  CURLcode rc = curl_easy_perform(c);
+  headerList.reset();
+  if (rc != CURLE_OK) {
+    log.msg(__LINE__, 2, "curl returns error %d(%s)", rc, curl_easy_strerror(rc));
+    return -4;
+  }
+  long status = 0;
+  curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+  if (status != 200) {
+    log.msg(__LINE__, 2, "HTTP error-code = %d (%s)", static_cast<int>(status),
+            bodyText(*rb).c_str());
+    return -5;
+  }
+  return 0;
+}
+
+// Raw RFC 3161 TCP exchange: length + flag framing. Fills rb; *offset is
+// where the answer's DER starts.
+int exchangeTcp(Log& log, const std::vector<unsigned char>& request, ResponseBuffer* rb,
+                unsigned int* offset) {
+  RequesterState& s = state();
+  long long deadline = nowMs() + s.totalTimeoutS * 1000LL;
+  uint32_t length = static_cast<uint32_t>(request.size() + 1);
+  std::vector<unsigned char> frame = {
+      static_cast<unsigned char>(length >> 24), static_cast<unsigned char>(length >> 16),
+      static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length), kTsaMsg};
+  frame.insert(frame.end(), request.begin(), request.end());
+
+  ScopedSocket sock(openSocket(s.host.c_str(), s.port));
+  if (sock.get() < 0) {
+    log.msg(__LINE__, 2, "openSocket failed");
+    return -4;
+  }
+  long long left = deadline - nowMs();
+  timeval sendTimeout{left > 0 ? left / 1000 : 0, left > 0 ? (left % 1000) * 1000 : 1000};
+  setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
+  ssize_t sent = send(sock.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
+  if (sent != static_cast<ssize_t>(frame.size())) {
+    log.msg(__LINE__, 2, "send failed (errno %d)", sent < 0 ? errno : EMSGSIZE);
+    return -4;
+  }
+  errno = 0;
+  rb->used = receiveAll(sock.get(), rb->data, rb->capacity, deadline);
+  bool notWorking = rb->used == 2 && rb->data[0] == 0x05 && rb->data[1] == 0x00;
+  // A reply too short to hold the frame header is no timestamp either.
+  if ((rb->used > 5 && rb->data[4] != kFinalMsgRep) ||
+      (rb->used > 0 && rb->used <= 5 && !notWorking)) {
+    log.msg(__LINE__, 2, "timestamp server %s did not respond with a valid timestamp",
+            s.host.c_str());
+    return -10;
+  }
+  *offset = notWorking ? 0 : 5;
+  return 0;
+}
+
+}  // namespace
+
+int getOrCreateOID(const char* oid, const char* sn, const char* ln) {
+  Log log(kComponent, "getOrCreateOID", __FILE__, __LINE__, 13);
+  int nid = OBJ_txt2nid(oid);
+  if (nid != NID_undef) {
+    log.msg(__LINE__, 9, "oid %s -> nid %d", oid, nid);
+    return nid;
+  }
+  nid = OBJ_create(oid, sn, ln);
+  log.msg(__LINE__, 9, "create oid %s sn %s ln %s -> nid %d", oid, sn, ln, nid);
+  if (nid == NID_undef) {
+    log.msg(__LINE__, 2, "Unable to create ASN.1 object '%s' %s ('%s').", ln, oid, sn);
+    logOpenSslErrors();
+  }
+  return nid;
+}
+
+void logOpenSslErrors() {
+  Log log(kComponent, "logOpenSslErrors", __FILE__, __LINE__, 13);
+  ERR_load_crypto_strings();
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  if (!bio) return;
+  ERR_print_errors(bio.get());
+  char* text = nullptr;
+  long len = BIO_get_mem_data(bio.get(), &text);
+  if (len <= 0) return;
+  std::string message(text, static_cast<size_t>(len));
+  message.pop_back();  // the final line feed
+  log.msg(__LINE__, 2, "%s", message.c_str());
+}
+
+int initTimeStamper() {
+  Log log(kComponent, "initTimeStamper", __FILE__, __LINE__, 13);
+  OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+  RequesterState& s = state();
+  s.tstInfoNid = getOrCreateOID("1.2.840.113549.1.9.16.1.4", "TSTInfo", "id-smime-ct-TSTInfo");
+  if (s.tstInfoNid == 0) return 1;
+  s.policyNid = getOrCreateOID("1.3.6.1.4.1.7359.1.2", "tsPol", "Timestamper Policy");
+  return s.policyNid == 0 ? 1 : 0;
+}
+
+int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path) {
+  Log log(kComponent, "initTsServer", __FILE__, __LINE__, 13);
+  startSockets(1, 1);
+  ERR_load_crypto_strings();
+  OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+  OPENSSL_init_ssl(0, nullptr);
+  OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+  // Extra seed from whatever the stack holds; OpenSSL seeds itself properly,
+  // this only adds to it.
+  unsigned char noise[1024];
+  RAND_seed(noise, sizeof noise);
+
+  RequesterState& s = state();
+  s.host = host ? host : "";
+  s.port = port;
+  s.protocol = protocol ? protocol : "";
+  s.path = path ? path : "/";
+  s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
+  s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
+  log.msg(__LINE__, 9, "TimestampRequester initialized. Host: %s Port: %d Protocol: %s Path: %s",
+          s.host.c_str(), s.port, s.protocol.c_str(), s.path.c_str());
+  log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
+          s.totalTimeoutS);
+  return 0;
+}
+
+int initStamperAuth(const char* login, const char* password) {
+  Log log(kComponent, "initStamperAuth", __FILE__, __LINE__, 13);
+  RequesterState& s = state();
+  OPENSSL_cleanse(s.credentials.data(), s.credentials.size());
+  s.credentials.clear();
+  s.haveCredentials = false;
+  if (login == nullptr || password == nullptr) {
+    log.msg(__LINE__, 2, "Parameter is null");
+    return -1;
+  }
+  std::string plain = std::string(login) + ":" + password;
+  unsigned int n = static_cast<unsigned int>(plain.size());
+  std::vector<char> encoded((4 * n) / 3 + 10, '\0');
+  encodeBase64(reinterpret_cast<const unsigned char*>(plain.data()), n, encoded.data(),
+               static_cast<unsigned int>(encoded.size()));
+  s.credentials = encoded.data();
+  s.haveCredentials = true;
+  OPENSSL_cleanse(plain.data(), plain.size());
+  OPENSSL_cleanse(encoded.data(), encoded.size());
+  // The credentials themselves never go to the log.
+  log.msg(__LINE__, 9, "TimestampRequester Authentication credentials set: %s", kMask);
+  return 0;
+}
+
+int initSSLAuth(const char* keyFile, const char* certFile) {
+  Log log(kComponent, "initSSLAuth", __FILE__, __LINE__, 13);
+  RequesterState& s = state();
+  s.clientKeyFile.clear();
+  s.clientCertFile.clear();
+  s.haveClientAuth = false;
+  if (keyFile == nullptr || certFile == nullptr) {
+    log.msg(__LINE__, 2, "Parameter is null");
+    return -1;
+  }
+  s.clientKeyFile = keyFile;
+  s.clientCertFile = certFile;
+  s.haveClientAuth = true;
+  log.msg(__LINE__, 9,
+          "SSL client authentication prepared with client key from '%s' and certificate from "
+          "'%s'",
+          keyFile, certFile);
+  return 0;
+}
+
+int getDigest() {
+  Log log(kComponent, "getDigest", __FILE__, __LINE__, 13);
+  RequesterState& s = state();
+  if (s.digestNid != -1) return s.digestNid;
+  const char* name = getenv("TS_HASHALG");
+  int nid = NID_sha256;
+  if (name == nullptr || strcmp(name, "SHA256") == 0) {
+    nid = NID_sha256;
+  } else if (strcmp(name, "RIPEMD160") == 0) {
+    nid = NID_ripemd160;
+  } else if (strcmp(name, "SHA1") == 0) {
+    nid = NID_sha1;
+  } else if (strcmp(name, "SHA512") == 0) {
+    nid = NID_sha512;
+  } else {
+    log.msg(__LINE__, 2, "Message Digest '%s' unknown .. defaulting to SHA256", name);
+  }
+  s.digestNid = nid;
+  return nid;
+}
+
+int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
+  Log log(kComponent, "computeHash", __FILE__, __LINE__, 13);
+  FilePtr file(fopen(path, "rb"));
+  if (!file) {
+    log.msg(__LINE__, 2, "File %s cannot be read: %d", path, errno);
+    return -1;
+  }
+  const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
+  if (md == nullptr) {
+    log.msg(__LINE__, 2, "Message digest algorithm ID %d doesn't produce a usable hash object",
+            nid);
+    log.msg(__LINE__, 2, "Digest name was %s", OBJ_nid2sn(nid) ? OBJ_nid2sn(nid) : "(none)");
+    return -2;
+  }
+  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx) {
+    log.msg(__LINE__, 2, "Allocation of digest context failed");
+    return -2;
+  }
+  if (EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1) {
+    log.msg(__LINE__, 2, "Message digest algorithm ID %d doesn't produce a usable hash object",
+            nid);
+    logOpenSslErrors();
+    return -2;
+  }
+  unsigned char block[1024];
+  for (;;) {
+    size_t got = fread(block, 1, sizeof block, file.get());
+    EVP_DigestUpdate(ctx.get(), block, got);
+    if (got < sizeof block) break;
+  }
+  // A read error (a directory, an I/O error) must not pass as a short file.
+  if (ferror(file.get())) {
+    log.msg(__LINE__, 2, "File %s cannot be read: %d", path, errno);
+    return -1;
+  }
+  file.reset();
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digestLen = 0;
+  EVP_DigestFinal_ex(ctx.get(), digest, &digestLen);
+  imprint->hashAlgorithm.algorithm.nid = nid;
+  imprint->hashedMessage.setVal(kTagOctetString, digest, digestLen);
+  if (Log::getLevel(9)) {
+    std::string hex;
+    char byte[4];
+    for (unsigned int i = 0; i < digestLen; ++i) {
+      snprintf(byte, sizeof byte, "%02X ", digest[i]);
+      hex += byte;
+    }
+    log.msg(__LINE__, 9, "%s", hex.c_str());
+  }
+  return 0;
+}
+
+int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
+  Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
+  RequesterState& s = state();
+  std::vector<unsigned char> request;
+  if (!encodeRequest(imprint, &request)) {
+    log.msg(__LINE__, 2, "Error while creating timestamp request.");
+    return -1;
+  }
+  unsigned char buffer[kResponseLimit + 1] = {0};
+  ResponseBuffer rb{buffer, 0, kResponseLimit};
+  unsigned int offset = 0;
+  int rc;
+  errno = 0;
+  if (s.protocol == "http" || s.protocol == "https") {
+    rc = exchangeHttp(log, request, &rb);
+  } else {
+    rc = exchangeTcp(log, request, &rb, &offset);
+  }
+  if (rc != 0) return rc;
+  if (rb.used == kResponseLimit) {
+    log.msg(__LINE__, 2, "timestamp received is larger than %d bytes!?",
+            static_cast<int>(kResponseLimit));
+    return -7;
+  }
+  if (rb.used == 0) {
+    int err = errno;
+    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err));
+    return -8;
+  }
+  if (rb.used == 2 && rb.data[0] == 0x05 && rb.data[1] == 0x00) {
+    log.msg(__LINE__, 2, "timestamp server %s is currently not working", s.host.c_str());
+    return -9;
+  }
+  response->setVal(kTagOctetString, rb.data + offset, static_cast<unsigned int>(rb.used - offset));
+  return 0;
+}
+
+size_t collectResponse(void* data, size_t size, size_t count, void* buffer) {
+  Log log(kComponent, "collectResponse", __FILE__, __LINE__, 13);
+  auto* rb = static_cast<ResponseBuffer*>(buffer);
+  uint64_t offered = static_cast<uint64_t>(size) * count;
+  uint64_t room = rb->capacity - rb->used;
+  uint64_t taken = offered < room ? offered : room;
+  memcpy(rb->data + rb->used, data, taken);
+  rb->used += taken;
+  return static_cast<size_t>(taken);
+}
+
+int curldbg(void* /*handle*/, int type, char* data, size_t size, void* /*user*/) {
+  Log log(kComponent, "curldbg", __FILE__, __LINE__, 13);
+  static const char* const kNames[] = {"TEXT",     "HEADER_IN",   "HEADER_OUT",  "DATA_IN",
+                                       "DATA_OUT", "SSL_DATA_IN", "SSL_DATA_OUT"};
+  const char* name = type >= 0 && type <= 6 ? kNames[type] : "??";
+  std::string shown;
+  if (type < CURLINFO_DATA_IN || type > CURLINFO_SSL_DATA_OUT) {
+    size_t n = size;
+    while (n > 0 && (data[n - 1] == '\r' || data[n - 1] == '\n')) --n;
+    shown = maskAuthorization(data, n);
+  }
+  log.msg(__LINE__, 10, "%s %d: %.*s", name, static_cast<int>(size), static_cast<int>(shown.size()),
+          shown.c_str());
+  return 0;
+}
+
+int sslcb(void* /*curl*/, void* /*sslctx*/, void* /*user*/) {
+  Log log(kComponent, "sslcb", __FILE__, __LINE__, 13);
+  return CURLE_OK;
+}
+
+int openSocket(const char* host, uint16_t port) {
+  Log log(kComponent, "openSocket", __FILE__, __LINE__, 13);
+  if (port == 0) return -1;
+  RequesterState& s = state();
+  AddrinfoPtr addresses;
+  if (resolveHost(host, &addresses) != 0) {
+    log.msg(__LINE__, 2, "timestamp server host %s unknown", host);
+    return -1;
+  }
+  addrinfo* ai = addresses.get();
+  if (ai->ai_family == AF_INET6) {
+    reinterpret_cast<sockaddr_in6*>(ai->ai_addr)->sin6_port = htons(port);
+  } else {
+    reinterpret_cast<sockaddr_in*>(ai->ai_addr)->sin_port = htons(port);
+  }
+  // Refused connections are retried (the server may be restarting), but
+  // never beyond the connect time-out.
+  long long deadline = nowMs() + s.connectTimeoutS * 1000LL;
+  int fd = -1;
+  int err = 0;
+  for (int attempt = 0; attempt < kConnectAttempts; ++attempt) {
+    ScopedSocket sock(socket(ai->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (sock.get() < 0) {
+      err = errno;
+      break;
+    }
+    err = connectWithin(sock.get(), ai->ai_addr, ai->ai_addrlen, deadline - nowMs());
+    if (err == 0) {
+      fd = sock.release();
+      break;
+    }
+    if (err != ECONNREFUSED || attempt + 1 == kConnectAttempts ||
+        nowMs() + kRefusedRetryMs >= deadline) {
+      break;
+    }
+    usleep(kRefusedRetryMs * 1000);
+  }
+  log.msg(__LINE__, 10, "made new socket FD%d", fd);
+  if (fd < 0) {
+    log.msg(__LINE__, 2,
+            "cannot connect to timestamp server host %s, port %d, addr %s, errno=%d(%s)", host,
+            port, addressText(ai->ai_addr, ai->ai_addrlen).c_str(), err, systemErrorText(err));
+    return -1;
+  }
+  sockaddr_storage local{};
+  socklen_t localLen = sizeof local;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLen);
+  int localPort =
+      ntohs(local.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&local)->sin6_port
+                                        : reinterpret_cast<sockaddr_in*>(&local)->sin_port);
+  log.msg(__LINE__, 10, "connected local port %d to remote port %d on FD%d", localPort, port, fd);
+  return fd;
+}
+
+const char* systemErrorText(int code) {
+  Log log(kComponent, "systemErrorText", __FILE__, __LINE__, 13);
+  char* buffer = state().errorText;
+  String text = systemError(code);
+  // Texts longer than the buffer are cut to 254 characters.
+  size_t keep = text.str().size() > 256 ? 254 : text.str().size();
+  memcpy(buffer, text.c_str(), keep);
+  buffer[keep] = '\0';
+  return buffer;
+}
+
+int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp) {
+  Log log(kComponent, "timestampParse", __FILE__, __LINE__, 13);
+  unsigned int pos = 0;
+  if (resp->setDER(response->data(), &pos, response->length()) != 0) {
+    log.msg(__LINE__, 2, "Parsing timestamp status info failed");
+    return -1;
+  }
+  unsigned int status = static_cast<unsigned int>(resp->getStatus());
+  if (status < 2) return 0;
+  log.msg(__LINE__, 2, "Timestamp server returned unexpected status %d", static_cast<int>(status));
+  std::string text = resp->getStatusString();
+  log.msgc("%s", text.c_str());
+  return -1;
+}
+
+int timestamp2base64(CAsn1string* response, char** out) {
+  Log log(kComponent, "timestamp2base64", __FILE__, __LINE__, 13);
+  int len = static_cast<int>(response->length());
+  int size = (4 * len) / 3 + 10;
+  char* text = new (std::nothrow) char[size];
+  if (text == nullptr || encodeBase64(response->data(), response->length(), text,
+                                      static_cast<unsigned int>(size)) != 0) {
+    log.msg(__LINE__, 2, "encodeBase64 failed");
+    delete[] text;
+    *out = nullptr;
+    return -1;
+  }
+  *out = text;
+  return 0;
+}
+
+int requestTimestamp(const char* source, const char* target) {
+  Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
+  CAsn1messageImprint imprint;
+  if (computeHash(source, getDigest(), &imprint) != 0) {
+    log.msg(__LINE__, 2, "Hashing %s failed", source);
+    return -1;
+  }
+  CAsn1string response(kTagOctetString);
+  if (requestTimestamp(&imprint, &response) != 0) {
+    log.msg(__LINE__, 2, "Requesting timestamp failed");
+    return -2;
+  }
+  CAsn1ietfTSResp resp;
+  if (timestampParse(&response, &resp) != 0) {
+    log.msg(__LINE__, 2, "Parsing timestamp failed");
+    return -3;
+  }
+  char* base64 = nullptr;
+  if (timestamp2base64(&response, &base64) != 0) {
+    log.msg(__LINE__, 2, "Converting timestamp to base64 failed");
+    return -4;
+  }
+  std::unique_ptr<char[]> text(base64);
+  FilePtr file(fopen(target, "w"));
+  if (!file) {
+    log.msg(__LINE__, 2, "Unable to open %s for writing", target);
+    return -5;
+  }
+  int written = fprintf(file.get(), "%s", text.get());
+  if (written < 0 || fclose(file.release()) != 0) {
+    // A cut-off timestamp is worse than none: the next run stamps again.
+    log.msg(__LINE__, 2, "Unable to write %s", target);
+    remove(target);
+    return -5;
+  }
+  log.msg(__LINE__, 8, "Timestamp for document %s written to %s", source, target);
+  return 0;
+}

@@ -1,0 +1,111 @@
+// tsrequest: the timestamp requester. Turns one local file into one stored
+// RFC 3161 timestamp: hashes the file, sends a TimeStampReq for the hash to
+// the configured Timestamp Server (HTTP or HTTPS POST through libcurl, or the
+// raw RFC 3161 TCP transport), checks the TimeStampResp and writes it as one
+// line of BASE64 into a timestamp file.
+//
+// A module of free functions over module-wide state: one Timestamp Server
+// configuration per process, set by initTimeStamper, initTsServer and
+// initStamperAuth (optionally initSSLAuth), then any number of per-file
+// requestTimestamp calls. Results: 0 for success, distinct negative codes per
+// failure (listed at each function); every failure is logged at level 2.
+// Single-threaded: the state, the digest cache and the error text buffer are
+// shared without locks.
+//
+// Time-outs (beyond what a plain RFC 3161 client does): every exchange is
+// bounded by a connect time-out and a total time-out in seconds, read by
+// initTsServer from TS_CONNECT_TIMEOUT (default 10) and TS_TIMEOUT (default
+// 60). The login and password never reach the log in any form: messages that
+// would show them show "********" instead.
+#ifndef TSTL_TSREQUEST_H_
+#define TSTL_TSREQUEST_H_
+
+#include <cstddef>
+#include <cstdint>
+
+class CAsn1messageImprint;
+class CAsn1string;
+class CAsn1ietfTSResp;
+
+// The receive buffer of one exchange.
+struct ResponseBuffer {
+  unsigned char* data;  // capacity bytes (plus one for a terminating NUL)
+  uint64_t used;
+  uint64_t capacity;  // always kResponseLimit
+};
+
+// Largest answer taken from a Timestamp Server; an answer that fills the
+// buffer completely is rejected as too large.
+constexpr uint64_t kResponseLimit = 4096;
+
+// Registers the TSTInfo content type and the timestamp policy OIDs with
+// OpenSSL. 0 when both are known, 1 when either could not be registered.
+int initTimeStamper();
+
+// The NID of the dotted OID, registered under sn/ln when OpenSSL does not
+// know it yet; 0 on failure.
+int getOrCreateOID(const char* oid, const char* sn, const char* ln);
+
+// Logs OpenSSL's error queue at level 2 as one message and empties it.
+void logOpenSslErrors();
+
+// Sets the Timestamp Server: host, port, protocol ("http" and "https" go
+// through libcurl, anything else is the raw TCP transport) and URL path (null:
+// "/"). Also reads the time-out variables. Always 0.
+int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path);
+
+// Sets the HTTP Basic credentials. -1 (and no credentials) when either is null.
+int initStamperAuth(const char* login, const char* password);
+
+// Sets a DER client key and certificate for TLS client authentication. -1
+// (and none set) when either is null.
+int initSSLAuth(const char* keyFile, const char* certFile);
+
+// The NID of the message digest chosen by TS_HASHALG ("RIPEMD160", "SHA1",
+// "SHA256", "SHA512"; unset or anything else: SHA-256). Read once per process.
+int getDigest();
+
+// Hashes the file at path with digest nid into imprint. -1 when the file
+// cannot be read, -2 when the digest is not usable.
+int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
+
+// The whole job for one file: hash source, exchange, check, write the BASE64
+// answer to target. 0; -1 hashing failed; -2 exchange failed; -3 the answer
+// is no TimeStampResp or not granted; -4 BASE64 failed; -5 target cannot be
+// written. Only a failure of the final write can leave a target file behind.
+int requestTimestamp(const char* source, const char* target);
+
+// One exchange with the Timestamp Server for imprint; the answer's bytes go
+// into response (an OCTET STRING). 0; -1 the request or URL could not be
+// built; -4 transport error (curl error, time-out, no connection, send
+// failed); -5 HTTP status other than 200; -7 answer of 4096 bytes or more;
+// -8 nothing received; -9 the server answered 05 00 (not working); -10 a raw
+// TCP answer with a flag byte other than 5.
+int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
+
+// Decodes response into resp. 0 when it decodes and the status is granted or
+// grantedWithMods, else -1.
+int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp);
+
+// BASE64 text of response in a new[]-allocated NUL-terminated *out (the
+// caller delete[]s it). -1 and *out null on failure.
+int timestamp2base64(CAsn1string* response, char** out);
+
+// A TCP socket connected to host:port, or -1. Refused connections are tried
+// again every second, up to 10 attempts and within the connect time-out.
+int openSocket(const char* host, uint16_t port);
+
+// libcurl callbacks, declared without curl's types (CURL is void, the info
+// type and CURLcode are int-sized enums).
+// Write callback: appends to the ResponseBuffer at buffer what fits; returns
+// the number of bytes taken.
+size_t collectResponse(void* data, size_t size, size_t count, void* buffer);
+// Debug callback: logs each piece of curl's trace at level 10. Always 0.
+int curldbg(void* handle, int type, char* data, size_t size, void* user);
+// SSL context callback: does nothing. Always 0 (CURLE_OK).
+int sslcb(void* curl, void* sslctx, void* user);
+
+// The system's text for an errno value, in a module-wide buffer.
+const char* systemErrorText(int code);
+
+#endif  // TSTL_TSREQUEST_H_
