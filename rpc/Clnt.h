@@ -19,7 +19,7 @@
 #include "rpc/RpcTypes.h"
 #include "rpc/Xdr.h"
 
-enum clnt_stat {
+enum clnt_stat : int {
   RPC_SUCCESS = 0,
   RPC_CANTENCODEARGS = 1,
   RPC_CANTDECODERES = 2,

@@ -9,9 +9,9 @@
 
 #define RPC_MSG_VERSION 2
 
-enum msg_type { CALL = 0, REPLY = 1 };
-enum reply_stat { MSG_ACCEPTED = 0, MSG_DENIED = 1 };
-enum accept_stat {
+enum msg_type : int { CALL = 0, REPLY = 1 };
+enum reply_stat : int { MSG_ACCEPTED = 0, MSG_DENIED = 1 };
+enum accept_stat : int {
   SUCCESS = 0,
   PROG_UNAVAIL = 1,
   PROG_MISMATCH = 2,
@@ -19,7 +19,7 @@ enum accept_stat {
   GARBAGE_ARGS = 4,
   SYSTEM_ERR = 5
 };
-enum reject_stat { RPC_MISMATCH = 0, AUTH_ERROR = 1 };
+enum reject_stat : int { RPC_MISMATCH = 0, AUTH_ERROR = 1 };
 
 // A decoded call header. The credential and verifier bodies point into the
 // decoded buffer.

@@ -38,7 +38,7 @@ struct opaque_auth {
   u_int oa_length;
 };
 
-enum auth_stat {
+enum auth_stat : int {
   AUTH_OK = 0,
   AUTH_BADCRED = 1,
   AUTH_REJECTEDCRED = 2,

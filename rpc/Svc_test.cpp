@@ -236,3 +236,25 @@ TEST(Svc, IPv4AndIPv6ServicesShareAPort) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Svc, DispatchesADatagramHandedInWithoutTheLoop) {
+  ServiceLoop svc;  // registered, but its loop is not running
+  UdpSocket caller;
+  const sockaddr_in from = caller.address();
+  const Bytes call = words({5, 0, 2, TESTPROG, TESTVERS, TESTPROC_ADD, 0, 0, 0, 0, 1, 2});
+  svcudp_dispatch(svc.xprt(), call.data(), call.size(), reinterpret_cast<const sockaddr*>(&from),
+                  sizeof from);
+  Bytes reply;
+  sockaddr_in replyFrom;
+  ASSERT_TRUE(caller.receive(&reply, &replyFrom, 1000));
+  EXPECT_EQ(words({5, 1, 0, 0, 0, 0, 3}), reply);
+  EXPECT_EQ(svc.port(), ntohs(replyFrom.sin_port)) << "answered from the service's socket";
+  // Too short to be a call: nothing is answered.
+  svcudp_dispatch(svc.xprt(), call.data(), 12, reinterpret_cast<const sockaddr*>(&from),
+                  sizeof from);
+  EXPECT_FALSE(caller.receive(&reply, &replyFrom, 200));
+}
+
+}  // namespace

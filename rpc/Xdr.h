@@ -15,7 +15,7 @@
 
 #include "rpc/RpcTypes.h"
 
-enum xdr_op { XDR_ENCODE = 0, XDR_DECODE = 1, XDR_FREE = 2 };
+enum xdr_op : int { XDR_ENCODE = 0, XDR_DECODE = 1, XDR_FREE = 2 };
 
 #define BYTES_PER_XDR_UNIT 4
 #define RNDUP(x) ((((x) + BYTES_PER_XDR_UNIT - 1) / BYTES_PER_XDR_UNIT) * BYTES_PER_XDR_UNIT)

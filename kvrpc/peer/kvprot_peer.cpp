@@ -88,7 +88,9 @@ int run(const Record<T>& rec, bool encode, Args& args) {
   buf = fromHex(args.next());
   xdrmem_create(&x, buf.data(), buf.size(), XDR_DECODE);
   if (!rec.proc(&x, &obj)) {
+    xdr_free(rec.proc, reinterpret_cast<char*>(&obj));  // what was decoded before the failure
     puts("FAILED");
+    fflush(stdout);
     return 1;
   }
   if (xdr_getpos(&x) != buf.size()) printf("trailing=%u\n", unsigned(buf.size() - xdr_getpos(&x)));

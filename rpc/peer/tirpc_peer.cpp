@@ -126,6 +126,7 @@ int call(int argc, char** argv) {
   const clnt_stat st = clnt_call(cl, proc, (xdrproc_t)encodeArgs, nullptr, xres, (char*)res, total);
   if (st != RPC_SUCCESS) {
     printf("ERR %s\n", clnt_sperror(cl, "call"));
+    fflush(stdout);
     clnt_destroy(cl);
     return 1;
   }
@@ -135,6 +136,8 @@ int call(int argc, char** argv) {
     printf("OK %s\n", text);
   else
     printf("OK\n");
+  fflush(stdout);
+  clnt_freeres(cl, xres, (char*)res);
   clnt_destroy(cl);
   return 0;
 }
