@@ -2,9 +2,26 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
 #include "testing/DerTest.h"
 #include "testing/LogCapture.h"
+#include "tstl/CAsn1algorithmIdentifier.h"
+#include "tstl/CAsn1bitString.h"
+#include "tstl/CAsn1boolean.h"
+#include "tstl/CAsn1integer.h"
+#include "tstl/CAsn1issuerSerial.h"
+#include "tstl/CAsn1messageImprint.h"
+#include "tstl/CAsn1name.h"
+#include "tstl/CAsn1nameAttribute.h"
+#include "tstl/CAsn1oid.h"
 #include "tstl/CAsn1size.h"
+#include "tstl/CAsn1string.h"
+#include "tstl/CAsn1time.h"
+#include "tstl/asn1request.h"
 
 using testing_support::derHex;
 using testing_support::LogCapture;
@@ -84,4 +101,55 @@ TEST(DerHexText, ShowsHexThenPrintableCharacters) {
   EXPECT_EQ(derHexText(bytes, 4, 8), "41 00 7A 7F:A.z.");
   EXPECT_EQ(derHexText(bytes, 4, 2), "41 00:A.");
   EXPECT_EQ(derHexText(bytes, 0, 8), "");
+}
+
+// Every decoder, given any proper prefix of a valid encoding, fails with -1
+// and stays inside the bytes it was given.
+TEST(DerReader, EveryTypeRefusesEveryTruncation) {
+  struct Case {
+    const char* name;
+    std::function<std::unique_ptr<CAsn1object>()> make;
+    const char* hex;
+  } cases[] = {
+      {"size", [] { return std::make_unique<CAsn1size>(); }, "84 01 00 00 00"},
+      {"integer", [] { return std::make_unique<CAsn1integer>(); }, "02 03 00 80 00"},
+      {"boolean", [] { return std::make_unique<CAsn1boolean>(); }, "01 01 ff"},
+      {"oid", [] { return std::make_unique<CAsn1oid>(); }, "06 09 60 86 48 01 65 03 04 02 01"},
+      {"string", [] { return std::make_unique<CAsn1string>(); }, "13 03 61 62 63"},
+      {"time", [] { return std::make_unique<CAsn1time>(); },
+       "17 0d 39 39 31 32 33 31 32 33 35 39 35 39 5a"},
+      {"bits", [] { return std::make_unique<CAsn1bitString>(); }, "03 02 05 20"},
+      {"algorithm", [] { return std::make_unique<CAsn1algorithmIdentifier>(); },
+       "30 0d 06 09 60 86 48 01 65 03 04 02 01 05 00"},
+      {"imprint", [] { return std::make_unique<CAsn1messageImprint>(); },
+       "30 0c 30 07 06 05 2b 0e 03 02 1a 04 01 ab"},
+      {"rdn", [] { return std::make_unique<CAsn1nameAttribute>(); },
+       "31 0a 30 08 06 03 55 04 03 13 01 41"},
+      {"name", [] { return std::make_unique<CAsn1name>(); },
+       "30 0c 31 0a 30 08 06 03 55 04 03 13 01 41"},
+      {"issuerSerial", [] { return std::make_unique<CAsn1issuerSerial>(); },
+       "30 13 30 0c 31 0a 30 08 06 03 55 04 03 13 01 41 02 03 01 00 01"},
+      {"ietf", [] { return std::make_unique<CAsn1IETFrequest>(); },
+       "30 1c 02 01 01 30 0c 30 07 06 05 2b 0e 03 02 1a 04 01 ab 06 03 2a 03 04 02 01 07 01 01 "
+       "ff"},
+      {"sigIA4", [] { return std::make_unique<CAsn1sigIA4request>(); },
+       "a0 15 30 13 02 01 63 a2 0e 30 0c 30 07 06 05 2b 0e 03 02 1a 03 01 00"},
+      {"pkcs7", [] { return std::make_unique<CAsn1Pkcs7request>(); },
+       "a3 13 30 11 02 01 00 30 0c 30 07 06 05 2b 0e 03 02 1a 04 01 ab"},
+      {"certRequest", [] { return std::make_unique<CAsn1CertRequest>(); },
+       "a2 0d 30 0b 02 01 01 30 06 04 01 0a 04 01 0b"},
+  };
+  for (const Case& c : cases) {
+    std::vector<uint8_t> whole = testing_support::fromHex(c.hex);
+    std::unique_ptr<CAsn1object> object = c.make();
+    unsigned int pos = 0;
+    ASSERT_EQ(setDerHex(*object, c.hex, &pos), 0) << c.name;
+    EXPECT_EQ(pos, whole.size()) << c.name;
+    for (size_t cut = 0; cut < whole.size(); ++cut) {
+      std::unique_ptr<CAsn1object> part = c.make();
+      std::string hex = testing_support::toHex(whole.data(), cut);
+      EXPECT_EQ(setDerHex(*part, hex, &pos), -1) << c.name << " cut at " << cut;
+      EXPECT_LE(pos, cut) << c.name;
+    }
+  }
 }
