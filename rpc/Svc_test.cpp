@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -255,6 +257,28 @@ TEST(Svc, DispatchesADatagramHandedInWithoutTheLoop) {
   svcudp_dispatch(svc.xprt(), call.data(), 12, reinterpret_cast<const sockaddr*>(&from),
                   sizeof from);
   EXPECT_FALSE(caller.receive(&reply, &replyFrom, 200));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Svc, AnInterruptedWaitDoesNotEndTheLoop) {
+  struct sigaction sa {};
+  sa.sa_handler = [](int) {};
+  struct sigaction old {};
+  sigaction(SIGUSR1, &sa, &old);  // no SA_RESTART: select returns EINTR
+  ServiceLoop svc;
+  svc.start();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  pthread_kill(svc.thread(), SIGUSR1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(svc.done());
+  ClientPtr cl(svc.client());
+  int sum = 0;
+  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 20, 22, &sum));
+  svc.stop();
+  sigaction(SIGUSR1, &old, nullptr);
 }
 
 }  // namespace

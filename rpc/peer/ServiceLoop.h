@@ -77,6 +77,8 @@ class ServiceLoop {
     });
   }
   bool done() const { return done_; }
+  // The loop's thread, for signalling it.
+  std::thread::native_handle_type thread() { return thread_.native_handle(); }
   // Ends the loop: terminateSvcrun, then a datagram to wake its select.
   void stop() {
     if (!thread_.joinable()) return;
