@@ -22,6 +22,7 @@ rpc_createerr_t rpc_createerr;
 namespace {
 
 const char kComponent[] = "clnt_udp";
+const int64_t kMaxWaitUs = int64_t{3600} * 1000000;
 
 }  // namespace
 
@@ -238,7 +239,8 @@ clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrpr
         return setStatus(cl, RPC_TIMEDOUT);
       }
       if (now >= resendAt) break;
-      const int64_t waitUs = (resendAt < deadline ? resendAt : deadline) - now;
+      int64_t waitUs = (resendAt < deadline ? resendAt : deadline) - now;
+      if (waitUs > kMaxWaitUs) waitUs = kMaxWaitUs;  // poll takes an int of milliseconds
       pollfd pfd{cl->sock, POLLIN, 0};
       const int ready = poll(&pfd, 1, static_cast<int>((waitUs + 999) / 1000));
       if (ready < 0) {

@@ -10,6 +10,7 @@
 
 #include "base/Log.h"
 #include "rpc/RpcMsg.h"
+#include "rpc/ScopedSocket.h"
 
 namespace {
 
@@ -99,40 +100,30 @@ void udpDestroy(SVCXPRT* xprt) {
 
 const svc_xp_ops kUdpOps = {udpRecv, udpGetargs, udpReply, udpFreeargs, udpDestroy};
 
-// Closes a socket without losing the errno that explains the failure.
-void closeKeepErrno(int sock) {
-  const int e = errno;
-  close(sock);
-  errno = e;
-}
-
 }  // namespace
 
-SVCXPRT* svcudp_bufcreate(int sock, u_int sendsz, u_int recvsz) {
-  if (sock == RPC_ANYSOCK) {
-    sock = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (sock < 0) return nullptr;
-  }
+SVCXPRT* svcudp_bufcreate(int sockIn, u_int sendsz, u_int recvsz) {
+  ScopedSocket sock(sockIn == RPC_ANYSOCK ? socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP) : sockIn);
+  if (sock.get() < 0) return nullptr;
   sockaddr_storage addr;
   socklen_t len = sizeof addr;
-  if (getsockname(sock, reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
+  if (getsockname(sock.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
     const int e = errno;
     c_logmsg(kComponent, 2, "cannot getsockname(), errno=%d(%s)", e, strerror(e));
-    c_logmsg(kComponent, 10, "close FD%d", sock);
-    closeKeepErrno(sock);
+    c_logmsg(kComponent, 10, "close FD%d", sock.get());
     return nullptr;
   }
   const in_port_t port = addr.ss_family == AF_INET6
                              ? reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port
                              : reinterpret_cast<sockaddr_in*>(&addr)->sin_port;
-  c_logmsg(kComponent, 10, "bound FD%d to port %d", sock, ntohs(port));
+  c_logmsg(kComponent, 10, "bound FD%d to port %d", sock.get(), ntohs(port));
 
   auto data = std::make_unique<UdpData>();
   data->recvBuf.resize(recvsz ? recvsz : SVCUDP_BUFSIZE);
   data->sendBuf.resize(sendsz ? sendsz : SVCUDP_BUFSIZE);
   auto xprt = std::make_unique<SVCXPRT>();
   memset(xprt.get(), 0, sizeof(SVCXPRT));
-  xprt->xp_sock = sock;
+  xprt->xp_sock = sock.release();
   xprt->xp_port = ntohs(port);
   xprt->xp_ops = &kUdpOps;
   xprt->xp_p1 = data.release();
@@ -149,34 +140,25 @@ SVCXPRT* svcudp_create(const sockaddr* addr) {
   const int family = addr->sa_family;
   const int port = ntohs(family == AF_INET6 ? reinterpret_cast<const sockaddr_in6*>(addr)->sin6_port
                                             : reinterpret_cast<const sockaddr_in*>(addr)->sin_port);
-  const int sock = socket(family, SOCK_DGRAM, IPPROTO_UDP);
-  if (sock < 0) {
-    const int e = errno;
-    if (e == EAFNOSUPPORT)
+  ScopedSocket sock(socket(family, SOCK_DGRAM, IPPROTO_UDP));
+  int e = sock.get() < 0 ? errno : 0;
+  if (e == 0 && family == AF_INET6) {
+    // The IPv4 service may hold the same port; keep the two apart.
+    int on = 1;
+    setsockopt(sock.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  }
+  const socklen_t len = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+  if (e == 0 && bind(sock.get(), addr, len) < 0) e = errno;
+  if (e != 0) {
+    if (e == EAFNOSUPPORT || (family == AF_INET6 && e == EADDRNOTAVAIL))
       c_logmsg(kComponent, 2, "no IPV6 support");
     else
       c_logmsg(kComponent, 2, "cannot bind socket to port %d, errno=%d(%s)", port, e, strerror(e));
     errno = e;
     return nullptr;
   }
-  if (family == AF_INET6) {
-    // The IPv4 service may hold the same port; keep the two apart.
-    int on = 1;
-    setsockopt(sock, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  }
-  const socklen_t len = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-  if (bind(sock, addr, len) < 0) {
-    const int e = errno;
-    if (e == EAFNOSUPPORT || e == EADDRNOTAVAIL) {
-      if (family == AF_INET6) c_logmsg(kComponent, 2, "no IPV6 support");
-    }
-    if (!(e == EAFNOSUPPORT && family == AF_INET6))
-      c_logmsg(kComponent, 2, "cannot bind socket to port %d, errno=%d(%s)", port, e, strerror(e));
-    closeKeepErrno(sock);
-    return nullptr;
-  }
-  c_logmsg(kComponent, 8, "new sock FD%d for port %d", sock, port);
-  return svcudp_bufcreate(sock, SVCUDP_BUFSIZE, SVCUDP_BUFSIZE);
+  c_logmsg(kComponent, 8, "new sock FD%d for port %d", sock.get(), port);
+  return svcudp_bufcreate(sock.release(), SVCUDP_BUFSIZE, SVCUDP_BUFSIZE);
 }
 
 void svcudp_dispatch(SVCXPRT* xprt, const void* data, size_t len, const sockaddr* from,
