@@ -4,6 +4,7 @@
 #include <openssl/objects.h>
 #include <openssl/rand.h>
 
+#include <cstdio>
 #include <ctime>
 #include <vector>
 
@@ -98,6 +99,26 @@ bool addSigningCertificate(const CCertInfo& cert, CAsn1attributes* attributes) {
   return true;
 }
 
+// Replaces the signing time attribute by one whose UTCTime carries the zone
+// designator 'Z'.
+void zoneSigningTime(time_t when, CAsn1attributes* attributes) {
+  struct tm t = {};
+  gmtime_r(&when, &t);
+  char text[64];
+  snprintf(text, sizeof(text), "%02d%02d%02d%02d%02d%02dZ", (t.tm_year + 1900) % 100, t.tm_mon + 1,
+           t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+  CAsn1attributes rebuilt;
+  for (unsigned int i = 0; i < attributes->count(); ++i) {
+    const CAsn1attribute& a = attributes->at(i);
+    rebuilt.add(a.type.nid != NID_pkcs9_signingTime
+                    ? a
+                    : CAsn1attribute::stringValue(
+                          NID_pkcs9_signingTime,
+                          CAsn1string(kTagUtcTime, reinterpret_cast<unsigned char*>(text), 13)));
+  }
+  *attributes = rebuilt;
+}
+
 }  // namespace
 
 int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, const char* certFile,
@@ -178,6 +199,7 @@ int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, c
     return -7;
   }
   CAsn1signerInfo& signer = signedData->signerInfo;
+  if (options.signingTimeWithZone) zoneSigningTime(now, &signer.signedAttributes);
   CAsn1string toBeSigned(kTagOctetString);
   if ((options.signingCertificate && !addSigningCertificate(cert, &signer.signedAttributes)) ||
       signer.signedAttributes.getToBeHashedSequence(&toBeSigned) != 0) {

@@ -18,6 +18,11 @@ struct LocalTimestampOptions {
   // request asked for it (certReq); otherwise verifiers need the certificate
   // from elsewhere.
   bool includeCertificate = false;
+  // Writes the signing time as "YYMMDDhhmmssZ". By default it is written the
+  // library's way, "YYMMDDhhmmss" without a zone designator; OpenSSL accepts
+  // that, but the library's own time decoder refuses a time without zone, so
+  // the requester cannot read such tokens back. For peers that need it.
+  bool signingTimeWithZone = false;
 };
 
 // Builds and signs a granted TimeStampResp for imprint: generation and

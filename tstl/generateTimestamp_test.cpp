@@ -295,6 +295,22 @@ TEST_F(GenerateTimestampTest, OptionsDecideSigningCertificateAttributeAndCertifi
             std::string::npos);
   decodeBack(der, &back);
   EXPECT_EQ(back.getSigner().signedAttributes.count(), 3u);
+
+  // With the zone designator our own decoder reads the token as it is.
+  LocalTimestampOptions zoned;
+  zoned.signingTimeWithZone = true;
+  ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, zoned), 0);
+  der = bytesOf(response);
+  EXPECT_EQ(opensslVerify(der, kData, ca_->caCert(), rsaCert_), "");
+  unsigned int pos = 0;
+  ASSERT_EQ(back.setDER(der.data(), &pos, static_cast<unsigned int>(der.size())), 0);
+  EXPECT_EQ(pos, der.size());
+  const CAsn1attribute* signingTime = back.getSigner().signedAttributes.find(NID_pkcs9_signingTime);
+  ASSERT_NE(signingTime, nullptr);
+  const CAsn1time* time = dynamic_cast<const CAsn1time*>(signingTime->value());
+  ASSERT_NE(time, nullptr);
+  EXPECT_EQ(time->derText().size(), 13u);
+  EXPECT_EQ(time->derText().back(), 'Z');
 }
 
 class GenerateTimestampLogTest : public GenerateTimestampTest {

@@ -88,8 +88,8 @@ std::string headerValue(const std::string& head, const char* name) {
 
 }  // namespace
 
-Answer answerTimestampRequest(const std::vector<unsigned char>& request, const std::string& keyFile,
-                              const std::string& certFile) {
+Answer answerTimestampRequest(const std::vector<unsigned char>& request,
+                              const ServerOptions& server) {
   // OpenSSL reads the request: this tool is a peer of our requester, so it
   // must not share the requester's decoder.
   const unsigned char* p = request.data();
@@ -108,8 +108,10 @@ Answer answerTimestampRequest(const std::vector<unsigned char>& request, const s
   }
   LocalTimestampOptions options;
   options.includeCertificate = TS_REQ_get_cert_req(req.get()) != 0;
+  options.signingTimeWithZone = server.signingTimeWithZone;
   CAsn1string response;
-  int rc = generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, options);
+  int rc = generateTimestamp(imprint, server.keyFile.c_str(), server.certFile.c_str(), &response,
+                             options);
   if (rc != 0) return textAnswer(500, "generateTimestamp failed with " + std::to_string(rc));
   Answer a;
   a.status = 200;
@@ -215,7 +217,7 @@ void LocalTsaServer::serve(int fd) {
       }
       std::vector<unsigned char> body(data.begin() + static_cast<long>(bodyStart),
                                       data.begin() + static_cast<long>(bodyStart + length));
-      answer = answerTimestampRequest(body, options_.keyFile, options_.certFile);
+      answer = answerTimestampRequest(body, options_);
     }
   }
   char header[256];

@@ -28,6 +28,7 @@ struct ServerOptions {
   std::string keyFile;                    // signer key (PEM without password)
   std::string certFile;                   // signer certificate (PEM)
   int ioTimeoutSeconds = 10;              // per read/write on a connection
+  bool signingTimeWithZone = false;       // see LocalTimestampOptions
 };
 
 // What an HTTP exchange answered: status code and body.

@@ -10,6 +10,7 @@
 
 #include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
+#include "tstl/tsrequest.h"
 
 namespace {
 
@@ -129,6 +130,44 @@ TEST(LocalTsaTest, RefusesWhatIsNoTimestampRequest) {
   HttpResult get = http(tsa.url("/"), nullptr);
   EXPECT_EQ(get.status, 405);
   EXPECT_NE(tsa.stop().find("GET / HTTP/1.1 -> 405"), std::string::npos);
+}
+
+// The requester against the local signer: with the library's own signing
+// time form (no zone designator) the requester's decoder refuses the answer,
+// the one thing that stops clockette from using its own signer; with the
+// zone written, the file is stamped and OpenSSL verifies the stamp.
+TEST(LocalTsaTest, RequesterStampsAFileWithTheLocalSigner) {
+  for (bool zoned : {false, true}) {
+    SCOPED_TRACE(zoned ? "zoned signing time" : "signing time without zone");
+    LocalTsa tsa(zoned ? std::vector<std::string>{"--zoned-signing-time"}
+                       : std::vector<std::string>{});
+    ASSERT_TRUE(tsa.ready());
+    TempDir work;
+    writeFile(work.file("data.txt"), "stamped through the requester\n");
+    ASSERT_EQ(initTimeStamper(), 0);
+    ASSERT_EQ(initTsServer("127.0.0.1", static_cast<uint16_t>(std::stoi(tsa.value("http_port"))),
+                           "http", "stamp"),
+              0);
+    ASSERT_EQ(initStamperAuth("", ""), 0);
+    int rc = requestTimestamp(work.file("data.txt").c_str(), work.file("data.tst").c_str());
+    EXPECT_NE(tsa.stop().find("POST /</stamp HTTP/1.1 -> 200"), std::string::npos);
+    if (!zoned) {
+      EXPECT_EQ(rc, -3);  // the answer is no TimeStampResp for our decoder
+      EXPECT_FALSE(testing_support::fileExists(work.file("data.tst")));
+      continue;
+    }
+    ASSERT_EQ(rc, 0);
+    // The timestamp file is the BASE64 of the response; the token carries no
+    // certificate (the requester does not ask for one).
+    auto decoded = runChild({"/bin/sh", "-c",
+                             "/usr/bin/openssl base64 -d -A -in '" + work.file("data.tst") +
+                                 "' -out '" + work.file("data.der") + "'"});
+    ASSERT_EQ(decoded.exitCode, 0) << decoded.err;
+    auto verify = runChild({"/usr/bin/openssl", "ts", "-verify", "-data", work.file("data.txt"),
+                            "-in", work.file("data.der"), "-CAfile", tsa.value("ca_file"),
+                            "-untrusted", tsa.value("tsa_cert")});
+    EXPECT_EQ(verify.exitCode, 0) << verify.out << verify.err;
+  }
 }
 
 }  // namespace

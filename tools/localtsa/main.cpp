@@ -35,7 +35,10 @@ int usage(const char* program) {
           "                   sign with this key (PEM without password, or the proprietary\n"
           "                   format under an empty password) and certificate instead\n"
           "  --bind ADDR      numeric address to listen on (default 127.0.0.1)\n"
-          "  --http-port N    HTTP port (default 0 = ephemeral)\n",
+          "  --http-port N    HTTP port (default 0 = ephemeral)\n"
+          "  --zoned-signing-time\n"
+          "                   write the signing time with a 'Z' (readable by clockette's own\n"
+          "                   decoder) instead of the library's form without zone\n",
           program);
   return 2;
 }
@@ -75,6 +78,10 @@ int main(int argc, char** argv) {
   int keyType = kKeyTypeRsa;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
+    if (arg == "--zoned-signing-time") {
+      options.signingTimeWithZone = true;
+      continue;
+    }
     if (arg == "-h" || arg == "--help" || i + 1 >= argc) return usage(argv[0]);
     std::string value = argv[++i];
     if (arg == "--dir") {
