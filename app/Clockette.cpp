@@ -1,10 +1,92 @@
 #include "app/Clockette.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
 
+#include "base/List.h"
 #include "base/Log.h"
+#include "base/Notify.h"
+#include "base/SystemError.h"
+#include "kavlet/docfiles/Document.h"
+#include "kavlet/docfiles/TextLine.h"
+#include "tstl/tsrequest.h"
+
+namespace {
+
+// Buffer sizes of the paths, names and statement copies the service builds.
+constexpr size_t kPathSize = 1024;
+constexpr size_t kStatementCopySize = 1000;  // at most 999 characters of a value
+
+const char kRequestFailed[] =
+    "the timestamp couldn't be requested from timestamp server. The call of function "
+    "requestTimestamp(source_file='%s',timestamp_file='%s') failed.";
+
+// Operator notification numbers and texts.
+constexpr int kNotifyRequestFailed = 700;
+constexpr int kNotifyWrongComp = 701;
+constexpr int kNotifyCommandsNotWritable = 702;
+const char kRequestFailedTemplate[] =
+    "Kavlet 'clockette' failed in requesting timestamp for file '%1/%2' from Timestamp Server";
+const char kWrongCompTemplate[] =
+    "Kavlet 'clockette' failed because of wrong COMP COMMANDS statement in document '%1'";
+const char kCommandsTemplate[] = "Kavlet 'clockette' cannot write COMMANDS file of document '%1'";
+
+void notify(int number, const char* messageTemplate, const char* arguments) {
+  notifyOperator("SRV", "BASE", number, "ERR", messageTemplate, arguments);
+}
+
+struct TokenFree {
+  void operator()(char* p) const { TextLine::free(p); }
+};
+using Token = std::unique_ptr<char, TokenFree>;
+
+// The first count tokens of text; a missing one is null.
+std::vector<Token> firstTokens(const char* text, int count) {
+  TextLine line(text);
+  std::vector<Token> tokens;
+  for (int i = 0; i < count; ++i) tokens.emplace_back(line.getNextToken());
+  return tokens;
+}
+
+bool allPresent(const std::vector<Token>& tokens) {
+  for (const Token& t : tokens) {
+    if (!t) return false;
+  }
+  return true;
+}
+
+// The first 999 characters of a statement value.
+std::string statementCopy(const String& value) {
+  return value.str().substr(0, kStatementCopySize - 1);
+}
+
+// A file token names an absolute path when it begins with "/" or "\\" or has
+// ":" as its second character (a drive letter); such a token is used as it
+// is, any other is taken relative to the document directory. Paths longer
+// than the buffer are cut; fits tells whether the whole path fitted.
+String documentFilePath(const char* directory, const char* token, bool* fits) {
+  char path[kPathSize];
+  bool absolute = token[0] == '/' || token[0] == '\\' || (token[0] != '\0' && token[1] == ':');
+  int n = absolute ? snprintf(path, sizeof path, "%s", token)
+                   : snprintf(path, sizeof path, "%s/%s", directory, token);
+  *fits = n >= 0 && static_cast<size_t>(n) < sizeof path;
+  return String(path);
+}
+
+bool fileExists(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0;
+}
+
+}  // namespace
 
 Clockette::Clockette()
     : host("localhost"), port(8080), protocol("http"), urlPath("/"), login(""), password("") {
@@ -12,6 +94,33 @@ Clockette::Clockette()
 }
 
 Clockette::~Clockette() = default;
+
+int Clockette::init(int argc, char** argv) {
+  Log log("clockette", "init", __FILE__, __LINE__, 13);
+  if (Kavlet::init(argc, argv) != 1) return 0;
+  if (initTimeStamper() != 0) {
+    log.msg(__LINE__, 2,
+            "error in initializing timestamp library. The call of function initTimeStamper() "
+            "failed.");
+    return 0;
+  }
+  // The port is taken as atoi gave it and handed on modulo 65536.
+  if (initTsServer(host.c_str(), static_cast<uint16_t>(port), protocol.c_str(), urlPath.c_str()) !=
+      0) {
+    log.msg(__LINE__, 2,
+            "error in initializing timestamp library. The call of function "
+            "initTsServer(host='%s',port=%d,protocol='%s',path='%s') failed.",
+            host.c_str(), port, protocol.c_str(), urlPath.c_str());
+    return 0;
+  }
+  if (initStamperAuth(login.c_str(), password.c_str()) != 0) {
+    log.msg(__LINE__, 2,
+            "error in initializing timestamp library. The call of function initStamperAuth() "
+            "failed.");
+    return 0;
+  }
+  return 1;
+}
 
 int Clockette::parseOneArgument(int argc, char** argv, int* position) {
   Log log("clockette", "parseOneArgument", __FILE__, __LINE__, 13);
@@ -159,4 +268,138 @@ void Clockette::printHintsUsage() {
 
 void Clockette::printAddOnUsage() {
   fputs("\tThe status returned to KV is \"ok\" or \"error\"   \n", stderr);
+}
+
+int Clockette::service(const char* directory) {
+  Log log("clockette", "service", __FILE__, __LINE__, 13);
+  const char* dir = directory != nullptr ? directory : "NULL";
+  if (document == nullptr) {
+    log.msg(__LINE__, 2, "no document open for '%s'", dir);
+    return 0;
+  }
+  char arguments[600];
+  bool stamped = false;
+
+  // A timestamp file name cut at the buffer's end could name another file
+  // of the directory: refuse it rather than overwrite that file.
+  auto refuseLongTarget = [&](const String& target) {
+    document->docMessage(log, __LINE__, 2, "timestamp file name too long: '%s'", target.c_str());
+    snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", dir, target.c_str());
+    notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
+    return 0;
+  };
+  auto requestFailed = [&](const String& source, const String& target) {
+    document->docMessage(log, __LINE__, 2, kRequestFailed, source.c_str(), target.c_str());
+    snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", dir, source.c_str());
+    notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
+    return 0;
+  };
+
+  // Files named directly: all of them before any component.
+  List<String> files;
+  document->getValueForFromCommands(String("TIMESTAMP_FILE"), files);
+  for (const String& value : files) {
+    log.msg(__LINE__, 9, "TIMESTAMP_FILE '%s'", value.c_str());
+    std::vector<Token> t = firstTokens(value.c_str(), 2);
+    if (!allPresent(t)) {
+      // Only skipped: an incomplete file statement does not fail the document.
+      log.msg(__LINE__, 2, "ignore wrong TIMESTAMP_FILE COMMANDS statement: '%s'", value.c_str());
+      continue;
+    }
+    bool sourceFits = false, targetFits = false;
+    String source = documentFilePath(dir, t[0].get(), &sourceFits);
+    String target = documentFilePath(dir, t[1].get(), &targetFits);
+    if (!targetFits) return refuseLongTarget(target);
+    if (requestTimestamp(source.c_str(), target.c_str()) != 0) {
+      return requestFailed(source, target);
+    }
+    stamped = true;
+  }
+
+  String unused;
+  if (document->getValueForFromCommands(String("TIMESTAMP_COMP"), unused) > 0) {
+    log.msg(__LINE__, 9, "found TIMESTAMP_COMP statement in COMMANDS file");
+    // Every component stamped earlier is known before the first COMP is looked at.
+    std::set<std::string> alreadyStamped;
+    List<String> done;
+    document->getValueForFromCommands(String("COMP_TIMESTAMP_FILE"), done);
+    for (const String& value : done) {
+      log.msg(__LINE__, 9, "'%s'", value.c_str());
+      std::vector<Token> t = firstTokens(statementCopy(value).c_str(), 1);
+      if (!t[0]) continue;
+      alreadyStamped.insert(t[0].get());
+      log.msg(__LINE__, 9, "don't do timestamping for component '%s'", t[0].get());
+    }
+
+    List<String> components;
+    document->getValueForFromCommands(String("COMP"), components);
+    for (const String& value : components) {
+      log.msg(__LINE__, 9, "'%s'", value.c_str());
+      std::string copy = statementCopy(value);
+      std::vector<Token> t = firstTokens(copy.c_str(), 3);
+      if (!allPresent(t)) {
+        // Unlike a file statement, a broken component fails the document.
+        document->docMessage(log, __LINE__, 2,
+                             "wrong COMP COMMANDS statement in document '%s': '%s'", dir,
+                             copy.c_str());
+        snprintf(arguments, sizeof arguments, "{%.250s}", dir);
+        notify(kNotifyWrongComp, kWrongCompTemplate, arguments);
+        return 0;
+      }
+      const char* name = t[0].get();
+      log.msg(__LINE__, 9, "parse COMP COMMANDS statement: name='%s',type='%s',src-file='%s'", name,
+              t[1].get(), t[2].get());
+      if (alreadyStamped.count(name) != 0) {
+        log.msg(__LINE__, 9,
+                "skip timestamping of component '%s', because of COMP_TIMESTAMP_FILE statement",
+                name);
+        continue;
+      }
+      bool fits = false;
+      String source = documentFilePath(dir, t[2].get(), &fits);
+
+      // The first free "<name>_ts<n>.txt" of the directory: earlier stamps stay.
+      char tstName[kPathSize];
+      char tstPath[kPathSize];
+      int counter = 0;
+      bool targetFits = true;
+      auto build = [&] {
+        int n = snprintf(tstName, sizeof tstName, "%s_ts%d.txt", name, counter);
+        int m = snprintf(tstPath, sizeof tstPath, "%s/%s", dir, tstName);
+        targetFits = n >= 0 && static_cast<size_t>(n) < sizeof tstName && m >= 0 &&
+                     static_cast<size_t>(m) < sizeof tstPath;
+      };
+      build();
+      while (targetFits && fileExists(tstPath)) {
+        ++counter;
+        build();
+      }
+      int statusError = errno;
+      if (!targetFits) return refuseLongTarget(String(tstPath));
+      log.msg(__LINE__, 9, "cannot get file status of file '%s': '%s'", tstPath,
+              systemError(statusError).c_str());
+
+      if (requestTimestamp(source.c_str(), tstPath) != 0) {
+        return requestFailed(source, String(tstPath));
+      }
+      stamped = true;
+      // Written as it stands: quotes inside the name are not escaped.
+      String statement = String("COMP_TIMESTAMP_FILE \"") + name + "\" \"" + tstName + "\"";
+      if (document->appendToCommands(statement) == 0) {
+        document->docMessage(log, __LINE__, 2, "can't append string '%s' to COMMANDS file",
+                             statement.c_str());
+        snprintf(arguments, sizeof arguments, "{%.250s}", dir);
+        notify(kNotifyCommandsNotWritable, kCommandsTemplate, arguments);
+        return 0;
+      }
+    }
+  }
+
+  if (stamped) {
+    document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",
+                         dir);
+  } else {
+    document->docMessage(log, __LINE__, 8, "no timestamping required for document '%s'", dir);
+  }
+  return 1;
 }

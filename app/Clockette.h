@@ -19,7 +19,18 @@ class Clockette : public Kavlet {
   Clockette();
   ~Clockette() override;
 
+  // Kavlet::init, then the timestamp requester with the Timestamp Server
+  // settings and credentials. 1 when ready; 0 when the base refused or the
+  // timestamp library could not be initialised (logged at level 2).
+  int init(int argc, char** argv) override;
+
   void printObject() override;
+  // Timestamps the files of the open document: every TIMESTAMP_FILE
+  // statement first, then, with TIMESTAMP_COMP, every COMP statement whose
+  // component has no COMP_TIMESTAMP_FILE statement yet; one such statement is
+  // appended per stamped component. 1 done, 0 failed (logged, recorded in the
+  // protocol and sent as an operator notification). Files stamped before a
+  // failure stay.
   int service(const char* directory) override;
   // Takes -host, -port, -protocol, -url_path, -login and -password with
   // their value; 0 for any other argument or a value missing at the end.

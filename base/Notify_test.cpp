@@ -1,0 +1,52 @@
+#include "base/Notify.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::readFile;
+using testing_support::TempDir;
+
+TEST(NotifyTest, PlaceholdersTakeTheBracedArgumentsInOrder) {
+  struct Case {
+    const char* messageTemplate;
+    const char* arguments;
+    const char* expected;
+  } cases[] = {
+      {"file '%1/%2' failed", "{/docs/d 1} {a.pdf}",
+       "SRV BASE 700 ERR: file '/docs/d 1/a.pdf' failed"},
+      {"order '%2' then '%1'", "{one}{two}", "SRV BASE 700 ERR: order 'two' then 'one'"},
+      // Missing arguments leave nothing; a lone % stays.
+      {"'%1' '%2' 100%", "{only}", "SRV BASE 700 ERR: 'only' '' 100%"},
+      {"'%1'", nullptr, "SRV BASE 700 ERR: ''"},
+      // Balanced braces stay inside an argument; an open one runs to the end.
+      {"'%1' '%2'", "{a{b}c} {open", "SRV BASE 700 ERR: 'a{b}c' 'open'"},
+      // A notification stays one line whatever the arguments hold.
+      {"'%1'", "{line\none\rtwo}", "SRV BASE 700 ERR: 'line one two'"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(formatNotification("SRV", "BASE", 700, "ERR", c.messageTemplate, c.arguments).str(),
+              c.expected);
+  }
+}
+
+TEST(NotifyTest, EachNotificationIsAppendedToTheNotifyFile) {
+  TempDir dir;
+  std::string file = dir.file("notices");
+  setenv("KV_NOTIFY_FILE", file.c_str(), 1);
+  EXPECT_EQ(notifyOperator("SRV", "BASE", 701, "ERR", "document '%1'", "{/d}"), 0);
+  EXPECT_EQ(notifyOperator("SRV", "BASE", 702, "ERR", "cannot write '%1'", "{/e}"), 0);
+  EXPECT_EQ(readFile(file),
+            "SRV BASE 701 ERR: document '/d'\nSRV BASE 702 ERR: cannot write '/e'\n");
+  setenv("KV_NOTIFY_FILE", dir.file("missing/notices").c_str(), 1);
+  EXPECT_EQ(notifyOperator("SRV", "BASE", 700, "ERR", "x", ""), -1);
+  unsetenv("KV_NOTIFY_FILE");
+  EXPECT_EQ(notifyOperator("SRV", "BASE", 700, "ERR", "x", ""), 0);
+}
+
+}  // namespace
