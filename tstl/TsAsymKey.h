@@ -4,7 +4,9 @@
 // generating replaces it, unloadKey frees it. Key files are PEM (optionally
 // encrypted) or the proprietary format: the DER private key encrypted with
 // DES-EDE3-CBC under a key and IV derived from the password with
-// EVP_BytesToKey (MD5, one round, fixed salt "kbVquard"). Passwords are never
+// EVP_BytesToKey (MD5, one round, fixed salt "kbVquard"). Triple-DES and MD5
+// are in OpenSSL 3's default provider (only single DES needs the legacy one),
+// so nothing has to be loaded for them. Passwords are never
 // logged and OpenSSL never prompts for one on the terminal.
 //
 // Results: 0 on success, a negative code per failure (see each operation);

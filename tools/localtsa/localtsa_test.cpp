@@ -57,8 +57,10 @@ HttpResult http(const std::string& url, const std::string* postBody) {
 // localtsa started in a fresh directory; its settings as printed.
 class LocalTsa {
  public:
-  explicit LocalTsa(const std::vector<std::string>& extraArgs) {
-    std::vector<std::string> argv = {kProgram, "--dir", dir_.path()};
+  // The signer lives in dir, by default a new directory in a fresh temporary one.
+  explicit LocalTsa(const std::vector<std::string>& extraArgs, std::string dir = "")
+      : pki_(dir.empty() ? dir_.file("pki") : dir) {
+    std::vector<std::string> argv = {kProgram, "--dir", pki_};
     argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
     child_ = std::make_unique<BackgroundChild>(argv);
     std::string line;
@@ -84,6 +86,7 @@ class LocalTsa {
 
  private:
   TempDir dir_;
+  std::string pki_;
   std::unique_ptr<BackgroundChild> child_;
   std::map<std::string, std::string> values_;
   bool ready_ = false;
@@ -130,6 +133,13 @@ TEST(LocalTsaTest, RefusesWhatIsNoTimestampRequest) {
   HttpResult get = http(tsa.url("/"), nullptr);
   EXPECT_EQ(get.status, 405);
   EXPECT_NE(tsa.stop().find("GET / HTTP/1.1 -> 405"), std::string::npos);
+
+  // A server started over the same directory signs with the same signer.
+  std::string cert = readFile(tsa.value("tsa_cert"));
+  LocalTsa again({"--key-type", "dsa"}, tsa.value("dir"));
+  ASSERT_TRUE(again.ready());
+  EXPECT_EQ(again.value("tsa_cert"), tsa.value("tsa_cert"));
+  EXPECT_EQ(readFile(again.value("tsa_cert")), cert);
 }
 
 // The requester against the local signer: with the library's own signing

@@ -112,6 +112,9 @@ int main(int argc, char** argv) {
         return 1;
       }
       dir = templ;
+    } else if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+      fprintf(stderr, "cannot create %s: %s\n", dir.c_str(), strerror(errno));
+      return 1;
     }
     options.keyFile = dir + "/tsa.key";
     options.certFile = dir + "/tsa.pem";
