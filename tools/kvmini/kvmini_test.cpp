@@ -78,15 +78,4 @@ TEST(KvminiTest, ReadsCommandsOnStandardInput) {
   EXPECT_NE(r.out.find("kvmini: unknown command: bogus"), std::string::npos) << r.out;
 }
 
-TEST(KvminiTest, RefusesBadCommandLines) {
-  for (const auto& argv :
-       std::vector<std::vector<std::string>>{{kvminiPath()},
-                                             {kvminiPath(), "serve", "--port"},
-                                             {kvminiPath(), "work", "/docs/a"},
-                                             {kvminiPath(), "ctrl", "--to", "127.0.0.1:1", "five"},
-                                             {kvminiPath(), "frobnicate"}}) {
-    EXPECT_EQ(runChild(argv).exitCode, 64) << argv.back();
-  }
-}
-
 }  // namespace
