@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # Shared steps of run-example.sh and run-with-kvmini.sh: build, a working copy
 # of the example documents, the test Timestamp Server, and the OpenSSL check of
 # every timestamp file. Sourced, not run.

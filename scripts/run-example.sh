@@ -9,6 +9,7 @@
 #
 #   bash scripts/run-example.sh            (BUILD_DIR=... to pick the build directory)
 set -euo pipefail
+# shellcheck source=scripts/example-common.sh
 source "$(dirname "$0")/example-common.sh"
 
 build_programs

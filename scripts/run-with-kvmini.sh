@@ -9,6 +9,7 @@
 #
 #   bash scripts/run-with-kvmini.sh        (BUILD_DIR=... to pick the build directory)
 set -euo pipefail
+# shellcheck source=scripts/example-common.sh
 source "$(dirname "$0")/example-common.sh"
 
 build_programs
