@@ -13,8 +13,16 @@
 //
 // Lifetime: main creates exactly one Kavlet (through the tool class); the
 // constructor makes it reachable as theKavlet for the signal handlers and the
-// RPC callbacks. It lives until the process ends. Single-threaded apart from
-// the signal handling, which only reaches it through theKavlet.
+// RPC callbacks. It lives until the process ends.
+//
+// After init, main calls connectKV: in test mode (-test) the work cycle runs
+// over the document directories under -testpath; otherwise the worker
+// registers with the KV and serves its orders in the RPC service loop until
+// the process is ended by the KV's exit order, a signal or a failed report.
+//
+// Threading: everything runs on the main thread except the signal thread
+// (kavlet/Signals.h), which reaches the object only through theKavlet and
+// only while holding kvWorkerLock (kavlet/Kv.h).
 //
 // Results follow the framework's rule: 1 for success, 0 for failure.
 #ifndef KAVLET_KAVLET_H_
@@ -23,6 +31,7 @@
 #include <vector>
 
 #include "base/String.h"
+#include "kvrpc/ToolService.h"
 
 class Document;
 
@@ -55,7 +64,9 @@ class Kavlet {
   // Prints the settings to standard error.
   virtual void printObject();
   // The tool's work on one document directory (document is open): 1 done,
-  // 0 failed; 2 or more is reported through extendedKVop.
+  // 0 failed; 2 or more is reported through extendedKVop. The one-shot
+  // variant (connectKVForService) calls it once with a null directory and
+  // no document.
   virtual int service(const char* directory) = 0;
   // Reports a service result of 2 or more for directory to the KV; returns
   // the result of the report (0 when the KV accepted it).
@@ -66,8 +77,9 @@ class Kavlet {
   // which ends the process with the usage. Base: 0.
   virtual int parseOneArgument(int argc, char** argv, int* position);
   // Called for a control word the base does not know; *position is the
-  // word's index in words and is moved past the arguments it consumed.
-  // Returns 1 when taken, 0 when the message is refused. Base: 0.
+  // word's index in words. Returns 1 when taken, with *position left on the
+  // last word it consumed (the walk goes on after it), 0 when the word is
+  // refused. Base: 0.
   virtual int parseAdditionalKvctrlArguments(std::vector<String>& words, int* position);
   // The usage printers, each under its heading of printUsage; all write to
   // standard error.
@@ -95,6 +107,43 @@ class Kavlet {
   // Logs its call and returns 0.
   int makeKVDir();
 
+  // --- The work cycle (kavlet/Work.cpp, kavlet/TestMode.cpp) ---
+
+  // Works on one document: creates the Document, runs service, writes the
+  // COMMANDS changes and the protocol, and reports the outcome to the KV.
+  // Returns, outside test mode, the result of the report (0 when the KV
+  // accepted it, else the KV's result-report code); in test mode the
+  // tool's result (1 done, 0 failed) and nothing is sent.
+  int work(const char* directory);
+  // Test mode: works on every subdirectory of testPath (or on testPath
+  // itself when it has none), in byte order, atoi(testCount) times (at
+  // least once), printing one line per document to standard output.
+  // Returns 1 when every document was done, 0 otherwise.
+  int test();
+  // The local time as "[%Y/%m/%d %H:%M:%S] " in a process-wide buffer that
+  // the next call overwrites.
+  static const char* getTime();
+
+  // --- Connecting to the KV (kavlet/Connect.cpp) ---
+
+  // Test mode, or registration and the RPC service loop with the callbacks
+  // of kavlet/Kv.h. Returns the result of test mode, or 0 after serving (also
+  // when checkBeforeConnect refused the start).
+  int connectKV();
+  // The one-shot variant: registers, runs service once without a document,
+  // says goodbye and returns service's result (test mode: its result).
+  int connectKVForService();
+  int connectToKV(ToolWorkCallback work, ToolCtrlCallback ctrl);
+  int connectToKVForService(ToolWorkCallback work, ToolCtrlCallback ctrl);
+  // Registers with the KV on host under type. Returns the registration
+  // result (0 or more); a refused or failed registration is logged and ends
+  // the process: with exit code 1 in the serving variant (forService 0), in
+  // the one-shot variant with 1 for a refusal and the negated result for
+  // any other failure.
+  int callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* host, int forService);
+  // The RPC service loop; returns only when the loop ends.
+  void run();
+
   // Settings, in the order the framework has always kept them. Public: the
   // tool, the control callbacks and the work cycle read and set them.
   String parafile;         // -parafile: setup package read in initLog
@@ -119,8 +168,9 @@ class Kavlet {
   int suspendTime;
 
  private:
-  // Installs the handlers for SIGINT/SIGTERM and the console events. Its
-  // body lives with the signal handling code.
+  // Starts the signal thread (once per process) that turns SIGINT, SIGTERM,
+  // SIGQUIT and SIGHUP into sig_handler / sigwin_handler calls. Its body
+  // lives with the signal handling code (kavlet/Signals.cpp).
   void installHandlers();
   // Reads the -env setup packages named on the command line.
   void readEnvPackages(int argc, char** argv);

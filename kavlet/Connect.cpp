@@ -1,0 +1,116 @@
+// Connecting to the KV: test mode or registration, then the RPC service
+// loop, which is the worker's main loop.
+#include <cstdint>
+#include <cstdlib>
+#include <mutex>
+
+#include "base/Log.h"
+#include "kavlet/Kavlet.h"
+#include "kavlet/Kv.h"
+#include "kvrpc/KVclient.h"
+#include "rpc/Svc.h"
+
+namespace {
+
+constexpr int kMaxPort = 65535;
+
+// Hands a configured KV port to the client calls; 0 or less keeps their
+// default (KVPORT or 4032).
+void setKvPort(Log& log, int port) {
+  if (port <= 0) return;
+  if (port > kMaxPort) {
+    log.msg(__LINE__, 2, "KV port %d is out of range; using the default", port);
+    return;
+  }
+  KVSetPort(static_cast<uint16_t>(port));
+}
+
+}  // namespace
+
+int Kavlet::connectKV() {
+  Log log("Kavlet", "connectKV", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 8, "Version: '%s'", "TEST");
+  if (checkBeforeConnect() == 0) return 0;
+  return connectToKV(callback, ctrl);
+}
+
+int Kavlet::connectKVForService() {
+  Log log("Kavlet", "connectKVForService", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 8, "Version: '%s'", "TEST");
+  if (checkBeforeConnect() == 0) return 0;
+  return connectToKVForService(callback, ctrl);
+}
+
+int Kavlet::connectToKV(ToolWorkCallback work, ToolCtrlCallback ctrl) {
+  Log log("Kavlet", "connectToKV", __FILE__, __LINE__, 13);
+  if (!testCount.empty()) {
+    log.msg(__LINE__, 8, "using Test option");
+    return test();
+  }
+  setKvPort(log, kvPort);
+  callKVhi(work, ctrl, kvHost.c_str(), 0);
+  run();
+  return 0;
+}
+
+int Kavlet::connectToKVForService(ToolWorkCallback work, ToolCtrlCallback ctrl) {
+  Log log("Kavlet", "connectToKVForService", __FILE__, __LINE__, 13);
+  if (!testCount.empty()) {
+    log.msg(__LINE__, 8, "using Test option");
+    return test();
+  }
+  setKvPort(log, kvPort);
+  callKVhi(work, ctrl, kvHost.c_str(), 1);
+  // Held so that a signal waits for the service and its goodbye.
+  std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+  int result = service(nullptr);
+  KVbye();
+  return result;
+}
+
+int Kavlet::callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* host,
+                     int forService) {
+  Log log("Kavlet", "callKVhi", __FILE__, __LINE__, 13);
+  // A signal during the registration waits for it, then says goodbye: the
+  // goodbye must not run on the client state KVhi is filling in.
+  std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+  int rc = KVhi(host, type.c_str(), work, ctrl);
+  if (rc >= 0) return rc;
+  int code = 1;
+  switch (rc) {
+    case -1:
+      log.msg(__LINE__, 3,
+              "Kavlet(%s) registration has *** not *** been accepted (already registered or not "
+              "in configuration file)",
+              name.c_str());
+      break;
+    case -2:
+      log.msg(__LINE__, 1, "Sorry, host where KV is running is *** not *** reachable");
+      code = 2;
+      break;
+    case -3:
+      log.msg(__LINE__, 1, "Timeout for KV host");
+      code = 3;
+      break;
+    case -4:
+      log.msg(__LINE__, 1, "Error during KV registration: clntudp_create() failed");
+      code = 4;
+      break;
+    case -5:
+      log.msg(__LINE__, 1, "Error during KV registration: svcudp_create() failed");
+      code = 5;
+      break;
+    default:
+      log.msg(__LINE__, 1, "Connection to KV failed: KVhi() error");
+      code = -rc;
+      break;
+  }
+  // The serving variant only tells that it could not start; the one-shot
+  // variant tells why.
+  exit(forService ? code : 1);
+}
+
+void Kavlet::run() {
+  Log log("Kavlet", "run", __FILE__, __LINE__, 13);
+  svc_run();
+}

@@ -1,0 +1,81 @@
+#include "kavlet/Signals.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <mutex>
+
+#include "base/Log.h"
+#include "base/SystemError.h"
+#include "kavlet/Kavlet.h"
+#include "kavlet/Kv.h"
+
+namespace {
+
+constexpr const char* kComponent = "Signals";
+
+void* signalThread(void*) {
+  sigset_t set;
+  workerSignalSet(&set);
+  for (;;) {
+    int signal = 0;
+    if (sigwait(&set, &signal) != 0) continue;
+    if (signal == SIGINT) {
+      sig_handler(SIGINT);
+    } else {
+      sigwin_handler(consoleEventForSignal(signal));
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void workerSignalSet(sigset_t* set) {
+  sigemptyset(set);
+  sigaddset(set, SIGINT);
+  sigaddset(set, SIGTERM);
+  sigaddset(set, SIGQUIT);
+  sigaddset(set, SIGHUP);
+}
+
+int consoleEventForSignal(int signal) {
+  switch (signal) {
+    case SIGTERM:
+      return kConsoleCloseEvent;
+    case SIGQUIT:
+      return kConsoleBreakEvent;
+    case SIGHUP:
+      return kConsoleLogoffEvent;
+  }
+  return -1;
+}
+
+int startSignalThread() {
+  Log log(kComponent, "startSignalThread", __FILE__, __LINE__, 13);
+  sigset_t set;
+  workerSignalSet(&set);
+  sigset_t previous;
+  pthread_sigmask(SIG_BLOCK, &set, &previous);
+  static std::once_flag once;
+  static int started = 0;
+  std::call_once(once, [&]() {
+    pthread_t thread;
+    int rc = pthread_create(&thread, nullptr, signalThread, nullptr);
+    if (rc != 0) {
+      log.msg(__LINE__, 2, "cannot start the signal thread: '%s'", systemError(rc).c_str());
+      return;
+    }
+    pthread_detach(thread);
+    started = 1;
+  });
+  // Without a thread to take them, blocked signals would never end the
+  // worker: leave them as they were.
+  if (!started) pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return started;
+}
+
+void Kavlet::installHandlers() {
+  Log log("Kavlet", "installHandlers", __FILE__, __LINE__, 13);
+  startSignalThread();
+}

@@ -1,0 +1,35 @@
+// Signals: the worker's signal thread.
+//
+// A Linux worker gets the stop requests that a console program elsewhere
+// gets as console events. They are not handled in asynchronous signal
+// handlers, which could run in the middle of anything the worker does:
+// SIGINT, SIGTERM, SIGQUIT and SIGHUP are blocked in the thread that starts
+// the signal thread (the main thread, before it starts any other) and so in
+// every thread it starts later, and one thread takes them with sigwait and
+// calls the handlers of kavlet/Kv.h in ordinary thread context:
+//   SIGINT  -> sig_handler(2)
+//   SIGTERM -> sigwin_handler(close event)   (service stop, shutdown)
+//   SIGQUIT -> sigwin_handler(break event)
+//   SIGHUP  -> sigwin_handler(log-off event), which ignores it, so the
+//              worker survives a closed terminal.
+// Child processes inherit the blocked mask across exec; a worker that starts
+// programs must unblock the signals in the child.
+#ifndef KAVLET_SIGNALS_H_
+#define KAVLET_SIGNALS_H_
+
+#include <csignal>
+
+// Blocks the four signals in the calling thread and starts the signal thread
+// on the first call; later calls only block them in the calling thread.
+// Returns 1, or 0 when the thread could not be started (the signals then
+// keep their default actions).
+int startSignalThread();
+
+// The console event a signal stands for, or -1 for a signal that is not
+// mapped to one (SIGINT goes to sig_handler directly).
+int consoleEventForSignal(int signal);
+
+// Fills set with the signals the signal thread takes.
+void workerSignalSet(sigset_t* set);
+
+#endif  // KAVLET_SIGNALS_H_

@@ -1,0 +1,83 @@
+// The work cycle of one document: Kavlet::work, createDocument,
+// extendedKVop and getTime.
+#include <ctime>
+
+#include "base/Log.h"
+#include "kavlet/Kavlet.h"
+#include "kavlet/docfiles/Document.h"
+#include "kvrpc/KVclient.h"
+
+namespace {
+
+// Every worker records its lines in the document's protocol file.
+constexpr int kWithProtocol = 1;
+
+}  // namespace
+
+int Kavlet::createDocument(const char* directory, const char* workerType) {
+  Log log("Kavlet", "createDocument", __FILE__, __LINE__, 13);
+  delete document;
+  document = new Document(directory ? directory : "", workerType ? workerType : "", kWithProtocol);
+  return 1;
+}
+
+int Kavlet::work(const char* directory) {
+  Log log("Kavlet", "work", __FILE__, __LINE__, 13);
+  const char* dir = directory ? directory : "";
+  curOkComment = okComment;
+  curErrorComment = errorComment;
+
+  int result = 0;
+  if (createDocument(dir, type.c_str()) != 0 && document != nullptr) {
+    result = service(dir);
+    if (result >= 1) {
+      if (document->closeCommands() == 0) {
+        result = 0;
+        curErrorComment = "can't write to COMMANDS";
+      }
+      if (document->closeAll() == 0) result = 0;
+    }
+    if (result < 1) result = 0;
+  }
+  delete document;
+  document = nullptr;
+
+  if (!testCount.empty()) return result;
+
+  if (result == 0) {
+    log.msg(
+        __LINE__, 3,
+        kvTest ? "TEST::Error on document '%s', '%s', '%s'" : "Error on document '%s', '%s', '%s'",
+        dir, errorStatus.c_str(), curErrorComment.c_str());
+    return KVop(dir, errorStatus.c_str(), curErrorComment.c_str());
+  }
+  if (kvTest) {
+    // Deliberately "error" with the ok comment: lets the KV's error path be
+    // exercised with documents that were in fact processed.
+    log.msg(__LINE__, 8, "TEST::Document '%s' processed well", dir);
+    return KVop(dir, errorStatus.c_str(), curOkComment.c_str());
+  }
+  if (result == 1) {
+    log.msg(__LINE__, 8, "Document '%s' processed well", dir);
+    return KVop(dir, okStatus.c_str(), curOkComment.c_str());
+  }
+  return extendedKVop(result, dir);
+}
+
+int Kavlet::extendedKVop(int result, const char* directory) {
+  Log log("Kavlet", "extendedKVop", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 8, "Document '%s' processed well (service_return_value=%d)", directory, result);
+  return KVop(directory, okStatus.c_str(), curOkComment.c_str());
+}
+
+const char* Kavlet::getTime() {
+  Log log("Kavlet", "getTime", __FILE__, __LINE__, 13);
+  static char buffer[100];
+  time_t now = time(nullptr);
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr ||
+      strftime(buffer, sizeof buffer, "[%Y/%m/%d %H:%M:%S] ", &local) == 0) {
+    buffer[0] = '\0';
+  }
+  return buffer;
+}

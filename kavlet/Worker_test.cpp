@@ -1,0 +1,485 @@
+// The whole worker as a process: kavlet_testworker in test mode over real
+// directories, and in KV mode against the KV emulator kvmini (libtirpc),
+// driven with orders and control messages over UDP and with signals.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "testing/ChildProcess.h"
+#include "testing/KvPeers.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::BackgroundChild;
+using testing_support::ChildOptions;
+using testing_support::ChildResult;
+using testing_support::fileExists;
+using testing_support::kUnset;
+using testing_support::KvMini;
+using testing_support::kvminiCall;
+using testing_support::makeDir;
+using testing_support::numberAfter;
+using testing_support::readFile;
+using testing_support::runChild;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+const char kProgram[] = "kavlet_testworker";
+
+// Occurrences of part in text.
+int count(const std::string& text, const std::string& part) {
+  int n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// Test-mode output with every leading "[YYYY/MM/DD hh:mm:ss] " stamp checked
+// and replaced by "T ".
+std::string withoutStamps(const std::string& out) {
+  static const std::regex stamp(R"((^|\n)\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\] )");
+  return std::regex_replace(out, stamp, "$1T ");
+}
+
+// A UDP port on the loopback that nobody listens on (just released).
+int closedUdpPort() {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(fd, reinterpret_cast<sockaddr*>(&a), len);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  close(fd);
+  return ntohs(a.sin_port);
+}
+
+class WorkerProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    makeDir(dir_.file("config"));
+    makeDir(dir_.file("config/setup"));
+    makeDir(dir_.file("logs"));
+    makeDir(dir_.file("docs"));
+  }
+
+  ChildOptions env(const std::map<std::string, std::string>& extra = {}) const {
+    ChildOptions o;
+    o.env = {{"CONFIG", dir_.file("config")},
+             {"ZEPH_SRV_LOG", dir_.file("logs")},
+             {"MY_HOST_NAME", "localhost"},
+             {"KLCTO", "5/1"}};
+    for (const char* v : {"KVHOST", "KVPORT", "KVDIR", "LOGLEVEL", "RPC_OFFSET", "kavletHOST",
+                          "kavletTYPE", "KV_PROTOCOL", "TESTWORKER_ACTION", "TESTWORKER_UID",
+                          "LOG_INFO", "LOG_DEBUG", "LOG_RPC", "LOG_ENTRY", "LOG_WARNING"}) {
+      o.env[v] = kUnset;
+    }
+    for (const auto& kv : extra) o.env[kv.first] = kv.second;
+    o.timeoutSeconds = 60;
+    return o;
+  }
+
+  std::vector<std::string> argv(std::vector<std::string> options) const {
+    std::vector<std::string> a = {KAVLET_TESTWORKER, "-logfile", logPath(), "-loglevel", "9"};
+    a.insert(a.end(), options.begin(), options.end());
+    return a;
+  }
+  std::vector<std::string> kvArgv(const KvMini& kv, std::vector<std::string> options = {}) const {
+    std::vector<std::string> a = argv({"-kvhost", "localhost", "-P", kv.portText()});
+    a.insert(a.end(), options.begin(), options.end());
+    return a;
+  }
+
+  // A document directory under docs/ with the given COMMANDS text.
+  std::string document(const std::string& name, const std::string& commands) const {
+    std::string d = dir_.file("docs/" + name);
+    makeDir(d);
+    writeFile(d + "/COMMANDS", commands);
+    return d;
+  }
+
+  std::string logPath() const { return dir_.file("logs/worker.log"); }
+  std::string logText() const { return fileExists(logPath()) ? readFile(logPath()) : ""; }
+  // Waits until the log holds part; false after timeoutSeconds.
+  bool waitForLog(const std::string& part, int timeoutSeconds = 20) const {
+    return waitForFile(logPath(), part, timeoutSeconds);
+  }
+  static bool waitForFile(const std::string& path, const std::string& part = "",
+                          int timeoutSeconds = 20) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+    while (std::chrono::steady_clock::now() < end) {
+      if (fileExists(path) && readFile(path).find(part) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  }
+
+  // Starts kvmini (with kvArgs) and the worker registered with it; false
+  // when the registration was not seen.
+  bool startRegistered(std::vector<std::string> kvArgs = {}, std::vector<std::string> options = {},
+                       const std::map<std::string, std::string>& extraEnv = {}) {
+    kv_ = std::make_unique<KvMini>(std::move(kvArgs));
+    if (kv_->port() < 0) return false;
+    worker_ = std::make_unique<BackgroundChild>(kvArgv(*kv_, options), env(extraEnv));
+    std::string hi;
+    if (!kv_->waitFor("HI ", &hi)) return false;
+    to_ = "127.0.0.1:" + std::to_string(numberAfter(hi, "port"));
+    return true;
+  }
+  // Sends a work order to the worker; kvmini's reply line.
+  std::string order(const std::string& directory) const {
+    return kvminiCall(to_, {"work", directory});
+  }
+  std::string control(int code, const std::string& text) const {
+    return kvminiCall(to_, {"ctrl", std::to_string(code), text});
+  }
+  // The next result report the KV received, as kvmini logs it.
+  std::string nextReport() {
+    std::string line;
+    kv_->waitFor("OP ", &line);
+    return line;
+  }
+  static std::string report(const std::string& doc, const std::string& status,
+                            const std::string& comment, int answer = 0) {
+    return "document=\"" + doc + "\" text2=\"" + status + "\" text3=\"" + comment + "\" -> " +
+           std::to_string(answer);
+  }
+
+  TempDir dir_;
+  std::unique_ptr<KvMini> kv_;
+  std::unique_ptr<BackgroundChild> worker_;
+  std::string to_;
+};
+
+// ---- test mode -------------------------------------------------------------
+
+TEST_F(WorkerProcessTest, TestModeRepeatsTheSortedSubdirectoriesAndNeverContactsTheKv) {
+  KvMini kv;
+  std::string docs = dir_.file("docs");
+  document("b", "TESTWORKER fail\n");
+  std::string a = document("a", "TESTWORKER append NEW line\n");
+  writeFile(docs + "/plain-file", "not a document\n");
+  ChildOptions o = env({{"KVHOST", "localhost"}, {"KVPORT", kv.portText()}});
+
+  ChildResult r = runChild(argv({"-test", "3", "-testpath", docs}), o);
+  std::string expected = "T  --------- start test ...\n";
+  for (const char* rep : {"0001", "0002", "0003"}) {
+    expected += std::string("T  ") + rep + " 0001 op=ok         doc='" + docs + "/a'\n";
+    expected += std::string("T  ") + rep + " 0002 op=error      doc='" + docs + "/b'\n";
+  }
+  expected += "T  --------- finished test with error!\n";
+  EXPECT_EQ(withoutStamps(r.out), expected);
+  EXPECT_EQ(r.exitCode, 1) << r.err;  // a failed document fails the run
+  // The work cycle wrote the appended statement.
+  EXPECT_NE(readFile(a + "/COMMANDS").find("\nNEW line"), std::string::npos);
+
+  // A bare -test runs once; every document done: exit code 0.
+  writeFile(docs + "/b/COMMANDS", "TESTWORKER ok\n");
+  r = runChild(argv({"-test", "-testpath", docs}), o);
+  EXPECT_EQ(withoutStamps(r.out),
+            "T  --------- start test ...\n"
+            "T  0001 0001 op=ok         doc='" +
+                docs +
+                "/a'\n"
+                "T  0001 0002 op=ok         doc='" +
+                docs +
+                "/b'\n"
+                "T  --------- finished test with success!\n");
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+
+  kv.drain(1);
+  EXPECT_EQ(kv.countLines("HI "), 0);
+  EXPECT_EQ(kv.countLines("OP "), 0);
+}
+
+TEST_F(WorkerProcessTest, TestDirectoryWithoutSubdirectoriesIsItselfTheDocument) {
+  std::string single = document("single", "TESTWORKER ok\n");
+  ChildResult r = runChild(argv({"-test", "2", "-testpath", single}), env());
+  EXPECT_EQ(withoutStamps(r.out),
+            "T  --------- start test ...\n"
+            "T  0001 0001 op=ok         doc='" +
+                single +
+                "'\n"
+                "T  0002 0001 op=ok         doc='" +
+                single +
+                "'\n"
+                "T  --------- finished test with success!\n");
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+}
+
+TEST_F(WorkerProcessTest, TestModeStopsAtPathsItCannotUse) {
+  std::string docs = dir_.file("docs");
+  document("a", "TESTWORKER ok\n");
+  std::string broken = dir_.file("broken");
+  makeDir(broken);
+  makeDir(broken + "/a");
+  ASSERT_EQ(symlink((broken + "/nowhere").c_str(), (broken + "/gone").c_str()), 0);
+  std::string deep = dir_.file("deep");
+  makeDir(deep);
+  std::string longName(250, 'n');
+  makeDir(deep + "/" + longName);
+  writeFile(dir_.file("file"), "x");
+
+  struct Case {
+    std::string path;
+    std::string out;
+  } cases[] = {
+      {broken, "T  --------- start test ...\nT  cannot access path '" + broken +
+                   "/gone': 'No such file or directory'\nT  --------- finished test\n"},
+      {deep, "T  --------- start test ...\nT  cannot access path '" + deep + "/" + longName +
+                 "': 'File name too long'\nT  --------- finished test\n"},
+      {dir_.file("missing"),
+       "cannot access path '" + dir_.file("missing") + "': 'No such file or directory'\n"},
+      {dir_.file("file"), "path '" + dir_.file("file") + "' must be a directory\n"},
+  };
+  for (const Case& c : cases) {
+    ChildResult r = runChild(argv({"-test", "-testpath", c.path}), env());
+    EXPECT_EQ(withoutStamps(r.out), c.out) << c.path;
+    EXPECT_EQ(r.exitCode, 1) << c.path;
+  }
+}
+
+// ---- KV mode: orders --------------------------------------------------------
+
+TEST_F(WorkerProcessTest, OrdersAreAcknowledgedAtOnceAndReportedWithTheirOutcome) {
+  ASSERT_TRUE(startRegistered());
+  EXPECT_NE(kv_->drain(0).back().find("type=\"kavlet_testworker\" -> 1"), std::string::npos);
+
+  // The acknowledgement does not wait for the work.
+  std::string release = dir_.file("release");
+  std::string held = document("held", "TESTWORKER hold " + release + "\n");
+  EXPECT_EQ(order(held), "reply 1");
+  ASSERT_TRUE(waitForFile(release + ".entered"));
+  writeFile(release, "");
+  EXPECT_NE(nextReport().find(report(held, "ok", "document has been processed")),
+            std::string::npos);
+
+  struct Case {
+    const char* name;
+    const char* commands;
+    const char* status;
+    const char* comment;
+    const char* logLine;
+  } cases[] = {
+      {"done", "TESTWORKER ok\n", "ok", "document has been processed",
+       "Document '%' processed well"},
+      {"failed", "TESTWORKER fail\n", "error", "could not process document",
+       "Error on document '%', 'error', 'could not process document'"},
+      {"appends", "TESTWORKER append NEW line\n", "ok", "document has been processed",
+       "Document '%' processed well"},
+      {"extended", "TESTWORKER result 3\n", "ok", "document has been processed",
+       "Document '%' processed well (service_return_value=3)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string doc = document(c.name, c.commands);
+    EXPECT_EQ(order(doc), "reply 1");
+    EXPECT_NE(nextReport().find(report(doc, c.status, c.comment)), std::string::npos);
+    std::string logLine = std::regex_replace(c.logLine, std::regex("%"), doc);
+    EXPECT_TRUE(waitForLog("Finished: '" + doc + "'"));
+    std::string log = logText();
+    EXPECT_NE(log.find("StartWith '" + doc + "'"), std::string::npos);
+    EXPECT_NE(log.find(logLine), std::string::npos) << logLine;
+  }
+  EXPECT_EQ(readFile(dir_.file("docs/appends/COMMANDS")), "TESTWORKER append NEW line\nNEW line\n");
+  EXPECT_TRUE(worker_->running());
+}
+
+TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnError) {
+  // The worker runs as "nobody" when the test runs as root, so that the
+  // directory's permissions hold for it.
+  chmod(dir_.path().c_str(), 0755);
+  chmod(dir_.file("config").c_str(), 0755);
+  chmod(dir_.file("logs").c_str(), 0777);
+  chmod(dir_.file("docs").c_str(), 0755);
+  const std::string original = "TESTWORKER append NEW line\n";
+  std::string doc = document("readonly", original);
+  chmod((doc + "/COMMANDS").c_str(), 0644);
+  chmod(doc.c_str(), 0555);
+  ASSERT_TRUE(startRegistered({}, {}, {{"TESTWORKER_UID", "65534"}}));
+
+  EXPECT_EQ(order(doc), "reply 1");
+  EXPECT_NE(nextReport().find(report(doc, "error", "can't write to COMMANDS")), std::string::npos);
+  chmod(doc.c_str(), 0755);
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
+}
+
+TEST_F(WorkerProcessTest, KvTestReportsProcessedDocumentsAsErrors) {
+  ASSERT_TRUE(startRegistered());
+  std::string done = document("done", "TESTWORKER ok\n");
+  std::string failed = document("failed", "TESTWORKER fail\n");
+
+  EXPECT_EQ(control(13, "kvTestOn"), "reply 1");
+  EXPECT_EQ(order(done), "reply 1");
+  EXPECT_NE(nextReport().find(report(done, "error", "document has been processed")),
+            std::string::npos);
+  EXPECT_EQ(order(failed), "reply 1");
+  EXPECT_NE(nextReport().find(report(failed, "error", "could not process document")),
+            std::string::npos);
+  EXPECT_TRUE(waitForLog("Finished: '" + failed + "'"));
+  EXPECT_NE(logText().find("TEST::Document '" + done + "' processed well"), std::string::npos);
+  EXPECT_NE(logText().find("TEST::Error on document '" + failed + "'"), std::string::npos);
+
+  EXPECT_EQ(control(13, "kvTestOff"), "reply 1");
+  EXPECT_EQ(order(done), "reply 1");
+  EXPECT_NE(nextReport().find(report(done, "ok", "document has been processed")),
+            std::string::npos);
+  // kvTestOff says the same as kvTestOn.
+  EXPECT_EQ(count(logText(), "turn kvTest on"), 2);
+}
+
+TEST_F(WorkerProcessTest, ARefusedReportEndsTheWorker) {
+  ASSERT_TRUE(startRegistered({"--op-answer", "4"}));
+  std::string doc = document("done", "TESTWORKER ok\n");
+  EXPECT_EQ(order(doc), "reply 1");
+  EXPECT_NE(nextReport().find(report(doc, "ok", "document has been processed", 4)),
+            std::string::npos);
+  EXPECT_EQ(worker_->wait(20), 1);
+  EXPECT_NE(logText().find("KVop did not succeed, error: KVOP_SYNCERR  ... exiting"),
+            std::string::npos);
+}
+
+// ---- KV mode: control messages and the end of the process ------------------
+
+TEST_F(WorkerProcessTest, ControlMessagesSwitchLevelsAndPrint) {
+  ASSERT_TRUE(startRegistered());  // at log level 9
+
+  EXPECT_EQ(control(13, "loglevel 7 print"), "reply 1");
+  std::string log = logText();
+  // Each level is announced before it is switched: 9 is the last one heard.
+  EXPECT_NE(log.find("Setting loglevel '9'"), std::string::npos);
+  EXPECT_EQ(log.find("Setting loglevel '10'"), std::string::npos);
+  EXPECT_NE(worker_->stderrText().find("Global settings for Kavlet kavlet_testworker:\n"),
+            std::string::npos);
+
+  // "On" is not a switch; "on" is. The level-9 announcements show DEBUG.
+  EXPECT_EQ(control(13, "setLogLevel DEBUG On"), "reply 1");
+  EXPECT_EQ(control(13, "loglevel 7"), "reply 1");
+  EXPECT_EQ(count(logText(), "Setting loglevel '5'"), 1);
+  EXPECT_EQ(control(13, "setLogLevel DEBUG on"), "reply 1");
+  EXPECT_EQ(control(13, "loglevel 9 version"), "reply 1");
+  EXPECT_EQ(count(logText(), "Setting loglevel '5'"), 2);
+  EXPECT_NE(worker_->stderrText().find("Version     >T< >E< >S< >T<\n"), std::string::npos);
+
+  // Unknown words are refused one by one; the known ones still act.
+  EXPECT_EQ(control(5, "bogus usage setLogLevel DEBUG"), "reply 1");
+  log = logText();
+  EXPECT_EQ(count(log, "Cannot handle message 'bogus usage setLogLevel DEBUG' for the moment"), 3);
+  EXPECT_EQ(count(log, "Valid message strings: 'loglevel <val>','print','usage'"), 3);
+  EXPECT_NE(log.find("                       'version', 'kvTestOn, and 'kvTestOff'"),
+            std::string::npos);
+  EXPECT_NE(worker_->stderrText().find(" Usage: kavlet_testworker [options...]"),
+            std::string::npos);
+  EXPECT_TRUE(worker_->running());
+}
+
+TEST_F(WorkerProcessTest, ExitOrderEndsTheWorkerWithZeroWithoutGoodbye) {
+  ASSERT_TRUE(startRegistered());
+  control(0, "");  // no reply: the worker is gone
+  EXPECT_EQ(worker_->wait(20), 0);
+  EXPECT_NE(logText().find("That's it for me, I'm exiting \n"), std::string::npos);
+  kv_->drain(1);
+  EXPECT_EQ(kv_->countLines("BYE "), 0);
+}
+
+TEST_F(WorkerProcessTest, StopSignalsEndTheWorkerWithOneAfterAGoodbyeAndHangupIsIgnored) {
+  struct Case {
+    int signal;
+    const char* logged;
+  } cases[] = {
+      {SIGINT, "Got signal 2, exiting ..."},
+      {SIGTERM, "received Console Control Event 0x2, exiting"},
+      {SIGQUIT, "received Console Control Event 0x1, exiting"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.signal);
+    ASSERT_TRUE(startRegistered());
+    // The signal thread takes the hang-up first (lower number, sent first):
+    // were it a stop, it would show in the log below.
+    kill(worker_->pid(), SIGHUP);
+    EXPECT_EQ(control(13, "version"), "reply 1");
+    kill(worker_->pid(), c.signal);
+    EXPECT_EQ(worker_->wait(20), 1);
+    EXPECT_TRUE(kv_->waitFor("BYE "));
+    std::string log = logText();
+    EXPECT_NE(log.find(c.logged), std::string::npos);
+    EXPECT_EQ(count(log, "Got signal "), 1);
+    EXPECT_NE(log.find(c.signal == SIGINT ? "Got signal 2," : "Got signal 15,"), std::string::npos);
+    EXPECT_NE(log.find("KVbye() ..."), std::string::npos);
+    remove(logPath().c_str());
+  }
+}
+
+TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
+  ASSERT_TRUE(startRegistered());
+  std::string release = dir_.file("release");
+  std::string held = document("held", "TESTWORKER hold " + release + "\n");
+  EXPECT_EQ(order(held), "reply 1");
+  ASSERT_TRUE(waitForFile(release + ".entered"));
+  kill(worker_->pid(), SIGTERM);
+  ASSERT_TRUE(waitForLog("Got signal 15, exiting ..."));
+  EXPECT_TRUE(worker_->running());
+  writeFile(release, "");
+  // The report first, then the goodbye.
+  EXPECT_NE(nextReport().find(report(held, "ok", "document has been processed")),
+            std::string::npos);
+  EXPECT_TRUE(kv_->waitFor("BYE "));
+  EXPECT_EQ(worker_->wait(20), 1);
+}
+
+// ---- registration ------------------------------------------------------------
+
+TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
+  KvMini refusing({"--refuse"});
+  std::string closedPort = std::to_string(closedUdpPort());
+  struct Case {
+    const char* name;
+    std::string host, port;
+    int serving, oneShot;
+    const char* logged;
+  } cases[] = {
+      {"refused", "localhost", refusing.portText(), 1, 1,
+       "Kavlet(kavlet_testworker) registration has *** not *** been accepted (already registered "
+       "or not in configuration file)"},
+      {"no answer", "localhost", closedPort, 1, 3, "Timeout for KV host"},
+      {"unknown host", "no-such-host.invalid", closedPort, 1, 2,
+       "Sorry, host where KV is running is *** not *** reachable"},
+  };
+  for (const Case& c : cases) {
+    for (bool oneShot : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (oneShot ? " one-shot" : " serving"));
+      std::vector<std::string> a = argv({"-kvhost", c.host, "-P", c.port});
+      if (oneShot) a.push_back("-oneshot");
+      ChildResult r = runChild(a, env({{"KLCTO", "2/1"}}));
+      EXPECT_EQ(r.exitCode, oneShot ? c.oneShot : c.serving) << r.err;
+      EXPECT_NE(logText().find(c.logged), std::string::npos);
+      remove(logPath().c_str());
+    }
+  }
+}
+
+TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {
+  KvMini kv;
+  for (const char* action : {"ok", "fail"}) {
+    SCOPED_TRACE(action);
+    ChildResult r = runChild(argv({"-kvhost", "localhost", "-P", kv.portText(), "-oneshot"}),
+                             env({{"TESTWORKER_ACTION", action}}));
+    EXPECT_EQ(r.exitCode, std::string(action) == "ok" ? 0 : 1) << r.err;
+    EXPECT_TRUE(kv.waitFor("HI "));
+    EXPECT_TRUE(kv.waitFor("BYE "));
+  }
+  EXPECT_NE(logText().find("document '(none)': fail"), std::string::npos);
+}
+
+}  // namespace
