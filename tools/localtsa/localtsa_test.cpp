@@ -15,12 +15,29 @@
 namespace {
 
 using testing_support::BackgroundChild;
+using testing_support::ChildOptions;
+using testing_support::kUnset;
+using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::runChild;
 using testing_support::TempDir;
 using testing_support::writeFile;
 
 const char kProgram[] = CLOCKETTE_BINARY_DIR "/tools/localtsa/localtsa";
+const char kClockette[] = CLOCKETTE_BINARY_DIR "/app/clockette";
+
+// "openssl ts -verify" of a BASE64 timestamp file against the data, the CA
+// and the signer certificate; "" when it verifies.
+std::string verifyTimestampFile(const std::string& tsFile, const std::string& dataFile,
+                                const std::string& caFile, const std::string& certFile) {
+  std::string der = tsFile + ".der";
+  auto decoded = runChild(
+      {"/bin/sh", "-c", "/usr/bin/openssl base64 -d -A -in '" + tsFile + "' -out '" + der + "'"});
+  if (decoded.exitCode != 0) return decoded.err;
+  auto verify = runChild({"/usr/bin/openssl", "ts", "-verify", "-data", dataFile, "-in", der,
+                          "-CAfile", caFile, "-untrusted", certFile});
+  return verify.exitCode == 0 ? "" : verify.out + verify.err;
+}
 
 struct HttpResult {
   long status = 0;
@@ -167,16 +184,52 @@ TEST(LocalTsaTest, RequesterStampsAFileWithTheLocalSigner) {
       continue;
     }
     ASSERT_EQ(rc, 0);
-    // The timestamp file is the BASE64 of the response; the token carries no
-    // certificate (the requester does not ask for one).
-    auto decoded = runChild({"/bin/sh", "-c",
-                             "/usr/bin/openssl base64 -d -A -in '" + work.file("data.tst") +
-                                 "' -out '" + work.file("data.der") + "'"});
-    ASSERT_EQ(decoded.exitCode, 0) << decoded.err;
-    auto verify = runChild({"/usr/bin/openssl", "ts", "-verify", "-data", work.file("data.txt"),
-                            "-in", work.file("data.der"), "-CAfile", tsa.value("ca_file"),
-                            "-untrusted", tsa.value("tsa_cert")});
-    EXPECT_EQ(verify.exitCode, 0) << verify.out << verify.err;
+    // The token carries no certificate: the requester does not ask for one.
+    EXPECT_EQ(verifyTimestampFile(work.file("data.tst"), work.file("data.txt"),
+                                  tsa.value("ca_file"), tsa.value("tsa_cert")),
+              "");
+  }
+}
+
+// The worker itself, in test mode over a document directory, against the
+// local signer: refused answers with the zone-less signing time, stamped
+// documents with the zoned one.
+TEST(LocalTsaTest, ClocketteStampsDocumentsWithTheLocalSigner) {
+  for (bool zoned : {false, true}) {
+    SCOPED_TRACE(zoned ? "zoned signing time" : "signing time without zone");
+    LocalTsa tsa(zoned ? std::vector<std::string>{"--zoned-signing-time"}
+                       : std::vector<std::string>{});
+    ASSERT_TRUE(tsa.ready());
+    TempDir work;
+    makeDir(work.file("setup"));
+    makeDir(work.file("docs"));
+    std::string doc = work.file("docs/doc1");
+    makeDir(doc);
+    writeFile(doc + "/a.txt", "a document of the pipeline\n");
+    writeFile(doc + "/COMMANDS", "TIMESTAMP_FILE a.txt a.tst\n");
+    ChildOptions options;
+    options.cwd = work.path();
+    options.env["CONFIG"] = work.path();
+    options.env["KV_NOTIFY_FILE"] = work.file("notices");
+    for (const char* name : {"ZEPH_SRV_LOG", "KVDIR", "ECM_CONF_DIRS", "TS_HASHALG"}) {
+      options.env[name] = kUnset;
+    }
+    auto run = runChild({kClockette, "-test", "-testpath", work.file("docs"), "-host", "127.0.0.1",
+                         "-port", tsa.value("http_port"), "-protocol", "http", "-url_path", "/",
+                         "-logfile", work.file("clockette.log")},
+                        options);
+    std::string output = run.out + run.err;
+    if (!zoned) {
+      EXPECT_EQ(run.exitCode, 1) << output;
+      EXPECT_NE(output.find("op=error"), std::string::npos) << output;
+      EXPECT_FALSE(testing_support::fileExists(doc + "/a.tst"));
+      continue;
+    }
+    EXPECT_EQ(run.exitCode, 0) << output;
+    EXPECT_NE(output.find("op=ok"), std::string::npos) << output;
+    EXPECT_EQ(verifyTimestampFile(doc + "/a.tst", doc + "/a.txt", tsa.value("ca_file"),
+                                  tsa.value("tsa_cert")),
+              "");
   }
 }
 
