@@ -1,0 +1,346 @@
+// clockette end to end: the program as a child process against the test
+// Timestamp Server (and, in KV mode, the KV emulator kvmini), all on
+// loopback. Every timestamp file is verified by OpenSSL against the test CA
+// and its data file.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "testing/ChildProcess.h"
+#include "testing/TempDir.h"
+#include "testing/TestTsa.h"
+#include "testing/TimestampFile.h"
+
+namespace {
+
+using testing_support::BackgroundChild;
+using testing_support::ChildOptions;
+using testing_support::ChildResult;
+using testing_support::fileExists;
+using testing_support::kUnset;
+using testing_support::makeDir;
+using testing_support::readFile;
+using testing_support::runChild;
+using testing_support::TempDir;
+using testing_support::TestTsa;
+using testing_support::TestTsaOptions;
+using testing_support::testTsaProgram;
+using testing_support::verifyTimestampFile;
+using testing_support::writeFile;
+
+const std::string kProgram = std::string(CLOCKETTE_BINARY_DIR) + "/app/clockette";
+const std::string kKvMini = std::string(CLOCKETTE_BINARY_DIR) + "/tools/kvmini/kvmini";
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+class EndToEndTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    pki_ = new TempDir();
+    tsa_ = startTsa({});
+  }
+  static void TearDownTestSuite() {
+    delete tsa_;
+    delete pki_;
+  }
+  // A server sharing the suite's certificates (made once).
+  static TestTsa* startTsa(TestTsaOptions options) {
+    options.dir = pki_->path();
+    return new TestTsa(testTsaProgram(), options);
+  }
+
+  void SetUp() override {
+    ASSERT_TRUE(tsa_->ready());
+    makeDir(dir_.file("config"));
+    makeDir(dir_.file("config/setup"));
+    makeDir(dir_.file("logs"));
+    makeDir(docs_);
+    options_.cwd = dir_.path();
+    options_.env = {
+        {"CONFIG", dir_.file("config")}, {"ZEPH_SRV_LOG", dir_.file("logs")},
+        {"KV_NOTIFY_FILE", notices_},    {"KV_PROTOCOL", "on"},
+        {"TIMESTAMP_HOST", "127.0.0.1"}, {"TIMESTAMP_PORT", std::to_string(tsa_->httpPort())}};
+    for (const char* v :
+         {"TIMESTAMP_PROTOCOL", "TIMESTAMP_URL_PATH", "TIMESTAMP_LOGIN", "TIMESTAMP_PASSWORD",
+          "LOGLEVEL", "KVDIR", "KVHOST", "KVPORT", "ECM_CONF_DIRS", "TS_HASHALG", "LOG_DEBUG",
+          "LOG_ENTRY", "LOG_INFO", "LOG_RPC", "DOUBLE_QUOTED_COMMANDS_ARGUMENTS"}) {
+      options_.env[v] = kUnset;
+    }
+  }
+
+  // A document directory under docs_ with COMMANDS and data files.
+  std::string addDocument(const std::string& name, const std::string& commands,
+                          const std::map<std::string, std::string>& files = {}) {
+    std::string doc = docs_ + "/" + name;
+    makeDir(doc);
+    writeFile(doc + "/COMMANDS", commands);
+    for (const auto& f : files) writeFile(doc + "/" + f.first, f.second);
+    return doc;
+  }
+
+  // clockette -test over docs_, logging to logs/clockette.log.
+  ChildResult runTest(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args = {kProgram, "-test",    "-testpath",
+                                     docs_,    "-logfile", "clockette.log"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return runChild(args, options_);
+  }
+  static std::string resultLine(int document, const char* status, const std::string& doc) {
+    char head[64];
+    snprintf(head, sizeof head, "]  0001 %04d op=%-10s doc='", document, status);
+    return head + doc + "'\n";
+  }
+  std::string log() const { return readIfThere(dir_.file("logs/clockette.log")); }
+  std::string notices() const { return readIfThere(notices_); }
+  static std::string readIfThere(const std::string& path) {
+    return fileExists(path) ? readFile(path) : std::string();
+  }
+  static std::string verify(const std::string& tst, const std::string& data) {
+    return verifyTimestampFile(tst, data, *tsa_);
+  }
+
+  static TempDir* pki_;
+  static TestTsa* tsa_;
+  TempDir dir_;
+  std::string docs_ = dir_.file("docs");
+  std::string notices_ = dir_.file("notices");
+  ChildOptions options_;
+};
+
+TempDir* EndToEndTest::pki_ = nullptr;
+TestTsa* EndToEndTest::tsa_ = nullptr;
+
+TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBackup) {
+  TempDir elsewhere;
+  writeFile(elsewhere.file("outside.dat"), "outside the document");
+  const std::string commands =
+      "DOCTYPE contract\n"
+      "TIMESTAMP_FILE \"report one.pdf\" \"report one.tst\"\n"
+      "TIMESTAMP_FILE sub/b.xml sub/b.tst\n"
+      "TIMESTAMP_FILE " +
+      elsewhere.file("outside.dat") + " " + elsewhere.file("outside.tst") +
+      "\n"
+      "TIMESTAMP_COMP\n"
+      "COMP comp1 application/pdf c1.pdf POOL_A\n"
+      "COMP \"comp 2\" application/pdf \"c2 two.pdf\"\n"
+      "COMP comp3 text/plain c3.txt\n"
+      "COMP_TIMESTAMP_FILE \"comp3\" \"comp3_ts0.txt\"\n";
+  std::string doc = addDocument("doc", commands,
+                                {{"report one.pdf", "report"},
+                                 {"c1.pdf", "component one"},
+                                 {"c2 two.pdf", "component two"},
+                                 {"c3.txt", "component three"},
+                                 {"comp1_ts0.txt", "older"},
+                                 {"comp1_ts1.txt", "older"}});
+  makeDir(doc + "/sub");
+  writeFile(doc + "/sub/b.xml", "<b/>");
+
+  ChildResult r = runTest();
+  ASSERT_EQ(r.exitCode, 0) << r.out << r.err << log();
+  EXPECT_TRUE(contains(r.out, resultLine(1, "ok", doc))) << r.out;
+  EXPECT_TRUE(contains(r.out, "--------- finished test with success!\n")) << r.out;
+  EXPECT_EQ(verify(doc + "/report one.tst", doc + "/report one.pdf"), "");
+  EXPECT_EQ(verify(doc + "/sub/b.tst", doc + "/sub/b.xml"), "");
+  EXPECT_EQ(verify(elsewhere.file("outside.tst"), elsewhere.file("outside.dat")), "");
+  EXPECT_EQ(verify(doc + "/comp1_ts2.txt", doc + "/c1.pdf"), "");
+  EXPECT_EQ(verify(doc + "/comp 2_ts0.txt", doc + "/c2 two.pdf"), "");
+  EXPECT_EQ(readFile(doc + "/comp1_ts1.txt"), "older");
+  EXPECT_FALSE(fileExists(doc + "/comp3_ts0.txt"));
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), commands +
+                                             "COMP_TIMESTAMP_FILE \"comp1\" \"comp1_ts2.txt\"\n"
+                                             "COMP_TIMESTAMP_FILE \"comp 2\" \"comp 2_ts0.txt\"\n");
+  std::string protocol = readFile(doc + "/KVprotocol");
+  EXPECT_TRUE(contains(
+      protocol, " [clockette] got timestamps from Timestamp Server for document '" + doc + "'\n"))
+      << protocol;
+  EXPECT_EQ(notices(), "");
+
+  // The backup of COMMANDS stays after success, and the same worker restores
+  // it before it reads the document again: the appended statements are gone
+  // then, so the components are stamped once more with the next counter.
+  EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
+  r = runTest();
+  ASSERT_EQ(r.exitCode, 0) << r.out << log();
+  EXPECT_EQ(verify(doc + "/comp1_ts3.txt", doc + "/c1.pdf"), "");
+  EXPECT_EQ(verify(doc + "/comp 2_ts1.txt", doc + "/c2 two.pdf"), "");
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), commands +
+                                             "COMP_TIMESTAMP_FILE \"comp1\" \"comp1_ts3.txt\"\n"
+                                             "COMP_TIMESTAMP_FILE \"comp 2\" \"comp 2_ts1.txt\"\n");
+  EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
+}
+
+TEST_F(EndToEndTest, AFailedDocumentKeepsItsStampsButGetsNoRewriteAndNoProtocol) {
+  std::string skip =
+      addDocument("a-skip", "TIMESTAMP_FILE lonely.pdf\nTIMESTAMP_FILE data.txt data.tst\n",
+                  {{"data.txt", "a"}});
+  const std::string wrongComp =
+      "TIMESTAMP_FILE data.txt data.tst\n"
+      "TIMESTAMP_COMP\n"
+      "COMP good text/plain data.txt\n"
+      "COMP broken text/plain\n";
+  std::string broken = addDocument("b-wrong-comp", wrongComp, {{"data.txt", "b"}});
+
+  ChildResult r = runTest();
+  EXPECT_EQ(r.exitCode, 1) << r.out << log();
+  EXPECT_TRUE(contains(r.out, resultLine(1, "ok", skip))) << r.out;
+  EXPECT_TRUE(contains(r.out, resultLine(2, "error", broken))) << r.out;
+  EXPECT_TRUE(contains(r.out, "--------- finished test with error!\n")) << r.out;
+  // A one-token file statement is only skipped.
+  EXPECT_EQ(verify(skip + "/data.tst", skip + "/data.txt"), "");
+  EXPECT_TRUE(contains(log(), "ignore wrong TIMESTAMP_FILE COMMANDS statement: 'lonely.pdf'"));
+  // A two-token component fails the document.
+  EXPECT_EQ(notices(),
+            "SRV BASE 701 ERR: Kavlet 'clockette' failed because of wrong COMP COMMANDS "
+            "statement in document '" +
+                broken + "'\n");
+  EXPECT_TRUE(contains(
+      log(), "wrong COMP COMMANDS statement in document '" + broken + "': 'broken text/plain'"));
+  EXPECT_EQ(verify(broken + "/data.tst", broken + "/data.txt"), "");
+  EXPECT_EQ(verify(broken + "/good_ts0.txt", broken + "/data.txt"), "");
+  EXPECT_EQ(readFile(broken + "/COMMANDS"), wrongComp);
+  EXPECT_FALSE(fileExists(broken + "/KVprotocol"));
+  EXPECT_FALSE(fileExists(broken + "/COMMANDS.clockette"));
+
+  // Repaired, the document is done; its component takes the next free name.
+  const std::string repaired = "TIMESTAMP_COMP\nCOMP good text/plain data.txt\n";
+  writeFile(broken + "/COMMANDS", repaired);
+  r = runTest();
+  EXPECT_EQ(r.exitCode, 0) << r.out << log();
+  EXPECT_EQ(verify(broken + "/good_ts1.txt", broken + "/data.txt"), "");
+  EXPECT_EQ(readFile(broken + "/COMMANDS"),
+            repaired + "COMP_TIMESTAMP_FILE \"good\" \"good_ts1.txt\"\n");
+}
+
+TEST_F(EndToEndTest, AnUnwritableDocumentFailsAfterTheServiceWithoutNotification) {
+  if (geteuid() == 0) GTEST_SKIP() << "root writes into read-only directories";
+  TempDir stamps;
+  std::string doc = addDocument(
+      "doc", "TIMESTAMP_FILE data.txt " + stamps.file("data.tst") + "\nTIMESTAMP_COMP\n",
+      {{"data.txt", "data"}});
+  chmod(doc.c_str(), 0555);
+  ChildResult r = runTest();
+  chmod(doc.c_str(), 0755);
+  EXPECT_EQ(r.exitCode, 1) << r.out << log();
+  EXPECT_TRUE(contains(r.out, resultLine(1, "error", doc))) << r.out;
+  EXPECT_EQ(verify(stamps.file("data.tst"), doc + "/data.txt"), "");
+  EXPECT_EQ(notices(), "");
+}
+
+TEST_F(EndToEndTest, ATimestampServerFaultFailsTheDocumentWithNotification700) {
+  TestTsaOptions options;
+  options.fault = "reject";
+  std::unique_ptr<TestTsa> rejecting(startTsa(options));
+  ASSERT_TRUE(rejecting->ready());
+  options_.env["TIMESTAMP_PORT"] = std::to_string(rejecting->httpPort());
+  const std::string commands = "TIMESTAMP_COMP\nCOMP c application/pdf c.pdf\n";
+  std::string doc = addDocument("doc", commands, {{"c.pdf", "component"}});
+
+  ChildResult r = runTest();
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_TRUE(contains(r.out, resultLine(1, "error", doc))) << r.out;
+  EXPECT_EQ(notices(),
+            "SRV BASE 700 ERR: Kavlet 'clockette' failed in requesting timestamp for file '" + doc +
+                "/" + doc + "/c.pdf' from Timestamp Server\n");
+  std::string text = log();
+  EXPECT_TRUE(contains(text,
+                       "the timestamp couldn't be requested from timestamp server. The call "
+                       "of function requestTimestamp(source_file='" +
+                           doc + "/c.pdf',timestamp_file='" + doc + "/c_ts0.txt') failed."))
+      << text;
+  EXPECT_TRUE(contains(text, "Parsing timestamp failed")) << text;
+  EXPECT_FALSE(fileExists(doc + "/c_ts0.txt"));
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), commands);
+}
+
+TEST_F(EndToEndTest, APortAboveTheRangeIsHandedOnModulo65536) {
+  ChildResult r = runTest({"-loglevel", "9", "-port", "70000"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << log();
+  EXPECT_TRUE(contains(log(), "Host: 127.0.0.1 Port: 4464 Protocol: http Path: /")) << log();
+}
+
+TEST_F(EndToEndTest, CredentialsReachTheServerButNoOutputOrLog) {
+  TestTsaOptions options;
+  options.requireAuth = true;
+  options.login = "secret-user";
+  options.password = "secret-word";
+  std::unique_ptr<TestTsa> guarded(startTsa(options));
+  ASSERT_TRUE(guarded->ready());
+  std::string doc = addDocument("doc", "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", "d"}});
+  options_.env["TIMESTAMP_PORT"] = std::to_string(guarded->httpPort());
+  for (const char* level : {"LOG_DEBUG", "LOG_ENTRY", "LOG_INFO", "LOG_RPC"}) {
+    options_.env[level] = "on";
+  }
+  options_.env["CURL_DEBUG"] = "on";
+
+  ChildResult r = runTest({"-loglevel", "13", "-login", "secret-user", "-password", "secret-word"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err << log();
+  EXPECT_EQ(verify(doc + "/data.tst", doc + "/data.txt"), "");
+  std::string everything = r.out + r.err + log() + readFile(doc + "/KVprotocol");
+  // The option lines show a mask in place of the value.
+  EXPECT_TRUE(contains(everything, "argv[8]='-login'   argv[9]='***'")) << everything;
+  EXPECT_TRUE(contains(everything, "argv[10]='-password'   argv[11]='***'")) << everything;
+  for (const char* secret : {"secret", "c2VjcmV0LXVzZXI6c2VjcmV0LXdvcmQ="}) {
+    EXPECT_FALSE(contains(everything, secret)) << secret;
+  }
+}
+
+// KV mode: kvmini registers the worker, hands it every document of its
+// queue as an order, then sends the control message "print"; the worker is
+// then stopped with SIGTERM and says goodbye.
+TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrError) {
+  std::string good = addDocument("a-good", "TIMESTAMP_FILE \"data file.txt\" data.tst\n",
+                                 {{"data file.txt", "good"}});
+  std::string bad = addDocument("b-bad", "TIMESTAMP_COMP\nCOMP broken text/plain\n");
+  // Each source over the one before: the URL path from the setup file over
+  // the default, the port from the environment, the host from the command
+  // line over the environment. (A setup file writes into the environment, so
+  // it wins over a variable the worker inherited.)
+  writeFile(dir_.file("config/setup/COMMON.Setup"), "TIMESTAMP_URL_PATH=/from-setup\n");
+  options_.env["TIMESTAMP_HOST"] = "environment.invalid";
+
+  BackgroundChild kv({kKvMini, "serve", "--bind", "127.0.0.1", "--port", "0", "--worker-host",
+                      "127.0.0.1", "--queue", docs_, "--final-ctrl", "1", "--final-text", "print",
+                      "--exit-on-bye"});
+  std::string line;
+  ASSERT_TRUE(kv.readLine(&line)) << kv.stderrText();
+  ASSERT_EQ(line.rfind("kvmini listening port=", 0), 0u) << line;
+  std::string kvPort = line.substr(22, line.find(' ', 22) - 22);
+  options_.env["KVHOST"] = "127.0.0.1";
+  options_.env["KVPORT"] = kvPort;
+  BackgroundChild worker(
+      {kProgram, "-type", "clockette", "-logfile", "clockette.log", "-host", "127.0.0.1"},
+      options_);
+
+  std::vector<std::string> calls;
+  while (kv.readLine(&line, 30)) {
+    calls.push_back(line);
+    if (line.rfind("SEND CTRL", 0) == 0) break;
+  }
+  ASSERT_FALSE(calls.empty());
+  ASSERT_EQ(calls.back().rfind("SEND CTRL 1 \"print\"", 0), 0u) << calls.back();
+  EXPECT_EQ(worker.stop(SIGTERM), 1);
+  while (kv.readLine(&line, 10)) calls.push_back(line);
+  std::string all;
+  for (const std::string& c : calls) all += c + "\n";
+
+  EXPECT_TRUE(contains(all, "document=\"" + good + "\" text2=\"ok\"")) << all;
+  EXPECT_TRUE(contains(all, "document=\"" + bad + "\" text2=\"error\"")) << all;
+  EXPECT_TRUE(contains(all, "\nBYE from=")) << all;
+  EXPECT_EQ(verify(good + "/data.tst", good + "/data file.txt"), "");
+  EXPECT_TRUE(contains(notices(), "SRV BASE 701 ERR: ")) << notices();
+  std::string settings = worker.stderrText();
+  EXPECT_TRUE(contains(settings,
+                       "\tTS protocol : 'http'\n\tTS host     : '127.0.0.1'\n"
+                       "\tTS port     : '" +
+                           std::to_string(tsa_->httpPort()) + "'\n\tTS URL path : '/from-setup'\n"))
+      << settings;
+}
+
+}  // namespace
