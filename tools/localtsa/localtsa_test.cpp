@@ -10,6 +10,7 @@
 
 #include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
+#include "tstl/CAsn1time.h"
 #include "tstl/tsrequest.h"
 
 namespace {
@@ -25,6 +26,14 @@ using testing_support::writeFile;
 
 const char kProgram[] = CLOCKETTE_BINARY_DIR "/tools/localtsa/localtsa";
 const char kClockette[] = CLOCKETTE_BINARY_DIR "/app/clockette";
+
+// Whether the library's time decoder reads a UTCTime without zone designator,
+// the form of the local signer's signing time. Today it does not, so the
+// requester refuses such tokens; the tests below expect whichever holds.
+bool zonelessTimeReadable() {
+  CAsn1time t;
+  return t.setVal("261123101010", 12) == 0;
+}
 
 // "openssl ts -verify" of a BASE64 timestamp file against the data, the CA
 // and the signer certificate; "" when it verifies.
@@ -178,7 +187,7 @@ TEST(LocalTsaTest, RequesterStampsAFileWithTheLocalSigner) {
     ASSERT_EQ(initStamperAuth("", ""), 0);
     int rc = requestTimestamp(work.file("data.txt").c_str(), work.file("data.tst").c_str());
     EXPECT_NE(tsa.stop().find("POST /</stamp HTTP/1.1 -> 200"), std::string::npos);
-    if (!zoned) {
+    if (!zoned && !zonelessTimeReadable()) {
       EXPECT_EQ(rc, -3);  // the answer is no TimeStampResp for our decoder
       EXPECT_FALSE(testing_support::fileExists(work.file("data.tst")));
       continue;
@@ -219,7 +228,7 @@ TEST(LocalTsaTest, ClocketteStampsDocumentsWithTheLocalSigner) {
                          "-logfile", work.file("clockette.log")},
                         options);
     std::string output = run.out + run.err;
-    if (!zoned) {
+    if (!zoned && !zonelessTimeReadable()) {
       EXPECT_EQ(run.exitCode, 1) << output;
       EXPECT_NE(output.find("op=error"), std::string::npos) << output;
       EXPECT_FALSE(testing_support::fileExists(doc + "/a.tst"));
