@@ -3,7 +3,6 @@
 // Worker_test.cpp with a real worker.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -131,14 +130,6 @@ TEST_F(ControlTest, WordsAreWalkedOneByOneAndUnknownOnesRefused) {
   EXPECT_TRUE(log.contains("Got message '' with command 13"));
 }
 
-TEST_F(ControlTest, ControlCallbackHandsOtherCodesToTheKavlet) {
-  LogCapture quiet;
-  EXPECT_EQ(ctrl(13, "kvTestOn"), 1);
-  EXPECT_EQ(kavlet_.kvTest, 1);
-  EXPECT_EQ(ctrl(5, "kvTestOff"), 1);
-  EXPECT_EQ(kavlet_.kvTest, 0);
-}
-
 TEST_F(ControlTest, ASignalDuringTheKvsExitOrderOnlyLogs) {
   LogCapture log;
   exitInProgress = 1;
@@ -152,13 +143,6 @@ TEST_F(ControlTest, TheLogoffEventIsIgnoredWithoutALogLine) {
   LogCapture log;
   EXPECT_EQ(sigwin_handler(kConsoleLogoffEvent), 1);
   EXPECT_EQ(log.text(), "");
-}
-
-TEST(GetTimeTest, LocalTimeInBrackets) {
-  std::string t = Kavlet::getTime();
-  EXPECT_TRUE(
-      std::regex_match(t, std::regex(R"(\[20\d\d/[01]\d/[0-3]\d [0-2]\d:[0-5]\d:[0-6]\d\] )")))
-      << t;
 }
 
 }  // namespace
