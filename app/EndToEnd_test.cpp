@@ -142,7 +142,7 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
   makeDir(doc + "/sub");
   writeFile(doc + "/sub/b.xml", "<b/>");
 
-  ChildResult r = runTest();
+  ChildResult r = runTest({"-loglevel", "9"});
   ASSERT_EQ(r.exitCode, 0) << r.out << r.err << log();
   EXPECT_TRUE(contains(r.out, resultLine(1, "ok", doc))) << r.out;
   EXPECT_TRUE(contains(r.out, "--------- finished test with success!\n")) << r.out;
@@ -162,6 +162,21 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
       << protocol;
   EXPECT_EQ(notices(), "");
 
+  // Every file statement is done before the first component, and the set of
+  // components to skip is complete before the first COMP is looked at.
+  std::string text = log();
+  size_t lastFile = text.find("Timestamp for document " + doc + "/sub/b.xml");
+  size_t skipSet = text.find("don't do timestamping for component 'comp3'");
+  size_t firstComp = text.find(
+      "parse COMP COMMANDS statement: name='comp1',type='application/pdf',src-file='c1.pdf'");
+  ASSERT_NE(firstComp, std::string::npos) << text;
+  EXPECT_LT(lastFile, firstComp);
+  EXPECT_LT(skipSet, firstComp);
+  EXPECT_TRUE(contains(text, "cannot get file status of file '" + doc +
+                                 "/comp1_ts2.txt': 'No such file or directory'"));
+  EXPECT_TRUE(contains(
+      text, "skip timestamping of component 'comp3', because of COMP_TIMESTAMP_FILE statement"));
+
   // The backup of COMMANDS stays after success, and the same worker restores
   // it before it reads the document again: the appended statements are gone
   // then, so the components are stamped once more with the next counter.
@@ -177,42 +192,65 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
 }
 
 TEST_F(EndToEndTest, AFailedDocumentKeepsItsStampsButGetsNoRewriteAndNoProtocol) {
-  std::string skip =
-      addDocument("a-skip", "TIMESTAMP_FILE lonely.pdf\nTIMESTAMP_FILE data.txt data.tst\n",
-                  {{"data.txt", "a"}});
+  // Neither a one-token file statement nor a component without
+  // TIMESTAMP_COMP fails a document.
+  std::string skip = addDocument("a-skip",
+                                 "TIMESTAMP_FILE lonely.pdf\n"
+                                 "TIMESTAMP_FILE data.txt data.tst\n"
+                                 "COMP c text/plain data.txt\n",
+                                 {{"data.txt", "a"}});
   const std::string wrongComp =
       "TIMESTAMP_FILE data.txt data.tst\n"
       "TIMESTAMP_COMP\n"
       "COMP good text/plain data.txt\n"
       "COMP broken text/plain\n";
   std::string broken = addDocument("b-wrong-comp", wrongComp, {{"data.txt", "b"}});
+  // A drive path counts as absolute: it is used without the directory.
+  const std::string missingSource =
+      "TIMESTAMP_FILE data.txt data.tst\n"
+      "TIMESTAMP_FILE C:\\data\\a.pdf a.tst\n"
+      "TIMESTAMP_COMP\n"
+      "COMP late text/plain data.txt\n";
+  std::string missing = addDocument("c-missing-source", missingSource, {{"data.txt", "c"}});
 
   ChildResult r = runTest();
   EXPECT_EQ(r.exitCode, 1) << r.out << log();
   EXPECT_TRUE(contains(r.out, resultLine(1, "ok", skip))) << r.out;
   EXPECT_TRUE(contains(r.out, resultLine(2, "error", broken))) << r.out;
+  EXPECT_TRUE(contains(r.out, resultLine(3, "error", missing))) << r.out;
   EXPECT_TRUE(contains(r.out, "--------- finished test with error!\n")) << r.out;
-  // A one-token file statement is only skipped.
   EXPECT_EQ(verify(skip + "/data.tst", skip + "/data.txt"), "");
+  EXPECT_FALSE(fileExists(skip + "/c_ts0.txt"));
   EXPECT_TRUE(contains(log(), "ignore wrong TIMESTAMP_FILE COMMANDS statement: 'lonely.pdf'"));
-  // A two-token component fails the document.
   EXPECT_EQ(notices(),
             "SRV BASE 701 ERR: Kavlet 'clockette' failed because of wrong COMP COMMANDS "
             "statement in document '" +
-                broken + "'\n");
+                broken +
+                "'\n"
+                "SRV BASE 700 ERR: Kavlet 'clockette' failed in requesting timestamp for file '" +
+                missing + "/C:\\data\\a.pdf' from Timestamp Server\n");
   EXPECT_TRUE(contains(
       log(), "wrong COMP COMMANDS statement in document '" + broken + "': 'broken text/plain'"));
+  EXPECT_TRUE(contains(log(), "requestTimestamp(source_file='C:\\data\\a.pdf',timestamp_file='" +
+                                  missing + "/a.tst') failed."));
+  // What was stamped before the failure stays; nothing after it is stamped;
+  // COMMANDS is not rewritten, no protocol line is written.
   EXPECT_EQ(verify(broken + "/data.tst", broken + "/data.txt"), "");
   EXPECT_EQ(verify(broken + "/good_ts0.txt", broken + "/data.txt"), "");
-  EXPECT_EQ(readFile(broken + "/COMMANDS"), wrongComp);
-  EXPECT_FALSE(fileExists(broken + "/KVprotocol"));
-  EXPECT_FALSE(fileExists(broken + "/COMMANDS.clockette"));
+  EXPECT_EQ(verify(missing + "/data.tst", missing + "/data.txt"), "");
+  EXPECT_FALSE(fileExists(missing + "/late_ts0.txt"));
+  for (const auto& failed :
+       {std::make_pair(broken, wrongComp), std::make_pair(missing, missingSource)}) {
+    EXPECT_EQ(readFile(failed.first + "/COMMANDS"), failed.second);
+    EXPECT_FALSE(fileExists(failed.first + "/KVprotocol"));
+    EXPECT_FALSE(fileExists(failed.first + "/COMMANDS.clockette"));
+  }
 
   // Repaired, the document is done; its component takes the next free name.
   const std::string repaired = "TIMESTAMP_COMP\nCOMP good text/plain data.txt\n";
   writeFile(broken + "/COMMANDS", repaired);
   r = runTest();
-  EXPECT_EQ(r.exitCode, 0) << r.out << log();
+  EXPECT_TRUE(contains(r.out, resultLine(2, "ok", broken))) << r.out;
   EXPECT_EQ(verify(broken + "/good_ts1.txt", broken + "/data.txt"), "");
   EXPECT_EQ(readFile(broken + "/COMMANDS"),
             repaired + "COMP_TIMESTAMP_FILE \"good\" \"good_ts1.txt\"\n");
