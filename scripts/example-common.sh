@@ -12,6 +12,7 @@ kvmini=$build/tools/kvmini/kvmini
 
 # Builds the three programs (configuring the build directory when new).
 build_programs() {
+  echo "== building clockette, testtsa and kvmini in $build"
   if [ ! -f "$build/CMakeCache.txt" ]; then
     local generator=()
     command -v ninja >/dev/null && generator=(-G Ninja)
