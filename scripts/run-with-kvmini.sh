@@ -48,7 +48,7 @@ done
 kill -TERM "$worker_pid" 2>/dev/null || true
 set +e
 wait "$worker_pid"
-echo "clockette exit code: $? (log: $work/logs/clockette.log)"
+echo "clockette exit code: $? (1 after SIGTERM and its goodbye to the KV; log: $work/logs/clockette.log)"
 worker_pid=
 for _ in $(seq 50); do kill -0 "$kv_pid" 2>/dev/null || break; sleep 0.1; done
 set -e
