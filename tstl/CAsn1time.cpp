@@ -146,8 +146,9 @@ int CAsn1time::setVal(const char* text, unsigned int length) {
   tzHours = 0;
   tzMinutes = 0;
   fraction = 0;
-  if (n == length) return -1;  // no zone
-  char mark = text[n];
+  // Digits that run to the end of the text carry no zone and are read as GMT:
+  // the library's own signer writes its signingTime attribute that way.
+  char mark = n == length ? 'Z' : text[n];
   if (mark == '+' || mark == '-') {
     if (length != n + 5 || !isDigit(text[n + 1]) || !isDigit(text[n + 2]) ||
         !isDigit(text[n + 3]) || !isDigit(text[n + 4])) {

@@ -45,6 +45,9 @@ TEST(CAsn1time, ParsesEveryTextForm) {
       {0x18, "20240102030405.125Z", 24, 2024, 1, 2, 3, 4, 5, 0, 0, 0.125,
        "2024-01-02 03:04:05.125 GMT"},
       {0x18, "20240102030405Z", 24, 2024, 1, 2, 3, 4, 5, 0, 0, 0, "2024-01-02 03:04:05 GMT"},
+      // Digits to the end of the text: no zone, read as GMT (the signer's signingTime form).
+      {0x17, "261123101010", 23, 2026, 11, 23, 10, 10, 10, 0, 0, 0, "2026-11-23 10:10:10 GMT"},
+      {0x18, "20240102030405", 24, 2024, 1, 2, 3, 4, 5, 0, 0, 0, "2024-01-02 03:04:05 GMT"},
       // The type follows the text, not the identifier octet.
       {0x18, "991231235959Z", 23, 1999, 12, 31, 23, 59, 59, 0, 0, 0, "1999-12-31 23:59:59 GMT"},
   };
@@ -126,7 +129,6 @@ TEST(CAsn1time, RefusesBadTexts) {
       "0401020304.5Z",         // fraction without seconds
       "20240102030405.Z",      // fraction without digits
       "20240102030405.5",      // fraction without 'Z'
-      "20240102030405",        // no zone at all
       "2024010203040xZ",       // not a digit
       "20240102030405Q",       // unknown zone mark
   };

@@ -179,16 +179,12 @@ TEST_F(GenerateTimestampTest, OpenSslVerifiesLocalTimestamps) {
       // Another file's data does not verify.
       EXPECT_NE(opensslVerify(der, "other data", ca_->caCert(), signer), "");
 
-      // The signing time is written "YYMMDDhhmmss", without zone. OpenSSL
-      // takes it; our own decoder reads the token exactly when its time
-      // decoder takes such a text, which today it does not.
+      // The signing time is written "YYMMDDhhmmss", without zone; OpenSSL
+      // and our own decoder both take it.
       std::string text = signingTimeText(der);
       EXPECT_EQ(text.size(), 12u) << text;
-      CAsn1time signingTime;
-      bool timeReadable =
-          signingTime.setVal(text.c_str(), static_cast<unsigned int>(text.size())) == 0;
       CAsn1ietfTSResp back;
-      EXPECT_EQ(decodes(der, &back), timeReadable);
+      EXPECT_TRUE(decodes(der, &back));
 
       // With the zone written, the same token decodes and holds what was asked.
       ASSERT_EQ(

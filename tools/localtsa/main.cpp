@@ -37,8 +37,8 @@ int usage(const char* program) {
           "  --bind ADDR      numeric address to listen on (default 127.0.0.1)\n"
           "  --http-port N    HTTP port (default 0 = ephemeral)\n"
           "  --zoned-signing-time\n"
-          "                   write the signing time with a 'Z' (readable by clockette's own\n"
-          "                   decoder) instead of the library's form without zone\n",
+          "                   write the signing time with a 'Z'\n"
+          "                   instead of the library's form without zone\n",
           program);
   return 2;
 }
