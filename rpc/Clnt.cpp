@@ -94,9 +94,9 @@ clnt_stat setErrno(CLIENT* cl, clnt_stat stat, int err) {
 }
 
 // Turns a decoded reply header into the call's status.
-void replyToError(const rpc_reply_spec& spec, rpc_err* err) {
-  if (spec.stat == MSG_ACCEPTED) {
-    switch (spec.astat) {
+void replyToError(const rpc_reply_parts& parts, rpc_err* err) {
+  if (parts.stat == MSG_ACCEPTED) {
+    switch (parts.astat) {
       case SUCCESS:
         err->re_status = RPC_SUCCESS;
         return;
@@ -105,8 +105,8 @@ void replyToError(const rpc_reply_spec& spec, rpc_err* err) {
         return;
       case PROG_MISMATCH:
         err->re_status = RPC_PROGVERSMISMATCH;
-        err->re_vers.low = spec.low;
-        err->re_vers.high = spec.high;
+        err->re_vers.low = parts.low;
+        err->re_vers.high = parts.high;
         return;
       case PROC_UNAVAIL:
         err->re_status = RPC_PROCUNAVAIL;
@@ -120,23 +120,23 @@ void replyToError(const rpc_reply_spec& spec, rpc_err* err) {
     }
     err->re_status = RPC_FAILED;
     err->re_lb.s1 = MSG_ACCEPTED;
-    err->re_lb.s2 = spec.astat;
+    err->re_lb.s2 = parts.astat;
     return;
   }
-  switch (spec.rstat) {
+  switch (parts.rstat) {
     case RPC_MISMATCH:
       err->re_status = RPC_VERSMISMATCH;
-      err->re_vers.low = spec.low;
-      err->re_vers.high = spec.high;
+      err->re_vers.low = parts.low;
+      err->re_vers.high = parts.high;
       return;
     case AUTH_ERROR:
       err->re_status = RPC_AUTHERROR;
-      err->re_why = spec.why;
+      err->re_why = parts.why;
       return;
   }
   err->re_status = RPC_FAILED;
   err->re_lb.s1 = MSG_DENIED;
-  err->re_lb.s2 = spec.rstat;
+  err->re_lb.s2 = parts.rstat;
 }
 
 void createError(clnt_stat stat, int err) {
@@ -274,10 +274,10 @@ clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrpr
       u_int type = 0;
       xdr_u_int(&in, &rxid);
       if (rxid != xid) continue;  // a late reply to an earlier call
-      rpc_reply_spec spec;
-      if (!xdr_u_int(&in, &type) || type != REPLY || !rpcmsg_decode_reply_body(&in, &spec))
+      rpc_reply_parts parts;
+      if (!xdr_u_int(&in, &type) || type != REPLY || !rpcmsg_decode_reply_body(&in, &parts))
         return setStatus(cl, RPC_CANTDECODERES);
-      replyToError(spec, &cl->err);
+      replyToError(parts, &cl->err);
       if (cl->err.re_status != RPC_SUCCESS) return cl->err.re_status;
       cl->replyLen = static_cast<u_int>(n);
       if (xres != nullptr && !xres(&in, resp)) return setStatus(cl, RPC_CANTDECODERES);

@@ -37,44 +37,44 @@ bool_t rpcmsg_decode_call(XDR* xdrs, rpc_call_hdr* hdr) {
          getAuth(xdrs, &hdr->verf);
 }
 
-bool_t rpcmsg_encode_reply(XDR* xdrs, uint32_t xid, const rpc_reply_spec& spec) {
-  if (!putU(xdrs, xid) || !putU(xdrs, REPLY) || !putU(xdrs, spec.stat)) return FALSE;
-  if (spec.stat == MSG_DENIED) {
-    if (!putU(xdrs, spec.rstat)) return FALSE;
-    if (spec.rstat == RPC_MISMATCH) return putU(xdrs, spec.low) && putU(xdrs, spec.high);
-    return putU(xdrs, spec.why);
+bool_t rpcmsg_encode_reply(XDR* xdrs, uint32_t xid, const rpc_reply_parts& parts) {
+  if (!putU(xdrs, xid) || !putU(xdrs, REPLY) || !putU(xdrs, parts.stat)) return FALSE;
+  if (parts.stat == MSG_DENIED) {
+    if (!putU(xdrs, parts.rstat)) return FALSE;
+    if (parts.rstat == RPC_MISMATCH) return putU(xdrs, parts.low) && putU(xdrs, parts.high);
+    return putU(xdrs, parts.why);
   }
-  if (!putNullAuth(xdrs) || !putU(xdrs, spec.astat)) return FALSE;
-  switch (spec.astat) {
+  if (!putNullAuth(xdrs) || !putU(xdrs, parts.astat)) return FALSE;
+  switch (parts.astat) {
     case SUCCESS:
-      return spec.results == nullptr || spec.results(xdrs, spec.where);
+      return parts.results == nullptr || parts.results(xdrs, parts.where);
     case PROG_MISMATCH:
-      return putU(xdrs, spec.low) && putU(xdrs, spec.high);
+      return putU(xdrs, parts.low) && putU(xdrs, parts.high);
     default:
       return TRUE;
   }
 }
 
-bool_t rpcmsg_decode_reply_body(XDR* xdrs, rpc_reply_spec* spec) {
+bool_t rpcmsg_decode_reply_body(XDR* xdrs, rpc_reply_parts* parts) {
   u_int stat = 0;
   if (!xdr_u_int(xdrs, &stat)) return FALSE;
   if (stat == MSG_DENIED) {
-    spec->stat = MSG_DENIED;
+    parts->stat = MSG_DENIED;
     u_int rstat = 0;
     if (!xdr_u_int(xdrs, &rstat)) return FALSE;
-    spec->rstat = static_cast<reject_stat>(rstat);
-    if (rstat == RPC_MISMATCH) return xdr_u_int(xdrs, &spec->low) && xdr_u_int(xdrs, &spec->high);
+    parts->rstat = static_cast<reject_stat>(rstat);
+    if (rstat == RPC_MISMATCH) return xdr_u_int(xdrs, &parts->low) && xdr_u_int(xdrs, &parts->high);
     u_int why = 0;
     if (!xdr_u_int(xdrs, &why)) return FALSE;
-    spec->why = static_cast<auth_stat>(why);
+    parts->why = static_cast<auth_stat>(why);
     return TRUE;
   }
   if (stat != MSG_ACCEPTED) return FALSE;
-  spec->stat = MSG_ACCEPTED;
+  parts->stat = MSG_ACCEPTED;
   opaque_auth verf;
   u_int astat = 0;
   if (!getAuth(xdrs, &verf) || !xdr_u_int(xdrs, &astat)) return FALSE;
-  spec->astat = static_cast<accept_stat>(astat);
-  if (astat == PROG_MISMATCH) return xdr_u_int(xdrs, &spec->low) && xdr_u_int(xdrs, &spec->high);
+  parts->astat = static_cast<accept_stat>(astat);
+  if (astat == PROG_MISMATCH) return xdr_u_int(xdrs, &parts->low) && xdr_u_int(xdrs, &parts->high);
   return TRUE;
 }

@@ -40,7 +40,7 @@ bool_t rpcmsg_encode_call(XDR* xdrs, uint32_t xid, u_int prog, u_int vers, u_int
 bool_t rpcmsg_decode_call(XDR* xdrs, rpc_call_hdr* hdr);
 
 // What a reply says, for encoding (service) and after decoding (client).
-struct rpc_reply_spec {
+struct rpc_reply_parts {
   reply_stat stat = MSG_ACCEPTED;
   accept_stat astat = SUCCESS;       // MSG_ACCEPTED
   reject_stat rstat = RPC_MISMATCH;  // MSG_DENIED
@@ -51,10 +51,10 @@ struct rpc_reply_spec {
   void* where = nullptr;
 };
 
-// Encodes a whole reply; the results (if any) through spec.results.
-bool_t rpcmsg_encode_reply(XDR* xdrs, uint32_t xid, const rpc_reply_spec& spec);
+// Encodes a whole reply; the results (if any) through parts.results.
+bool_t rpcmsg_encode_reply(XDR* xdrs, uint32_t xid, const rpc_reply_parts& parts);
 // Decodes a reply header after its xid and message type; on an accepted
 // SUCCESS reply the stream is left at the results.
-bool_t rpcmsg_decode_reply_body(XDR* xdrs, rpc_reply_spec* spec);
+bool_t rpcmsg_decode_reply_body(XDR* xdrs, rpc_reply_parts* parts);
 
 #endif  // RPC_RPCMSG_H_

@@ -39,14 +39,14 @@ Callout* findCallout(u_long prog, u_long vers) {
   return nullptr;
 }
 
-bool_t reply(SVCXPRT* xprt, const rpc_reply_spec& spec) {
-  return xprt->xp_ops->xp_reply(xprt, &spec);
+bool_t reply(SVCXPRT* xprt, const rpc_reply_parts& parts) {
+  return xprt->xp_ops->xp_reply(xprt, &parts);
 }
 
 void acceptedError(SVCXPRT* xprt, accept_stat astat) {
-  rpc_reply_spec spec;
-  spec.astat = astat;
-  reply(xprt, spec);
+  rpc_reply_parts parts;
+  parts.astat = astat;
+  reply(xprt, parts);
 }
 
 // Logs why a descriptor of the read set made select fail.
@@ -156,11 +156,11 @@ void svc_getreq_common(int fd) {
 void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr) {
   xprt->xp_xid = hdr->xid;
   if (hdr->rpcvers != RPC_MSG_VERSION) {
-    rpc_reply_spec spec;
-    spec.stat = MSG_DENIED;
-    spec.rstat = RPC_MISMATCH;
-    spec.low = spec.high = RPC_MSG_VERSION;
-    reply(xprt, spec);
+    rpc_reply_parts parts;
+    parts.stat = MSG_DENIED;
+    parts.rstat = RPC_MISMATCH;
+    parts.low = parts.high = RPC_MSG_VERSION;
+    reply(xprt, parts);
     return;
   }
   const enum_t flavor = hdr->cred.oa_flavor;
@@ -194,11 +194,11 @@ void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr) {
 }
 
 bool_t svc_sendreply(SVCXPRT* xprt, xdrproc_t xresults, void* results) {
-  rpc_reply_spec spec;
-  spec.astat = SUCCESS;
-  spec.results = xresults;
-  spec.where = results;
-  return reply(xprt, spec);
+  rpc_reply_parts parts;
+  parts.astat = SUCCESS;
+  parts.results = xresults;
+  parts.where = results;
+  return reply(xprt, parts);
 }
 
 void svcerr_noproc(SVCXPRT* xprt) { acceptedError(xprt, PROC_UNAVAIL); }
@@ -207,19 +207,19 @@ void svcerr_systemerr(SVCXPRT* xprt) { acceptedError(xprt, SYSTEM_ERR); }
 void svcerr_noprog(SVCXPRT* xprt) { acceptedError(xprt, PROG_UNAVAIL); }
 
 void svcerr_progvers(SVCXPRT* xprt, u_long low, u_long high) {
-  rpc_reply_spec spec;
-  spec.astat = PROG_MISMATCH;
-  spec.low = static_cast<u_int>(low);
-  spec.high = static_cast<u_int>(high);
-  reply(xprt, spec);
+  rpc_reply_parts parts;
+  parts.astat = PROG_MISMATCH;
+  parts.low = static_cast<u_int>(low);
+  parts.high = static_cast<u_int>(high);
+  reply(xprt, parts);
 }
 
 void svcerr_auth(SVCXPRT* xprt, auth_stat why) {
-  rpc_reply_spec spec;
-  spec.stat = MSG_DENIED;
-  spec.rstat = AUTH_ERROR;
-  spec.why = why;
-  reply(xprt, spec);
+  rpc_reply_parts parts;
+  parts.stat = MSG_DENIED;
+  parts.rstat = AUTH_ERROR;
+  parts.why = why;
+  reply(xprt, parts);
 }
 
 void svcerr_weakauth(SVCXPRT* xprt) { svcerr_auth(xprt, AUTH_TOOWEAK); }

@@ -25,7 +25,7 @@
 
 struct SVCXPRT;
 struct rpc_call_hdr;
-struct rpc_reply_spec;
+struct rpc_reply_parts;
 
 // The operations of one kind of transport.
 struct svc_xp_ops {
@@ -34,7 +34,7 @@ struct svc_xp_ops {
   // Decodes the arguments of the current request.
   bool_t (*xp_getargs)(SVCXPRT* xprt, xdrproc_t xargs, void* argsp);
   // Sends a reply to the current request; TRUE when it was sent whole.
-  bool_t (*xp_reply)(SVCXPRT* xprt, const rpc_reply_spec* spec);
+  bool_t (*xp_reply)(SVCXPRT* xprt, const rpc_reply_parts* parts);
   // Frees decoded arguments.
   bool_t (*xp_freeargs)(SVCXPRT* xprt, xdrproc_t xargs, void* argsp);
   // Closes the socket and frees the transport.

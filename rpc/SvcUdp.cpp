@@ -73,11 +73,11 @@ bool_t udpFreeargs(SVCXPRT*, xdrproc_t xargs, void* argsp) {
   return TRUE;
 }
 
-bool_t udpReply(SVCXPRT* xprt, const rpc_reply_spec* spec) {
+bool_t udpReply(SVCXPRT* xprt, const rpc_reply_parts* parts) {
   UdpData* d = dataOf(xprt);
   XDR out;
   xdrmem_create(&out, d->sendBuf.data(), static_cast<u_int>(d->sendBuf.size()), XDR_ENCODE);
-  if (!rpcmsg_encode_reply(&out, xprt->xp_xid, *spec)) {
+  if (!rpcmsg_encode_reply(&out, xprt->xp_xid, *parts)) {
     c_logmsg(kComponent, 2, "cannot encode reply on FD%d", xprt->xp_sock);
     return FALSE;
   }

@@ -163,7 +163,7 @@ struct CallSpec {
   int retrySeconds = 1;
 };
 
-CallResult callService(const Target& target, const CallSpec& spec) {
+CallResult callService(const Target& target, const CallSpec& callReq) {
   CallResult r;
   int fd = socket(target.addr.ss_family, SOCK_DGRAM, 0);
   if (fd < 0) {
@@ -173,22 +173,22 @@ CallResult callService(const Target& target, const CallSpec& spec) {
   netbuf nb{};
   nb.buf = const_cast<sockaddr_storage*>(&target.addr);
   nb.len = nb.maxlen = target.len;
-  CLIENT* clnt = clnt_dg_create(fd, &nb, spec.prog, spec.vers, 0, 0);
+  CLIENT* clnt = clnt_dg_create(fd, &nb, callReq.prog, callReq.vers, 0, 0);
   if (clnt == nullptr) {
     close(fd);
     r.error = clnt_spcreateerror("clnt_dg_create");
     return r;
   }
   clnt_control(clnt, CLSET_FD_CLOSE, nullptr);
-  timeval retry{spec.retrySeconds, 0};
+  timeval retry{callReq.retrySeconds, 0};
   clnt_control(clnt, CLSET_RETRY_TIMEOUT, reinterpret_cast<char*>(&retry));
-  timeval total{spec.timeoutSeconds, 0};
-  Order order = spec.order;
-  xdrproc_t argProc = spec.noArgs ? asProc(xdr_void) : asProc(xdrOrder);
-  bool wantInt = spec.proc != kToolNull;
+  timeval total{callReq.timeoutSeconds, 0};
+  Order order = callReq.order;
+  xdrproc_t argProc = callReq.noArgs ? asProc(xdr_void) : asProc(xdrOrder);
+  bool wantInt = callReq.proc != kToolNull;
   int value = 0;
   xdrproc_t resProc = wantInt ? asProc(xdr_int) : asProc(xdr_void);
-  clnt_stat st = clnt_call(clnt, spec.proc, argProc, reinterpret_cast<char*>(&order), resProc,
+  clnt_stat st = clnt_call(clnt, callReq.proc, argProc, reinterpret_cast<char*>(&order), resProc,
                            reinterpret_cast<char*>(&value), total);
   if (st == RPC_SUCCESS) {
     r.ok = true;
@@ -277,12 +277,12 @@ void sendToWorker(unsigned long proc, int number, const std::string& text) {
     emit(std::string("SEND ") + toolProcName(proc) + " no worker registered");
     return;
   }
-  CallSpec spec;
-  spec.proc = proc;
-  spec.order.number = number;
-  spec.order.text = const_cast<char*>(text.c_str());
-  spec.timeoutSeconds = server.callTimeout;
-  CallResult r = callService(server.worker, spec);
+  CallSpec callReq;
+  callReq.proc = proc;
+  callReq.order.number = number;
+  callReq.order.text = const_cast<char*>(text.c_str());
+  callReq.timeoutSeconds = server.callTimeout;
+  CallResult r = callService(server.worker, callReq);
   emit(std::string("SEND ") + toolProcName(proc) + " " + std::to_string(number) + " " +
        quote(text.c_str()) +
        " to=" + sockaddrText(reinterpret_cast<sockaddr*>(&server.worker.addr), server.worker.len) +
@@ -469,8 +469,8 @@ void runCommand(const std::string& line) {
 
 int bindSocket(const std::string& bindAddr, long port) {
   Target t;
-  std::string spec = bindAddr.find(':') != std::string::npos ? "[" + bindAddr + "]" : bindAddr;
-  if (!parseTarget(spec + ":" + std::to_string(port), &t)) return -1;
+  std::string hostPart = bindAddr.find(':') != std::string::npos ? "[" + bindAddr + "]" : bindAddr;
+  if (!parseTarget(hostPart + ":" + std::to_string(port), &t)) return -1;
   int fd = socket(t.addr.ss_family, SOCK_DGRAM, 0);
   if (fd < 0) return -1;
   if (bind(fd, reinterpret_cast<sockaddr*>(&t.addr), t.len) != 0) {
@@ -587,8 +587,8 @@ int serve(int argc, char** argv) {
 // ---- one-shot client commands ---------------------------------------------
 
 int client(const std::string& cmd, int argc, char** argv) {
-  CallSpec spec;
-  spec.order.number = 0;
+  CallSpec callReq;
+  callReq.order.number = 0;
   std::string to;
   std::vector<std::string> positional;
   bool textGiven = false;
@@ -598,25 +598,25 @@ int client(const std::string& cmd, int argc, char** argv) {
     bool hasValue = i + 1 < argc;
     long n = 0;
     if (a == "--noargs") {
-      spec.noArgs = true;
+      callReq.noArgs = true;
     } else if (hasValue && a == "--to") {
       to = argv[++i];
     } else if (hasValue && a == "--text") {
-      spec.order.text = argv[++i];
+      callReq.order.text = argv[++i];
       textGiven = true;
     } else if (hasValue && a.compare(0, 2, "--") == 0 && parseInt(argv[i + 1], &n)) {
       ++i;
       if (a == "--mode" || a == "--number") {
-        spec.order.number = static_cast<int>(n);
+        callReq.order.number = static_cast<int>(n);
         numberGiven = true;
       } else if (a == "--prog") {
-        spec.prog = static_cast<unsigned long>(n);
+        callReq.prog = static_cast<unsigned long>(n);
       } else if (a == "--vers") {
-        spec.vers = static_cast<unsigned long>(n);
+        callReq.vers = static_cast<unsigned long>(n);
       } else if (a == "--timeout") {
-        spec.timeoutSeconds = static_cast<int>(n);
+        callReq.timeoutSeconds = static_cast<int>(n);
       } else if (a == "--retry") {
-        spec.retrySeconds = static_cast<int>(n);
+        callReq.retrySeconds = static_cast<int>(n);
       } else {
         return usage(), kUsageExit;
       }
@@ -634,22 +634,22 @@ int client(const std::string& cmd, int argc, char** argv) {
   long n = 0;
   std::string text;
   if (cmd == "work" && positional.size() == 1) {
-    spec.proc = kToolWork;
-    if (!numberGiven) spec.order.number = 1;
+    callReq.proc = kToolWork;
+    if (!numberGiven) callReq.order.number = 1;
     text = positional[0];
   } else if ((cmd == "ctrl" || cmd == "info") && !positional.empty() && positional.size() <= 2 &&
              parseInt(positional[0].c_str(), &n)) {
-    spec.proc = cmd == "ctrl" ? kToolCtrl : kToolInfo;
-    spec.order.number = static_cast<int>(n);
+    callReq.proc = cmd == "ctrl" ? kToolCtrl : kToolInfo;
+    callReq.order.number = static_cast<int>(n);
     text = positional.size() == 2 ? positional[1] : "";
   } else if (cmd == "call" && positional.size() == 1 && parseInt(positional[0].c_str(), &n)) {
-    spec.proc = static_cast<unsigned long>(n);
-    text = textGiven ? spec.order.text : "";
+    callReq.proc = static_cast<unsigned long>(n);
+    text = textGiven ? callReq.order.text : "";
   } else {
     return usage(), kUsageExit;
   }
-  spec.order.text = const_cast<char*>(text.c_str());
-  CallResult r = callService(target, spec);
+  callReq.order.text = const_cast<char*>(text.c_str());
+  CallResult r = callService(target, callReq);
   emit(std::string(r.ok ? "reply " : "") + r.text());
   return r.ok ? 0 : kRpcErrorExit;
 }
