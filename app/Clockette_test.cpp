@@ -109,6 +109,8 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
        "",
        "",
        0},
+      // A value that looks like an option is still the value (no test mode).
+      {{}, {"c", "-host", "-test"}, "-test", "http", "/", "", "", 8080},
   };
   for (Case& c : cases) {
     for (const char* v : kVariables) unsetenv(v);
@@ -121,6 +123,7 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
     EXPECT_EQ(tool.login, c.login);
     EXPECT_EQ(tool.password, c.password);
     EXPECT_EQ(tool.port, c.port);
+    EXPECT_TRUE(tool.testCount.empty());
   }
 }
 

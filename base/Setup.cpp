@@ -49,8 +49,9 @@ bool readLine(FILE* f, size_t max, std::string* line) {
 
 bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
-// Applies the line rules; false for comments, lines without "=", empty
-// names and empty values.
+// Applies the line rules; false for comments, lines without "=" and empty
+// values. An empty name is a setting like any other: the environment
+// refuses it, which stops the reading of a setup file.
 bool parseLine(const std::string& line, std::string* name, std::string* value) {
   if (line.empty() || line[0] == '#') return false;
   size_t eq = line.find('=');
@@ -65,7 +66,7 @@ bool parseLine(const std::string& line, std::string* name, std::string* value) {
     ++b;
     --e;
   }
-  if (nameEnd == 0 || b == e) return false;
+  if (b == e) return false;
   name->assign(line, 0, nameEnd);
   value->assign(line, b, e - b);
   return true;
@@ -99,6 +100,15 @@ size_t expandDollar(const char* in, std::string* out) {
           i = bracketed ? end + 1 : end;
           continue;
         }
+      }
+      if (!bracketed && end > start) {
+        // An unset bare $NAME stays as written together with the character
+        // that ended it, which is not looked at again ("$A$B" stays whole,
+        // "$A\$B" keeps its backslash). The end of the text ends it too.
+        size_t stop = in[end] != '\0' ? end + 1 : end;
+        out->append(in + i, stop - i);
+        i = stop;
+        continue;
       }
       // Unset, too long or not a reference: keep the text as written.
       out->push_back('$');
@@ -182,7 +192,8 @@ int expandAndPut(const char* text) {
             static_cast<int>(needed + 1), kSetupBufferSize);
     second = first;
   }
-  log.msg(__LINE__, 10, "put '%s'", second.c_str());
+  // Only the name: setup values may hold credentials (TIMESTAMP_PASSWORD).
+  log.msg(__LINE__, 10, "put '%s'", second.substr(0, second.find('=')).c_str());
   return storeInEnvironment(second);
 }
 

@@ -56,7 +56,6 @@ TEST_F(SetupTest, LineRules) {
                "ST_EQ=a=b\n"
                "ST_HALFQ=\"x\n"
                "no equals sign here\n"
-               "=nameless\n"
                "\n"
                "ST_COMMENTED=1 # not a comment\n");
   EXPECT_EQ(readSetup("P"), 1);
@@ -126,6 +125,10 @@ TEST_F(SetupTest, ExpansionPasses) {
       {"B=${ST_UNSET}", "B=${ST_UNSET}"},
       {"B=$ST_UNSET/x", "B=$ST_UNSET/x"},
       {"B=x$ST_UNSET", "B=x$ST_UNSET"},  // ends in an unset bare reference
+      // The character that ends an unset bare reference is taken as written.
+      {"B=$ST_UNSET$ST_HOME", "B=$ST_UNSET$ST_HOME"},
+      {"B=$ST_UNSET\\$ST_HOME", "B=$ST_UNSET\\C:\\u"},
+      {"B=$ST_UNSET $ST_HOME", "B=$ST_UNSET C:\\u"},
       {"B=$", "B=$"},
       {"B=${ST_HOME", "B=${ST_HOME"},    // no closing bracket
       {"B=${ST_HOME)", "B=${ST_HOME)"},  // wrong closing bracket
@@ -186,6 +189,19 @@ TEST_F(SetupTest, SettingsReachTheProcessEnvironment) {
   EXPECT_EQ(env("ST_REAL"), "again");
 }
 
+TEST_F(SetupTest, TracesNameTheVariableButNeverShowItsValue) {
+  writePackage("P", "ST_REAL=secret-word\n");
+  Log::setLogFile("stderr");
+  Log::setLevel(Log::kRpc, 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(readSetup("P"), 1);
+  std::string logged = testing::internal::GetCapturedStderr();
+  Log::init();
+  EXPECT_NE(logged.find("put 'ST_REAL'"), std::string::npos) << logged;
+  EXPECT_EQ(logged.find("secret"), std::string::npos) << logged;
+  EXPECT_EQ(env("ST_REAL"), "secret-word");
+}
+
 int refuseSecond(void* context, const char* text) {
   auto* seen = static_cast<std::vector<std::string>*>(context);
   seen->push_back(text);
@@ -199,14 +215,18 @@ TEST_F(SetupTest, AFailedStoreStopsReading) {
   EXPECT_EQ(readSetup("P"), 0);
   EXPECT_EQ(seen, (std::vector<std::string>{"ST_1=a", "ST_2=b"}));
 
-  // The same with the process environment: a name that expands to nothing
-  // cannot be stored; what came before it stays.
+  // The same with the process environment: an empty name, written so or
+  // expanded to nothing, cannot be stored; what came before it stays.
   setEnvironmentSetter(nullptr, nullptr);
   setenv("ST_UNSET", "", 1);
-  writePackage("P", "ST_1=a\n$ST_UNSET=b\nST_3=c\n");
-  EXPECT_EQ(readSetup("P"), 0);
-  EXPECT_EQ(env("ST_1"), "a");
-  EXPECT_EQ(env("ST_3"), "<unset>");
+  for (const char* line : {"$ST_UNSET=b", "=b", "  = b"}) {
+    unsetenv("ST_1");
+    unsetenv("ST_3");
+    writePackage("P", std::string("ST_1=a\n") + line + "\nST_3=c\n");
+    EXPECT_EQ(readSetup("P"), 0) << line;
+    EXPECT_EQ(env("ST_1"), "a") << line;
+    EXPECT_EQ(env("ST_3"), "<unset>") << line;
+  }
 }
 
 class ConfigDirectoryTest : public SetupTest {

@@ -12,16 +12,11 @@
 
 namespace {
 
-constexpr int kMaxPort = 65535;
-
 // Hands a configured KV port to the client calls; 0 or less keeps their
-// default (KVPORT or 4032).
-void setKvPort(Log& log, int port) {
+// default (KVPORT or 4032). The port travels as an unsigned 16-bit value,
+// so a larger one is taken modulo 65536, as -P and KVPORT always were.
+void setKvPort(int port) {
   if (port <= 0) return;
-  if (port > kMaxPort) {
-    log.msg(__LINE__, 2, "KV port %d is out of range; using the default", port);
-    return;
-  }
   KVSetPort(static_cast<uint16_t>(port));
 }
 
@@ -47,7 +42,7 @@ int Kavlet::connectToKV(ToolWorkCallback work, ToolCtrlCallback ctrl) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
-  setKvPort(log, kvPort);
+  setKvPort(kvPort);
   callKVhi(work, ctrl, kvHost.c_str(), 0);
   run();
   return 0;
@@ -59,7 +54,7 @@ int Kavlet::connectToKVForService(ToolWorkCallback work, ToolCtrlCallback ctrl) 
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
-  setKvPort(log, kvPort);
+  setKvPort(kvPort);
   callKVhi(work, ctrl, kvHost.c_str(), 1);
   // Held so that a signal waits for the service and its goodbye.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());

@@ -78,6 +78,9 @@ int Kavlet::init(int argc, char** argv) {
   // mode) before parseArgv sets testCount properly.
   if (requestsTestMode(argc, argv)) testCount = "-test";
   readEnvironment();
+  // Only the parser decides: a "-test" that a tool option takes as its
+  // value is no test mode.
+  testCount = String();
   parseArgv(argc, argv);
   initLog();
   return 1;
