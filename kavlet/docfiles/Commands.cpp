@@ -56,7 +56,20 @@ bool lacksFinalLineEnd(const String& path) {
   if (!fd.valid() || fstat(fd.get(), &status) != 0 || status.st_size == 0) return false;
   char last = '\n';
   if (pread(fd.get(), &last, 1, status.st_size - 1) != 1) return false;
-  return last != '\n' && last != '\r';
+  // A lone CR at the end does not do: the appended line would sit behind
+  // that CR and be cut off by every reader.
+  return last != '\n';
+}
+
+// True when line holds anything but line ends and blanks after its first CR.
+bool holdsTextAfterCr(const String& line) {
+  long cr = line.index('\r');
+  if (cr < 0) return false;
+  for (size_t i = static_cast<size_t>(cr) + 1; i < line.length(); ++i) {
+    char c = line[i];
+    if (c != '\r' && c != '\n' && c != ' ' && c != '\t') return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -127,20 +140,14 @@ int Commands::readAll() {
   String line;
   int r;
   while ((r = readNextLine(line)) == 1) {
-    // A line ends at its first CR or LF. A CR without LF also ends it, so a
-    // file written with CR line ends keeps all its statements; a rewrite
-    // would otherwise drop every statement after the first.
-    size_t start = 0;
-    for (;;) {
-      long cr = line.index('\r', start);
-      size_t end = cr < 0 ? line.length() : static_cast<size_t>(cr);
-      if (addEntry(line.subString(start, end - start)) == 0) {
-        log.msg(__LINE__, 2, "entries.put-Error ?? ");
-        entries_.clear();
-        return 0;
-      }
-      if (cr < 0) break;
-      start = end + 1;
+    // Every worker of the pipeline ends a line at its first CR: text after a
+    // CR inside a line is no statement here either, but it is noted so that a
+    // rewrite, which would lose it, is refused.
+    if (holdsTextAfterCr(line)) textAfterCr_ = 1;
+    if (addEntry(line) == 0) {
+      log.msg(__LINE__, 2, "entries.put-Error ?? ");
+      entries_.clear();
+      return 0;
     }
   }
   if (r == 0) {
@@ -313,6 +320,13 @@ int Commands::writeBuffer() {
   Log log("Commands", "writeBuffer", __FILE__, __LINE__, 13);
   bool rewrite = (deletionsPending_ || integrated_) && !entries_.empty();
   if (rewrite) {
+    if (textAfterCr_) {
+      log.msg(__LINE__, 2,
+              "COMMANDS file '%s' holds text after a carriage return inside a line; it is not "
+              "rewritten, since that text would be lost",
+              fileName().c_str());
+      return 0;
+    }
     if (openForWrite() != 1) return 0;
     if (write3(entries_) != 1) return 0;
   } else if (!toAdd_.empty()) {

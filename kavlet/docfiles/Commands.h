@@ -7,9 +7,12 @@
 // lines in a buffer and marks deletions. Only writeBuffer() changes the file:
 //  - with deletions marked or after integrateChanges(), the file is rewritten
 //    with every statement left as key, tab, value (empty lines vanish), and
-//    added lines not yet integrated are appended as given;
+//    added lines not yet integrated are appended as given; a file with text
+//    after a CR inside a line (which no reader sees, since a line ends at its
+//    first CR) is not rewritten, as that text would be lost;
 //  - otherwise the added lines are appended as given, every other byte of
-//    the file untouched.
+//    the file untouched (a line feed goes in front when the file's last line
+//    has none, so that the first added line is not glued onto it).
 // Before every write the file is backed up to "COMMANDS.<suffix>", and
 // before every read a backup left by an interrupted write is restored
 // (FileH). The file stays open after writeBuffer(); closeCommands() flushes,
@@ -117,6 +120,7 @@ class Commands : private FileH {
   List<String> toAdd_;
   int deletionsPending_ = 0;
   int integrated_ = 0;
+  int textAfterCr_ = 0;  // 1 when a line read held text after its first CR
 };
 
 #endif  // KAVLET_DOCFILES_COMMANDS_H_

@@ -207,14 +207,43 @@ TEST_F(CommandsTest, IntegrationIntoAnEmptyFile) {
 
 TEST_F(CommandsTest, LineEndsAndLongLines) {
   std::string big(200000, 'v');
-  writeFile(file(), "CR 1\rCR 2\rLONG " + big + "\r\nLF x\n");
+  writeFile(file(), "CR 1\r\nLONG " + big + "\r\nLF x\n");
   auto c = open();
-  EXPECT_EQ(c->findKey("CR"), 2);
+  EXPECT_EQ(c->findKey("CR"), 1);
   EXPECT_EQ(c->getValueFor2("LONG"), big.c_str());
   EXPECT_EQ(c->getValueFor2("LF"), "x");
   c->deleteFromCommands1("CR", "1");
   EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "CR\t2\nLONG\t" + big + "\nLF\tx\n");
+  EXPECT_EQ(readFile(file()), "LONG\t" + big + "\nLF\tx\n");
+}
+
+// A line ends at its first CR for every reader; what follows it in the same
+// line is no statement, and a rewrite must not silently drop it.
+TEST_F(CommandsTest, TextAfterACarriageReturnIsHiddenAndNeverLost) {
+  const std::string original = "A 1\rB 2\rC 3\r";
+  writeFile(file(), original);
+  {
+    docfiles_test::LogCapture log;
+    auto c = open();
+    EXPECT_EQ(c->findKey("A"), 1);
+    EXPECT_EQ(c->findKey("B"), 0);
+    EXPECT_EQ(c->deleteFromCommands1("A", "1"), 1);
+    c->appendToBuffer1("D 4");
+    EXPECT_EQ(c->writeBuffer(), 0);
+    EXPECT_EQ(c->writeBuffer(), 0);
+    EXPECT_TRUE(log.contains("holds text after a carriage return"));
+  }
+  EXPECT_EQ(readFile(file()), original);
+  EXPECT_FALSE(fileExists(backup()));
+
+  // Appending leaves the bytes as they are, but must not put the new line
+  // behind the last CR, where no reader would see it.
+  auto d = open();
+  d->appendToBuffer1("D 4");
+  EXPECT_EQ(close(*d), 1);
+  EXPECT_EQ(readFile(file()), original + "\nD 4\n");
+  Commands next(dir_.path().c_str(), "next");  // the next worker
+  EXPECT_EQ(next.getValueFor2("D"), "4");
 }
 
 TEST_F(CommandsTest, LeftoverBackupIsRestoredBeforeTheFirstReadAndKept) {

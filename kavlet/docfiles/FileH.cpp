@@ -219,6 +219,13 @@ int FileH::recoverFromBackup() {
     return 1;
   }
   log.msg(__LINE__, 9, "recover %s is needed", fileName_.c_str());
+  // The file is deleted before the copy: a backup that cannot be copied (a
+  // directory in its place) would leave neither.
+  if (!S_ISREG(status.st_mode)) {
+    log.msg(__LINE__, 3, "can't recover file '%s', because the backup '%s' is no regular file",
+            fileName_.c_str(), backup.c_str());
+    return 0;
+  }
   if (unlink(fileName_.c_str()) != 0 && errno != ENOENT) {
     log.msg(__LINE__, 3, "cannot unlink('%s') failed: %s", fileName_.c_str(),
             errnoText(errno).c_str());

@@ -10,6 +10,7 @@
 namespace {
 
 using testing_support::fileExists;
+using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
 using testing_support::writeFile;
@@ -169,6 +170,17 @@ TEST(FileHBackup, RecoveryWithoutBackupAndWithAMissingFile) {
   FileH g(name, "t");
   EXPECT_EQ(g.recoverFromBackup(), 1);
   EXPECT_EQ(readFile(name), "saved\n");
+}
+
+TEST(FileHBackup, BackupThatIsNoFileNeverCostsTheFile) {
+  TempDir dir;
+  std::string name = dir.file("COMMANDS");
+  writeFile(name, "keep me\n");
+  makeDir(name + ".t");
+  FileH f(name, "t");
+  EXPECT_EQ(f.recoverFromBackup(), 0);
+  EXPECT_EQ(f.makeBackupCopy(), 0);
+  EXPECT_EQ(readFile(name), "keep me\n");
 }
 
 }  // namespace
