@@ -74,9 +74,14 @@ bool holdsTextAfterCr(const String& line) {
 
 }  // namespace
 
-Commands::Commands(const String& dir, const String& suffix) : FileH(dir + "/COMMANDS", suffix) {}
+Commands::Commands(const String& dir, const String& suffix) : FileH(dir + "/COMMANDS", suffix) {
+  Log log("Commands", "Commands", __FILE__, __LINE__, 13);
+}
 
-Commands::~Commands() { closeCommands(); }
+Commands::~Commands() {
+  Log log("Commands", "~Commands", __FILE__, __LINE__, 13);
+  closeCommands();
+}
 
 int Commands::openCommands() {
   Log log("Commands", "openCommands", __FILE__, __LINE__, 13);

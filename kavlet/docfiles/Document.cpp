@@ -153,6 +153,7 @@ FileH* Document::getFileH(const char* fileName) {
 }
 
 int Document::docMessage(Log& log, int line, int level, const char* format, ...) {
+  Log scope("Document", "docMessage", __FILE__, __LINE__, 13);
   va_list args;
   va_start(args, format);
   log.vmsg(line, level, format, args);

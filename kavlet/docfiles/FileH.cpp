@@ -22,9 +22,12 @@ constexpr size_t kLineBuffer = 65536;
 
 }  // namespace
 
-FileH::FileH(const String& fileName, const String& suffix) : fileName_(fileName), suffix_(suffix) {}
+FileH::FileH(const String& fileName, const String& suffix) : fileName_(fileName), suffix_(suffix) {
+  Log log("FileH", "FileH", __FILE__, __LINE__, 13);
+}
 
 FileH::~FileH() {
+  Log log("FileH", "~FileH", __FILE__, __LINE__, 13);
   if (isOpen()) FileH::closeFile();
 }
 

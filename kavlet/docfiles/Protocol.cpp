@@ -5,9 +5,14 @@
 #include "base/Log.h"
 
 Protocol::Protocol(const String& directory, const String& tag)
-    : FileH(directory + "/KVprotocol", tag), tag_(tag) {}
+    : FileH(directory + "/KVprotocol", tag), tag_(tag) {
+  Log log("Protocol", "Protocol", __FILE__, __LINE__, 13);
+}
 
-Protocol::~Protocol() { closeProtocol(); }
+Protocol::~Protocol() {
+  Log log("Protocol", "~Protocol", __FILE__, __LINE__, 13);
+  closeProtocol();
+}
 
 int Protocol::appendToBuffer(const String& text) {
   Log log("Protocol", "appendToBuffer", __FILE__, __LINE__, 13);

@@ -105,11 +105,20 @@ TextLine::TextLine(const char* text) {
   length_ = static_cast<int32_t>(n);
 }
 
-TextLine::~TextLine() { ::free(line_); }
+TextLine::~TextLine() {
+  Log log("TextLine", "~TextLine", __FILE__, __LINE__, 13);
+  ::free(line_);
+}
 
-void TextLine::reset() { position_ = 0; }
+void TextLine::reset() {
+  Log log("TextLine", "reset", __FILE__, __LINE__, 13);
+  position_ = 0;
+}
 
-void TextLine::free(void* p) { ::free(p); }
+void TextLine::free(void* p) {
+  Log log("TextLine", "free", __FILE__, __LINE__, 13);
+  ::free(p);
+}
 
 char* TextLine::getNextToken() {
   Log log("TextLine", "getNextToken", __FILE__, __LINE__, 13);
