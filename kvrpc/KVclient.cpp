@@ -297,6 +297,8 @@ int KVcrt(const char* hostname, const char* type, const char* path, const char* 
   CLIENT* raw = nullptr;
   int rc = KVclnt_create(hostname, s.kvPort, &raw);
   if (rc != 0) return rc;
+  // Released on every path, a failed call too: each KVcrt makes a client of
+  // its own, and keeping the failed ones would leak a socket per call.
   ClientPtr client(raw);
 
   s.sharedTimeout.tv_sec = s.totalTimeout;

@@ -105,6 +105,17 @@ const svc_xp_ops kUdpOps = {udpRecv, udpGetargs, udpReply, udpFreeargs, udpDestr
 SVCXPRT* svcudp_bufcreate(int sockIn, u_int sendsz, u_int recvsz) {
   ScopedSocket sock(sockIn == RPC_ANYSOCK ? socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP) : sockIn);
   if (sock.get() < 0) return nullptr;
+  if (sockIn == RPC_ANYSOCK) {
+    // An unbound socket has no port and would never receive a request.
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (bind(sock.get(), reinterpret_cast<sockaddr*>(&any), sizeof any) < 0) {
+      const int e = errno;
+      c_logmsg(kComponent, 2, "cannot bind socket to port %d, errno=%d(%s)", 0, e, strerror(e));
+      return nullptr;
+    }
+  }
   sockaddr_storage addr;
   socklen_t len = sizeof addr;
   if (getsockname(sock.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
@@ -168,7 +179,7 @@ void svcudp_dispatch(SVCXPRT* xprt, const void* data, size_t len, const sockaddr
   if (len) memcpy(d->recvBuf.data(), data, len);
   d->recvLen = static_cast<u_int>(len);
   memset(&xprt->xp_raddr, 0, sizeof xprt->xp_raddr);
-  memcpy(&xprt->xp_raddr, from, fromlen);
+  if (fromlen) memcpy(&xprt->xp_raddr, from, fromlen);
   xprt->xp_addrlen = fromlen;
   rpc_call_hdr hdr;
   if (decodeCall(xprt, &hdr)) svc_dispatch_request(xprt, &hdr);

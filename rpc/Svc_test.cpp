@@ -199,6 +199,7 @@ TEST(Svc, SelectFailureEndsTheLoop) {
   testing::internal::CaptureStderr();
   SVCXPRT* victim = svcudp_bufcreate(RPC_ANYSOCK, 0, 0);
   ASSERT_NE(nullptr, victim);
+  EXPECT_NE(0, victim->xp_port) << "a socket of its own is bound to an ephemeral port";
   close(victim->xp_sock);  // closed behind the runtime's back
   svc_run();               // returns at once: select reports the bad descriptor
   const std::string err = testing::internal::GetCapturedStderr();

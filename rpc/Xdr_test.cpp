@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "testing/Hex.h"
+#include "testing/LogCapture.h"
 
 using testing_support::fromHex;
 using testing_support::toHex;
@@ -114,6 +115,18 @@ TEST(Xdr, RejectsStringsThatBreakTheirBoundsOrTheBuffer) {
     EXPECT_FALSE(xdr_string(&d.x, &s, c.maxsize)) << c.name;
     free(s);
   }
+}
+
+TEST(Xdr, OnlyLengthsBeyondTheAllocationLimitAreRefusedAsUnallocatable) {
+  testing_support::LogCapture log;
+  char* s = nullptr;
+  Decoder atLimit("07 ff ff ff 00");  // 0x7ffffff + 1 bytes: allowed, but not there
+  EXPECT_FALSE(xdr_wrapstring(&atLimit.x, &s));
+  EXPECT_FALSE(log.contains("cannot allocate"));
+  Decoder beyond("08 00 00 00 00");
+  EXPECT_FALSE(xdr_wrapstring(&beyond.x, &s));
+  EXPECT_TRUE(log.contains("cannot allocate 134217729 bytes"));
+  EXPECT_EQ(nullptr, s);
 }
 
 TEST(Xdr, VariableOpaqueRoundTrip) {
