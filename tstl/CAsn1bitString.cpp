@@ -56,7 +56,10 @@ int CAsn1bitString::setDER(const unsigned char* buffer, unsigned int* pos, unsig
   unsigned char unused = 0;
   in.readOctet(&unused);
   unsigned long long dataBits = (static_cast<unsigned long long>(length) - 1) * 8;
-  if (unused > 7 || unused > dataBits) {
+  // More unused bits than data bits would leave a negative bit count; any
+  // other count is taken as it comes (an unused-bits octet above 7 just
+  // drops whole octets at the end).
+  if (unused > dataBits) {
     log.msg(__LINE__, 2, "DER decoding-error at pos %u. %d unused bits in %u bytes", *pos - 1,
             unused, length - 1);
     return -1;

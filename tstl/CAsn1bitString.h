@@ -20,8 +20,8 @@ class CAsn1bitString : public CAsn1object {
 
   // 03, length, unused-bits octet, data; 03 00 when there are no bits.
   int getDER(unsigned char* buffer, unsigned int* pos) override;
-  // Identifier 0x03 required; length 0 gives no bits; an unused-bits octet
-  // above 7 (or more unused bits than there are) fails.
+  // Identifier 0x03 required; length 0 gives no bits; more unused bits than
+  // there are data bits fails.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
   unsigned int getSize() override;
 

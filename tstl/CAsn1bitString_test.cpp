@@ -36,10 +36,18 @@ TEST(CAsn1bitString, DecodingUndoesTheOrder) {
 
   ASSERT_EQ(setDerHex(bits, "03 00"), 0);
   EXPECT_EQ(bits.bitCount(), 0u);
+
+  // The count is length * 8 - 8 - unused, also for an unused-bits octet above 7.
+  ASSERT_EQ(setDerHex(bits, "03 03 09 80 00"), 0);
+  ASSERT_EQ(bits.bitCount(), 7u);
+  EXPECT_EQ(bits.getBit(6), 1);
+  EXPECT_EQ(bits.countSet(), 1u);
+  ASSERT_EQ(setDerHex(bits, "03 02 08 ff"), 0);
+  EXPECT_EQ(bits.bitCount(), 0u);
 }
 
 TEST(CAsn1bitString, RefusesBadInput) {
-  for (const char* hex : {"04 02 05 20", "03 03 05 20", "03 02 08 00", "03 01 01", "03", ""}) {
+  for (const char* hex : {"04 02 05 20", "03 03 05 20", "03 02 09 00", "03 01 01", "03", ""}) {
     CAsn1bitString bits;
     EXPECT_EQ(setDerHex(bits, hex), -1) << hex;
   }
