@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +47,7 @@ const char kMask[] = "********";
 
 constexpr long kDefaultConnectTimeoutS = 10;
 constexpr long kDefaultTotalTimeoutS = 60;
+constexpr long kMaxTimeoutS = INT_MAX / 1000;
 constexpr int kConnectAttempts = 10;
 constexpr int kRefusedRetryMs = 1000;
 constexpr unsigned char kTsaMsg = 0;       // RFC 3161 TCP flag of a request
@@ -118,15 +120,18 @@ long long nowMs() {
   return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
-// A positive number of seconds from the environment, else the default.
+// A number of seconds from the environment, else the default. Larger values
+// than kMaxTimeoutS are refused: libcurl ignores a time-out whose milliseconds
+// do not fit an int (leaving none at all), and poll takes an int too.
 long timeoutFromEnv(Log& log, const char* name, long fallback) {
   const char* value = getenv(name);
   if (value == nullptr || *value == '\0') return fallback;
   char* end = nullptr;
+  errno = 0;
   long seconds = strtol(value, &end, 10);
-  if (end == value || *end != '\0' || seconds <= 0) {
-    log.msg(__LINE__, 2, "%s '%s' is no positive number of seconds, using %ld", name, value,
-            fallback);
+  if (end == value || *end != '\0' || errno == ERANGE || seconds <= 0 || seconds > kMaxTimeoutS) {
+    log.msg(__LINE__, 2, "%s '%s' is no number of seconds from 1 to %ld, using %ld", name, value,
+            kMaxTimeoutS, fallback);
     return fallback;
   }
   return seconds;
@@ -732,8 +737,8 @@ const char* systemErrorText(int code) {
   Log log(kComponent, "systemErrorText", __FILE__, __LINE__, 13);
   char* buffer = state().errorText;
   String text = systemError(code);
-  // Texts longer than the buffer are cut to 254 characters.
-  size_t keep = text.str().size() > 256 ? 254 : text.str().size();
+  // Texts that do not fit the buffer with their NUL are cut to 254 characters.
+  size_t keep = text.str().size() >= sizeof state().errorText ? 254 : text.str().size();
   memcpy(buffer, text.c_str(), keep);
   buffer[keep] = '\0';
   return buffer;

@@ -371,6 +371,33 @@ TEST_F(TsRequestTest, HangingServerIsCutOffByTheTotalTimeout) {
   }
 }
 
+TEST_F(TsRequestTest, TimeoutVariablesOutOfRangeFallBackToTheDefaults) {
+  // Values whose milliseconds overflow an int would leave libcurl with no
+  // time-out at all and make poll wait for ever.
+  const struct {
+    const char* value;
+    long effective;
+    bool refused;
+  } cases[] = {{"7", 7, false},       {"2147483", 2147483, false},
+               {"2147484", 60, true}, {"99999999999999999999", 60, true},
+               {"0", 60, true},       {"-5", 60, true},
+               {"12s", 60, true},     {"", 60, false}};
+  Log::setLevel(9, 1);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    ScopedEnv timeout("TS_TIMEOUT", c.value);
+    LogCapture log;
+    initTsServer("127.0.0.1", 1, "tcp", nullptr);
+    EXPECT_TRUE(
+        log.contains("connect time-out 10 s, total time-out " + std::to_string(c.effective) + " s"))
+        << log.text();
+    EXPECT_EQ(log.contains("TS_TIMEOUT '" + std::string(c.value) +
+                           "' is no number of seconds from 1 to 2147483, using 60"),
+              c.refused)
+        << log.text();
+  }
+}
+
 TEST_F(TsRequestTest, RefusedConnectionIsRetriedWithinTheConnectTimeout) {
   ScopedEnv timeout("TS_CONNECT_TIMEOUT", "3");
   uint16_t port = unusedPort();
