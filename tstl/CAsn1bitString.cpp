@@ -77,6 +77,7 @@ int CAsn1bitString::setDER(const unsigned char* buffer, unsigned int* pos, unsig
 }
 
 unsigned int CAsn1bitString::countSet() const {
+  Log log("CAsn1bitString", "countSet", __FILE__, __LINE__, 13);
   unsigned int count = 0;
   for (unsigned char b : bits_) count += b != 0;
   return count;

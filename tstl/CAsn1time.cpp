@@ -46,6 +46,7 @@ std::string zoneText(int tzHours, int tzMinutes) {
 }  // namespace
 
 std::string CAsn1time::derText() const {
+  Log log("CAsn1time", "derText", __FILE__, __LINE__, 13);
   char b[128];
   if (type == kGeneralizedTime) {
     snprintf(b, sizeof b, "%04d%02d%02d%02d%02d%02d", year, month, day, hour, minute, second);
@@ -62,6 +63,7 @@ std::string CAsn1time::derText() const {
 }
 
 std::string CAsn1time::displayText() const {
+  Log log("CAsn1time", "displayText", __FILE__, __LINE__, 13);
   char b[128];
   if (second == -1) {
     snprintf(b, sizeof b, "%04d-%02d-%02d %02d:%02d", year, month, day, hour, minute);
@@ -122,8 +124,9 @@ int CAsn1time::setVal(const char* text, unsigned int length) {
   if (n != 14 && n != 12 && n != 10) return -1;
   for (unsigned int i = 0; i < n; ++i) {
     if (!isDigit(text[i])) {
-      log.msg(__LINE__, 2, "DER decoding-error: not a time text: %.*s", static_cast<int>(length),
-              text);
+      // The text comes from a peer: shown as hex and printable characters only.
+      log.msg(__LINE__, 2, "DER decoding-error: not a time text: %s",
+              derHexText(reinterpret_cast<const unsigned char*>(text), length, kMaxText).c_str());
       return -1;
     }
   }

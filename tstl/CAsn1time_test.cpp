@@ -138,6 +138,17 @@ TEST(CAsn1time, RefusesBadTexts) {
   }
 }
 
+TEST(CAsn1time, LogsAPeersBadTextWithoutItsControlCharacters) {
+  LogCapture log;
+  CAsn1time t;
+  const char text[] = "202401020304\n5Z";
+  EXPECT_EQ(t.setVal(text, sizeof text - 1), -1);
+  EXPECT_TRUE(
+      log.contains("not a time text: 32 30 32 34 30 31 30 32 30 33 30 34 0A 35 5A:"
+                   "202401020304.5Z"));
+  EXPECT_EQ(log.text().find("0304\n"), std::string::npos);
+}
+
 TEST(CAsn1time, RefusesWrongTypeLongTextAndTruncation) {
   LogCapture log;
   CAsn1time t;
