@@ -2,7 +2,8 @@
 // ASN.1: UTCTime ::= [UNIVERSAL 23] IMPLICIT VisibleString; GeneralizedTime ::= [UNIVERSAL 24] ...
 //
 // Text forms read: YYMMDDhhmm[ss] (UTCTime) or YYYYMMDDhhmmss (GeneralizedTime),
-// then 'Z', "+hhmm"/"-hhmm", or (with seconds) '.' fraction digits and 'Z'.
+// then 'Z', "+hhmm"/"-hhmm", (with seconds) '.' fraction digits and 'Z', or
+// nothing at all (read as GMT, the form the local signer writes).
 // Two-digit years below 51 are 20YY, the others 19YY ("50" is 2050).
 #ifndef TSTL_CASN1TIME_H_
 #define TSTL_CASN1TIME_H_
