@@ -15,8 +15,10 @@
 // Time-outs (beyond what a plain RFC 3161 client does): every exchange is
 // bounded by a connect time-out and a total time-out in seconds, read by
 // initTsServer from TS_CONNECT_TIMEOUT (default 10) and TS_TIMEOUT (default
-// 60). The login and password never reach the log in any form: messages that
-// would show them show "********" instead.
+// 60); a value that is no whole number from 1 to 2147483 is refused with a
+// level 2 message and the default is used. The login and password never
+// reach the log in any form: messages that would show them show "********"
+// instead.
 #ifndef TSTL_TSREQUEST_H_
 #define TSTL_TSREQUEST_H_
 
