@@ -69,7 +69,9 @@ int CAsn1name::setDER(const unsigned char* buffer, unsigned int* pos, unsigned i
     DerReader ahead(buffer, &next, end);
     unsigned int attributeLength = 0, lengthOctets = 0;
     if (!ahead.need(1) || !ahead.peekLength(&attributeLength, &lengthOctets)) return -1;
-    consumed += 1ULL + lengthOctets + attributeLength;
+    // The length field counts with its DER size, not with the octets found:
+    // a longer than minimal field counts short and the loop reads on.
+    consumed += 1ULL + derLengthSize(static_cast<int>(attributeLength)) + attributeLength;
     if (attributes_[count_].setDER(buffer, pos, end) != 0) return -1;
     ++count_;
   }

@@ -97,6 +97,9 @@ TEST(CAsn1name, RefusesBadInput) {
       "30 0c 31 0a 30 08 04 03 55 04 03 13 01 41",  // element type not an OID
       "30 0c 31 0a 30 08 06 03 55 04 03 13 05 41",  // value runs past the end
       ten.substr(0, ten.size() - 3),                // cut in the last RDN
+      // An RDN length in long form counts one octet short: the name reads on
+      // into the INTEGER after it.
+      "30 0d 31 81 0a 30 08 06 03 55 04 03 13 01 41 02 01 05",
       "30 81",
   };
   for (const std::string& hex : cases) {
