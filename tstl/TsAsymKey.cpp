@@ -1,8 +1,11 @@
 #include "tstl/TsAsymKey.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -134,7 +137,12 @@ int TsAsymKey::saveKey(const char* file, const char* password) const {
     log.msg(__LINE__, 2, "Parameter is null");
     return -1;
   }
-  BioPtr out(BIO_new_file(file, "w"));
+  // A private key is for its owner's eyes only, whatever the umask, and also
+  // when an existing file is overwritten.
+  BioPtr out;
+  int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd >= 0 && fchmod(fd, 0600) == 0) out.reset(BIO_new_fd(fd, BIO_CLOSE));
+  if (!out && fd >= 0) close(fd);
   if (!out) {
     log.msg(__LINE__, 2, "failed open the file \"%s\" to write the key", file);
     logOpenSslErrorQueue(kComponent, "saveKey");

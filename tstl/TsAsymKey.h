@@ -36,7 +36,8 @@ class TsAsymKey {
   // A failure leaves the key held before unchanged.
   int loadKey(const char* file, const char* password);
   // Writes the key as PEM (PKCS#8), encrypted with DES-EDE3-CBC under the
-  // password; an empty password writes it unencrypted. 0 on success; -1 when
+  // password; an empty password writes it unencrypted. The file is readable by
+  // its owner only (mode 0600). 0 on success; -1 when
   // no key is held or the password is missing, -2 when the file cannot be
   // opened, -3 when writing fails.
   int saveKey(const char* file, const char* password) const;

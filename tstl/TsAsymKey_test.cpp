@@ -4,6 +4,7 @@
 #include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -123,8 +124,13 @@ TEST_F(TsAsymKeyTest, PemKeysRoundTripAndWrongPasswordFails) {
 
 TEST_F(TsAsymKeyTest, EmptyPasswordWritesAPlainKey) {
   std::string file = dir_.file("plain.pem");
+  writeFile(file, "an older, world-readable file");
+  chmod(file.c_str(), 0644);
   ASSERT_EQ(rsa_->saveKey(file.c_str(), ""), 0);
   EXPECT_NE(readFile(file).find("BEGIN PRIVATE KEY"), std::string::npos);
+  struct stat st {};
+  ASSERT_EQ(stat(file.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u) << "a plain private key must not be readable by others";
   TsAsymKey loaded;
   ASSERT_EQ(loaded.loadKey(file.c_str(), ""), 0);
   EXPECT_EQ(loaded.comparePublicKey(rsa_->pkey()), 0);
