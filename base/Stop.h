@@ -1,0 +1,26 @@
+// Stop: the process-wide request to stop, raised by the signal thread and
+// watched by every long wait or loop (hashing, Timestamp Server exchanges,
+// back-off sleeps), so that a SIGTERM ends the worker promptly wherever it is.
+//
+// requestStop is async-signal-safe and may be called from any thread; the
+// others may be called from any thread too. A request cannot be taken back.
+#ifndef BASE_STOP_H_
+#define BASE_STOP_H_
+
+// Raises the stop request: stopRequested() turns true and stopWakeFd() becomes
+// readable. Calling it again changes nothing.
+void requestStop();
+
+// True once a stop has been requested.
+bool stopRequested();
+
+// A descriptor that becomes readable once a stop has been requested (and
+// stays readable): poll it beside a socket to wake at once. Never read it.
+int stopWakeFd();
+
+// Sleeps up to milliseconds (0 or less: not at all). true as soon as a stop
+// is requested (at once when one was requested before), false when the time
+// ran out.
+bool waitForStop(int milliseconds);
+
+#endif  // BASE_STOP_H_
