@@ -53,7 +53,7 @@ int CAsn1TSTInfo::setDER(const unsigned char* buffer, unsigned int* pos, unsigne
   }
   rest_.assign(buffer + *pos, buffer + contentEnd);
   hasNonce_ = false;
-  nonce.value = 0;
+  nonce.setValue(0);
   // Accuracy, ordering, tsa and extensions stay raw; the nonce is the one
   // INTEGER among them.
   while (!content.atEnd()) {
@@ -70,8 +70,8 @@ int CAsn1TSTInfo::setDER(const unsigned char* buffer, unsigned int* pos, unsigne
     if (!content.skip(skip)) return -1;
   }
   *pos = contentEnd;
-  log.msg(__LINE__, 9, "deserialized TSTInfo serial %d with %u bytes after genTime",
-          serialNumber.value, static_cast<unsigned int>(rest_.size()));
+  log.msg(__LINE__, 9, "deserialized TSTInfo serial 0x%s with %u bytes after genTime",
+          serialNumber.hex().c_str(), static_cast<unsigned int>(rest_.size()));
   return 0;
 }
 

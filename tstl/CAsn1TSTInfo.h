@@ -13,6 +13,7 @@
 
 #include <vector>
 
+#include "tstl/CAsn1bigInteger.h"
 #include "tstl/CAsn1integer.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1object.h"
@@ -46,9 +47,9 @@ class CAsn1TSTInfo : public CAsn1object {
   CAsn1integer version{1};
   CAsn1oid policy;
   CAsn1messageImprint messageImprint;
-  CAsn1integer serialNumber;
+  CAsn1bigInteger serialNumber;
   CAsn1time genTime;
-  CAsn1integer nonce;
+  CAsn1bigInteger nonce;
 
  private:
   unsigned int sequenceContentSize();

@@ -254,7 +254,7 @@ void CAsn1ietfTSResp::setPolicy(int nid) {
 }
 
 void CAsn1ietfTSResp::setSerialNumber(int serial) {
-  tstInfo_.serialNumber.value = serial;
+  tstInfo_.serialNumber.setValue(static_cast<uint64_t>(static_cast<unsigned int>(serial)));
   serialSet_ = true;
 }
 

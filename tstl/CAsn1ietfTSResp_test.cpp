@@ -114,13 +114,17 @@ TEST_P(GrantedResponse, DecodesLikeOpenSslAndReencodesIdentically) {
   EXPECT_EQ(resp.getStatus(), facts.status);
   const CAsn1TSTInfo& tst = resp.getTSTInfo();
   EXPECT_EQ(dotted(tst.policy.nid), facts.policyOid);
-  EXPECT_EQ(tst.serialNumber.value, facts.serial);
+  uint64_t serial = 0;
+  ASSERT_TRUE(tst.serialNumber.toUint64(&serial));
+  EXPECT_EQ(static_cast<long>(serial), facts.serial);
   EXPECT_EQ(tst.genTime.derText(), facts.genTime);
   EXPECT_EQ(tst.messageImprint.hashAlgorithm.algorithm.nid, facts.imprintNid);
   EXPECT_EQ(bytesOf(tst.messageImprint.hashedMessage), facts.imprint);
   EXPECT_EQ(tst.hasNonce(), facts.hasNonce);
   if (facts.hasNonce) {
-    EXPECT_EQ(tst.nonce.value, facts.nonce);
+    uint64_t nonce = 0;
+    ASSERT_TRUE(tst.nonce.toUint64(&nonce));
+    EXPECT_EQ(static_cast<long>(nonce), facts.nonce);
   }
   EXPECT_EQ(resp.getCertCount(), static_cast<unsigned int>(facts.certificateCount));
   if (c.certReq) {

@@ -4,6 +4,7 @@
 
 #include "testing/DerTest.h"
 #include "testing/LogCapture.h"
+#include "tstl/CAsn1bigInteger.h"
 #include "tstl/CAsn1boolean.h"
 
 using testing_support::derHex;
@@ -67,6 +68,49 @@ TEST(CAsn1integer, RefusesWrongTagLongValuesAndTruncation) {
     CAsn1integer i;
     EXPECT_EQ(setDerHex(i, c.hex), -1) << c.hex;
     EXPECT_TRUE(log.contains(c.message)) << c.message;
+  }
+}
+
+TEST(CAsn1bigInteger, KeepsUpTo21OctetsAsTheyCame) {
+  const std::string serial20 = "02 14 7f 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13";
+  struct Case {
+    std::string der;
+    const char* hex;  // "" = refused
+  } cases[] = {
+      {"02 01 00", "00"},
+      {"02 02 00 80", "80"},
+      {"02 03 00 00 80", "000080"},  // not minimal, kept so
+      {serial20, "7F0102030405060708090A0B0C0D0E0F10111213"},
+      {"02 15 00 c3 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13",
+       "C30102030405060708090A0B0C0D0E0F10111213"},
+      {"02 16 00 c3 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13 14", ""},
+      {"02 00", ""},
+  };
+  LogCapture log;
+  for (const Case& c : cases) {
+    CAsn1bigInteger i;
+    const bool ok = *c.hex != '\0';
+    EXPECT_EQ(setDerHex(i, c.der), ok ? 0 : -1) << c.der;
+    if (!ok) continue;
+    EXPECT_EQ(i.hex(), c.hex);
+    EXPECT_EQ(derHex(i), c.der);
+  }
+  EXPECT_TRUE(log.contains("Size of integer value > 21 bytes"));
+  EXPECT_TRUE(log.contains("INTEGER without content octets"));
+  struct Value {
+    uint64_t value;
+    const char* der;
+  } values[] = {
+      {0, "02 01 00"},
+      {0x80, "02 02 00 80"},
+      {0xF102030405060708, "02 09 00 f1 02 03 04 05 06 07 08"},
+  };
+  for (const Value& v : values) {
+    CAsn1bigInteger i(v.value);
+    EXPECT_EQ(derHex(i), v.der);
+    uint64_t back = 1;
+    EXPECT_TRUE(i.toUint64(&back));
+    EXPECT_EQ(back, v.value);
   }
 }
 

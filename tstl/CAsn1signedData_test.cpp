@@ -195,12 +195,14 @@ TEST(CAsn1TSTInfo, KeepsTheRestRawAndTheLastIntegerAsNonce) {
   struct Case {
     const char* rest;
     bool hasNonce;
-    int nonce;
+    const char* nonce;  // hex
   } cases[] = {
-      {"", false, 0},
-      {"30 06 02 01 01 80 01 05 01 01 FF 02 01 07", true, 7},  // accuracy, ordering, nonce
-      {"02 01 07 A0 05 A4 03 30 01 00 02 02 01 09", true, 265},
-      {"A1 03 30 01 00", false, 0},
+      {"", false, "00"},
+      {"30 06 02 01 01 80 01 05 01 01 FF 02 01 07", true, "07"},  // accuracy, ordering, nonce
+      {"02 01 07 A0 05 A4 03 30 01 00 02 02 01 09", true, "0109"},
+      {"A1 03 30 01 00", false, "00"},
+      // a 64-bit nonce with its sign octet
+      {"02 09 00 F1 02 03 04 05 06 07 08", true, "F102030405060708"},
   };
   for (const Case& c : cases) {
     const Bytes der = tstInfo(fromHex(c.rest));
@@ -208,10 +210,10 @@ TEST(CAsn1TSTInfo, KeepsTheRestRawAndTheLastIntegerAsNonce) {
     unsigned int pos = 0;
     ASSERT_EQ(decode(tst, der, &pos), 0) << c.rest;
     EXPECT_EQ(pos, der.size());
-    EXPECT_EQ(tst.serialNumber.value, 0x1234);
+    EXPECT_EQ(tst.serialNumber.hex(), "1234");
     EXPECT_EQ(tst.genTime.fraction, 0.5);
     EXPECT_EQ(tst.hasNonce(), c.hasNonce) << c.rest;
-    EXPECT_EQ(tst.nonce.value, c.nonce) << c.rest;
+    EXPECT_EQ(tst.nonce.hex(), c.nonce) << c.rest;
     EXPECT_EQ(toHex(tst.rest()), toHex(fromHex(c.rest)));
     EXPECT_EQ(encodeDER(tst), der) << c.rest;
     CAsn1string tbs;
@@ -221,8 +223,10 @@ TEST(CAsn1TSTInfo, KeepsTheRestRawAndTheLastIntegerAsNonce) {
     EXPECT_EQ(Bytes(tbs.data(), tbs.data() + tbs.length()),
               Bytes(der.begin() + static_cast<long>(headers), der.end()));
   }
+  // Nonces of up to 21 content octets are read, longer ones refused.
   CAsn1TSTInfo tst;
-  EXPECT_EQ(decode(tst, tstInfo(fromHex("02 05 01 02 03 04 05"))), -1);
+  EXPECT_EQ(decode(tst, tstInfo(tlv(0x02, Bytes(21, 0x11)))), 0);
+  EXPECT_EQ(decode(tst, tstInfo(tlv(0x02, Bytes(22, 0x11)))), -1);
 }
 
 TEST(CAsn1attributes, KeepsUnknownValuesAndStopsAtTen) {

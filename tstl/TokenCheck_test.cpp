@@ -1,0 +1,305 @@
+// The token checks against tokens signed by OpenSSL's CMS and TSA code in the
+// shapes real Timestamp Servers send, good and broken.
+#include "tstl/TokenCheck.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "testing/OpenSslTsa.h"
+#include "testing/TempDir.h"
+#include "testing/TokenMaker.h"
+
+namespace {
+
+using testing_support::digestOf;
+using testing_support::SignerKey;
+using testing_support::TempDir;
+using testing_support::TestCa;
+using testing_support::TokenMaker;
+using testing_support::TokenShape;
+using Bytes = std::vector<uint8_t>;
+
+// One maker for the whole file: key generation is the slow part.
+TokenMaker& maker() {
+  static TokenMaker* m = new TokenMaker;
+  return *m;
+}
+
+TokenExpectations imprintOf(int nid, const std::string& data) {
+  TokenExpectations e;
+  e.hashNid = nid;
+  const Bytes d = digestOf(nid, data);
+  e.digest.assign(d.begin(), d.end());
+  return e;
+}
+
+Bytes serialOf(size_t octets, uint8_t first) {
+  Bytes s(octets, 0x5A);
+  s[0] = first;
+  return s;
+}
+
+TokenCheckResult check(const Bytes& der, const TokenExpectations* expect,
+                       const TokenTrust* trust = nullptr) {
+  return checkTimestampResponse(der.data(), der.size(), expect, trust);
+}
+
+TEST(TokenCheck, RealShapesVerify) {
+  struct Case {
+    const char* name;
+    SignerKey key;
+    int imprintNid;
+    int signerDigestNid;
+    Bytes serial;
+    bool essV1;
+    const char* serialHex;
+  } cases[] = {
+      {"rsa, 20-octet serial", SignerKey::kRsa, NID_sha256, NID_sha256, serialOf(20, 0x7F), false,
+       "7F5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A"},
+      {"rsa, 160-bit serial with sign octet", SignerKey::kRsa, NID_sha512, NID_sha256,
+       [] {
+         Bytes s = serialOf(21, 0x00);
+         s[1] = 0xC3;
+         return s;
+       }(),
+       false, "C35A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A"},
+      {"rsa-pss", SignerKey::kRsaPss, NID_sha256, NID_sha384, {0x01}, false, "01"},
+      {"ecdsa p-256, signingCertificate v1",
+       SignerKey::kEc256,
+       NID_sha1,
+       NID_sha256,
+       {0x02},
+       true,
+       "02"},
+      {"ecdsa p-384", SignerKey::kEc384, NID_sha384, NID_sha384, serialOf(16, 0x11), false,
+       "115A5A5A5A5A5A5A5A5A5A5A5A5A5A5A"},
+      {"ecdsa p-521", SignerKey::kEc521, NID_sha3_512, NID_sha512, {0x00, 0x80}, false, "80"},
+  };
+  for (const Case& c : cases) {
+    TokenShape shape;
+    shape.key = c.key;
+    shape.imprintNid = c.imprintNid;
+    shape.signerDigestNid = c.signerDigestNid;
+    shape.serial = c.serial;
+    shape.essV1 = c.essV1;
+    shape.tsaName = true;
+    const Bytes der = maker().response(shape);
+    ASSERT_FALSE(der.empty()) << c.name << ": " << maker().error();
+    const TokenExpectations expect = imprintOf(c.imprintNid, "clockette");
+    const TokenCheckResult r = check(der, &expect);
+    EXPECT_TRUE(r.ok) << c.name << ": " << r.reason;
+    EXPECT_TRUE(r.facts.signatureChecked) << c.name;
+    EXPECT_FALSE(r.facts.chainChecked) << c.name;
+    EXPECT_EQ(r.facts.serialHex, c.serialHex) << c.name;
+    EXPECT_EQ(r.facts.hashNid, c.imprintNid) << c.name;
+    EXPECT_EQ(r.facts.policyOid, "1.3.6.1.4.1.7359.1.2") << c.name;
+    EXPECT_NE(r.facts.tsaName.find("CN = Clockette Token Signer"), std::string::npos)
+        << r.facts.tsaName;
+  }
+}
+
+TEST(TokenCheck, TokensOfOpenSslsOwnTsaVerify) {
+  for (auto keyType :
+       {testing_support::OpenSslTsa::KeyType::kRsa, testing_support::OpenSslTsa::KeyType::kEcdsa}) {
+    testing_support::OpenSslTsa tsa(keyType);
+    ASSERT_TRUE(tsa.ok()) << tsa.error();
+    testing_support::TsRequestOptions request;
+    request.withNonce = true;
+    const Bytes der = tsa.respond(request, {});
+    TokenExpectations expect = imprintOf(NID_sha256, "clockette");
+    expect.nonce = request.nonce;
+    const TokenCheckResult r = check(der, &expect);
+    EXPECT_TRUE(r.ok) << r.reason;
+    EXPECT_TRUE(r.facts.signatureChecked);
+    EXPECT_EQ(r.facts.serialHex, "1234");
+    EXPECT_EQ(r.facts.nonceHex, "01020304");
+    EXPECT_EQ(r.facts.genTimeDer.size(), 15u) << r.facts.genTimeDer;
+  }
+}
+
+TEST(TokenCheck, TokensThatProveNothingAreRefused) {
+  const Bytes otherDigest = digestOf(NID_sha256, "another file");
+  struct Case {
+    const char* name;
+    TokenShape shape;
+    TokenExpectations expect;
+    const char* reason;  // part of the reason text
+  } cases[] = {
+      {"another imprint",
+       [&] {
+         TokenShape s;
+         s.digest = otherDigest;
+         return s;
+       }(),
+       imprintOf(NID_sha256, "clockette"), "the request asked for SHA256"},
+      {"another algorithm",
+       [] {
+         TokenShape s;
+         s.imprintNid = NID_sha512;
+         return s;
+       }(),
+       imprintOf(NID_sha256, "clockette"), "the token covers SHA512"},
+      {"flipped signature bit",
+       [] {
+         TokenShape s;
+         s.flipSignature = true;
+         return s;
+       }(),
+       imprintOf(NID_sha256, "clockette"), "signature does not hold"},
+      {"flipped ecdsa signature bit",
+       [] {
+         TokenShape s;
+         s.key = SignerKey::kEc384;
+         s.flipSignature = true;
+         return s;
+       }(),
+       imprintOf(NID_sha256, "clockette"), "signature does not hold"},
+      {"nonce not echoed",
+       {},
+       [] {
+         TokenExpectations e = imprintOf(NID_sha256, "clockette");
+         e.nonce = {0x11, 0x22};
+         return e;
+       }(),
+       "carries no nonce, the request sent 1122"},
+      {"another nonce",
+       [] {
+         TokenShape s;
+         s.nonce = {0x11, 0x23};
+         return s;
+       }(),
+       [] {
+         TokenExpectations e = imprintOf(NID_sha256, "clockette");
+         e.nonce = {0x11, 0x22};
+         return e;
+       }(),
+       "nonce 1123 is not the request's 1122"},
+      {"another policy",
+       {},
+       [] {
+         TokenExpectations e = imprintOf(NID_sha256, "clockette");
+         e.policyOid = "1.2.3.4.5";
+         return e;
+       }(),
+       "policy 1.3.6.1.4.1.7359.1.2 is not the requested 1.2.3.4.5"},
+  };
+  for (const Case& c : cases) {
+    const Bytes der = maker().response(c.shape);
+    ASSERT_FALSE(der.empty()) << c.name << ": " << maker().error();
+    const TokenCheckResult r = check(der, &c.expect);
+    EXPECT_FALSE(r.ok) << c.name;
+    EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
+  }
+  // The imprint text names both digests.
+  TokenShape shape;
+  shape.digest = otherDigest;
+  const TokenExpectations expect = imprintOf(NID_sha256, "clockette");
+  const TokenCheckResult r = check(maker().response(shape), &expect);
+  EXPECT_NE(r.reason.find(hexOf(otherDigest.data(), otherDigest.size())), std::string::npos);
+  EXPECT_NE(r.reason.find(hexOf(expect.digest.data(), expect.digest.size())), std::string::npos);
+}
+
+TEST(TokenCheck, AnswersWithoutAGrantedTokenAreRefused) {
+  struct Case {
+    const char* name;
+    Bytes der;
+    const char* reason;
+  } cases[] = {
+      {"granted, no token", {0x30, 0x05, 0x30, 0x03, 0x02, 0x01, 0x00}, "carries no timestamp"},
+      {"rejection", {0x30, 0x05, 0x30, 0x03, 0x02, 0x01, 0x02}, "status is 2"},
+      {"no TimeStampResp", {0x04, 0x01, 0x00}, "no TimeStampResp"},
+      {"empty", {}, "no TimeStampResp"},
+  };
+  for (const Case& c : cases) {
+    const TokenCheckResult r = check(c.der, nullptr);
+    EXPECT_FALSE(r.ok) << c.name;
+    EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
+  }
+}
+
+TEST(TokenCheck, TrustAnchorsAndTheSignerCertificate) {
+  TempDir dir;
+  ASSERT_TRUE(maker().ca().writeCaPem(dir.file("ca.pem")));
+  TestCa otherCa;
+  ASSERT_TRUE(otherCa.writeCaPem(dir.file("other-ca.pem")));
+  TokenShape plain;
+  ASSERT_TRUE(TestCa::writeCertPem(maker().signer(plain), dir.file("signer.pem")));
+  testing_support::makeDir(dir.file("anchors"));
+  ASSERT_TRUE(maker().ca().writeCaPem(dir.file("anchors/ca.crt")));
+  testing_support::writeFile(dir.file("anchors/README"), "not a certificate\n");
+
+  TokenShape noCert;
+  noCert.includeSigner = false;
+  TokenShape noUsage;
+  noUsage.timestampingUsage = false;
+  TokenShape expiredBefore;  // expired two hours before genTime (now)
+  expiredBefore.signerFrom = -20 * 3600;
+  expiredBefore.signerTo = -2 * 3600;
+  TokenShape validAtGenTime = expiredBefore;  // made while the certificate was valid
+  validAtGenTime.genTime = time(nullptr) - 10 * 3600;
+
+  struct Case {
+    const char* name;
+    const TokenShape& shape;
+    std::string ca;
+    std::string certs;
+    bool ok;
+    bool signatureChecked;
+    bool chainChecked;
+    const char* reason;
+  } cases[] = {
+      {"signer in token, no anchors", plain, "", "", true, true, false, ""},
+      {"no signer at hand, no anchors", noCert, "", "", true, false, false, ""},
+      {"signer from the untrusted file", noCert, "", dir.file("signer.pem"), true, true, false, ""},
+      {"anchor file", plain, dir.file("ca.pem"), "", true, true, true, ""},
+      {"anchor directory", plain, dir.file("anchors"), "", true, true, true, ""},
+      {"anchors, signer from the untrusted file", noCert, dir.file("ca.pem"),
+       dir.file("signer.pem"), true, true, true, ""},
+      {"anchors, no signer at hand", noCert, dir.file("ca.pem"), "", false, false, false,
+       "signer certificate is neither"},
+      {"another anchor", plain, dir.file("other-ca.pem"), "", false, true, false,
+       "does not chain to a trust anchor"},
+      {"no timeStamping usage", noUsage, dir.file("ca.pem"), "", false, true, false,
+       "lacks the critical extendedKeyUsage timeStamping"},
+      {"expired before genTime", expiredBefore, dir.file("ca.pem"), "", false, true, false,
+       "certificate has expired"},
+      {"valid at genTime", validAtGenTime, dir.file("ca.pem"), "", true, true, true, ""},
+  };
+  const TokenExpectations expect = imprintOf(NID_sha256, "clockette");
+  for (const Case& c : cases) {
+    TokenTrust trust;
+    std::string error;
+    ASSERT_TRUE(trust.load(c.ca, c.certs, &error)) << c.name << ": " << error;
+    const Bytes der = maker().response(c.shape);
+    ASSERT_FALSE(der.empty()) << c.name << ": " << maker().error();
+    const TokenCheckResult r = check(der, &expect, &trust);
+    EXPECT_EQ(r.ok, c.ok) << c.name << ": " << r.reason;
+    EXPECT_EQ(r.facts.signatureChecked, c.signatureChecked) << c.name;
+    EXPECT_EQ(r.facts.chainChecked, c.chainChecked) << c.name;
+    EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
+  }
+}
+
+TEST(TokenCheck, UnreadableTrustSettingsAreReported) {
+  TempDir dir;
+  testing_support::writeFile(dir.file("empty.pem"), "");
+  struct Case {
+    std::string ca, certs;
+  } cases[] = {
+      {dir.file("missing.pem"), ""},
+      {dir.file("empty.pem"), ""},
+      {dir.path(), ""},  // a directory without certificates
+      {"", dir.file("missing.pem")},
+      {"", dir.file("empty.pem")},
+  };
+  for (const Case& c : cases) {
+    TokenTrust trust;
+    std::string error;
+    EXPECT_FALSE(trust.load(c.ca, c.certs, &error)) << c.ca << c.certs;
+    EXPECT_NE(error.find(c.ca.empty() ? c.certs : c.ca), std::string::npos) << error;
+  }
+}
+
+}  // namespace
