@@ -5,7 +5,6 @@
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <openssl/ts.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,10 +18,7 @@
 namespace testtsa {
 namespace {
 
-using BioPtr = std::unique_ptr<BIO, OpenSslDeleter<BIO, BIO_free_all>>;
-using TsRespPtr = std::unique_ptr<TS_RESP, OpenSslDeleter<TS_RESP, TS_RESP_free>>;
 using SslPtr = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
-using ObjPtr = std::unique_ptr<ASN1_OBJECT, OpenSslDeleter<ASN1_OBJECT, ASN1_OBJECT_free>>;
 
 constexpr size_t kMaxHeader = 64 * 1024;
 constexpr size_t kMaxBody = 1024 * 1024;
@@ -93,6 +89,18 @@ const char* faultName(Fault f) {
       return "garbage";
     case Fault::kEmpty:
       return "empty";
+    case Fault::kOtherImprint:
+      return "otherimprint";
+    case Fault::kReplay:
+      return "replay";
+    case Fault::kBadSignature:
+      return "badsignature";
+    case Fault::kNoCert:
+      return "nocert";
+    case Fault::kNoEku:
+      return "noeku";
+    case Fault::kExpired:
+      return "expired";
   }
   return "?";
 }
@@ -104,9 +112,10 @@ const std::string kGarbage = std::string("\x30\x82\x0f\xa0", 4) + "garbage from 
 }  // namespace
 
 bool parseFault(const std::string& name, Fault* fault) {
-  for (Fault f :
-       {Fault::kNone, Fault::kHttp500, Fault::kReject, Fault::kNotWorking, Fault::kBody4096,
-        Fault::kBodyLarge, Fault::kBadFlag, Fault::kHang, Fault::kGarbage, Fault::kEmpty}) {
+  for (Fault f : {Fault::kNone, Fault::kHttp500, Fault::kReject, Fault::kNotWorking,
+                  Fault::kBody4096, Fault::kBodyLarge, Fault::kBadFlag, Fault::kHang,
+                  Fault::kGarbage, Fault::kEmpty, Fault::kOtherImprint, Fault::kReplay,
+                  Fault::kBadSignature, Fault::kNoCert, Fault::kNoEku, Fault::kExpired}) {
     if (name == faultName(f)) {
       *fault = f;
       return true;
@@ -200,43 +209,20 @@ TsaServer::~TsaServer() {
   for (int fd : listenFds_) {
     if (fd >= 0) close(fd);
   }
-  if (respCtx_) TS_RESP_CTX_free(respCtx_);
   if (sslCtx_) SSL_CTX_free(sslCtx_);
 }
 
-ASN1_INTEGER* TsaServer::nextSerial(TS_RESP_CTX* ctx, void* data) {
-  auto* self = static_cast<TsaServer*>(data);
-  if (self->options_.fault == Fault::kReject) {
-    TS_RESP_CTX_set_status_info(ctx, TS_STATUS_REJECTION, "request rejected by the test server");
-    TS_RESP_CTX_add_failure_info(ctx, TS_INFO_ADD_INFO_NOT_AVAILABLE);
-    return nullptr;
-  }
-  ASN1_INTEGER* serial = ASN1_INTEGER_new();
-  if (serial) ASN1_INTEGER_set(serial, ++self->serial_);  // under respMutex_
-  return serial;
-}
-
 bool TsaServer::start(std::string* error) {
-  respCtx_ = TS_RESP_CTX_new();
-  ObjPtr policy(OBJ_txt2obj(options_.policyOid.c_str(), 1));
-  if (!respCtx_ || !policy) {
-    *error = "cannot set up the response context: " + openSslErrorText();
-    return false;
-  }
-  TS_RESP_CTX_set_signer_cert(respCtx_, pki_->tsaCert.get());
-  TS_RESP_CTX_set_signer_key(respCtx_, pki_->tsaKey.get());
-  TS_RESP_CTX_set_signer_digest(respCtx_, EVP_sha256());
-  TS_RESP_CTX_set_def_policy(respCtx_, policy.get());
-  STACK_OF(X509)* chain = sk_X509_new_null();
-  sk_X509_push(chain, pki_->caCert.get());
-  TS_RESP_CTX_set_certs(respCtx_, chain);  // copies
-  sk_X509_free(chain);
-  for (const char* md : {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512", "RIPEMD160", "MD5"}) {
-    if (const EVP_MD* m = EVP_get_digestbyname(md)) TS_RESP_CTX_add_md(respCtx_, m);
-  }
-  TS_RESP_CTX_set_accuracy(respCtx_, 1, 0, 0);
-  TS_RESP_CTX_set_serial_cb(respCtx_, &TsaServer::nextSerial, this);
-  ERR_clear_error();
+  SignerSpec spec = options_.signer;
+  if (options_.fault == Fault::kNoEku) spec.timeStamping = false;
+  if (options_.fault == Fault::kExpired) spec.expired = true;
+  if (!loadOrCreateSigner(*pki_, spec, &signer_, error)) return false;
+  TokenShape shape = options_.shape;
+  shape.reject = options_.fault == Fault::kReject;
+  shape.otherImprint = options_.fault == Fault::kOtherImprint;
+  shape.flipSignature = options_.fault == Fault::kBadSignature;
+  shape.noCertificates = options_.fault == Fault::kNoCert;
+  maker_ = std::make_unique<TokenMaker>(shape, &signer_);
 
   if (options_.httpsPort >= 0) {
     sslCtx_ = SSL_CTX_new(TLS_server_method());
@@ -471,18 +457,11 @@ void TsaServer::serveTcp(Stream* stream) {
 
 std::string TsaServer::makeResponse(const std::string& request) {
   std::lock_guard<std::mutex> lock(respMutex_);
-  BioPtr in(BIO_new_mem_buf(request.data(), static_cast<int>(request.size())));
-  TsRespPtr resp(in ? TS_RESP_create_response(respCtx_, in.get()) : nullptr);
-  if (!resp) {
-    note("cannot create a response: " + openSslErrorText());
-    return std::string();
-  }
-  ERR_clear_error();  // a rejection leaves the reasons in the queue
-  int len = i2d_TS_RESP(resp.get(), nullptr);
-  if (len <= 0) return std::string();
-  std::string der(static_cast<size_t>(len), '\0');
-  auto* p = reinterpret_cast<unsigned char*>(der.data());
-  i2d_TS_RESP(resp.get(), &p);
+  if (options_.fault == Fault::kReplay && !lastAnswer_.empty()) return lastAnswer_;
+  std::string error;
+  std::string der = maker_->answer(request, &error);
+  if (der.empty()) note("cannot create a response: " + error + openSslErrorText());
+  lastAnswer_ = der;
   return der;
 }
 

@@ -1,14 +1,15 @@
 // TsaServer: a small RFC 3161 Timestamp Server for tests and local runs.
 //
-// Answers timestamp requests with OpenSSL's own TSA code (TS_RESP_CTX), so its
-// replies are an independent reference for the requester. Three listeners on
+// Answers timestamp requests with tokens built on OpenSSL's TS and CMS code
+// (TokenMaker), so its replies are an independent reference for the
+// requester, in the shapes of real servers when asked. Three listeners on
 // one address: HTTP, HTTPS (OpenSSL TLS with a CA-signed localhost
 // certificate) and the raw RFC 3161 TCP transport (4-byte big-endian length,
 // one flag byte, the DER message). Every HTTP request path is accepted.
 //
 // A fault mode makes every answer wrong in one chosen way, so clients can be
 // tested against broken servers. Each connection runs on a thread of its own;
-// the response context is shared under a mutex. run() returns when stop() was
+// the token maker is shared under a mutex. run() returns when stop() was
 // called (from a signal handler too: it only sets a flag).
 #ifndef TOOLS_TESTTSA_TSASERVER_H_
 #define TOOLS_TESTTSA_TSASERVER_H_
@@ -19,11 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "tools/testtsa/TokenMaker.h"
 #include "tools/testtsa/TsaPki.h"
 
-struct asn1_string_st;
 struct ssl_ctx_st;
-struct TS_resp_ctx;
 
 namespace testtsa {
 
@@ -38,10 +38,18 @@ enum class Fault {
   kHang,        // read the request, never answer, keep the connection open
   kGarbage,     // bytes that are no DER TimeStampResp, framed correctly
   kEmpty,       // HTTP: 200 with an empty body; raw TCP: close without a byte
+  // Granted answers whose token proves nothing:
+  kOtherImprint,  // the token covers another digest than the request's
+  kReplay,        // the previous answer again (the first request is answered right)
+  kBadSignature,  // one octet of the signature value inverted
+  kNoCert,        // no certificate in the token, even when the request asks for them
+  kNoEku,         // signed by a certificate without the timeStamping usage
+  kExpired,       // signed by a certificate that expired before genTime
 };
 
 // "none", "http500", "reject", "notworking", "body4096", "bodylarge", "badflag",
-// "hang", "garbage", "empty". Returns false for an unknown name.
+// "hang", "garbage", "empty", "otherimprint", "replay", "badsignature",
+// "nocert", "noeku", "expired". Returns false for an unknown name.
 bool parseFault(const std::string& name, Fault* fault);
 
 struct TsaOptions {
@@ -52,7 +60,8 @@ struct TsaOptions {
   bool requireAuth = false;  // demand HTTP Basic login:password
   std::string login;
   std::string password;
-  std::string policyOid = "1.2.3.4.1";
+  TokenShape shape;   // the fault fields are set from fault
+  SignerSpec signer;  // the certificate fields are set from fault
   Fault fault = Fault::kNone;
 };
 
@@ -69,6 +78,8 @@ class TsaServer {
   int httpPort() const { return ports_[0]; }
   int httpsPort() const { return ports_[1]; }
   int tcpPort() const { return ports_[2]; }
+  // PEM file of the signing certificate and its intermediate; valid after start().
+  const std::string& signerCertFile() const { return signer_.certFile; }
   // Accepts connections until stop().
   void run();
   void stop() { stopping_ = true; }
@@ -83,20 +94,19 @@ class TsaServer {
   void serveConnection(Transport transport, int fd);
   void serveHttp(Stream* stream, const char* name);
   void serveTcp(Stream* stream);
-  // DER TimeStampResp for a DER TimeStampReq, shaped by the fault mode (reject).
+  // DER TimeStampResp for a DER TimeStampReq, shaped by the options.
   std::string makeResponse(const std::string& request);
   std::string faultBody(size_t size, const std::string& valid) const;
   void hang();
-  // Serial numbers 1, 2, ...; in reject mode sets the rejection status instead.
-  static asn1_string_st* nextSerial(TS_resp_ctx* ctx, void* self);
   void note(const std::string& line);
 
   TsaOptions options_;
   TsaPki* pki_;
   ssl_ctx_st* sslCtx_ = nullptr;
-  TS_resp_ctx* respCtx_ = nullptr;
-  std::mutex respMutex_;  // guards respCtx_ and serial_
-  long serial_ = 0;
+  Signer signer_;
+  std::unique_ptr<TokenMaker> maker_;
+  std::mutex respMutex_;  // guards maker_ and lastAnswer_
+  std::string lastAnswer_;
   std::mutex noteMutex_;
   std::atomic<bool> stopping_{false};
   int listenFds_[3] = {-1, -1, -1};

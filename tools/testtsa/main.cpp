@@ -33,9 +33,30 @@ int usage(const char* program) {
       "  --tcp-port N       raw RFC 3161 TCP port (default 0 = ephemeral, -1 = off)\n"
       "  --login L --password P\n"
       "                     demand HTTP Basic authorization with these credentials\n"
-      "  --policy OID       default TSA policy (default 1.2.3.4.1)\n"
+      "  --policy OID       TSA policy (default 1.2.3.4.1); a request for another is rejected\n"
       "  --fault MODE       answer every request wrongly: http500, reject, notworking,\n"
-      "                     body4096, bodylarge, badflag, hang, garbage, empty (default none)\n",
+      "                     body4096, bodylarge, badflag, hang, garbage, empty (default none);\n"
+      "                     or grant a token that proves nothing: otherimprint (another\n"
+      "                     digest), replay (the previous answer again), badsignature (one\n"
+      "                     signature octet inverted), nocert (no certificate even on\n"
+      "                     certReq), noeku (signer without timeStamping usage), expired\n"
+      "                     (signer expired before genTime)\n"
+      "Token shapes of real servers:\n"
+      "  --key KIND         signing key: rsa (default), rsa-pss, ec256, ec384 (signs with "
+      "SHA-384)\n"
+      "  --intermediate     the signer is issued by an intermediate CA under the CA\n"
+      "  --serial-bytes N   token serial numbers and the signer's (and intermediate's)\n"
+      "                     certificate serials of exactly N octets, 1..20 (default: 1, 2, ...)\n"
+      "  --accuracy S,MS,US accuracy in seconds, milliseconds, microseconds (default 1,0,0);\n"
+      "                     \"none\" leaves it out\n"
+      "  --ordering         ordering TRUE\n"
+      "  --tsa-name         the signer's subject as TSA name\n"
+      "  --ess v1|v2|both   signingCertificate (ESSCertID, default), signingCertificateV2\n"
+      "                     (ESSCertIDv2, SHA-256) or both\n"
+      "  --unsigned-attr    an unsigned attribute in the SignerInfo\n"
+      "  --time-digits N    genTime with N digits of fractions of a second, 0..6 (default 0)\n"
+      "Certificates go into a token only when the request asks for them (certReq);\n"
+      "tsa_cert names a PEM file with the signer and its intermediate.\n",
       program);
   return 2;
 }
@@ -49,9 +70,49 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "-h" || arg == "--help") return usage(argv[0]);
+    if (arg == "--intermediate") {
+      options.signer.intermediate = true;
+      continue;
+    }
+    if (arg == "--ordering" || arg == "--tsa-name" || arg == "--unsigned-attr") {
+      bool& flag = arg == "--ordering"   ? options.shape.ordering
+                   : arg == "--tsa-name" ? options.shape.tsaName
+                                         : options.shape.unsignedAttribute;
+      flag = true;
+      continue;
+    }
     if (i + 1 >= argc) return usage(argv[0]);
     std::string value = argv[++i];
-    if (arg == "--dir") {
+    if (arg == "--key") {
+      if (!testtsa::parseKeyKind(value, &options.signer.key)) return usage(argv[0]);
+      if (options.signer.key == testtsa::KeyKind::kEc384) options.shape.signerDigest = EVP_sha384();
+    } else if (arg == "--serial-bytes") {
+      int n = atoi(value.c_str());
+      if (n < 1 || n > 20) return usage(argv[0]);
+      options.shape.serialBytes = options.signer.serialBytes = n;
+    } else if (arg == "--accuracy") {
+      testtsa::TokenShape& shape = options.shape;
+      shape.accuracy = value != "none";
+      if (shape.accuracy && sscanf(value.c_str(), "%d,%d,%d", &shape.accuracySeconds,
+                                   &shape.accuracyMillis, &shape.accuracyMicros) != 3) {
+        return usage(argv[0]);
+      }
+    } else if (arg == "--ess") {
+      if (value == "v1") {
+        options.shape.ess = testtsa::EssCertId::kV1;
+      } else if (value == "v2") {
+        options.shape.ess = testtsa::EssCertId::kV2;
+      } else if (value == "both") {
+        options.shape.ess = testtsa::EssCertId::kBoth;
+      } else {
+        return usage(argv[0]);
+      }
+    } else if (arg == "--time-digits") {
+      options.shape.fractionDigits = atoi(value.c_str());
+      if (options.shape.fractionDigits < 0 || options.shape.fractionDigits > 6) {
+        return usage(argv[0]);
+      }
+    } else if (arg == "--dir") {
       dir = value;
     } else if (arg == "--bind") {
       options.bindAddress = value;
@@ -68,7 +129,7 @@ int main(int argc, char** argv) {
       options.password = value;
       havePassword = true;
     } else if (arg == "--policy") {
-      options.policyOid = value;
+      options.shape.policyOid = value;
     } else if (arg == "--fault") {
       if (!testtsa::parseFault(value, &options.fault)) {
         fprintf(stderr, "unknown fault mode '%s'\n", value.c_str());
@@ -110,7 +171,7 @@ int main(int argc, char** argv) {
 
   printf("dir=%s\n", dir.c_str());
   printf("ca_file=%s\n", pki.caFile.c_str());
-  printf("tsa_cert=%s\n", pki.tsaCertFile.c_str());
+  printf("tsa_cert=%s\n", server.signerCertFile().c_str());
   printf("tls_cert=%s\n", pki.tlsCertFile.c_str());
   printf("http_port=%d\n", server.httpPort());
   printf("https_port=%d\n", server.httpsPort());
