@@ -1,5 +1,8 @@
 #include "testing/TestTsa.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -15,6 +18,7 @@ TestTsa::TestTsa(const std::string& program, const TestTsaOptions& options) {
   if (options.requireAuth) {
     argv.insert(argv.end(), {"--login", options.login, "--password", options.password});
   }
+  argv.insert(argv.end(), options.extraArgs.begin(), options.extraArgs.end());
   child_ = std::make_unique<BackgroundChild>(argv);
   std::string line;
   // Creating three RSA keys takes a moment on a busy machine.
@@ -63,6 +67,43 @@ std::string verifyTimestampResponse(const std::string& responseDer, const std::s
   unlink(name);
   if (r.exitCode == 0 && r.out.find("Verification: OK") != std::string::npos) return "";
   return "openssl ts -verify exit " + std::to_string(r.exitCode) + ": " + r.out + r.err;
+}
+
+std::string requestOverTcp(const TestTsa& tsa, const std::string& dataFile, bool certReq) {
+  char name[] = "/tmp/clockette-tsq-XXXXXX";
+  int fd = mkstemp(name);
+  if (fd < 0) return std::string();
+  close(fd);
+  std::vector<std::string> query = {"/usr/bin/openssl", "ts",      "-query", "-data",
+                                    dataFile,           "-sha256", "-out",   name};
+  if (certReq) query.push_back("-cert");
+  std::string request;
+  if (runChild(query).exitCode == 0) {
+    std::ifstream in(name, std::ios::binary);
+    request.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  unlink(name);
+  if (request.empty()) return std::string();
+
+  std::string frame;
+  uint32_t length = static_cast<uint32_t>(request.size() + 1);
+  for (int shift = 24; shift >= 0; shift -= 8) frame += static_cast<char>(length >> shift);
+  frame += '\0';
+  frame += request;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(tsa.tcpPort()));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size())) {
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0) answer.append(buf, static_cast<size_t>(n));
+  }
+  if (fd >= 0) close(fd);
+  return answer.size() > 5 ? answer.substr(5) : std::string();
 }
 
 }  // namespace testing_support

@@ -22,7 +22,8 @@ struct TestTsaOptions {
   bool requireAuth = false;
   std::string login;  // with requireAuth: the Basic credentials it demands
   std::string password;
-  std::string bindAddress;  // numeric address to listen on; empty: 127.0.0.1
+  std::string bindAddress;             // numeric address to listen on; empty: 127.0.0.1
+  std::vector<std::string> extraArgs;  // token shape options (see testtsa --help)
 };
 
 class TestTsa {
@@ -59,6 +60,10 @@ class TestTsa {
 // the CA and the TSA certificate. Returns "" on success, else openssl's output.
 std::string verifyTimestampResponse(const std::string& responseDer, const std::string& dataFile,
                                     const std::string& caFile, const std::string& tsaCertFile);
+
+// The server's DER answer to "openssl ts -query -data dataFile -sha256"
+// (with -cert when certReq), asked over its raw TCP port; empty on failure.
+std::string requestOverTcp(const TestTsa& tsa, const std::string& dataFile, bool certReq);
 
 #ifdef CLOCKETTE_BINARY_DIR
 inline std::string testTsaProgram() { return CLOCKETTE_BINARY_DIR "/tools/testtsa/testtsa"; }
