@@ -14,6 +14,7 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -24,6 +25,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -35,6 +37,7 @@
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
 #include "tstl/Der.h"
+#include "tstl/FileDigest.h"
 #include "tstl/OpenSslPtr.h"
 #include "tstl/asn1request.h"
 #include "tstl/zpcryptbase.h"
@@ -69,7 +72,6 @@ struct RequesterState {
   int policyNid = 0;
   long connectTimeoutS = kDefaultConnectTimeoutS;
   long totalTimeoutS = kDefaultTotalTimeoutS;
-  char errorText[256] = {0};  // systemErrorText's answer
 };
 
 RequesterState& state() {
@@ -94,20 +96,24 @@ struct AddrinfoFree {
 };
 using AddrinfoPtr = std::unique_ptr<addrinfo, AddrinfoFree>;
 
-// A socket descriptor that closes itself.
-class ScopedSocket {
+// A descriptor (socket or file) that closes itself.
+class ScopedFd {
  public:
-  explicit ScopedSocket(int fd) : fd_(fd) {}
-  ~ScopedSocket() {
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ~ScopedFd() {
     if (fd_ >= 0) close(fd_);
   }
-  ScopedSocket(const ScopedSocket&) = delete;
-  ScopedSocket& operator=(const ScopedSocket&) = delete;
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
   int get() const { return fd_; }
   int release() {
     int fd = fd_;
     fd_ = -1;
     return fd;
+  }
+  void reset() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
   }
 
  private:
@@ -175,12 +181,11 @@ std::string maskAuthorization(const char* data, size_t size) {
 // is numeric IPv6; the preferred family goes first; a link-local IPv6 first
 // address gives way to the first routable IPv6 address.
 int resolveHost(const char* name, AddrinfoPtr* result) {
-  static int preference = -1;
-  if (name == nullptr || *name == '\0') return EAI_NONAME;
-  if (preference < 0) {
+  static const int preference = [] {
     const char* pref = getenv("QR_PREF_IP");
-    preference = pref && strcmp(pref, "4") == 0 ? 4 : pref && strcmp(pref, "6") == 0 ? 6 : 0;
-  }
+    return pref && strcmp(pref, "4") == 0 ? 4 : pref && strcmp(pref, "6") == 0 ? 6 : 0;
+  }();
+  if (name == nullptr || *name == '\0') return EAI_NONAME;
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   std::string host = name;
@@ -304,10 +309,54 @@ bool encodeRequest(CAsn1messageImprint* imprint, std::vector<unsigned char>* der
   return size > 0 && request.getDER(der->data(), &pos) == 0 && pos == size;
 }
 
+// What the exchanges of the process share through libcurl: open connections
+// (keep-alive), name lookups and TLS sessions (resumption). Exchanges run on
+// several threads at once, so every kind of shared data has a lock of its own.
+class CurlShare {
+ public:
+  CurlShare() {
+    // Once per process: curl_global_init itself is not safe to call from
+    // threads running at the same time.
+    curl_global_init(CURL_GLOBAL_NOTHING);
+    share_ = curl_share_init();
+    if (share_ == nullptr) return;
+    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, lock);
+    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, unlock);
+    curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  }
+  CurlShare(const CurlShare&) = delete;
+  CurlShare& operator=(const CurlShare&) = delete;
+  CURLSH* get() const { return share_; }
+
+  // The one share of the process. It lives until the process ends: easy
+  // handles may still use it while static objects are destroyed.
+  static CurlShare& instance() {
+    static CurlShare* share = new CurlShare;
+    return *share;
+  }
+
+ private:
+  static void lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
+    static_cast<CurlShare*>(self)->mutexFor(data).lock();
+  }
+  static void unlock(CURL*, curl_lock_data data, void* self) {
+    static_cast<CurlShare*>(self)->mutexFor(data).unlock();
+  }
+  std::mutex& mutexFor(curl_lock_data data) {
+    return mutexes_[data >= 0 && data < CURL_LOCK_DATA_LAST ? data : 0];
+  }
+
+  CURLSH* share_ = nullptr;
+  std::mutex mutexes_[CURL_LOCK_DATA_LAST];
+};
+
 // HTTP or HTTPS exchange through libcurl. Fills rb.
 int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBuffer* rb) {
   RequesterState& s = state();
-  curl_global_init(CURL_GLOBAL_NOTHING);
+  CURLSH* share = CurlShare::instance().get();
   CurlPtr curl(curl_easy_init());
   if (!curl) {
     log.msg(__LINE__, 2, "curl returns error %d(%s)", CURLE_FAILED_INIT,
@@ -315,6 +364,7 @@ int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBu
     return -4;
   }
   CURL* c = curl.get();
+  if (share != nullptr) curl_easy_setopt(c, CURLOPT_SHARE, share);
   if (getenv("CURL_DEBUG") != nullptr) {
     curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
     curl_easy_setopt(c, CURLOPT_STDERR, Log::logfile);
@@ -396,7 +446,7 @@ int exchangeTcp(Log& log, const std::vector<unsigned char>& request, ResponseBuf
       static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length), kTsaMsg};
   frame.insert(frame.end(), request.begin(), request.end());
 
-  ScopedSocket sock(openSocket(s.host.c_str(), s.port));
+  ScopedFd sock(openSocket(s.host.c_str(), s.port));
   if (sock.get() < 0) {
     log.msg(__LINE__, 2, "openSocket failed");
     return -4;
@@ -558,9 +608,16 @@ int getDigest() {
 
 int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
   Log log(kComponent, "computeHash", __FILE__, __LINE__, 13);
-  FilePtr file(fopen(path, "rb"));
-  if (!file) {
+  // O_NONBLOCK: opening a FIFO must not wait for a writer; it is refused below.
+  ScopedFd file(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat st;
+  if (file.get() < 0 || fstat(file.get(), &st) != 0) {
     log.msg(__LINE__, 2, "File %s cannot be read: %d", path, errno);
+    return -1;
+  }
+  // Devices, FIFOs and directories could block or never end.
+  if (!S_ISREG(st.st_mode)) {
+    log.msg(__LINE__, 2, "%s is no regular file", path);
     return -1;
   }
   const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
@@ -581,16 +638,17 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
     logOpenSslErrors();
     return -2;
   }
-  unsigned char block[1024];
-  for (;;) {
-    size_t got = fread(block, 1, sizeof block, file.get());
-    EVP_DigestUpdate(ctx.get(), block, got);
-    if (got < sizeof block) break;
-  }
-  // A read error (a directory, an I/O error) must not pass as a short file.
-  if (ferror(file.get())) {
-    log.msg(__LINE__, 2, "File %s cannot be read: %d", path, errno);
-    return -1;
+  posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  int err = 0;
+  switch (digestFile(file.get(), static_cast<uint64_t>(st.st_size), ctx.get(), &err)) {
+    case FileDigestResult::kDone:
+      break;
+    case FileDigestResult::kReadFailed:
+      log.msg(__LINE__, 2, "File %s cannot be read: %d", path, err);
+      return -1;
+    case FileDigestResult::kStopped:
+      log.msg(__LINE__, 2, "hashing of %s stopped", path);
+      return -1;
   }
   file.reset();
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -700,7 +758,7 @@ int openSocket(const char* host, uint16_t port) {
   int fd = -1;
   int err = 0;
   for (int attempt = 0; attempt < kConnectAttempts; ++attempt) {
-    ScopedSocket sock(socket(ai->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ScopedFd sock(socket(ai->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (sock.get() < 0) {
       err = errno;
       break;
@@ -735,10 +793,11 @@ int openSocket(const char* host, uint16_t port) {
 
 const char* systemErrorText(int code) {
   Log log(kComponent, "systemErrorText", __FILE__, __LINE__, 13);
-  char* buffer = state().errorText;
+  // One buffer per thread: exchanges run on several threads at once.
+  static thread_local char buffer[256];
   String text = systemError(code);
   // Texts that do not fit the buffer with their NUL are cut to 254 characters.
-  size_t keep = text.str().size() >= sizeof state().errorText ? 254 : text.str().size();
+  size_t keep = text.str().size() >= sizeof buffer ? 254 : text.str().size();
   memcpy(buffer, text.c_str(), keep);
   buffer[keep] = '\0';
   return buffer;
@@ -775,25 +834,24 @@ int timestamp2base64(CAsn1string* response, char** out) {
   return 0;
 }
 
-int requestTimestamp(const char* source, const char* target) {
-  Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
-  CAsn1messageImprint imprint;
-  if (computeHash(source, getDigest(), &imprint) != 0) {
-    log.msg(__LINE__, 2, "Hashing %s failed", source);
-    return -1;
-  }
-  CAsn1string response(kTagOctetString);
-  if (requestTimestamp(&imprint, &response) != 0) {
+int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
+  Log log(kComponent, "fetchTimestamp", __FILE__, __LINE__, 13);
+  if (requestTimestamp(imprint, response) != 0) {
     log.msg(__LINE__, 2, "Requesting timestamp failed");
     return -2;
   }
   CAsn1ietfTSResp resp;
-  if (timestampParse(&response, &resp) != 0) {
+  if (timestampParse(response, &resp) != 0) {
     log.msg(__LINE__, 2, "Parsing timestamp failed");
     return -3;
   }
+  return 0;
+}
+
+int storeTimestamp(CAsn1string* response, const char* source, const char* target) {
+  Log log(kComponent, "storeTimestamp", __FILE__, __LINE__, 13);
   char* base64 = nullptr;
-  if (timestamp2base64(&response, &base64) != 0) {
+  if (timestamp2base64(response, &base64) != 0) {
     log.msg(__LINE__, 2, "Converting timestamp to base64 failed");
     return -4;
   }
@@ -812,4 +870,17 @@ int requestTimestamp(const char* source, const char* target) {
   }
   log.msg(__LINE__, 8, "Timestamp for document %s written to %s", source, target);
   return 0;
+}
+
+int requestTimestamp(const char* source, const char* target) {
+  Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
+  CAsn1messageImprint imprint;
+  if (computeHash(source, getDigest(), &imprint) != 0) {
+    log.msg(__LINE__, 2, "Hashing %s failed", source);
+    return -1;
+  }
+  CAsn1string response(kTagOctetString);
+  int rc = fetchTimestamp(&imprint, &response);
+  if (rc != 0) return rc;
+  return storeTimestamp(&response, source, target);
 }

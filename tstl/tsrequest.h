@@ -9,8 +9,15 @@
 // initStamperAuth (optionally initSSLAuth), then any number of per-file
 // requestTimestamp calls. Results: 0 for success, distinct negative codes per
 // failure (listed at each function); every failure is logged at level 2.
-// Single-threaded: the state, the digest cache and the error text buffer are
-// shared without locks.
+//
+// Threads: the init functions and getDigest run before any stamping (the
+// configuration is not locked). After that, computeHash, the exchange
+// requestTimestamp(imprint, response) and fetchTimestamp may run on several
+// threads at once; storeTimestamp and the per-file requestTimestamp too, for
+// different targets. HTTP(S) exchanges share one libcurl share handle (open
+// connections, name lookups, TLS sessions), so keep-alive and TLS session
+// resumption work across exchanges and threads; each exchange still has an
+// easy handle of its own. The raw TCP transport uses one connection per request.
 //
 // Time-outs (beyond what a plain RFC 3161 client does): every exchange is
 // bounded by a connect time-out and a total time-out in seconds, read by
@@ -67,15 +74,26 @@ int initSSLAuth(const char* keyFile, const char* certFile);
 // "SHA256", "SHA512"; unset or anything else: SHA-256). Read once per process.
 int getDigest();
 
-// Hashes the file at path with digest nid into imprint. -1 when the file
-// cannot be read, -2 when the digest is not usable.
+// Hashes the regular file at path with digest nid into imprint. -1 when the
+// file cannot be opened or read, is no regular file ("<path> is no regular
+// file") or a stop was requested meanwhile; -2 when the digest is not usable.
 int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
 
-// The whole job for one file: hash source, exchange, check, write the BASE64
-// answer to target. 0; -1 hashing failed; -2 exchange failed; -3 the answer
-// is no TimeStampResp or not granted; -4 BASE64 failed; -5 target cannot be
-// written. Only a failure of the final write can leave a target file behind.
+// The whole job for one file: hash source, then fetchTimestamp, then
+// storeTimestamp. 0; -1 hashing failed; -2 .. -5 as those two return. Only a
+// failure of the final write can leave a target file behind.
 int requestTimestamp(const char* source, const char* target);
+
+// The Timestamp Server's checked answer for imprint: the exchange, then the
+// answer's checks. 0; -2 exchange failed ("Requesting timestamp failed");
+// -3 the answer is no TimeStampResp or not granted ("Parsing timestamp
+// failed"). Nothing is written.
+int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
+
+// Writes the answer of fetchTimestamp for source as one line of BASE64 to
+// target. 0; -4 BASE64 failed; -5 target cannot be written (a partly written
+// target is removed).
+int storeTimestamp(CAsn1string* response, const char* source, const char* target);
 
 // One exchange with the Timestamp Server for imprint; the answer's bytes go
 // into response (an OCTET STRING). 0; -1 the request or URL could not be
@@ -107,7 +125,7 @@ int curldbg(void* handle, int type, char* data, size_t size, void* user);
 // SSL context callback: does nothing. Always 0 (CURLE_OK).
 int sslcb(void* curl, void* sslctx, void* user);
 
-// The system's text for an errno value, in a module-wide buffer.
+// The system's text for an errno value, in a buffer of the calling thread.
 const char* systemErrorText(int code);
 
 #endif  // TSTL_TSREQUEST_H_

@@ -1,0 +1,87 @@
+// computeHash over files of every size that matters to the block reading (an
+// empty file, block edges, the read-ahead threshold and a large file) agrees
+// with openssl dgst; what is no regular file is refused without reading.
+#include "tstl/FileDigest.h"
+
+#include <gtest/gtest.h>
+#include <openssl/objects.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+
+#include "testing/ChildProcess.h"
+#include "testing/LogCapture.h"
+#include "testing/TempDir.h"
+#include "tstl/CAsn1messageImprint.h"
+#include "tstl/tsrequest.h"
+
+namespace {
+
+using testing_support::LogCapture;
+using testing_support::runChild;
+using testing_support::TempDir;
+
+std::string hex(const unsigned char* data, unsigned int length) {
+  std::string text;
+  char byte[3];
+  for (unsigned int i = 0; i < length; ++i) {
+    snprintf(byte, sizeof byte, "%02x", data[i]);
+    text += byte;
+  }
+  return text;
+}
+
+// A file of size bytes that does not repeat with the block size.
+void writePattern(const std::string& path, size_t size) {
+  FILE* f = fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  std::string chunk(65521, '\0');  // a prime length
+  for (size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>((i * 131 + 7) % 251);
+  for (size_t done = 0; done < size;) {
+    size_t n = std::min(chunk.size(), size - done);
+    ASSERT_EQ(fwrite(chunk.data(), 1, n, f), n);
+    done += n;
+  }
+  fclose(f);
+}
+
+TEST(FileDigestTest, DigestEqualsOpenSslAtEverySize) {
+  const size_t kMiB = 1 << 20;
+  const size_t sizes[] = {0, 1, 4095, 4097, kMiB - 1, kMiB, kMiB + 1, 4 * kMiB - 1, 4 * kMiB,
+                          64 * kMiB + 12345};
+  const struct {
+    int nid;
+    const char* option;
+  } digests[] = {{NID_sha256, "-sha256"}, {NID_sha512, "-sha512"}};
+  TempDir dir;
+  for (size_t size : sizes) {
+    std::string path = dir.file("data-" + std::to_string(size));
+    writePattern(path, size);
+    for (const auto& d : digests) {
+      SCOPED_TRACE(std::to_string(size) + " bytes " + d.option);
+      CAsn1messageImprint imprint;
+      ASSERT_EQ(computeHash(path.c_str(), d.nid, &imprint), 0);
+      auto r = runChild({"/usr/bin/openssl", "dgst", d.option, "-r", path});
+      ASSERT_EQ(r.exitCode, 0) << r.err;
+      EXPECT_EQ(hex(imprint.hashedMessage.data(), imprint.hashedMessage.length()),
+                r.out.substr(0, r.out.find(' ')));
+    }
+  }
+}
+
+TEST(FileDigestTest, WhatIsNoRegularFileIsRefused) {
+  TempDir dir;
+  std::string fifo = dir.file("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  // A FIFO without a writer would block a plain open; a directory or a
+  // device would never end or not read at all.
+  for (const std::string& path : {fifo, dir.path(), std::string("/dev/zero")}) {
+    LogCapture log;
+    CAsn1messageImprint imprint;
+    EXPECT_EQ(computeHash(path.c_str(), NID_sha256, &imprint), -1) << path;
+    EXPECT_TRUE(log.contains(path + " is no regular file")) << log.text();
+  }
+}
+
+}  // namespace
