@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -14,9 +15,13 @@
 #include "base/List.h"
 #include "base/Log.h"
 #include "base/Notify.h"
+#include "base/OrderedWork.h"
 #include "base/SystemError.h"
 #include "kavlet/docfiles/Document.h"
 #include "kavlet/docfiles/TextLine.h"
+#include "tstl/CAsn1messageImprint.h"
+#include "tstl/CAsn1string.h"
+#include "tstl/Der.h"
 #include "tstl/tsrequest.h"
 
 namespace {
@@ -24,6 +29,10 @@ namespace {
 // Buffer sizes of the paths, names and statement copies the service builds.
 constexpr size_t kPathSize = 1024;
 constexpr size_t kStatementCopySize = 1000;  // at most 999 characters of a value
+
+// Timestamp requests of one document under way at the same time.
+constexpr int kDefaultParallel = 8;
+constexpr int kMaxParallel = 64;
 
 const char kRequestFailed[] =
     "the timestamp couldn't be requested from timestamp server. The call of function "
@@ -86,10 +95,26 @@ bool fileExists(const char* path) {
   return stat(path, &st) == 0;
 }
 
+// One file of a document on its way to a timestamp.
+struct Stamp {
+  String source;          // the file to stamp
+  String target;          // its timestamp file
+  std::string statement;  // appended to COMMANDS once stamped; empty: none
+  CAsn1messageImprint imprint;
+  CAsn1string response{kTagOctetString};
+  int result = 0;  // of fetchTimestamp
+};
+
 }  // namespace
 
 Clockette::Clockette()
-    : host("localhost"), port(8080), protocol("http"), urlPath("/"), login(""), password("") {
+    : host("localhost"),
+      port(8080),
+      protocol("http"),
+      urlPath("/"),
+      login(""),
+      password(""),
+      parallel(kDefaultParallel) {
   Log log("clockette", "Clockette", __FILE__, __LINE__, 13);
 }
 
@@ -159,6 +184,16 @@ void Clockette::readEnvironment() {
   if (const char* v = getenv("TIMESTAMP_URL_PATH")) urlPath = v;
   if (const char* v = getenv("TIMESTAMP_LOGIN")) login = v;
   if (const char* v = getenv("TIMESTAMP_PASSWORD")) password = v;
+  if (const char* v = getenv("TS_PARALLEL")) {
+    char* end = nullptr;
+    long n = strtol(v, &end, 10);
+    if (end == v || *end != '\0' || n < 1 || n > kMaxParallel) {
+      log.msg(__LINE__, 2, "TS_PARALLEL '%s' is no whole number from 1 to %d, using %d", v,
+              kMaxParallel, kDefaultParallel);
+    } else {
+      parallel = static_cast<int>(n);
+    }
+  }
 }
 
 void Clockette::printObject() {
@@ -278,7 +313,6 @@ int Clockette::service(const char* directory) {
     return 0;
   }
   char arguments[600];
-  bool stamped = false;
 
   // A timestamp file name cut at the buffer's end could name another file
   // of the directory: refuse it rather than overwrite that file.
@@ -295,6 +329,21 @@ int Clockette::service(const char* directory) {
     return 0;
   };
 
+  // First the plan: every file to stamp, in statement order, with its
+  // timestamp file. A statement that fails the document ends the plan; its
+  // failure is reported after the files before it are stamped.
+  std::vector<std::unique_ptr<Stamp>> stamps;
+  std::set<std::string> plannedTargets;
+  std::function<int()> failure;
+  auto plan = [&](const String& source, const String& target, std::string statement) {
+    auto stamp = std::make_unique<Stamp>();
+    stamp->source = source;
+    stamp->target = target;
+    stamp->statement = std::move(statement);
+    plannedTargets.insert(target.str());
+    stamps.push_back(std::move(stamp));
+  };
+
   // Files named directly: all of them before any component.
   List<String> files;
   document->getValueForFromCommands(String("TIMESTAMP_FILE"), files);
@@ -309,15 +358,15 @@ int Clockette::service(const char* directory) {
     bool sourceFits = false, targetFits = false;
     String source = documentFilePath(dir, t[0].get(), &sourceFits);
     String target = documentFilePath(dir, t[1].get(), &targetFits);
-    if (!targetFits) return refuseLongTarget(target);
-    if (requestTimestamp(source.c_str(), target.c_str()) != 0) {
-      return requestFailed(source, target);
+    if (!targetFits) {
+      failure = [&, target] { return refuseLongTarget(target); };
+      break;
     }
-    stamped = true;
+    plan(source, target, std::string());
   }
 
   String unused;
-  if (document->getValueForFromCommands(String("TIMESTAMP_COMP"), unused) > 0) {
+  if (!failure && document->getValueForFromCommands(String("TIMESTAMP_COMP"), unused) > 0) {
     log.msg(__LINE__, 9, "found TIMESTAMP_COMP statement in COMMANDS file");
     // Every component stamped earlier is known before the first COMP is looked at.
     std::set<std::string> alreadyStamped;
@@ -339,12 +388,15 @@ int Clockette::service(const char* directory) {
       std::vector<Token> t = firstTokens(copy.c_str(), 3);
       if (!allPresent(t)) {
         // Unlike a file statement, a broken component fails the document.
-        document->docMessage(log, __LINE__, 2,
-                             "wrong COMP COMMANDS statement in document '%s': '%s'", dir,
-                             copy.c_str());
-        snprintf(arguments, sizeof arguments, "{%.250s}", dir);
-        notify(kNotifyWrongComp, kWrongCompTemplate, arguments);
-        return 0;
+        failure = [&, copy] {
+          document->docMessage(log, __LINE__, 2,
+                               "wrong COMP COMMANDS statement in document '%s': '%s'", dir,
+                               copy.c_str());
+          snprintf(arguments, sizeof arguments, "{%.250s}", dir);
+          notify(kNotifyWrongComp, kWrongCompTemplate, arguments);
+          return 0;
+        };
+        break;
       }
       const char* name = t[0].get();
       log.msg(__LINE__, 9, "parse COMP COMMANDS statement: name='%s',type='%s',src-file='%s'", name,
@@ -358,7 +410,9 @@ int Clockette::service(const char* directory) {
       bool fits = false;
       String source = documentFilePath(dir, t[2].get(), &fits);
 
-      // The first free "<name>_ts<n>.txt" of the directory: earlier stamps stay.
+      // The first free "<name>_ts<n>.txt" of the directory: earlier stamps
+      // stay. A name planned for an earlier file of this document counts as
+      // taken, as it will exist by the time this file's turn comes.
       char tstName[kPathSize];
       char tstPath[kPathSize];
       int counter = 0;
@@ -370,30 +424,59 @@ int Clockette::service(const char* directory) {
                      static_cast<size_t>(m) < sizeof tstPath;
       };
       build();
-      while (targetFits && fileExists(tstPath)) {
+      while (targetFits && (fileExists(tstPath) || plannedTargets.count(tstPath) != 0)) {
         ++counter;
         build();
       }
       int statusError = errno;
-      if (!targetFits) return refuseLongTarget(String(tstPath));
+      if (!targetFits) {
+        String target(tstPath);
+        failure = [&, target] { return refuseLongTarget(target); };
+        break;
+      }
       log.msg(__LINE__, 9, "cannot get file status of file '%s': '%s'", tstPath,
               systemError(statusError).c_str());
-
-      if (requestTimestamp(source.c_str(), tstPath) != 0) {
-        return requestFailed(source, String(tstPath));
-      }
-      stamped = true;
       // Written as it stands: quotes inside the name are not escaped.
-      String statement = String("COMP_TIMESTAMP_FILE \"") + name + "\" \"" + tstName + "\"";
-      if (document->appendToCommands(statement) == 0) {
-        document->docMessage(log, __LINE__, 2, "can't append string '%s' to COMMANDS file",
-                             statement.c_str());
-        snprintf(arguments, sizeof arguments, "{%.250s}", dir);
-        notify(kNotifyCommandsNotWritable, kCommandsTemplate, arguments);
-        return 0;
-      }
+      plan(source, String(tstPath),
+           std::string("COMP_TIMESTAMP_FILE \"") + name + "\" \"" + tstName + "\"");
     }
   }
+
+  // Every file is hashed before the first request: a file that cannot be
+  // hashed fails the document without any exchange.
+  for (const auto& stamp : stamps) {
+    if (computeHash(stamp->source.c_str(), getDigest(), &stamp->imprint) != 0) {
+      log.msg(__LINE__, 2, "Hashing %s failed", stamp->source.c_str());
+      return requestFailed(stamp->source, stamp->target);
+    }
+  }
+
+  // The round trips overlap; the answers are applied in statement order, and
+  // the first file that fails ends the document: answers for later files are
+  // dropped and none of their timestamp files is written.
+  OrderedWork exchanges(stamps.size(), parallel, [&stamps](size_t i) {
+    stamps[i]->result = fetchTimestamp(&stamps[i]->imprint, &stamps[i]->response);
+  });
+  bool stamped = false;
+  for (size_t i = 0; i < stamps.size(); ++i) {
+    Stamp& stamp = *stamps[i];
+    exchanges.waitFor(i);
+    if (stamp.result != 0 ||
+        storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str()) != 0) {
+      exchanges.dropFrom(i + 1);
+      return requestFailed(stamp.source, stamp.target);
+    }
+    stamped = true;
+    if (!stamp.statement.empty() && document->appendToCommands(String(stamp.statement.c_str())) == 0) {
+      exchanges.dropFrom(i + 1);
+      document->docMessage(log, __LINE__, 2, "can't append string '%s' to COMMANDS file",
+                           stamp.statement.c_str());
+      snprintf(arguments, sizeof arguments, "{%.250s}", dir);
+      notify(kNotifyCommandsNotWritable, kCommandsTemplate, arguments);
+      return 0;
+    }
+  }
+  if (failure) return failure();
 
   if (stamped) {
     document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",

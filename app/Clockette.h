@@ -28,9 +28,12 @@ class Clockette : public Kavlet {
   // Timestamps the files of the open document: every TIMESTAMP_FILE
   // statement first, then, with TIMESTAMP_COMP, every COMP statement whose
   // component has no COMP_TIMESTAMP_FILE statement yet; one such statement is
-  // appended per stamped component. 1 done, 0 failed (logged, recorded in the
-  // protocol and sent as an operator notification). Files stamped before a
-  // failure stay.
+  // appended per stamped component. Every file is hashed first (one that
+  // cannot be hashed fails the document before any request); then up to
+  // `parallel` requests run at the same time, and their answers are written
+  // in statement order until the first file that fails. 1 done, 0 failed
+  // (logged, recorded in the protocol and sent as an operator notification).
+  // Files stamped before a failure stay; none after it is written.
   int service(const char* directory) override;
   // Takes -host, -port, -protocol, -url_path, -login and -password with
   // their value; 0 for any other argument or a value missing at the end.
@@ -44,6 +47,8 @@ class Clockette : public Kavlet {
   // The Kavlet variables, then TIMESTAMP_PROTOCOL, TIMESTAMP_HOST,
   // TIMESTAMP_PORT, TIMESTAMP_URL_PATH, TIMESTAMP_LOGIN, TIMESTAMP_PASSWORD;
   // a variable that is set, even to an empty value, replaces its setting.
+  // TS_PARALLEL sets parallel; a value that is no whole number from 1 to 64
+  // is logged at level 2 and the default (8) stays.
   void readEnvironment() override;
 
   String host;      // Timestamp Server host
@@ -52,6 +57,9 @@ class Clockette : public Kavlet {
   String urlPath;   // path part of the server URL
   String login;     // HTTP Basic user; empty: none. Never printed.
   String password;  // HTTP Basic password; empty: none. Never printed.
+  // Timestamp requests of one document under way at the same time
+  // (TS_PARALLEL, 1 to 64; 1: one after the other).
+  int parallel;
 };
 
 #endif  // APP_CLOCKETTE_H_

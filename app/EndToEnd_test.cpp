@@ -2,10 +2,12 @@
 // Timestamp Server (and, in KV mode, the KV emulator kvmini), all on
 // loopback. Every timestamp file is verified by OpenSSL against the test CA
 // and its data file.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -162,16 +164,17 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
       << protocol;
   EXPECT_EQ(notices(), "");
 
-  // Every file statement is done before the first component, and the set of
-  // components to skip is complete before the first COMP is looked at.
+  // Every file statement is written before the first component, and the set
+  // of components to skip is complete before the first COMP is looked at.
   std::string text = log();
   size_t lastFile = text.find("Timestamp for document " + doc + "/sub/b.xml");
   size_t skipSet = text.find("don't do timestamping for component 'comp3'");
-  size_t firstComp = text.find(
+  size_t firstCompParsed = text.find(
       "parse COMP COMMANDS statement: name='comp1',type='application/pdf',src-file='c1.pdf'");
-  ASSERT_NE(firstComp, std::string::npos) << text;
-  EXPECT_LT(lastFile, firstComp);
-  EXPECT_LT(skipSet, firstComp);
+  size_t firstCompWritten = text.find("Timestamp for document " + doc + "/c1.pdf");
+  ASSERT_NE(firstCompWritten, std::string::npos) << text;
+  EXPECT_LT(lastFile, firstCompWritten);
+  EXPECT_LT(skipSet, firstCompParsed);
   EXPECT_TRUE(contains(text, "cannot get file status of file '" + doc +
                                  "/comp1_ts2.txt': 'No such file or directory'"));
   EXPECT_TRUE(contains(
@@ -237,7 +240,8 @@ TEST_F(EndToEndTest, AFailedDocumentKeepsItsStampsButGetsNoRewriteAndNoProtocol)
   // COMMANDS is not rewritten, no protocol line is written.
   EXPECT_EQ(verify(broken + "/data.tst", broken + "/data.txt"), "");
   EXPECT_EQ(verify(broken + "/good_ts0.txt", broken + "/data.txt"), "");
-  EXPECT_EQ(verify(missing + "/data.tst", missing + "/data.txt"), "");
+  // A file that cannot be hashed fails the document before any request.
+  EXPECT_FALSE(fileExists(missing + "/data.tst"));
   EXPECT_FALSE(fileExists(missing + "/late_ts0.txt"));
   for (const auto& failed :
        {std::make_pair(broken, wrongComp), std::make_pair(missing, missingSource)}) {
@@ -382,3 +386,124 @@ TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrError) {
 }
 
 }  // namespace
+
+// The files of a document are stamped side by side, but what a document
+// leaves behind must not depend on how many requests run at once: answers are
+// applied in statement order and the first failing file ends the document.
+class ParallelStampingTest : public EndToEndTest {
+ protected:
+  struct Case {
+    const char* name;
+    const char* commands;
+    std::vector<std::string> present;  // timestamp files that must exist
+    std::vector<std::string> absent;   // and those that must not
+  };
+
+  // The document's file names and COMMANDS (timestamps differ from run to run).
+  static std::string snapshot(const std::string& doc) {
+    std::vector<std::string> names;
+    DIR* d = opendir(doc.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr) names.push_back(e->d_name);
+    if (d) closedir(d);
+    std::sort(names.begin(), names.end());
+    std::string text;
+    for (const std::string& n : names) text += n + "\n";
+    return text + "--\n" + readFile(doc + "/COMMANDS");
+  }
+  // Result lines without their time, with the test path cut off.
+  static std::string resultLines(const std::string& out, const std::string& root) {
+    std::string lines;
+    size_t pos = 0;
+    while ((pos = out.find("] ", pos)) != std::string::npos) {  // after the time
+      size_t end = out.find('\n', pos);
+      std::string line = out.substr(pos + 2, end - pos - 2);
+      if (line.find("op=") != std::string::npos) {
+        size_t at = line.find(root);
+        if (at != std::string::npos) line.erase(at, root.size());
+        lines += line + "\n";
+      }
+      pos = end;
+    }
+    return lines;
+  }
+};
+
+TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
+  const std::vector<Case> cases = {
+      {"a-third-target-unwritable",
+       "TIMESTAMP_FILE f1.txt t1.tst\nTIMESTAMP_FILE f2.txt t2.tst\n"
+       "TIMESTAMP_FILE f3.txt nodir/t3.tst\n"
+       "TIMESTAMP_FILE f4.txt t4.tst\nTIMESTAMP_FILE f5.txt t5.tst\n",
+       {"t1.tst", "t2.tst"},
+       {"t4.tst", "t5.tst"}},
+      {"b-third-component-broken",
+       "TIMESTAMP_COMP\nCOMP a text/plain f1.txt\nCOMP a text/plain f2.txt\n"
+       "COMP broken text/plain\nCOMP d text/plain f4.txt\nCOMP e text/plain f5.txt\n",
+       {"a_ts0.txt", "a_ts1.txt"},
+       {"d_ts0.txt", "e_ts0.txt"}},
+      // Names taken by earlier files of the same document are skipped, as
+      // when each file is written before the next name is chosen.
+      {"c-names-in-order",
+       "TIMESTAMP_FILE f1.txt a_ts0.txt\nTIMESTAMP_COMP\nCOMP a text/plain f2.txt\n"
+       "COMP b text/plain f3.txt\nCOMP a text/plain f4.txt\nCOMP c text/plain f5.txt\n",
+       {"a_ts0.txt", "a_ts1.txt", "b_ts0.txt", "a_ts2.txt", "c_ts0.txt"},
+       {"a_ts3.txt"}},
+      // A file that cannot be hashed: no request at all.
+      {"d-third-source-missing",
+       "TIMESTAMP_FILE f1.txt t1.tst\nTIMESTAMP_FILE f2.txt t2.tst\n"
+       "TIMESTAMP_FILE gone.txt t3.tst\nTIMESTAMP_FILE f4.txt t4.tst\n",
+       {},
+       {"t1.tst", "t2.tst", "t4.tst"}},
+  };
+  const std::map<std::string, std::string> data = {
+      {"f1.txt", "one"}, {"f2.txt", "two"}, {"f3.txt", "three"}, {"f4.txt", "four"},
+      {"f5.txt", "five"}};
+  // One after the other, then side by side (files and documents).
+  struct Run {
+    const char* parallel;
+    const char* jobs;
+  };
+  const Run runs[] = {{"1", "1"}, {"8", "3"}};
+  std::map<std::string, std::string> firstSnapshot;
+  std::string firstLines;
+  for (const Run& run : runs) {
+    std::string root = dir_.file(std::string("docs-") + run.parallel);
+    makeDir(root);
+    for (const Case& c : cases) {
+      makeDir(root + "/" + c.name);
+      writeFile(root + "/" + c.name + "/COMMANDS", c.commands);
+      for (const auto& f : data) writeFile(root + "/" + c.name + "/" + f.first, f.second);
+    }
+    options_.env["TS_PARALLEL"] = run.parallel;
+    ChildResult r = runChild({kProgram, "-test", "-testpath", root, "-jobs", run.jobs, "-logfile",
+                              "clockette.log"},
+                             options_);
+    EXPECT_EQ(r.exitCode, 1) << r.out << log();
+    std::string lines = resultLines(r.out, root);
+    EXPECT_EQ(lines,
+              " 0001 0001 op=error      doc='/a-third-target-unwritable'\n"
+              " 0001 0002 op=error      doc='/b-third-component-broken'\n"
+              " 0001 0003 op=ok         doc='/c-names-in-order'\n"
+              " 0001 0004 op=error      doc='/d-third-source-missing'\n")
+        << "TS_PARALLEL=" << run.parallel << " -jobs " << run.jobs;
+    for (const Case& c : cases) {
+      std::string doc = root + "/" + c.name;
+      for (const std::string& f : c.present) EXPECT_TRUE(fileExists(doc + "/" + f)) << doc << f;
+      for (const std::string& f : c.absent) EXPECT_FALSE(fileExists(doc + "/" + f)) << doc << f;
+      if (firstSnapshot.count(c.name) == 0) {
+        firstSnapshot[c.name] = snapshot(doc);
+      } else {
+        EXPECT_EQ(snapshot(doc), firstSnapshot[c.name]) << c.name;
+      }
+    }
+    std::string named = root + "/c-names-in-order";
+    EXPECT_EQ(verify(named + "/a_ts1.txt", named + "/f2.txt"), "");
+    EXPECT_EQ(verify(named + "/a_ts2.txt", named + "/f4.txt"), "");
+    EXPECT_EQ(verify(named + "/c_ts0.txt", named + "/f5.txt"), "");
+    EXPECT_TRUE(contains(readFile(named + "/COMMANDS"),
+                         "COMP_TIMESTAMP_FILE \"a\" \"a_ts1.txt\"\n"
+                         "COMP_TIMESTAMP_FILE \"b\" \"b_ts0.txt\"\n"
+                         "COMP_TIMESTAMP_FILE \"a\" \"a_ts2.txt\"\n"
+                         "COMP_TIMESTAMP_FILE \"c\" \"c_ts0.txt\"\n"));
+  }
+}
