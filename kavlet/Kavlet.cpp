@@ -27,8 +27,8 @@ bool endsWith(const String& s, const char* suffix) {
 // True when argv holds "-test" as an option of its own (not as the value of
 // a base option that takes one).
 bool requestsTestMode(int argc, char** argv) {
-  static const char* const kWithValue[] = {"-type",     "-kvhost", "-loglevel", "-logfile",
-                                           "-parafile", "-P",      "-testpath", "-env"};
+  static const char* const kWithValue[] = {"-type", "-kvhost",   "-loglevel", "-logfile",
+                                           "-parafile", "-P", "-testpath", "-env", "-jobs"};
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "-test") == 0) return true;
     for (const char* option : kWithValue) {
@@ -47,6 +47,7 @@ Kavlet::Kavlet()
     : kvHost(localHostName()),
       kvPort(kDefaultKvPort),
       logLevel(2),
+      testJobs(1),
       errorComment("could not process document"),
       okComment("document has been processed"),
       document(nullptr),
@@ -195,6 +196,10 @@ void Kavlet::parseArgv(int argc, char** argv) {
         taken = true;
       } else if (!taken && strcmp(arg, "-P") == 0) {
         kvPort = atoi(argv[++i]);
+        taken = true;
+      } else if (!taken && strcmp(arg, "-jobs") == 0) {
+        testJobs = atoi(argv[++i]);
+        if (testJobs < 1) testJobs = 1;
         taken = true;
       }
     }

@@ -118,7 +118,10 @@ class Kavlet {
   // Test mode: works on every subdirectory of testPath (or on testPath
   // itself when it has none), in byte order, atoi(testCount) times (at
   // least once), printing one line per document to standard output.
-  // Returns 1 when every document was done, 0 otherwise.
+  // With testJobs above 1, that many worker processes (forked after init)
+  // work on documents side by side; the lines keep the order and form of a
+  // run one after the other. Returns 1 when every document was done, 0
+  // otherwise.
   int test();
   // The local time as "[%Y/%m/%d %H:%M:%S] " in a process-wide buffer that
   // the next call overwrites.
@@ -156,6 +159,7 @@ class Kavlet {
   String name;             // program name
   String testCount;        // non-empty: test mode; the count or "-test"
   String testPath;         // -testpath: directory worked on in test mode
+  int testJobs;            // -jobs: documents worked on at a time in test mode (1 or more)
   String type;             // worker type registered with the KV
   String errorComment;     // comment of a failed document
   String okComment;        // comment of a processed document
