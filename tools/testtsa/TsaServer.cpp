@@ -358,6 +358,7 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
        " bytes=" + std::to_string(body.size()) + " content_type=" + contentType + " auth=" + auth +
        " fault=" + faultName(options_.fault));
 
+  holdAnswer();
   int status = 200;
   std::string type = "application/timestamp-reply";
   std::string reply;
@@ -425,6 +426,7 @@ void TsaServer::serveTcp(Stream* stream) {
     stream->finish();
     return;
   }
+  holdAnswer();
   std::string reply;
   switch (options_.fault) {
     case Fault::kNotWorking:
@@ -473,6 +475,14 @@ std::string TsaServer::faultBody(size_t size, const std::string& valid) const {
 
 void TsaServer::hang() {
   while (!stopping_) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
+
+void TsaServer::holdAnswer() {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(options_.delayMs);
+  while (!stopping_ && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_until(
+        std::min(until, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
+  }
 }
 
 void TsaServer::note(const std::string& line) {

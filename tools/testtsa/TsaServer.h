@@ -63,6 +63,7 @@ struct TsaOptions {
   TokenShape shape;   // the fault fields are set from fault
   SignerSpec signer;  // the certificate fields are set from fault
   Fault fault = Fault::kNone;
+  int delayMs = 0;  // hold every answer this long, like a far-away server
 };
 
 class TsaServer {
@@ -98,6 +99,8 @@ class TsaServer {
   std::string makeResponse(const std::string& request);
   std::string faultBody(size_t size, const std::string& valid) const;
   void hang();
+  // Waits delayMs (or until stop) before an answer goes out.
+  void holdAnswer();
   void note(const std::string& line);
 
   TsaOptions options_;

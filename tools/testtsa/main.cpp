@@ -41,6 +41,7 @@ int usage(const char* program) {
       "                     signature octet inverted), nocert (no certificate even on\n"
       "                     certReq), noeku (signer without timeStamping usage), expired\n"
       "                     (signer expired before genTime)\n"
+      "  --delay-ms N       hold every answer N milliseconds (default 0)\n"
       "Token shapes of real servers:\n"
       "  --key KIND         signing key: rsa (default), rsa-pss, ec256, ec384 (signs with "
       "SHA-384)\n"
@@ -130,6 +131,8 @@ int main(int argc, char** argv) {
       havePassword = true;
     } else if (arg == "--policy") {
       options.shape.policyOid = value;
+    } else if (arg == "--delay-ms") {
+      options.delayMs = atoi(value.c_str());
     } else if (arg == "--fault") {
       if (!testtsa::parseFault(value, &options.fault)) {
         fprintf(stderr, "unknown fault mode '%s'\n", value.c_str());
