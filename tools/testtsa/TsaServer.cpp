@@ -294,7 +294,8 @@ void TsaServer::serveConnection(Transport transport, int rawFd) {
     serveTcp(&stream);
   } else if (transport == kHttp) {
     PlainStream stream(fd.fd);
-    serveHttp(&stream, "http");
+    for (bool first = true; serveHttp(&stream, "http", first); first = false) {
+    }
   } else {
     SslPtr ssl(SSL_new(sslCtx_));
     if (!ssl || SSL_set_fd(ssl.get(), fd.fd) != 1 || SSL_accept(ssl.get()) != 1) {
@@ -302,19 +303,23 @@ void TsaServer::serveConnection(Transport transport, int rawFd) {
       return;
     }
     TlsStream stream(ssl.get());
-    serveHttp(&stream, "https");
+    for (bool first = true; serveHttp(&stream, "https", first); first = false) {
+    }
   }
 }
 
-void TsaServer::serveHttp(Stream* stream, const char* name) {
+bool TsaServer::serveHttp(Stream* stream, const char* name, bool first) {
   std::string data;
   size_t headerEnd;
   char buf[4096];
   while ((headerEnd = data.find("\r\n\r\n")) == std::string::npos) {
     size_t got = data.size() < kMaxHeader ? stream->read(buf, sizeof buf) : 0;
     if (got == 0) {
-      note(std::string("request transport=") + name + " incomplete header");
-      return;
+      // A kept connection that the client closes between requests is no fault.
+      if (first || !data.empty()) {
+        note(std::string("request transport=") + name + " incomplete header");
+      }
+      return false;
     }
     data.append(buf, got);
   }
@@ -328,6 +333,8 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
   std::string authorization;
   std::string contentType;
   bool expectContinue = false;
+  bool keepAlive =
+      requestLine.size() > 8 && requestLine.compare(requestLine.size() - 8, 8, "HTTP/1.1") == 0;
   size_t pos = header.find("\r\n");
   while (pos != std::string::npos) {
     size_t next = header.find("\r\n", pos + 2);
@@ -340,6 +347,7 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
       if (key == "authorization") authorization = value;
       if (key == "content-type") contentType = value;
       if (key == "expect" && lower(value) == "100-continue") expectContinue = true;
+      if (key == "connection" && lower(value) == "close") keepAlive = false;
     }
     pos = next;
   }
@@ -349,7 +357,7 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
   }
   if (body.size() < contentLength && !stream->readExactly(contentLength, &body)) {
     note(std::string("request transport=") + name + " incomplete body");
-    return;
+    return false;
   }
   body.resize(contentLength);
 
@@ -368,7 +376,7 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
         "Content-Type: text/plain\r\nContent-Length: 13\r\nConnection: close\r\n\r\n"
         "login needed\n");
     stream->finish();
-    return;
+    return false;
   }
   switch (options_.fault) {
     case Fault::kHttp500:
@@ -387,7 +395,7 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
       break;
     case Fault::kHang:
       hang();
-      return;
+      return false;
     case Fault::kGarbage:
       reply = kGarbage;
       break;
@@ -397,12 +405,16 @@ void TsaServer::serveHttp(Stream* stream, const char* name) {
       reply = makeResponse(body);
       break;
   }
+  // Like real servers, a good answer keeps the connection for the next request.
+  keepAlive = keepAlive && options_.fault == Fault::kNone;
   std::string head =
       "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Internal Server Error") +
       "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(reply.size()) +
-      "\r\nConnection: close\r\n\r\n";
-  stream->writeAll(head + reply);
+      (keepAlive ? "\r\nConnection: keep-alive\r\n\r\n" : "\r\nConnection: close\r\n\r\n");
+  bool sent = stream->writeAll(head + reply);
+  if (keepAlive && sent) return true;
   stream->finish();
+  return false;
 }
 
 void TsaServer::serveTcp(Stream* stream) {

@@ -8,8 +8,9 @@
 // one flag byte, the DER message). Every HTTP request path is accepted.
 //
 // A fault mode makes every answer wrong in one chosen way, so clients can be
-// tested against broken servers. Each connection runs on a thread of its own;
-// the token maker is shared under a mutex. run() returns when stop() was
+// tested against broken servers. Good HTTP answers keep the connection open
+// (keep-alive). Each connection runs on a thread of its own; the token maker
+// is shared under a mutex. run() returns when stop() was
 // called (from a signal handler too: it only sets a flag).
 #ifndef TOOLS_TESTTSA_TSASERVER_H_
 #define TOOLS_TESTTSA_TSASERVER_H_
@@ -93,7 +94,10 @@ class TsaServer {
 
   bool listenOn(int port, int* fd, int* boundPort, std::string* error);
   void serveConnection(Transport transport, int fd);
-  void serveHttp(Stream* stream, const char* name);
+  // One HTTP request and its answer. true when the connection stays open for
+  // another (HTTP/1.1, no "Connection: close", no fault mode); first: the
+  // connection's first request.
+  bool serveHttp(Stream* stream, const char* name, bool first);
   void serveTcp(Stream* stream);
   // DER TimeStampResp for a DER TimeStampReq, shaped by the options.
   std::string makeResponse(const std::string& request);
