@@ -467,7 +467,8 @@ int Clockette::service(const char* directory) {
       return requestFailed(stamp.source, stamp.target);
     }
     stamped = true;
-    if (!stamp.statement.empty() && document->appendToCommands(String(stamp.statement.c_str())) == 0) {
+    if (!stamp.statement.empty() &&
+        document->appendToCommands(String(stamp.statement.c_str())) == 0) {
       exchanges.dropFrom(i + 1);
       document->docMessage(log, __LINE__, 2, "can't append string '%s' to COMMANDS file",
                            stamp.statement.c_str());

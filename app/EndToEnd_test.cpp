@@ -455,9 +455,11 @@ TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
        {},
        {"t1.tst", "t2.tst", "t4.tst"}},
   };
-  const std::map<std::string, std::string> data = {
-      {"f1.txt", "one"}, {"f2.txt", "two"}, {"f3.txt", "three"}, {"f4.txt", "four"},
-      {"f5.txt", "five"}};
+  const std::map<std::string, std::string> data = {{"f1.txt", "one"},
+                                                   {"f2.txt", "two"},
+                                                   {"f3.txt", "three"},
+                                                   {"f4.txt", "four"},
+                                                   {"f5.txt", "five"}};
   // One after the other, then side by side (files and documents).
   struct Run {
     const char* parallel;
@@ -475,9 +477,9 @@ TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
       for (const auto& f : data) writeFile(root + "/" + c.name + "/" + f.first, f.second);
     }
     options_.env["TS_PARALLEL"] = run.parallel;
-    ChildResult r = runChild({kProgram, "-test", "-testpath", root, "-jobs", run.jobs, "-logfile",
-                              "clockette.log"},
-                             options_);
+    ChildResult r = runChild(
+        {kProgram, "-test", "-testpath", root, "-jobs", run.jobs, "-logfile", "clockette.log"},
+        options_);
     EXPECT_EQ(r.exitCode, 1) << r.out << log();
     std::string lines = resultLines(r.out, root);
     EXPECT_EQ(lines,

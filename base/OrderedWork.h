@@ -45,8 +45,8 @@ class OrderedWork {
   std::function<void(size_t)> task_;
   std::mutex mutex_;
   std::condition_variable finished_;
-  size_t next_ = 0;    // the next task to start
-  size_t limit_;       // tasks from here on are dropped
+  size_t next_ = 0;  // the next task to start
+  size_t limit_;     // tasks from here on are dropped
   std::vector<char> done_;
   std::vector<std::thread> threads_;
 };

@@ -27,8 +27,8 @@ bool endsWith(const String& s, const char* suffix) {
 // True when argv holds "-test" as an option of its own (not as the value of
 // a base option that takes one).
 bool requestsTestMode(int argc, char** argv) {
-  static const char* const kWithValue[] = {"-type", "-kvhost",   "-loglevel", "-logfile",
-                                           "-parafile", "-P", "-testpath", "-env", "-jobs"};
+  static const char* const kWithValue[] = {
+      "-type", "-kvhost", "-loglevel", "-logfile", "-parafile", "-P", "-testpath", "-env", "-jobs"};
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "-test") == 0) return true;
     for (const char* option : kWithValue) {

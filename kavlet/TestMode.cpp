@@ -9,8 +9,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -97,8 +97,8 @@ bool runSideBySide(const std::vector<String>& order, int jobs,
   if (workers.empty()) return false;
 
   std::vector<int> results(total, -1);  // -1: not known yet
-  size_t next = 0;     // next document to hand out
-  size_t printed = 0;  // results handed to done so far
+  size_t next = 0;                      // next document to hand out
+  size_t printed = 0;                   // results handed to done so far
   bool healthy = true;
   auto handOut = [&](Worker* worker) {
     if (next >= total) return;

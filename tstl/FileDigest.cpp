@@ -1,5 +1,6 @@
 #include "tstl/FileDigest.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,6 +48,7 @@ FileDigestResult digestInline(int fd, uint64_t sizeHint, EVP_MD_CTX* ctx, int* e
     *error = ENOMEM;
     return FileDigestResult::kReadFailed;
   }
+  uint64_t total = 0;
   for (;;) {
     if (stopRequested()) return FileDigestResult::kStopped;
     ssize_t got = readSome(fd, buf.get(), size);
@@ -56,6 +58,10 @@ FileDigestResult digestInline(int fd, uint64_t sizeHint, EVP_MD_CTX* ctx, int* e
     }
     if (got == 0) return FileDigestResult::kDone;
     EVP_DigestUpdate(ctx, buf.get(), static_cast<size_t>(got));
+    total += static_cast<uint64_t>(got);
+    // A short read that ends at the size fstat gave is the end: one read
+    // call less per small file.
+    if (static_cast<size_t>(got) < size && total == sizeHint) return FileDigestResult::kDone;
   }
 }
 
@@ -151,6 +157,8 @@ class ReadAhead {
 
 FileDigestResult digestFile(int fd, uint64_t sizeHint, EVP_MD_CTX* ctx, int* error) {
   *error = 0;
+  // Read-ahead advice only pays where there is more than one read.
+  if (sizeHint >= kBlock) posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   if (sizeHint >= kReadAheadFrom) {
     ReadAhead ahead;
     FileDigestResult outcome;

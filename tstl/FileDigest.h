@@ -2,9 +2,9 @@
 // fast as the digest can take it.
 //
 // Blocks of 1 MiB are read into page-aligned buffers with read(2), never
-// through stdio. A file larger than a few blocks is read ahead by a second
-// thread, so that reading the next block overlaps hashing the current one;
-// at most three blocks are held at a time, whatever the file's size. Between
+// through stdio, with sequential read-ahead advice for files of a block or more. A file larger than
+// a few blocks is read ahead by a second thread, so that reading the next block overlaps hashing
+// the current one; at most three blocks are held at a time, whatever the file's size. Between
 // blocks the process-wide stop request is looked at, so a SIGTERM ends the
 // hashing of a large file promptly.
 //

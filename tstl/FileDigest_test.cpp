@@ -48,8 +48,8 @@ void writePattern(const std::string& path, size_t size) {
 
 TEST(FileDigestTest, DigestEqualsOpenSslAtEverySize) {
   const size_t kMiB = 1 << 20;
-  const size_t sizes[] = {0, 1, 4095, 4097, kMiB - 1, kMiB, kMiB + 1, 4 * kMiB - 1, 4 * kMiB,
-                          64 * kMiB + 12345};
+  const size_t sizes[] = {0,    1,        4095,         4097,     kMiB - 1,
+                          kMiB, kMiB + 1, 4 * kMiB - 1, 4 * kMiB, 64 * kMiB + 12345};
   const struct {
     int nid;
     const char* option;

@@ -638,7 +638,6 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
     logOpenSslErrors();
     return -2;
   }
-  posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   int err = 0;
   switch (digestFile(file.get(), static_cast<uint64_t>(st.st_size), ctx.get(), &err)) {
     case FileDigestResult::kDone:
