@@ -53,6 +53,7 @@ bool parseOptions(int argc, char** argv, Options* options) {
     } else if (arg.empty() || arg[0] == '-') {
       return false;
     } else {
+      while (arg.size() > 1 && arg.back() == '/') arg.pop_back();
       options->dirs.push_back(arg);
     }
   }
@@ -139,8 +140,8 @@ int main(int argc, char** argv) {
     printf("{\"timestamps\": [%s\n],\n \"documents\": %d, \"ok\": %d, \"failed\": %d}\n",
            records.c_str(), documents, total - failed, failed);
   } else {
-    printf("%d timestamps in %d documents: %d ok, %d failed\n", total, documents, total - failed,
-           failed);
+    printf("%d timestamp%s in %d document%s: %d ok, %d failed\n", total, total == 1 ? "" : "s",
+           documents, documents == 1 ? "" : "s", total - failed, failed);
   }
   return failed == 0 ? 0 : 1;
 }

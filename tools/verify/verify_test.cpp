@@ -216,7 +216,7 @@ TEST_F(VerifyTest, WalksATreeOfDocumentsAndLeavesThemAsTheyAre) {
   EXPECT_TRUE(fileExists(a + "/COMMANDS.clockette"));
 
   r = verify({"--json", "--ca", ca(), a + "/"});
-  EXPECT_TRUE(contains(r.out, "\"result\":\"failed\",\"file\":\"" + a + "//ghost_ts0.txt\""))
+  EXPECT_TRUE(contains(r.out, "\"result\":\"failed\",\"file\":\"" + a + "/ghost_ts0.txt\""))
       << r.out;
   EXPECT_TRUE(contains(r.out, "\"documents\": 1, \"ok\": 2, \"failed\": 1}")) << r.out;
 
