@@ -14,6 +14,9 @@ TestTsa::TestTsa(const std::string& program, const TestTsaOptions& options) {
   std::vector<std::string> argv = {program};
   if (!options.dir.empty()) argv.insert(argv.end(), {"--dir", options.dir});
   if (!options.fault.empty()) argv.insert(argv.end(), {"--fault", options.fault});
+  if (options.faultCount >= 0) {
+    argv.insert(argv.end(), {"--fault-count", std::to_string(options.faultCount)});
+  }
   if (!options.bindAddress.empty()) argv.insert(argv.end(), {"--bind", options.bindAddress});
   if (options.requireAuth) {
     argv.insert(argv.end(), {"--login", options.login, "--password", options.password});

@@ -19,6 +19,7 @@ namespace testing_support {
 struct TestTsaOptions {
   std::string dir;    // certificate directory; empty: the server makes one
   std::string fault;  // fault mode name (see testtsa --help); empty: none
+  long faultCount = -1;  // only the first this many requests get the fault; -1: all
   bool requireAuth = false;
   std::string login;  // with requireAuth: the Basic credentials it demands
   std::string password;

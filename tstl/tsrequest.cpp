@@ -18,6 +18,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -39,6 +40,7 @@
 #include "tstl/Der.h"
 #include "tstl/FileDigest.h"
 #include "tstl/OpenSslPtr.h"
+#include "tstl/TsServers.h"
 #include "tstl/asn1request.h"
 #include "tstl/zpcryptbase.h"
 
@@ -57,11 +59,8 @@ constexpr unsigned char kTsaMsg = 0;       // RFC 3161 TCP flag of a request
 constexpr unsigned char kFinalMsgRep = 5;  // RFC 3161 TCP flag of the final answer
 constexpr int kMaxDigest = 64;
 
+// The servers themselves are kept by tsServers().
 struct RequesterState {
-  std::string host;
-  uint16_t port = 0;
-  std::string protocol;
-  std::string path = "/";
   bool haveCredentials = false;
   std::string credentials;  // BASE64 of login:password
   bool haveClientAuth = false;
@@ -78,6 +77,9 @@ RequesterState& state() {
   static RequesterState s;
   return s;
 }
+
+// openSocket, giving up at notAfterMs (steady clock) at the latest.
+int openSocketBefore(const char* host, uint16_t port, long long notAfterMs);
 
 struct FileCloser {
   void operator()(FILE* f) const { fclose(f); }
@@ -353,8 +355,29 @@ class CurlShare {
   std::mutex mutexes_[CURL_LOCK_DATA_LAST];
 };
 
-// HTTP or HTTPS exchange through libcurl. Fills rb.
-int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBuffer* rb) {
+// Failures of a transfer that say nothing about the request: the next
+// attempt may well succeed.
+bool curlFailureMayPass(CURLcode rc) {
+  switch (rc) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// HTTP or HTTPS exchange with server through libcurl, within timeoutMs.
+// Fills rb; says in *outcome whether a failure may pass.
+int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
+                 long long timeoutMs, ResponseBuffer* rb, TsAttempt* outcome) {
   RequesterState& s = state();
   CURLSH* share = CurlShare::instance().get();
   CurlPtr curl(curl_easy_init());
@@ -372,14 +395,14 @@ int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBu
   }
   // The "/</" between port and path is what the deployed Timestamp Servers
   // expect; it is not a typo.
-  size_t urlSize = s.host.size() + s.path.size() + 100;
+  size_t urlSize = server.host.size() + server.path.size() + 100;
   std::unique_ptr<char[]> url(new (std::nothrow) char[urlSize]);
   if (!url) {
     log.msg(__LINE__, 2, "Error allocating timestamp request URL.");
     return -1;
   }
-  snprintf(url.get(), urlSize, "%s://%s:%d/</%s", s.protocol.c_str(), s.host.c_str(), s.port,
-           s.path.c_str());
+  snprintf(url.get(), urlSize, "%s://%s:%d/</%s", server.protocol.c_str(), server.host.c_str(),
+           server.port, server.path.c_str());
   log.msg(__LINE__, 8, "url: %s", url.get());
   curl_easy_setopt(c, CURLOPT_URL, url.get());
   curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, verifyHostWanted() ? 1L : 0L);
@@ -397,7 +420,7 @@ int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBu
   curl_easy_setopt(c, CURLOPT_POSTFIELDS, request.data());
   curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
   curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, s.connectTimeoutS);
-  curl_easy_setopt(c, CURLOPT_TIMEOUT, s.totalTimeoutS);
+  curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs));
   curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
 
   curl_slist* headers = nullptr;
@@ -422,6 +445,7 @@ int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBu
   headerList.reset();
   if (rc != CURLE_OK) {
     log.msg(__LINE__, 2, "curl returns error %d(%s)", rc, curl_easy_strerror(rc));
+    *outcome = {-4, curlFailureMayPass(rc), curl_easy_strerror(rc)};
     return -4;
   }
   long status = 0;
@@ -429,26 +453,28 @@ int exchangeHttp(Log& log, const std::vector<unsigned char>& request, ResponseBu
   if (status != 200) {
     log.msg(__LINE__, 2, "HTTP error-code = %d (%s)", static_cast<int>(status),
             bodyText(*rb).c_str());
+    *outcome = {-5, status >= 500 && status <= 599, "HTTP " + std::to_string(status)};
     return -5;
   }
   return 0;
 }
 
-// Raw RFC 3161 TCP exchange: length + flag framing. Fills rb; *offset is
-// where the answer's DER starts.
-int exchangeTcp(Log& log, const std::vector<unsigned char>& request, ResponseBuffer* rb,
-                unsigned int* offset) {
-  RequesterState& s = state();
-  long long deadline = nowMs() + s.totalTimeoutS * 1000LL;
+// Raw RFC 3161 TCP exchange with server (length + flag framing), within
+// timeoutMs. Fills rb; *offset is where the answer's DER starts. Says in
+// *outcome whether a failure may pass.
+int exchangeTcp(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
+                long long timeoutMs, ResponseBuffer* rb, unsigned int* offset, TsAttempt* outcome) {
+  long long deadline = nowMs() + timeoutMs;
   uint32_t length = static_cast<uint32_t>(request.size() + 1);
   std::vector<unsigned char> frame = {
       static_cast<unsigned char>(length >> 24), static_cast<unsigned char>(length >> 16),
       static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length), kTsaMsg};
   frame.insert(frame.end(), request.begin(), request.end());
 
-  ScopedFd sock(openSocket(s.host.c_str(), s.port));
+  ScopedFd sock(openSocketBefore(server.host.c_str(), server.port, deadline));
   if (sock.get() < 0) {
     log.msg(__LINE__, 2, "openSocket failed");
+    *outcome = {-4, true, "no connection"};
     return -4;
   }
   long long left = deadline - nowMs();
@@ -457,6 +483,7 @@ int exchangeTcp(Log& log, const std::vector<unsigned char>& request, ResponseBuf
   ssize_t sent = send(sock.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
   if (sent != static_cast<ssize_t>(frame.size())) {
     log.msg(__LINE__, 2, "send failed (errno %d)", sent < 0 ? errno : EMSGSIZE);
+    *outcome = {-4, true, "send failed"};
     return -4;
   }
   errno = 0;
@@ -466,11 +493,56 @@ int exchangeTcp(Log& log, const std::vector<unsigned char>& request, ResponseBuf
   if ((rb->used > 5 && rb->data[4] != kFinalMsgRep) ||
       (rb->used > 0 && rb->used <= 5 && !notWorking)) {
     log.msg(__LINE__, 2, "timestamp server %s did not respond with a valid timestamp",
-            s.host.c_str());
+            server.host.c_str());
+    *outcome = {-10, false, "no valid timestamp"};
     return -10;
   }
   *offset = notWorking ? 0 : 5;
+  // The frame says how long the answer is: one that ends early was cut off
+  // on the way and is worth another attempt.
+  if (!notWorking && rb->used >= 5 && rb->used < kResponseLimit) {
+    uint64_t framed = (uint64_t{rb->data[0]} << 24) | (uint64_t{rb->data[1]} << 16) |
+                      (uint64_t{rb->data[2]} << 8) | rb->data[3];
+    if (rb->used - 4 < framed) *outcome = {0, true, "answer cut short"};
+  }
   return 0;
+}
+
+// One exchange with server for the DER request, within timeoutMs: the
+// designed exchange and its checks. The answer goes into response.
+TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
+                       long long timeoutMs, CAsn1string* response) {
+  unsigned char buffer[kResponseLimit + 1] = {0};
+  ResponseBuffer rb{buffer, 0, kResponseLimit};
+  unsigned int offset = 0;
+  TsAttempt outcome;
+  errno = 0;
+  int rc;
+  if (server.protocol == "http" || server.protocol == "https") {
+    rc = exchangeHttp(log, server, request, timeoutMs, &rb, &outcome);
+  } else {
+    rc = exchangeTcp(log, server, request, timeoutMs, &rb, &offset, &outcome);
+  }
+  if (rc != 0) {
+    outcome.result = rc;  // failures without a reason of their own are final
+    return outcome;
+  }
+  if (rb.used == kResponseLimit) {
+    log.msg(__LINE__, 2, "timestamp received is larger than %d bytes!?",
+            static_cast<int>(kResponseLimit));
+    return {-7, false, "answer too large"};
+  }
+  if (rb.used == 0) {
+    int err = errno;
+    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err));
+    return {-8, true, "no data received"};
+  }
+  if (rb.used == 2 && rb.data[0] == 0x05 && rb.data[1] == 0x00) {
+    log.msg(__LINE__, 2, "timestamp server %s is currently not working", server.host.c_str());
+    return {-9, true, "currently not working"};
+  }
+  response->setVal(kTagOctetString, rb.data + offset, static_cast<unsigned int>(rb.used - offset));
+  return outcome;
 }
 
 }  // namespace
@@ -528,16 +600,18 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   RAND_seed(noise, sizeof noise);
 
   RequesterState& s = state();
-  s.host = host ? host : "";
-  s.port = port;
-  s.protocol = protocol ? protocol : "";
-  s.path = path ? path : "/";
+  TsServer primary;
+  primary.host = host ? host : "";
+  primary.port = port;
+  primary.protocol = protocol ? protocol : "";
+  primary.path = path ? path : "/";
   s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
   s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
   log.msg(__LINE__, 9, "TimestampRequester initialized. Host: %s Port: %d Protocol: %s Path: %s",
-          s.host.c_str(), s.port, s.protocol.c_str(), s.path.c_str());
+          primary.host.c_str(), primary.port, primary.protocol.c_str(), primary.path.c_str());
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
+  tsServers().configureFromEnvironment(log, primary, s.totalTimeoutS);
   return 0;
 }
 
@@ -669,39 +743,15 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
 
 int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
   Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
-  RequesterState& s = state();
   std::vector<unsigned char> request;
   if (!encodeRequest(imprint, &request)) {
     log.msg(__LINE__, 2, "Error while creating timestamp request.");
     return -1;
   }
-  unsigned char buffer[kResponseLimit + 1] = {0};
-  ResponseBuffer rb{buffer, 0, kResponseLimit};
-  unsigned int offset = 0;
-  int rc;
-  errno = 0;
-  if (s.protocol == "http" || s.protocol == "https") {
-    rc = exchangeHttp(log, request, &rb);
-  } else {
-    rc = exchangeTcp(log, request, &rb, &offset);
-  }
-  if (rc != 0) return rc;
-  if (rb.used == kResponseLimit) {
-    log.msg(__LINE__, 2, "timestamp received is larger than %d bytes!?",
-            static_cast<int>(kResponseLimit));
-    return -7;
-  }
-  if (rb.used == 0) {
-    int err = errno;
-    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err));
-    return -8;
-  }
-  if (rb.used == 2 && rb.data[0] == 0x05 && rb.data[1] == 0x00) {
-    log.msg(__LINE__, 2, "timestamp server %s is currently not working", s.host.c_str());
-    return -9;
-  }
-  response->setVal(kTagOctetString, rb.data + offset, static_cast<unsigned int>(rb.used - offset));
-  return 0;
+  // Retries and fallback servers, when configured, happen in here.
+  return tsServers().run([&](const TsServer& server, long long timeoutMs) {
+    return exchangeWith(log, server, request, timeoutMs, response);
+  });
 }
 
 size_t collectResponse(void* data, size_t size, size_t count, void* buffer) {
@@ -737,6 +787,12 @@ int sslcb(void* /*curl*/, void* /*sslctx*/, void* /*user*/) {
 }
 
 int openSocket(const char* host, uint16_t port) {
+  return openSocketBefore(host, port, LLONG_MAX);
+}
+
+namespace {
+
+int openSocketBefore(const char* host, uint16_t port, long long notAfterMs) {
   Log log(kComponent, "openSocket", __FILE__, __LINE__, 13);
   if (port == 0) return -1;
   RequesterState& s = state();
@@ -753,7 +809,7 @@ int openSocket(const char* host, uint16_t port) {
   }
   // Refused connections are retried (the server may be restarting), but
   // never beyond the connect time-out.
-  long long deadline = nowMs() + s.connectTimeoutS * 1000LL;
+  long long deadline = std::min(nowMs() + s.connectTimeoutS * 1000LL, notAfterMs);
   int fd = -1;
   int err = 0;
   for (int attempt = 0; attempt < kConnectAttempts; ++attempt) {
@@ -789,6 +845,8 @@ int openSocket(const char* host, uint16_t port) {
   log.msg(__LINE__, 10, "connected local port %d to remote port %d on FD%d", localPort, port, fd);
   return fd;
 }
+
+}  // namespace
 
 const char* systemErrorText(int code) {
   Log log(kComponent, "systemErrorText", __FILE__, __LINE__, 13);

@@ -60,7 +60,8 @@ void logOpenSslErrors();
 
 // Sets the Timestamp Server: host, port, protocol ("http" and "https" go
 // through libcurl, anything else is the raw TCP transport) and URL path (null:
-// "/"). Also reads the time-out variables. Always 0.
+// "/"). Also reads the time-out variables and the retry and fallback
+// settings (tstl/TsServers.h). Always 0.
 int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path);
 
 // Sets the HTTP Basic credentials. -1 (and no credentials) when either is null.
@@ -100,7 +101,9 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
 // built; -4 transport error (curl error, time-out, no connection, send
 // failed); -5 HTTP status other than 200; -7 answer of 4096 bytes or more;
 // -8 nothing received; -9 the server answered 05 00 (not working); -10 a raw
-// TCP answer with a flag byte other than 5.
+// TCP answer with a flag byte other than 5. With retries or fallback servers
+// configured it may make several attempts (tstl/TsServers.h); the result and
+// the response are then those of the last one.
 int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
 
 // Decodes response into resp. 0 when it decodes and the status is granted or

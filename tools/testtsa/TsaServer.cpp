@@ -361,10 +361,11 @@ bool TsaServer::serveHttp(Stream* stream, const char* name, bool first) {
   }
   body.resize(contentLength);
 
+  Fault fault = nextFault();
   const char* auth = authorization.empty() ? "none" : authorization == expectedAuth_ ? "ok" : "bad";
   note(std::string("request transport=") + name + " path=" + path +
        " bytes=" + std::to_string(body.size()) + " content_type=" + contentType + " auth=" + auth +
-       " fault=" + faultName(options_.fault));
+       " fault=" + faultName(fault));
 
   holdAnswer();
   int status = 200;
@@ -378,7 +379,7 @@ bool TsaServer::serveHttp(Stream* stream, const char* name, bool first) {
     stream->finish();
     return false;
   }
-  switch (options_.fault) {
+  switch (fault) {
     case Fault::kHttp500:
       status = 500;
       type = "text/plain";
@@ -431,8 +432,9 @@ void TsaServer::serveTcp(Stream* stream) {
     note("request transport=tcp bad frame length " + std::to_string(length));
     return;
   }
+  Fault fault = nextFault();
   note("request transport=tcp flag=" + std::to_string(flag) +
-       " bytes=" + std::to_string(der.size()) + " fault=" + faultName(options_.fault));
+       " bytes=" + std::to_string(der.size()) + " fault=" + faultName(fault));
   if (flag != kTsaMsg) {
     stream->writeAll(frame(kErrorMsgRep, "unexpected message type"));
     stream->finish();
@@ -440,7 +442,7 @@ void TsaServer::serveTcp(Stream* stream) {
   }
   holdAnswer();
   std::string reply;
-  switch (options_.fault) {
+  switch (fault) {
     case Fault::kNotWorking:
       reply = std::string("\x05\x00", 2);
       break;
@@ -467,6 +469,11 @@ void TsaServer::serveTcp(Stream* stream) {
   }
   stream->writeAll(reply);
   stream->finish();
+}
+
+Fault TsaServer::nextFault() {
+  if (options_.faultCount < 0 || ++faulted_ <= options_.faultCount) return options_.fault;
+  return Fault::kNone;
 }
 
 std::string TsaServer::makeResponse(const std::string& request) {

@@ -65,6 +65,10 @@ struct TsaOptions {
   SignerSpec signer;  // the certificate fields are set from fault
   Fault fault = Fault::kNone;
   int delayMs = 0;  // hold every answer this long, like a far-away server
+  // Only the first this many requests get a fault of the answer's transport
+  // (http500, notworking, body4096, bodylarge, badflag, hang, garbage,
+  // empty), later ones a timestamp; -1: all. Faults of the token stay.
+  long faultCount = -1;
 };
 
 class TsaServer {
@@ -101,6 +105,8 @@ class TsaServer {
   void serveTcp(Stream* stream);
   // DER TimeStampResp for a DER TimeStampReq, shaped by the options.
   std::string makeResponse(const std::string& request);
+  // The fault for the request in hand (counts it against faultCount).
+  Fault nextFault();
   std::string faultBody(size_t size, const std::string& valid) const;
   void hang();
   // Waits delayMs (or until stop) before an answer goes out.
@@ -114,6 +120,7 @@ class TsaServer {
   std::unique_ptr<TokenMaker> maker_;
   std::mutex respMutex_;  // guards maker_ and lastAnswer_
   std::string lastAnswer_;
+  std::atomic<long> faulted_{0};  // requests counted against faultCount
   std::mutex noteMutex_;
   std::atomic<bool> stopping_{false};
   int listenFds_[3] = {-1, -1, -1};

@@ -42,6 +42,8 @@ int usage(const char* program) {
       "                     certReq), noeku (signer without timeStamping usage), expired\n"
       "                     (signer expired before genTime)\n"
       "  --delay-ms N       hold every answer N milliseconds (default 0)\n"
+      "  --fault-count N    only the first N requests get a fault of the first line but\n"
+      "                     reject, later ones a timestamp (default: all)\n"
       "Token shapes of real servers:\n"
       "  --key KIND         signing key: rsa (default), rsa-pss, ec256, ec384 (signs with "
       "SHA-384)\n"
@@ -133,6 +135,8 @@ int main(int argc, char** argv) {
       options.shape.policyOid = value;
     } else if (arg == "--delay-ms") {
       options.delayMs = atoi(value.c_str());
+    } else if (arg == "--fault-count") {
+      options.faultCount = atol(value.c_str());
     } else if (arg == "--fault") {
       if (!testtsa::parseFault(value, &options.fault)) {
         fprintf(stderr, "unknown fault mode '%s'\n", value.c_str());
