@@ -11,6 +11,7 @@
 #include <string>
 
 #include "testing/ChildProcess.h"
+#include "testing/Hex.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 #include "tstl/CAsn1messageImprint.h"
@@ -18,19 +19,11 @@
 
 namespace {
 
+using testing_support::fromHex;
 using testing_support::LogCapture;
 using testing_support::runChild;
 using testing_support::TempDir;
-
-std::string hex(const unsigned char* data, unsigned int length) {
-  std::string text;
-  char byte[3];
-  for (unsigned int i = 0; i < length; ++i) {
-    snprintf(byte, sizeof byte, "%02x", data[i]);
-    text += byte;
-  }
-  return text;
-}
+using testing_support::toHex;
 
 // A file of size bytes that does not repeat with the block size.
 void writePattern(const std::string& path, size_t size) {
@@ -64,8 +57,8 @@ TEST(FileDigestTest, DigestEqualsOpenSslAtEverySize) {
       ASSERT_EQ(computeHash(path.c_str(), d.nid, &imprint), 0);
       auto r = runChild({"/usr/bin/openssl", "dgst", d.option, "-r", path});
       ASSERT_EQ(r.exitCode, 0) << r.err;
-      EXPECT_EQ(hex(imprint.hashedMessage.data(), imprint.hashedMessage.length()),
-                r.out.substr(0, r.out.find(' ')));
+      EXPECT_EQ(toHex(imprint.hashedMessage.data(), imprint.hashedMessage.length()),
+                toHex(fromHex(r.out.substr(0, r.out.find(' ')))));
     }
   }
 }
