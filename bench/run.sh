@@ -13,6 +13,8 @@
 # 3. 20 documents of 8 files against a server that holds each answer 50 ms,
 #    with the default TS_PARALLEL and with TS_PARALLEL=1.
 # 4. HTTPS against HTTP, documents per second.
+# 5. Under a KV (kvmini): the median time from a work order to its report,
+#    against the median answer time of the server (holding answers 20 ms).
 # Not a test: it prints figures and exits 0 unless something could not run.
 set -euo pipefail
 
@@ -29,9 +31,10 @@ else
   cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCLOCKETTE_BENCH=ON \
     -DCLOCKETTE_TESTS=OFF >/dev/null
 fi
-cmake --build "$build" --target clockette testtsa hash_bench -j 2 >/dev/null
+cmake --build "$build" --target clockette testtsa kvmini hash_bench -j 2 >/dev/null
 clockette=$build/app/clockette
 testtsa=$build/tools/testtsa/testtsa
+kvmini=$build/tools/kvmini/kvmini
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/clockette-bench-XXXXXX")
 pids=()
@@ -168,5 +171,47 @@ echo
 echo "$tls_docs one-file documents, HTTPS against HTTP:"
 printf '  %-34s %8s docs/s\n' "HTTP" "$(rate "$tls_docs" "$th")" "HTTPS" "$(rate "$tls_docs" "$tt")"
 printf '  %-34s %8s   (target >= 0.8)\n' "HTTPS / HTTP" "$(ratio "$th" "$tt")"
+# --- 5. order to report under a KV ---
+start_tsa kvtsa --delay-ms 20
+kv_docs=${KV_DOCS:-100}
+make_docs "$work/kvq" "$kv_docs" 1
+# The server's own answer time, on a kept connection as the worker has it.
+for ((i = 0; i < 50; i++)); do
+  printf 'url = "http://127.0.0.1:%s/"\noutput = "/dev/null"\n' "$kvtsa_http"
+done >"$work/urls"
+answer_ms=$(curl -s -K "$work/urls" --data-binary @"$work/req.tsq" \
+  -H 'Content-Type: application/timestamp-query' -w '%{time_total}\n' |
+  tail -n +2 | sort -n | awk '{ t[NR] = $1 } END { printf "%.1f", t[int((NR + 1) / 2)] * 1000 }')
+# Every line of kvmini gets the time it was read.
+"$kvmini" serve --bind 127.0.0.1 --port 0 --worker-host 127.0.0.1 --queue "$work/kvq" \
+  --exit-on-bye </dev/null 2>&1 |
+  while IFS= read -r line; do echo "$EPOCHREALTIME $line"; done >"$work/kv.out" &
+pids+=($!)
+for _ in $(seq 100); do
+  grep -q ' kvmini listening' "$work/kv.out" 2>/dev/null && break
+  sleep 0.1
+done
+kv_port=$(sed -n 's/^[0-9.]* kvmini listening port=\([0-9]*\).*/\1/p' "$work/kv.out")
+[ -n "$kv_port" ] || { echo "kvmini did not start" >&2; exit 1; }
+KVHOST=127.0.0.1 KVPORT=$kv_port "$clockette" -type clockette -logfile clockette.log \
+  -host 127.0.0.1 -port "$kvtsa_http" &
+worker=$!
+pids+=($worker)
+for _ in $(seq 1200); do
+  grep -q ' QUEUE done' "$work/kv.out" && break
+  kill -0 "$worker" 2>/dev/null || break
+  sleep 0.1
+done
+kill -TERM "$worker" 2>/dev/null || true
+wait "$worker" 2>/dev/null || true
+order_ms=$(awk '$2 == "SEND" && $3 == "WORK" { sent = $1 }
+  $2 == "OP" && sent != "" { printf "%.3f\n", ($1 - sent) * 1000; sent = "" }' "$work/kv.out" |
+  sort -n | awk '{ t[NR] = $1 } END { if (NR == 0) print "none"; else print t[int((NR + 1) / 2)] }')
+echo
+echo "$kv_docs one-file documents under kvmini, each answer held 20 ms:"
+printf '  %-34s %8s ms\n' "server answer time (median)" "$answer_ms" \
+  "order to report (median)" "$order_ms"
+printf '  %-34s %8s ms (target <= 2)\n' "difference" \
+  "$(awk -v a="$order_ms" -v b="$answer_ms" 'BEGIN { printf "%.1f", a - b }')"
 echo
 echo "   load average at end: $(cut -d' ' -f1-3 /proc/loadavg)"

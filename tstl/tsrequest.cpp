@@ -58,6 +58,7 @@ constexpr int kRefusedRetryMs = 1000;
 constexpr unsigned char kTsaMsg = 0;       // RFC 3161 TCP flag of a request
 constexpr unsigned char kFinalMsgRep = 5;  // RFC 3161 TCP flag of the final answer
 constexpr int kMaxDigest = 64;
+constexpr long kKeptConnections = 64;  // at least the largest TS_PARALLEL
 
 // The servers themselves are kept by tsServers().
 struct RequesterState {
@@ -387,7 +388,11 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
     return -4;
   }
   CURL* c = curl.get();
-  if (share != nullptr) curl_easy_setopt(c, CURLOPT_SHARE, share);
+  if (share != nullptr) {
+    curl_easy_setopt(c, CURLOPT_SHARE, share);
+    // Room in the shared cache for the connections of every parallel request.
+    curl_easy_setopt(c, CURLOPT_MAXCONNECTS, kKeptConnections);
+  }
   if (getenv("CURL_DEBUG") != nullptr) {
     curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
     curl_easy_setopt(c, CURLOPT_STDERR, Log::logfile);
