@@ -15,6 +15,7 @@
 
 #include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
+#include "testing/TestCa.h"
 #include "testing/TestTsa.h"
 #include "testing/TimestampFile.h"
 
@@ -69,10 +70,28 @@ class EndToEndTest : public ::testing::Test {
         {"CONFIG", dir_.file("config")}, {"ZEPH_SRV_LOG", dir_.file("logs")},
         {"KV_NOTIFY_FILE", notices_},    {"KV_PROTOCOL", "on"},
         {"TIMESTAMP_HOST", "127.0.0.1"}, {"TIMESTAMP_PORT", std::to_string(tsa_->httpPort())}};
-    for (const char* v :
-         {"TIMESTAMP_PROTOCOL", "TIMESTAMP_URL_PATH", "TIMESTAMP_LOGIN", "TIMESTAMP_PASSWORD",
-          "LOGLEVEL", "KVDIR", "KVHOST", "KVPORT", "ECM_CONF_DIRS", "TS_HASHALG", "LOG_DEBUG",
-          "LOG_ENTRY", "LOG_INFO", "LOG_RPC", "DOUBLE_QUOTED_COMMANDS_ARGUMENTS"}) {
+    for (const char* v : {"TIMESTAMP_PROTOCOL",
+                          "TIMESTAMP_URL_PATH",
+                          "TIMESTAMP_LOGIN",
+                          "TIMESTAMP_PASSWORD",
+                          "LOGLEVEL",
+                          "KVDIR",
+                          "KVHOST",
+                          "KVPORT",
+                          "ECM_CONF_DIRS",
+                          "TS_HASHALG",
+                          "LOG_DEBUG",
+                          "LOG_ENTRY",
+                          "LOG_INFO",
+                          "LOG_RPC",
+                          "DOUBLE_QUOTED_COMMANDS_ARGUMENTS",
+                          "TS_NONCE",
+                          "TS_CERTREQ",
+                          "TS_POLICY",
+                          "TS_TRUST_CA",
+                          "TS_TSA_CERTS",
+                          "TS_CAFILE",
+                          "TS_RESPONSE_LIMIT"}) {
       options_.env[v] = kUnset;
     }
   }
@@ -331,6 +350,60 @@ TEST_F(EndToEndTest, CredentialsReachTheServerButNoOutputOrLog) {
   for (const char* secret : {"secret", "c2VjcmV0LXVzZXI6c2VjcmV0LXdvcmQ="}) {
     EXPECT_FALSE(contains(everything, secret)) << secret;
   }
+}
+
+TEST_F(EndToEndTest, TokenChecksAndRequestOptions) {
+  testing_support::TestCa otherCa;
+  const std::string otherCaFile = dir_.file("other-ca.pem");
+  ASSERT_TRUE(otherCa.writeCaPem(otherCaFile));
+  struct Case {
+    const char* name;
+    std::map<std::string, std::string> env;
+    int exitCode;
+    const char* logged;  // "" = nothing in particular
+  } cases[] = {
+      {"anchors", {{"TS_TRUST_CA", tsa_->caFile()}, {"TS_CERTREQ", "on"}}, 0, ""},
+      {"options",
+       {{"TS_NONCE", "on"}, {"TS_POLICY", "1.2.3.4.1"}, {"TS_HASHALG", "SHA384"}},
+       0,
+       ""},
+      {"another anchor",
+       {{"TS_TRUST_CA", otherCaFile}, {"TS_CERTREQ", "on"}},
+       1,
+       "Timestamp refused: the signer certificate does not chain to a trust anchor"},
+      {"unreadable anchors",
+       {{"TS_TRUST_CA", dir_.file("missing.pem")}},
+       1,
+       "Timestamp trust settings unusable: no trust anchor can be read from"},
+  };
+  int run = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    docs_ = dir_.file("docs" + std::to_string(++run));  // one document per run
+    makeDir(docs_);
+    std::string doc =
+        addDocument("doc", "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", c.name}});
+    ChildOptions options = options_;
+    for (const auto& [name, value] : c.env) options_.env[name] = value;
+    ChildResult r = runTest();
+    options_ = options;
+    EXPECT_EQ(r.exitCode, c.exitCode) << r.out << log();
+    EXPECT_TRUE(contains(log(), c.logged)) << log();
+    if (c.exitCode == 0) {
+      EXPECT_EQ(verify(doc + "/data.tst", doc + "/data.txt"), "");
+    } else {
+      EXPECT_FALSE(fileExists(doc + "/data.tst"));
+    }
+    unlink(dir_.file("logs/clockette.log").c_str());
+  }
+}
+
+TEST_F(EndToEndTest, CredentialsOverPlainHttpDrawAWarningAtTheDefaultLevel) {
+  addDocument("doc", "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", "d"}});
+  ChildResult r = runTest({"-login", "user", "-password", "word"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << log();
+  EXPECT_TRUE(contains(log(), "Basic credentials go to the Timestamp Server over plain HTTP"))
+      << log();
 }
 
 // KV mode: kvmini registers the worker, hands it every document of its

@@ -33,13 +33,16 @@
 #include "base/Log.h"
 #include "base/Platform.h"
 #include "base/String.h"
+#include "base/Switch.h"
 #include "base/SystemError.h"
+#include "tstl/CAsn1bigInteger.h"
 #include "tstl/CAsn1ietfTSResp.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
 #include "tstl/Der.h"
 #include "tstl/FileDigest.h"
 #include "tstl/OpenSslPtr.h"
+#include "tstl/TokenCheck.h"
 #include "tstl/TsServers.h"
 #include "tstl/asn1request.h"
 #include "tstl/zpcryptbase.h"
@@ -59,6 +62,7 @@ constexpr unsigned char kTsaMsg = 0;       // RFC 3161 TCP flag of a request
 constexpr unsigned char kFinalMsgRep = 5;  // RFC 3161 TCP flag of the final answer
 constexpr int kMaxDigest = 64;
 constexpr long kKeptConnections = 64;  // at least the largest TS_PARALLEL
+constexpr unsigned int kNonceOctets = 8;
 
 // The servers themselves are kept by tsServers().
 struct RequesterState {
@@ -72,6 +76,15 @@ struct RequesterState {
   int policyNid = 0;
   long connectTimeoutS = kDefaultConnectTimeoutS;
   long totalTimeoutS = kDefaultTotalTimeoutS;
+  uint64_t responseLimit = kResponseLimit;
+  // Request options and answer checks beyond the plain request.
+  bool sendNonce = false;
+  bool certReq = false;
+  std::string policyOid;  // dotted; empty: no reqPolicy
+  int policyNidRequested = 0;
+  std::string primaryProtocol;        // of the first server, for the credentials warning
+  std::string caFile;                 // TLS: the server chain is checked against it when set
+  std::unique_ptr<TokenTrust> trust;  // null: no anchors, no extra certificates
 };
 
 RequesterState& state() {
@@ -144,6 +157,77 @@ long timeoutFromEnv(Log& log, const char* name, long fallback) {
     return fallback;
   }
   return seconds;
+}
+
+// The answer size limit from TS_RESPONSE_LIMIT: whole bytes from 1024 to
+// kMaxResponseLimit, else the default with a level 2 message.
+uint64_t responseLimitFromEnv(Log& log) {
+  const char* value = getenv("TS_RESPONSE_LIMIT");
+  if (value == nullptr || *value == '\0') return kResponseLimit;
+  char* end = nullptr;
+  errno = 0;
+  long long bytes = strtoll(value, &end, 10);
+  if (end == value || *end != '\0' || errno == ERANGE || bytes < 1024 ||
+      bytes > static_cast<long long>(kMaxResponseLimit)) {
+    log.msg(__LINE__, 2,
+            "TS_RESPONSE_LIMIT '%s' is no number of bytes from 1024 to %llu, using %llu", value,
+            static_cast<unsigned long long>(kMaxResponseLimit),
+            static_cast<unsigned long long>(kResponseLimit));
+    return kResponseLimit;
+  }
+  return static_cast<uint64_t>(bytes);
+}
+
+const char* envText(const char* name) {
+  const char* value = getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// Reads the request options and the trust settings. False (after a level 2
+// message) when a setting is given but unusable: a worker that was asked to
+// check tokens must not start without the means to.
+bool readTokenSettings(Log& log, RequesterState& s) {
+  s.sendNonce = switchIsOn(getenv("TS_NONCE"));
+  s.certReq = switchIsOn(getenv("TS_CERTREQ"));
+  s.policyOid = envText("TS_POLICY");
+  s.policyNidRequested = 0;
+  bool ok = true;
+  if (!s.policyOid.empty()) {
+    Asn1ObjectPtr obj(OBJ_txt2obj(s.policyOid.c_str(), 1));
+    if (!obj) {
+      log.msg(__LINE__, 2, "TS_POLICY '%s' is no object identifier", s.policyOid.c_str());
+      ERR_clear_error();
+      ok = false;
+    } else {
+      s.policyNidRequested =
+          getOrCreateOID(s.policyOid.c_str(), s.policyOid.c_str(), s.policyOid.c_str());
+      ok = s.policyNidRequested != 0;
+    }
+  }
+  s.caFile = envText("TS_CAFILE");
+  if (!s.caFile.empty() && access(s.caFile.c_str(), R_OK) != 0) {
+    log.msg(__LINE__, 2, "TS_CAFILE '%s' cannot be read: %d", s.caFile.c_str(), errno);
+    ok = false;
+  }
+  s.trust.reset();
+  const std::string ca = envText("TS_TRUST_CA");
+  const std::string certs = envText("TS_TSA_CERTS");
+  if (!ca.empty() || !certs.empty()) {
+    auto trust = std::make_unique<TokenTrust>();
+    std::string error;
+    if (trust->load(ca, certs, &error)) {
+      s.trust = std::move(trust);
+    } else {
+      log.msg(__LINE__, 2, "Timestamp trust settings unusable: %s", error.c_str());
+      ok = false;
+    }
+  }
+  log.msg(__LINE__, 9,
+          "token checks: nonce %s, certReq %s, policy '%s', trust anchors '%s', TSA certificates "
+          "'%s', TLS CA file '%s', answer limit %llu bytes",
+          s.sendNonce ? "on" : "off", s.certReq ? "on" : "off", s.policyOid.c_str(), ca.c_str(),
+          certs.c_str(), s.caFile.c_str(), static_cast<unsigned long long>(s.responseLimit));
+  return ok;
 }
 
 // Host-name verification is on for exactly "on" or "ON", or a value that
@@ -298,9 +382,24 @@ std::string bodyText(const ResponseBuffer& rb) {
   return std::string(reinterpret_cast<const char*>(rb.data), rb.used).c_str();
 }
 
-// Fills the DER TimeStampReq for imprint. False when encoding fails.
-bool encodeRequest(CAsn1messageImprint* imprint, std::vector<unsigned char>* der) {
+// Fills the DER TimeStampReq for imprint, with the configured options and
+// the nonce when one is given. False when encoding fails.
+bool encodeRequest(CAsn1messageImprint* imprint, const std::vector<unsigned char>* nonce,
+                   std::vector<unsigned char>* der) {
+  const RequesterState& s = state();
   CAsn1IETFrequest request;
+  if (s.policyNidRequested != 0) {
+    request.reqPolicy.nid = s.policyNidRequested;
+    request.policyPresent = true;
+  }
+  if (nonce != nullptr && !nonce->empty()) {
+    request.nonce.setVal(kTagInteger, nonce->data(), static_cast<unsigned int>(nonce->size()));
+    request.noncePresent = true;
+  }
+  if (s.certReq) {
+    request.certReq.value = 1;
+    request.certReqPresent = true;
+  }
   request.messageImprint.hashAlgorithm.algorithm.nid = imprint->hashAlgorithm.algorithm.nid;
   unsigned int digestLen = imprint->hashedMessage.length();
   if (digestLen > kMaxDigest) digestLen = kMaxDigest;
@@ -410,9 +509,16 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
            server.port, server.path.c_str());
   log.msg(__LINE__, 8, "url: %s", url.get());
   curl_easy_setopt(c, CURLOPT_URL, url.get());
-  curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, verifyHostWanted() ? 1L : 0L);
-  // The server's chain is never checked: the timestamp itself is verified later.
-  curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+  if (!s.caFile.empty()) {
+    // With a CA file the server's chain and name are checked.
+    curl_easy_setopt(c, CURLOPT_CAINFO, s.caFile.c_str());
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
+  } else {
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, verifyHostWanted() ? 1L : 0L);
+    // Without one the server's chain is not checked; the token is.
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+  }
   curl_easy_setopt(c, CURLOPT_SSL_CTX_FUNCTION, sslcb);
   if (s.haveClientAuth) {
     curl_easy_setopt(c, CURLOPT_SSLCERT, s.clientCertFile.c_str());
@@ -505,7 +611,7 @@ int exchangeTcp(Log& log, const TsServer& server, const std::vector<unsigned cha
   *offset = notWorking ? 0 : 5;
   // The frame says how long the answer is: one that ends early was cut off
   // on the way and is worth another attempt.
-  if (!notWorking && rb->used >= 5 && rb->used < kResponseLimit) {
+  if (!notWorking && rb->used >= 5 && rb->used < rb->capacity) {
     uint64_t framed = (uint64_t{rb->data[0]} << 24) | (uint64_t{rb->data[1]} << 16) |
                       (uint64_t{rb->data[2]} << 8) | rb->data[3];
     if (rb->used - 4 < framed) *outcome = {0, true, "answer cut short"};
@@ -517,8 +623,9 @@ int exchangeTcp(Log& log, const TsServer& server, const std::vector<unsigned cha
 // designed exchange and its checks. The answer goes into response.
 TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
                        long long timeoutMs, CAsn1string* response) {
-  unsigned char buffer[kResponseLimit + 1] = {0};
-  ResponseBuffer rb{buffer, 0, kResponseLimit};
+  const uint64_t limit = state().responseLimit;
+  std::vector<unsigned char> buffer(limit + 1, 0);
+  ResponseBuffer rb{buffer.data(), 0, limit};
   unsigned int offset = 0;
   TsAttempt outcome;
   errno = 0;
@@ -532,9 +639,8 @@ TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsig
     outcome.result = rc;  // failures without a reason of their own are final
     return outcome;
   }
-  if (rb.used == kResponseLimit) {
-    log.msg(__LINE__, 2, "timestamp received is larger than %d bytes!?",
-            static_cast<int>(kResponseLimit));
+  if (rb.used == limit) {
+    log.msg(__LINE__, 2, "timestamp received is larger than %d bytes!?", static_cast<int>(limit));
     return {-7, false, "answer too large"};
   }
   if (rb.used == 0) {
@@ -610,14 +716,17 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   primary.port = port;
   primary.protocol = protocol ? protocol : "";
   primary.path = path ? path : "/";
+  s.primaryProtocol = primary.protocol;
   s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
   s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
+  s.responseLimit = responseLimitFromEnv(log);
+  const bool settingsOk = readTokenSettings(log, s);
   log.msg(__LINE__, 9, "TimestampRequester initialized. Host: %s Port: %d Protocol: %s Path: %s",
           primary.host.c_str(), primary.port, primary.protocol.c_str(), primary.path.c_str());
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
   tsServers().configureFromEnvironment(log, primary, s.totalTimeoutS);
-  return 0;
+  return settingsOk ? 0 : -1;
 }
 
 int initStamperAuth(const char* login, const char* password) {
@@ -641,6 +750,13 @@ int initStamperAuth(const char* login, const char* password) {
   OPENSSL_cleanse(encoded.data(), encoded.size());
   // The credentials themselves never go to the log.
   log.msg(__LINE__, 9, "TimestampRequester Authentication credentials set: %s", kMask);
+  const bool http = s.primaryProtocol == "http";
+  if ((*login != '\0' || *password != '\0') &&
+      (http || (s.primaryProtocol == "https" && s.caFile.empty()))) {
+    log.msg(__LINE__, 4,
+            "Basic credentials go to the Timestamp Server %s; set TS_CAFILE and use https",
+            http ? "over plain HTTP" : "over HTTPS without a checked server certificate");
+  }
   return 0;
 }
 
@@ -678,6 +794,12 @@ int getDigest() {
     nid = NID_sha1;
   } else if (strcmp(name, "SHA512") == 0) {
     nid = NID_sha512;
+  } else if (strcmp(name, "SHA384") == 0) {
+    nid = NID_sha384;
+  } else if (strcmp(name, "SHA3-256") == 0) {
+    nid = NID_sha3_256;
+  } else if (strcmp(name, "SHA3-512") == 0) {
+    nid = NID_sha3_512;
   } else {
     log.msg(__LINE__, 2, "Message Digest '%s' unknown .. defaulting to SHA256", name);
   }
@@ -746,10 +868,11 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
   return 0;
 }
 
-int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
+int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response,
+                     const std::vector<unsigned char>* nonce) {
   Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
   std::vector<unsigned char> request;
-  if (!encodeRequest(imprint, &request)) {
+  if (!encodeRequest(imprint, nonce, &request)) {
     log.msg(__LINE__, 2, "Error while creating timestamp request.");
     return -1;
   }
@@ -791,9 +914,7 @@ int sslcb(void* /*curl*/, void* /*sslctx*/, void* /*user*/) {
   return CURLE_OK;
 }
 
-int openSocket(const char* host, uint16_t port) {
-  return openSocketBefore(host, port, LLONG_MAX);
-}
+int openSocket(const char* host, uint16_t port) { return openSocketBefore(host, port, LLONG_MAX); }
 
 namespace {
 
@@ -880,6 +1001,42 @@ int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp) {
   return -1;
 }
 
+bool newNonce(std::vector<unsigned char>* nonce) {
+  unsigned char random[kNonceOctets];
+  if (RAND_bytes(random, sizeof random) != 1) {
+    logOpenSslErrors();
+    return false;
+  }
+  uint64_t value = 0;
+  for (unsigned char b : random) value = (value << 8) | b;
+  CAsn1bigInteger integer(value);
+  *nonce = integer.octets();
+  return true;
+}
+
+int timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
+                   const std::vector<unsigned char>& nonce) {
+  Log log(kComponent, "timestampCheck", __FILE__, __LINE__, 13);
+  const RequesterState& s = state();
+  TokenExpectations expect;
+  expect.hashNid = imprint->hashAlgorithm.algorithm.nid;
+  expect.digest.assign(imprint->hashedMessage.data(),
+                       imprint->hashedMessage.data() + imprint->hashedMessage.length());
+  expect.nonce = nonce;
+  expect.policyOid = s.policyOid;
+  const TokenCheckResult r =
+      checkTimestampResponse(response->data(), response->length(), &expect, s.trust.get());
+  if (!r.ok) {
+    log.msg(__LINE__, 2, "Timestamp refused: %s", r.reason.c_str());
+    return -1;
+  }
+  log.msg(__LINE__, 9, "timestamp genTime %s serial %s policy %s, signature %s, chain %s",
+          r.facts.genTime.c_str(), r.facts.serialHex.c_str(), r.facts.policyOid.c_str(),
+          r.facts.signatureChecked ? "checked" : "not checked (no signer certificate at hand)",
+          r.facts.chainChecked ? "checked" : "not checked");
+  return 0;
+}
+
 int timestamp2base64(CAsn1string* response, char** out) {
   Log log(kComponent, "timestamp2base64", __FILE__, __LINE__, 13);
   int len = static_cast<int>(response->length());
@@ -898,12 +1055,20 @@ int timestamp2base64(CAsn1string* response, char** out) {
 
 int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
   Log log(kComponent, "fetchTimestamp", __FILE__, __LINE__, 13);
-  if (requestTimestamp(imprint, response) != 0) {
+  std::vector<unsigned char> nonce;
+  if (state().sendNonce && !newNonce(&nonce)) {
+    log.msg(__LINE__, 2, "Error while creating timestamp request.");
+    log.msg(__LINE__, 2, "Requesting timestamp failed");
+    return -2;
+  }
+  if (requestTimestamp(imprint, response, &nonce) != 0) {
     log.msg(__LINE__, 2, "Requesting timestamp failed");
     return -2;
   }
   CAsn1ietfTSResp resp;
-  if (timestampParse(response, &resp) != 0) {
+  // An answer that fails the token checks is a parse failure of this file:
+  // it proves nothing, and asking again would not change that.
+  if (timestampParse(response, &resp) != 0 || timestampCheck(imprint, response, nonce) != 0) {
     log.msg(__LINE__, 2, "Parsing timestamp failed");
     return -3;
   }

@@ -31,6 +31,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 class CAsn1messageImprint;
 class CAsn1string;
@@ -40,12 +41,14 @@ class CAsn1ietfTSResp;
 struct ResponseBuffer {
   unsigned char* data;  // capacity bytes (plus one for a terminating NUL)
   uint64_t used;
-  uint64_t capacity;  // always kResponseLimit
+  uint64_t capacity;  // the answer size limit (kResponseLimit unless TS_RESPONSE_LIMIT)
 };
 
-// Largest answer taken from a Timestamp Server; an answer that fills the
+// Largest answer taken from a Timestamp Server unless TS_RESPONSE_LIMIT says
+// otherwise (1024 to kMaxResponseLimit bytes); an answer that fills the
 // buffer completely is rejected as too large.
 constexpr uint64_t kResponseLimit = 4096;
+constexpr uint64_t kMaxResponseLimit = 1024 * 1024;
 
 // Registers the TSTInfo content type and the timestamp policy OIDs with
 // OpenSSL. 0 when both are known, 1 when either could not be registered.
@@ -60,11 +63,24 @@ void logOpenSslErrors();
 
 // Sets the Timestamp Server: host, port, protocol ("http" and "https" go
 // through libcurl, anything else is the raw TCP transport) and URL path (null:
-// "/"). Also reads the time-out variables and the retry and fallback
-// settings (tstl/TsServers.h). Always 0.
+// "/"). Also reads the time-out variables, the retry and fallback settings
+// (tstl/TsServers.h), and the request and check settings:
+//   TS_NONCE (switch): send a random 64-bit nonce; the answer must echo it.
+//   TS_CERTREQ (switch): ask for the signer certificate (certReq TRUE).
+//   TS_POLICY=<OID>: send reqPolicy; the answer's policy must equal it.
+//   TS_TRUST_CA=<PEM file or directory>: the signer must chain to these
+//     anchors as of genTime and carry the critical timeStamping usage.
+//   TS_TSA_CERTS=<PEM file>: signer and intermediate certificates for tokens
+//     that carry none.
+//   TS_CAFILE=<PEM file>: HTTPS checks the server's chain and host name.
+//   TS_RESPONSE_LIMIT=<bytes>: the answer size limit.
+// 0; -1 (after a level 2 message) when one of these settings is given but
+// unusable (the rest of the configuration is set all the same).
 int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path);
 
 // Sets the HTTP Basic credentials. -1 (and no credentials) when either is null.
+// A login or password that is not empty draws one level 4 warning when the
+// configured transport is plain HTTP or HTTPS without TS_CAFILE.
 int initStamperAuth(const char* login, const char* password);
 
 // Sets a DER client key and certificate for TLS client authentication. -1
@@ -72,7 +88,8 @@ int initStamperAuth(const char* login, const char* password);
 int initSSLAuth(const char* keyFile, const char* certFile);
 
 // The NID of the message digest chosen by TS_HASHALG ("RIPEMD160", "SHA1",
-// "SHA256", "SHA512"; unset or anything else: SHA-256). Read once per process.
+// "SHA256", "SHA384", "SHA512", "SHA3-256", "SHA3-512"; unset or anything
+// else: SHA-256). Read once per process.
 int getDigest();
 
 // Hashes the regular file at path with digest nid into imprint. -1 when the
@@ -85,9 +102,10 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
 // failure of the final write can leave a target file behind.
 int requestTimestamp(const char* source, const char* target);
 
-// The Timestamp Server's checked answer for imprint: the exchange, then the
-// answer's checks. 0; -2 exchange failed ("Requesting timestamp failed");
-// -3 the answer is no TimeStampResp or not granted ("Parsing timestamp
+// The Timestamp Server's checked answer for imprint: the exchange (with a new
+// nonce under TS_NONCE), then timestampParse and timestampCheck. 0; -2
+// exchange failed ("Requesting timestamp failed"); -3 the answer is no
+// TimeStampResp, not granted, or fails timestampCheck ("Parsing timestamp
 // failed"). Nothing is written.
 int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
 
@@ -103,11 +121,26 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
 // -8 nothing received; -9 the server answered 05 00 (not working); -10 a raw
 // TCP answer with a flag byte other than 5. With retries or fallback servers
 // configured it may make several attempts (tstl/TsServers.h); the result and
-// the response are then those of the last one.
-int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
+// the response are then those of the last one. The request carries nonce
+// (INTEGER content octets) when one is given and not empty.
+int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response,
+                     const std::vector<unsigned char>* nonce = nullptr);
+
+// Checks a granted answer against the request it answers (TokenCheck): the
+// token must be there and cover imprint, echo nonce (when not empty) and
+// carry the TS_POLICY policy (when set); its signature must hold when the
+// signer certificate is at hand, and with TS_TRUST_CA its chain. 0, or -1
+// after logging the reason at level 2 (an imprint mismatch names both
+// digests in hex).
+int timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
+                   const std::vector<unsigned char>& nonce);
+
+// A random positive 64-bit nonce as INTEGER content octets. False when the
+// random generator fails.
+bool newNonce(std::vector<unsigned char>* nonce);
 
 // Decodes response into resp. 0 when it decodes and the status is granted or
-// grantedWithMods, else -1.
+// grantedWithMods, else -1. (timestampCheck then judges the token.)
 int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp);
 
 // BASE64 text of response in a new[]-allocated NUL-terminated *out (the

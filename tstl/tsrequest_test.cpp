@@ -20,6 +20,7 @@
 #include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
+#include "testing/TestCa.h"
 #include "testing/TestTsa.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
@@ -205,7 +206,8 @@ TEST_F(TsRequestTest, EachHashAlgorithm) {
       {nullptr, NID_sha256, false},        {"SHA256", NID_sha256, false},
       {"SHA1", NID_sha1, false},           {"SHA512", NID_sha512, false},
       {"RIPEMD160", NID_ripemd160, false}, {"sha256", NID_sha256, true},
-      {"MD5", NID_sha256, true},
+      {"MD5", NID_sha256, true},           {"SHA384", NID_sha384, false},
+      {"SHA3-256", NID_sha3_256, false},   {"SHA3-512", NID_sha3_512, false},
   };
   char self[4096];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
@@ -463,6 +465,202 @@ TEST_F(TsRequestTest, HostVerificationFollowsTsVerfhost) {
     initTsServer("127.0.0.2", static_cast<uint16_t>(tsa->httpsPort()), "https", nullptr);
     EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), c.result);
     unlink(target_.c_str());
+  }
+}
+
+// What OpenSSL reads from a stored answer: nonce (hex, empty without), policy
+// and the number of certificates in the token.
+struct StoredFacts {
+  std::string nonceHex;
+  std::string policy;
+  int certs = -1;
+};
+StoredFacts storedFacts(const std::string& der) {
+  StoredFacts f;
+  const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+  TS_RESP* resp = d2i_TS_RESP(nullptr, &p, static_cast<long>(der.size()));
+  TS_TST_INFO* info = resp != nullptr ? TS_RESP_get_tst_info(resp) : nullptr;
+  if (info != nullptr) {
+    if (const ASN1_INTEGER* nonce = TS_TST_INFO_get_nonce(info)) {
+      BIGNUM* bn = ASN1_INTEGER_to_BN(nonce, nullptr);
+      char* hex = BN_bn2hex(bn);
+      f.nonceHex = hex;
+      OPENSSL_free(hex);
+      BN_free(bn);
+    }
+    char text[128];
+    OBJ_obj2txt(text, sizeof text, TS_TST_INFO_get_policy_id(info), 1);
+    f.policy = text;
+    const STACK_OF(X509)* certs = TS_RESP_get_token(resp)->d.sign->cert;
+    f.certs = certs != nullptr ? sk_X509_num(certs) : 0;
+  }
+  TS_RESP_free(resp);
+  return f;
+}
+
+TEST_F(TsRequestTest, TokenSettingsAgainstTheTestServer) {
+  auto tsa = startTsa();
+  testing_support::TestCa otherCa;
+  const std::string otherCaFile = dir_.file("other-ca.pem");
+  ASSERT_TRUE(otherCa.writeCaPem(otherCaFile));
+  const std::string ca = tsa->caFile();
+  const std::string tsaCert = tsa->tsaCertFile();
+  struct Case {
+    const char* name;
+    std::vector<std::pair<const char*, std::string>> env;
+    int result;
+    const char* logged;  // part of the log; "" = nothing in particular
+    bool nonce;          // the stored token carries a nonce
+    int certs;           // certificates in the stored token
+  } cases[] = {
+      {"plain", {}, 0, "signature not checked", false, 0},
+      {"certReq", {{"TS_CERTREQ", "on"}}, 0, "signature checked, chain not checked", false, 2},
+      {"nonce", {{"TS_NONCE", "yes"}}, 0, "", true, 0},
+      {"policy", {{"TS_POLICY", "1.2.3.4.1"}}, 0, "", false, 0},
+      {"another policy", {{"TS_POLICY", "1.2.3.4.9"}}, -3, "unexpected status 2", false, -1},
+      {"anchors, certReq",
+       {{"TS_TRUST_CA", ca}, {"TS_CERTREQ", "on"}},
+       0,
+       "chain checked",
+       false,
+       2},
+      {"anchors, TSA certificate file",
+       {{"TS_TRUST_CA", ca}, {"TS_TSA_CERTS", tsaCert}},
+       0,
+       "chain checked",
+       false,
+       0},
+      {"anchors, no signer",
+       {{"TS_TRUST_CA", ca}},
+       -3,
+       "Timestamp refused: the signer certificate is neither",
+       false,
+       -1},
+      {"another anchor",
+       {{"TS_TRUST_CA", otherCaFile}, {"TS_CERTREQ", "on"}},
+       -3,
+       "does not chain to a trust anchor",
+       false,
+       -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::unique_ptr<ScopedEnv>> env;
+    for (const auto& [name, value] : c.env)
+      env.push_back(std::make_unique<ScopedEnv>(name, value.c_str()));
+    ASSERT_EQ(initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "http", nullptr),
+              0);
+    Log::setLevel(9, 1);
+    LogCapture log;
+    EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), c.result) << log.text();
+    Log::setLevel(9, 0);
+    EXPECT_TRUE(log.contains(c.logged)) << log.text();
+    if (c.result != 0) {
+      EXPECT_TRUE(log.contains("Parsing timestamp failed"));
+      EXPECT_FALSE(fileExists(target_));
+      continue;
+    }
+    const StoredFacts facts = storedFacts(expectVerifiedTimestamp(*tsa, source_));
+    EXPECT_EQ(!facts.nonceHex.empty(), c.nonce) << facts.nonceHex;
+    EXPECT_EQ(facts.policy, "1.2.3.4.1");  // the test server's
+    EXPECT_EQ(facts.certs, c.certs);
+    unlink(target_.c_str());
+  }
+  for (const char* bad : {"TS_TRUST_CA", "TS_TSA_CERTS", "TS_CAFILE"}) {
+    ScopedEnv env(bad, dir_.file("missing.pem").c_str());
+    LogCapture log;
+    EXPECT_EQ(initTsServer("127.0.0.1", 1, "http", nullptr), -1) << bad;
+    EXPECT_TRUE(log.contains("missing.pem")) << log.text();
+  }
+  ScopedEnv policy("TS_POLICY", "no-oid");
+  EXPECT_EQ(initTsServer("127.0.0.1", 1, "http", nullptr), -1);
+  unsetenv("TS_POLICY");
+  initTsServer("127.0.0.1", 1, "http", nullptr);
+}
+
+TEST_F(TsRequestTest, ResponseLimitFollowsTsResponseLimit) {
+  TestTsaOptions options;
+  options.fault = "bodylarge";  // a granted answer padded to 8192 bytes
+  auto tsa = startTsa(options);
+  const struct {
+    const char* limit;  // nullptr: unset
+    int result;
+    const char* logged;
+  } cases[] = {
+      {nullptr, -2, "curl returns error 23"},
+      {"8192", -2, "timestamp received is larger than 8192 bytes!?"},
+      {"16384", 0, ""},
+      {"1048577", -2, "TS_RESPONSE_LIMIT '1048577' is no number of bytes from 1024 to 1048576"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit ? c.limit : "(unset)");
+    ScopedEnv limit("TS_RESPONSE_LIMIT", c.limit);
+    LogCapture log;
+    initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "http", nullptr);
+    EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), c.result);
+    EXPECT_TRUE(log.contains(c.logged)) << log.text();
+    unlink(target_.c_str());
+  }
+}
+
+TEST_F(TsRequestTest, TlsChainCheckWithTsCafile) {
+  // The TLS certificate names localhost, 127.0.0.1 and ::1, not 127.0.0.2.
+  TestTsaOptions options;
+  options.bindAddress = "127.0.0.2";
+  auto tsa = startTsa(options);
+  testing_support::TestCa otherCa;
+  ASSERT_TRUE(otherCa.writeCaPem(dir_.file("other-ca.pem")));
+  auto tsaLocal = startTsa();
+  const struct {
+    const char* name;
+    const TestTsa& server;
+    const char* host;
+    std::string caFile;
+    int result;
+  } cases[] = {
+      {"server's CA", *tsaLocal, "127.0.0.1", tsaLocal->caFile(), 0},
+      {"another CA", *tsaLocal, "localhost", dir_.file("other-ca.pem"), -2},
+      {"name mismatch", *tsa, "127.0.0.2", tsa->caFile(), -2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScopedEnv caFile("TS_CAFILE", c.caFile.c_str());
+    initTsServer(c.host, static_cast<uint16_t>(c.server.httpsPort()), "https", nullptr);
+    LogCapture log;
+    EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), c.result) << log.text();
+    unlink(target_.c_str());
+  }
+}
+
+TEST_F(TsRequestTest, CredentialsOverAnUncheckedConnectionDrawOneWarning) {
+  const std::string ca = dir_.file("ca.pem");
+  writeFile(ca, "");
+  const struct {
+    const char* protocol;
+    const char* caFile;  // nullptr: unset
+    const char* login;
+    const char* warning;  // nullptr: none
+  } cases[] = {
+      {"http", nullptr, "user", "over plain HTTP"},
+      {"https", nullptr, "user", "over HTTPS without a checked server certificate"},
+      {"https", ca.c_str(), "user", nullptr},
+      {"http", nullptr, "", nullptr},
+      {"tcp", nullptr, "user", nullptr},
+  };
+  for (const auto& c : cases) {
+    ScopedEnv caFile("TS_CAFILE", c.caFile);
+    initTsServer("127.0.0.1", 1, c.protocol, nullptr);
+    LogCapture log;
+    initStamperAuth(c.login, "");
+    const std::string text = log.text();
+    const size_t first = text.find("Basic credentials go to the Timestamp Server");
+    EXPECT_EQ(first != std::string::npos, c.warning != nullptr) << c.protocol << text;
+    if (first != std::string::npos) {
+      EXPECT_EQ(text.find("Basic credentials go", first + 1), std::string::npos) << text;
+    }
+    if (c.warning != nullptr) {
+      EXPECT_TRUE(log.contains(c.warning)) << log.text();
+    }
   }
 }
 
