@@ -19,6 +19,7 @@
 #include "base/SystemError.h"
 #include "kavlet/docfiles/Document.h"
 #include "kavlet/docfiles/TextLine.h"
+#include "kavlet/docfiles/utl.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
 #include "tstl/Der.h"
@@ -42,11 +43,19 @@ const char kRequestFailed[] =
 constexpr int kNotifyRequestFailed = 700;
 constexpr int kNotifyWrongComp = 701;
 constexpr int kNotifyCommandsNotWritable = 702;
+constexpr int kNotifyTimestampFileNotWritable = 703;
 const char kRequestFailedTemplate[] =
     "Kavlet 'clockette' failed in requesting timestamp for file '%1/%2' from Timestamp Server";
 const char kWrongCompTemplate[] =
     "Kavlet 'clockette' failed because of wrong COMP COMMANDS statement in document '%1'";
 const char kCommandsTemplate[] = "Kavlet 'clockette' cannot write COMMANDS file of document '%1'";
+// A local failure, told apart from the Timestamp Server's.
+const char kTimestampFileTemplate[] =
+    "Kavlet 'clockette' cannot write timestamp file '%1' of document '%2'";
+
+// storeTimestamp's result when the answer arrived but the timestamp file
+// could not be written.
+constexpr int kTargetNotWritten = -5;
 
 void notify(int number, const char* messageTemplate, const char* arguments) {
   notifyOperator("SRV", "BASE", number, "ERR", messageTemplate, arguments);
@@ -93,6 +102,28 @@ String documentFilePath(const char* directory, const char* token, bool* fits) {
 bool fileExists(const char* path) {
   struct stat st;
   return stat(path, &st) == 0;
+}
+
+// Whether anything (a symbolic link too) sits at path.
+bool entryExists(const char* path) {
+  struct stat st;
+  return lstat(path, &st) == 0;
+}
+
+// The arguments of the "'%1/%2'" notification, so that it names the file
+// once: the directory and the path below it, or the path cut at its last "/".
+void fileArguments(char* out, size_t size, const char* dir, const String& file) {
+  const std::string& path = file.str();
+  std::string prefix = std::string(dir) + "/";
+  size_t slash = path.rfind('/');
+  if (path.compare(0, prefix.size(), prefix) == 0) {
+    snprintf(out, size, "{%.250s} {%.250s}", dir, path.c_str() + prefix.size());
+  } else if (slash != std::string::npos) {
+    snprintf(out, size, "{%.250s} {%.250s}", path.substr(0, slash).c_str(),
+             path.c_str() + slash + 1);
+  } else {
+    snprintf(out, size, "{%.250s} {%.250s}", dir, path.c_str());
+  }
 }
 
 // One file of a document on its way to a timestamp.
@@ -322,11 +353,39 @@ int Clockette::service(const char* directory) {
     notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
     return 0;
   };
-  auto requestFailed = [&](const String& source, const String& target) {
+  auto requestFailed = [&](const String& source, const String& target, int code) {
+    if (code == kTargetNotWritten) {
+      document->docMessage(log, __LINE__, 2,
+                           "the timestamp for '%s' couldn't be stored: the timestamp file '%s' "
+                           "couldn't be written",
+                           source.c_str(), target.c_str());
+      snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", target.c_str(), dir);
+      notify(kNotifyTimestampFileNotWritable, kTimestampFileTemplate, arguments);
+      return 0;
+    }
     document->docMessage(log, __LINE__, 2, kRequestFailed, source.c_str(), target.c_str());
-    snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", dir, source.c_str());
+    fileArguments(arguments, sizeof arguments, dir, source);
     notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
     return 0;
+  };
+  // The document's bookkeeping files and the source itself are never
+  // written over, whatever path leads to them.
+  auto targetRefused = [&](const String& source, const String& target) {
+    String which;
+    const char* what = nullptr;
+    if (document->isBookkeepingFile(target, &which) == 1) {
+      what = "the document's file";
+    } else if (utlSameFile(source.c_str(), target.c_str()) == 1) {
+      what = "its source file";
+      which = source;
+    } else {
+      return false;
+    }
+    document->docMessage(log, __LINE__, 2, "timestamp file '%s' refused: it is %s '%s'",
+                         target.c_str(), what, which.c_str());
+    snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", target.c_str(), dir);
+    notify(kNotifyTimestampFileNotWritable, kTimestampFileTemplate, arguments);
+    return true;
   };
 
   // First the plan: every file to stamp, in statement order, with its
@@ -442,12 +501,18 @@ int Clockette::service(const char* directory) {
     }
   }
 
+  // Every target is checked before anything is written: a refused one
+  // leaves the document untouched.
+  for (const auto& stamp : stamps) {
+    if (targetRefused(stamp->source, stamp->target)) return 0;
+  }
+
   // Every file is hashed before the first request: a file that cannot be
   // hashed fails the document without any exchange.
   for (const auto& stamp : stamps) {
     if (computeHash(stamp->source.c_str(), getDigest(), &stamp->imprint) != 0) {
       log.msg(__LINE__, 2, "Hashing %s failed", stamp->source.c_str());
-      return requestFailed(stamp->source, stamp->target);
+      return requestFailed(stamp->source, stamp->target, -1);
     }
   }
 
@@ -461,11 +526,18 @@ int Clockette::service(const char* directory) {
   for (size_t i = 0; i < stamps.size(); ++i) {
     Stamp& stamp = *stamps[i];
     exchanges.waitFor(i);
-    if (stamp.result != 0 ||
-        storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str()) != 0) {
-      exchanges.dropFrom(i + 1);
-      return requestFailed(stamp.source, stamp.target);
+    // Files this attempt creates are noted, so that a failed document can be
+    // left as it was.
+    bool existed = entryExists(stamp.target.c_str());
+    int code = stamp.result;
+    if (code == 0) {
+      code = storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str());
     }
+    if (code != 0) {
+      exchanges.dropFrom(i + 1);
+      return requestFailed(stamp.source, stamp.target, code);
+    }
+    if (!existed) document->noteCreatedFile(stamp.target);
     stamped = true;
     if (!stamp.statement.empty() &&
         document->appendToCommands(String(stamp.statement.c_str())) == 0) {

@@ -3,14 +3,23 @@
 // loopback. Every timestamp file is verified by OpenSSL against the test CA
 // and its data file.
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
+#include <random>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testing/ChildProcess.h"
@@ -213,7 +222,7 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
   EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
 }
 
-TEST_F(EndToEndTest, AFailedDocumentKeepsItsStampsButGetsNoRewriteAndNoProtocol) {
+TEST_F(EndToEndTest, AFailedDocumentIsLeftAsItWas) {
   // Neither a one-token file statement nor a component without
   // TIMESTAMP_COMP fails a document.
   std::string skip = addDocument("a-skip",
@@ -255,13 +264,12 @@ TEST_F(EndToEndTest, AFailedDocumentKeepsItsStampsButGetsNoRewriteAndNoProtocol)
       log(), "wrong COMP COMMANDS statement in document '" + broken + "': 'broken text/plain'"));
   EXPECT_TRUE(contains(log(), "requestTimestamp(source_file='C:\\data\\a.pdf',timestamp_file='" +
                                   missing + "/a.tst') failed."));
-  // What was stamped before the failure stays; nothing after it is stamped;
-  // COMMANDS is not rewritten, no protocol line is written.
-  EXPECT_EQ(verify(broken + "/data.tst", broken + "/data.txt"), "");
-  EXPECT_EQ(verify(broken + "/good_ts0.txt", broken + "/data.txt"), "");
-  // A file that cannot be hashed fails the document before any request.
-  EXPECT_FALSE(fileExists(missing + "/data.tst"));
-  EXPECT_FALSE(fileExists(missing + "/late_ts0.txt"));
+  // Timestamp files made before the failure go again, nothing after it is
+  // stamped; COMMANDS is not rewritten, no protocol line is written.
+  for (const std::string& made : {broken + "/data.tst", broken + "/good_ts0.txt",
+                                  missing + "/data.tst", missing + "/late_ts0.txt"}) {
+    EXPECT_FALSE(fileExists(made)) << made;
+  }
   for (const auto& failed :
        {std::make_pair(broken, wrongComp), std::make_pair(missing, missingSource)}) {
     EXPECT_EQ(readFile(failed.first + "/COMMANDS"), failed.second);
@@ -269,14 +277,14 @@ TEST_F(EndToEndTest, AFailedDocumentKeepsItsStampsButGetsNoRewriteAndNoProtocol)
     EXPECT_FALSE(fileExists(failed.first + "/COMMANDS.clockette"));
   }
 
-  // Repaired, the document is done; its component takes the next free name.
+  // Repaired, the document is done; its component takes the first free name.
   const std::string repaired = "TIMESTAMP_COMP\nCOMP good text/plain data.txt\n";
   writeFile(broken + "/COMMANDS", repaired);
   r = runTest();
   EXPECT_TRUE(contains(r.out, resultLine(2, "ok", broken))) << r.out;
-  EXPECT_EQ(verify(broken + "/good_ts1.txt", broken + "/data.txt"), "");
+  EXPECT_EQ(verify(broken + "/good_ts0.txt", broken + "/data.txt"), "");
   EXPECT_EQ(readFile(broken + "/COMMANDS"),
-            repaired + "COMP_TIMESTAMP_FILE \"good\" \"good_ts1.txt\"\n");
+            repaired + "COMP_TIMESTAMP_FILE \"good\" \"good_ts0.txt\"\n");
 }
 
 TEST_F(EndToEndTest, AnUnwritableDocumentFailsAfterTheServiceWithoutNotification) {
@@ -308,7 +316,7 @@ TEST_F(EndToEndTest, ATimestampServerFaultFailsTheDocumentWithNotification700) {
   EXPECT_TRUE(contains(r.out, resultLine(1, "error", doc))) << r.out;
   EXPECT_EQ(notices(),
             "SRV BASE 700 ERR: Kavlet 'clockette' failed in requesting timestamp for file '" + doc +
-                "/" + doc + "/c.pdf' from Timestamp Server\n");
+                "/c.pdf' from Timestamp Server\n");
   std::string text = log();
   EXPECT_TRUE(contains(text,
                        "the timestamp couldn't be requested from timestamp server. The call "
@@ -318,6 +326,222 @@ TEST_F(EndToEndTest, ATimestampServerFaultFailsTheDocumentWithNotification700) {
   EXPECT_TRUE(contains(text, "Parsing timestamp failed")) << text;
   EXPECT_FALSE(fileExists(doc + "/c_ts0.txt"));
   EXPECT_EQ(readFile(doc + "/COMMANDS"), commands);
+}
+
+// The line of a document in the test-mode output, "" when there is none.
+std::string statusLine(const std::string& out, const std::string& doc) {
+  size_t end = out.find(" doc='" + doc + "'\n");
+  if (end == std::string::npos) return "";
+  size_t start = out.rfind('\n', end);
+  return out.substr(start + 1, end - start - 1);
+}
+
+// Documents built to hurt the worker or its neighbours. Each fails at once on
+// its own with a text naming the file, and stays as it was: COMMANDS as it
+// was, no timestamp file (not even that of the good statement before the bad
+// one), no backup made, no protocol line.
+TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
+  TempDir elsewhere;
+  writeFile(elsewhere.file("secret"), "TIMESTAMP_PASSWORD=hunter2\n");
+  struct Case {
+    std::string name;
+    std::string statement;  // the second statement, after a good one
+    std::function<void(const std::string& doc)> prepare;
+    std::string text;    // in the log; "D" stands for the document's path
+    std::string notice;  // in the notifications, likewise
+  };
+  auto refusedAs = [](const std::string& target, const std::string& file) {
+    return "timestamp file 'D/" + target + "' refused: it is the document's file 'D/" + file + "'";
+  };
+  const std::string noticeCommands =
+      "SRV BASE 703 ERR: Kavlet 'clockette' cannot write timestamp file 'D/COMMANDS' of document";
+  std::vector<Case> cases = {
+      {"commands", "data.txt COMMANDS", nullptr, refusedAs("COMMANDS", "COMMANDS"), noticeCommands},
+      {"dot-commands", "data.txt ./COMMANDS", nullptr, refusedAs("./COMMANDS", "COMMANDS"), ""},
+      {"backup-via-parent", "data.txt ../backup-via-parent/COMMANDS.clockette", nullptr,
+       refusedAs("../backup-via-parent/COMMANDS.clockette", "COMMANDS.clockette"), ""},
+      {"other-backup", "data.txt COMMANDS.other", nullptr,
+       refusedAs("COMMANDS.other", "COMMANDS.other"), ""},
+      {"protocol", "data.txt KVprotocol", nullptr, refusedAs("KVprotocol", "KVprotocol"), ""},
+      {"link-to-commands", "data.txt link",
+       [](const std::string& d) { symlink("COMMANDS", (d + "/link").c_str()); },
+       refusedAs("link", "COMMANDS"), ""},
+      {"source-itself", "data.txt data.txt", nullptr,
+       "timestamp file 'D/data.txt' refused: it is its source file 'D/data.txt'", ""},
+      {"hard-link-to-source", "data.txt hard",
+       [](const std::string& d) { link((d + "/data.txt").c_str(), (d + "/hard").c_str()); },
+       "timestamp file 'D/hard' refused: it is its source file 'D/data.txt'", ""},
+      {"fifo-source", "fifo fifo.tst",
+       [](const std::string& d) { mkfifo((d + "/fifo").c_str(), 0600); },
+       "File D/fifo is no regular file",
+       "SRV BASE 700 ERR: Kavlet 'clockette' failed in requesting timestamp for file 'D/fifo'"},
+      {"device-source", "zero zero.tst",
+       [](const std::string& d) { symlink("/dev/zero", (d + "/zero").c_str()); },
+       "File D/zero is no regular file", ""},
+      {"unwritable-target", "data.txt no-dir/data.tst", nullptr,
+       "Unable to open D/no-dir/data.tst for writing: open('D/no-dir/.data.tst.tmp') failed: "
+       "errno=2 (No such file or directory)",
+       "SRV BASE 703 ERR: Kavlet 'clockette' cannot write timestamp file 'D/no-dir/data.tst'"},
+      {"commands-is-a-directory", "data.txt data.tst",
+       [](const std::string& d) {
+         unlink((d + "/COMMANDS").c_str());
+         makeDir(d + "/COMMANDS");
+       },
+       "COMMANDS file 'D/COMMANDS' exists but cannot be read", ""},
+      {"commands-is-a-link", "data.txt data.tst",
+       [&](const std::string& d) {
+         writeFile(elsewhere.file("commands"), "TIMESTAMP_FILE data.txt data.tst\n");
+         unlink((d + "/COMMANDS").c_str());
+         symlink(elsewhere.file("commands").c_str(), (d + "/COMMANDS").c_str());
+       },
+       "file 'D/COMMANDS' is a symbolic link; it is not opened", ""},
+      {"backup-is-a-link", "data.txt data.tst",
+       [&](const std::string& d) {
+         symlink(elsewhere.file("secret").c_str(), (d + "/COMMANDS.clockette").c_str());
+       },
+       "refused backup 'D/COMMANDS.clockette': it is no regular file owned by this worker's user",
+       ""},
+  };
+  if (geteuid() == 0) {
+    cases.push_back({"backup-of-another-user", "data.txt data.tst",
+                     [](const std::string& d) {
+                       writeFile(d + "/COMMANDS.clockette", "TIMESTAMP_FILE data.txt x.tst\n");
+                       chown((d + "/COMMANDS.clockette").c_str(), 65534, 65534);
+                     },
+                     "refused backup 'D/COMMANDS.clockette'", ""});
+  } else {
+    cases.push_back({"commands-unreadable", "data.txt data.tst",
+                     [](const std::string& d) { chmod((d + "/COMMANDS").c_str(), 0); },
+                     "cannot open file D/COMMANDS: errno=Permission denied", ""});
+  }
+  std::map<std::string, std::string> before;
+  for (const Case& c : cases) {
+    std::string doc = addDocument(
+        c.name, "TIMESTAMP_FILE first.txt first.tst\nTIMESTAMP_FILE " + c.statement + "\n",
+        {{"first.txt", "first"}, {"data.txt", "data"}});
+    if (c.prepare) c.prepare(doc);
+    before[c.name] = fileExists(doc + "/COMMANDS") ? readFile(doc + "/COMMANDS") : "";
+  }
+
+  ChildResult r = runTest();
+  EXPECT_FALSE(r.timedOut);
+  EXPECT_EQ(r.exitCode, 1) << r.out << log();
+  std::string text = log();
+  std::string notes = notices();
+  auto withDoc = [](std::string pattern, const std::string& doc) {
+    for (size_t at = pattern.find("D/"); at != std::string::npos; at = pattern.find("D/", at)) {
+      pattern.replace(at, 1, doc);
+      at += doc.size();
+    }
+    return pattern;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string doc = docs_ + "/" + c.name;
+    EXPECT_TRUE(contains(statusLine(r.out, doc), "op=error")) << r.out;
+    EXPECT_TRUE(contains(text, withDoc(c.text, doc))) << withDoc(c.text, doc);
+    if (!c.notice.empty()) {
+      EXPECT_TRUE(contains(notes, withDoc(c.notice, doc))) << notes;
+    }
+    if (c.name != "commands-is-a-directory") {
+      EXPECT_EQ(readFile(doc + "/COMMANDS"), before[c.name]);
+    }
+    EXPECT_FALSE(fileExists(doc + "/first.tst"));
+    EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
+    struct stat status;
+    if (lstat((doc + "/COMMANDS.clockette").c_str(), &status) == 0) {
+      EXPECT_TRUE(contains(c.name, "backup")) << "backup made";
+    }
+  }
+  // A local failure is no failure of the Timestamp Server.
+  EXPECT_FALSE(contains(notes, "for file '" + docs_ + "/unwritable-target")) << notes;
+  EXPECT_FALSE(contains(text + readFile(docs_ + "/backup-is-a-link/COMMANDS"), "hunter2"));
+}
+
+TEST_F(EndToEndTest, ADocumentHeldByAnotherProcessFailsAfterABoundedWait) {
+  std::string doc = addDocument("doc", "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", "d"}});
+  int fd = open((doc + "/.COMMANDS.lock").c_str(), O_RDWR | O_CREAT, 0644);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  options_.env["DOCUMENT_LOCK_WAIT"] = "1";
+  ChildResult r = runTest();
+  close(fd);
+  EXPECT_TRUE(contains(statusLine(r.out, doc), "op=error")) << r.out;
+  EXPECT_TRUE(contains(log(), "document '" + doc + "' is being worked on by another process"));
+  EXPECT_FALSE(fileExists(doc + "/data.tst"));
+  r = runTest();
+  EXPECT_EQ(r.exitCode, 0) << r.out << log();
+  EXPECT_EQ(verify(doc + "/data.tst", doc + "/data.txt"), "");
+}
+
+// What a document looks like after any number of runs of this worker: its
+// COMMANDS as it was plus the one statement of the last run, whose
+// timestamp file verifies; "" when so.
+std::string checkStampedDocument(
+    const std::string& doc, const std::string& commands,
+    const std::function<std::string(const std::string&, const std::string&)>& verify) {
+  std::string now = readFile(doc + "/COMMANDS");
+  static const std::regex kAdded("COMP_TIMESTAMP_FILE \"c\" \"(c_ts[0-9]+\\.txt)\"\n");
+  std::smatch m;
+  std::string added = now.substr(std::min(commands.size(), now.size()));
+  if (now.compare(0, commands.size(), commands) != 0 || !std::regex_match(added, m, kAdded)) {
+    return doc + ": COMMANDS is\n" + now;
+  }
+  return verify(doc + "/data.tst", doc + "/data.txt") +
+         verify(doc + "/" + m[1].str(), doc + "/c.txt");
+}
+
+const char kStampedCommands[] =
+    "DOCTYPE test\nTIMESTAMP_FILE data.txt data.tst\nTIMESTAMP_COMP\nCOMP c text/plain c.txt\n";
+
+TEST_F(EndToEndTest, TwoWorkersOnTheSameDocumentsTakeTurns) {
+  std::vector<std::string> docs;
+  for (int i = 0; i < 30; ++i) {
+    docs.push_back(addDocument("d" + std::to_string(100 + i), kStampedCommands,
+                               {{"data.txt", "data " + std::to_string(i)}, {"c.txt", "c"}}));
+  }
+  std::vector<std::string> args = {kProgram, "-test",    "-testpath",
+                                   docs_,    "-logfile", "clockette.log"};
+  BackgroundChild first(args, options_);
+  BackgroundChild second(args, options_);
+  EXPECT_EQ(first.wait(120), 0);
+  EXPECT_EQ(second.wait(120), 0);
+  for (const std::string& doc : docs)
+    EXPECT_EQ(checkStampedDocument(doc, kStampedCommands, verify), "");
+}
+
+// Crash safety: runs killed at random moments, then one run to the end. No
+// document may be left damaged: COMMANDS holds its statements plus exactly
+// the lines of the last run, every named timestamp file verifies, and no file
+// of the documents is empty (only the lock file holds nothing by design).
+TEST_F(EndToEndTest, RunsKilledAtRandomLeaveEveryDocumentWhole) {
+  constexpr int kDocuments = 200;
+  constexpr int kKills = 8;
+  unsigned seed = static_cast<unsigned>(time(nullptr));
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  std::vector<std::string> docs;
+  for (int i = 0; i < kDocuments; ++i) {
+    docs.push_back(addDocument("d" + std::to_string(1000 + i), kStampedCommands,
+                               {{"data.txt", "data " + std::to_string(i)}, {"c.txt", "c"}}));
+  }
+  std::vector<std::string> args = {kProgram, "-test",    "-testpath",
+                                   docs_,    "-logfile", "clockette.log"};
+  std::uniform_int_distribution<int> delayMs(50, 1500);
+  for (int k = 0; k < kKills; ++k) {
+    BackgroundChild worker(args, options_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(delayMs(random)));
+    worker.stop(SIGKILL);
+  }
+  ChildResult r = runTest();
+  ASSERT_EQ(r.exitCode, 0) << r.out << log();
+  for (const std::string& doc : docs) {
+    EXPECT_EQ(checkStampedDocument(doc, kStampedCommands, verify), "");
+    EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), kStampedCommands) << doc;
+    for (const auto& entry : std::filesystem::directory_iterator(doc)) {
+      if (entry.path().filename() == ".COMMANDS.lock") continue;
+      EXPECT_GT(entry.file_size(), 0u) << entry.path();
+    }
+  }
 }
 
 TEST_F(EndToEndTest, APortAboveTheRangeIsHandedOnModulo65536) {
@@ -507,13 +731,13 @@ TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
        "TIMESTAMP_FILE f1.txt t1.tst\nTIMESTAMP_FILE f2.txt t2.tst\n"
        "TIMESTAMP_FILE f3.txt nodir/t3.tst\n"
        "TIMESTAMP_FILE f4.txt t4.tst\nTIMESTAMP_FILE f5.txt t5.tst\n",
-       {"t1.tst", "t2.tst"},
-       {"t4.tst", "t5.tst"}},
+       {},
+       {"t1.tst", "t2.tst", "t4.tst", "t5.tst"}},  // a failed document keeps none
       {"b-third-component-broken",
        "TIMESTAMP_COMP\nCOMP a text/plain f1.txt\nCOMP a text/plain f2.txt\n"
        "COMP broken text/plain\nCOMP d text/plain f4.txt\nCOMP e text/plain f5.txt\n",
-       {"a_ts0.txt", "a_ts1.txt"},
-       {"d_ts0.txt", "e_ts0.txt"}},
+       {},
+       {"a_ts0.txt", "a_ts1.txt", "d_ts0.txt", "e_ts0.txt"}},
       // Names taken by earlier files of the same document are skipped, as
       // when each file is written before the next name is chosen.
       {"c-names-in-order",

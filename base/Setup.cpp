@@ -34,15 +34,20 @@ struct DirCloser {
 using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
 // Reads the next line without its end, keeping at most max characters (the
-// rest of an over-long line is dropped). False at end of file.
+// rest of an over-long line is dropped). The text of a line ends at a NUL
+// byte: what follows it up to the line end is dropped too, since a name cut
+// there would set or clear another variable ("PATH\0x=" would clear PATH).
+// False at end of file.
 bool readLine(FILE* f, size_t max, std::string* line) {
   line->clear();
   int c;
   bool any = false;
+  bool ended = false;
   while ((c = fgetc(f)) != EOF) {
     any = true;
     if (c == '\n') break;
-    if (line->size() < max) line->push_back(static_cast<char>(c));
+    if (c == '\0') ended = true;
+    if (!ended && line->size() < max) line->push_back(static_cast<char>(c));
   }
   return any;
 }

@@ -11,6 +11,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 using testing_support::makeDir;
 using testing_support::TempDir;
 using testing_support::writeFile;
@@ -57,7 +59,9 @@ TEST_F(SetupTest, LineRules) {
                "ST_HALFQ=\"x\n"
                "no equals sign here\n"
                "\n"
-               "ST_COMMENTED=1 # not a comment\n");
+               "ST_COMMENTED=1 # not a comment\n"
+               "ST_KEEP\0x=cleared\n"
+               "ST_NUL=a\0b\n"s);
   EXPECT_EQ(readSetup("P"), 1);
   struct Case {
     const char* name;
@@ -74,6 +78,7 @@ TEST_F(SetupTest, LineRules) {
       {"ST_EQ", "a=b"},          // only the first "=" separates
       {"ST_HALFQ", "\"x"},       // one quote alone stays
       {"ST_COMMENTED", "1 # not a comment"},
+      {"ST_NUL", "a"},  // a NUL byte ends the line's text
   };
   for (const Case& c : cases) EXPECT_EQ(env(c.name), c.value) << "'" << c.name << "'";
 }

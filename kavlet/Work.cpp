@@ -1,16 +1,31 @@
 // The work cycle of one document: Kavlet::work, createDocument,
 // extendedKVop and getTime.
+#include <cstdlib>
 #include <ctime>
 
 #include "base/Log.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/docfiles/Document.h"
+#include "kavlet/docfiles/DocumentLock.h"
 #include "kvrpc/KVclient.h"
 
 namespace {
 
 // Every worker records its lines in the document's protocol file.
 constexpr int kWithProtocol = 1;
+
+// How long a worker waits for a document that another process holds.
+constexpr int kDefaultLockWaitSeconds = 60;
+
+// DOCUMENT_LOCK_WAIT: seconds from 0 to 86400; anything else is the default.
+int lockWaitSeconds() {
+  const char* v = getenv("DOCUMENT_LOCK_WAIT");
+  if (v == nullptr || *v == '\0') return kDefaultLockWaitSeconds;
+  char* end = nullptr;
+  long seconds = strtol(v, &end, 10);
+  return *end == '\0' && seconds >= 0 && seconds <= 86400 ? static_cast<int>(seconds)
+                                                          : kDefaultLockWaitSeconds;
+}
 
 }  // namespace
 
@@ -28,16 +43,27 @@ int Kavlet::work(const char* directory) {
   curErrorComment = errorComment;
 
   int result = 0;
-  if (createDocument(dir, type.c_str()) != 0 && document != nullptr) {
-    result = service(dir);
+  // One worker per document: held until the document is closed and deleted.
+  DocumentLock lock;
+  if (lock.acquire(dir, lockWaitSeconds()) == 1 && createDocument(dir, type.c_str()) != 0 &&
+      document != nullptr) {
+    // A COMMANDS that exists but cannot be read must not pass for one
+    // without statements: the document would go on without its work done.
+    result = document->commandsReadable() == 1 ? service(dir) : 0;
+    bool commandsWritten = false;
     if (result >= 1) {
       if (document->closeCommands() == 0) {
         result = 0;
         curErrorComment = "can't write to COMMANDS";
+      } else {
+        commandsWritten = true;
       }
       if (document->closeAll() == 0) result = 0;
     }
     if (result < 1) result = 0;
+    // A failed document stays as it was: files made for it go again, so that
+    // reruns do not pile them up; once COMMANDS names them they stay.
+    if (result == 0 && !commandsWritten) document->removeCreatedFiles();
   }
   delete document;
   document = nullptr;

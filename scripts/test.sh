@@ -21,7 +21,8 @@ ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
 echo "== fuzz targets (libFuzzer) replaying their seed corpora =="
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCLOCKETTE_FUZZ=ON \
   -DCLOCKETTE_TESTS=OFF -DCMAKE_BUILD_TYPE=Debug >/dev/null
-cmake --build build-fuzz -j "$jobs" --target fuzz_der fuzz_tsresp fuzz_dispatch
-for target in der tsresp dispatch; do
+cmake --build build-fuzz -j "$jobs" --target fuzz_der fuzz_tsresp fuzz_dispatch fuzz_commands \
+  fuzz_setup
+for target in der tsresp dispatch commands setup; do
   ASAN_OPTIONS=detect_leaks=0 "build-fuzz/fuzz/fuzz_$target" -runs=0 "fuzz/corpus/$target"
 done

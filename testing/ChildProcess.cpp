@@ -197,6 +197,12 @@ int BackgroundChild::stop(int sig, int timeoutSeconds) {
   return code;
 }
 
+int BackgroundChild::takeStderr() {
+  int fd = errFd_;
+  errFd_ = -1;
+  return fd;
+}
+
 std::string BackgroundChild::stderrText() {
   if (errFd_ >= 0) {
     fcntl(errFd_, F_SETFL, O_NONBLOCK);

@@ -51,6 +51,10 @@ class BackgroundChild {
   int wait(int timeoutSeconds);
   // What the child wrote to standard error so far (read after it ended).
   std::string stderrText();
+  // Hands the read end of the child's standard error over to the caller
+  // (who must keep reading it, or a chatty child blocks once the pipe is
+  // full); stderrText() then returns what was read before. -1 when gone.
+  int takeStderr();
 
  private:
   int pid_ = -1;

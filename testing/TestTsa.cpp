@@ -1,10 +1,12 @@
 #include "testing/TestTsa.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 
@@ -33,6 +35,19 @@ TestTsa::TestTsa(const std::string& program, const TestTsaOptions& options) {
     size_t eq = line.find('=');
     if (eq != std::string::npos) values_[line.substr(0, eq)] = line.substr(eq + 1);
   }
+  logBuffer_ = child_->stderrText();
+  int fd = child_->takeStderr();
+  if (fd >= 0) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    logReader_ = std::thread([this, fd] {
+      char buf[4096];
+      ssize_t n;
+      while ((n = read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR)) {
+        if (n > 0) logBuffer_.append(buf, static_cast<size_t>(n));
+      }
+      close(fd);
+    });
+  }
 }
 
 TestTsa::~TestTsa() { stop(); }
@@ -41,6 +56,10 @@ std::string TestTsa::stop() {
   if (child_ && child_->running()) {
     child_->stop(15, 10);
     log_ = child_->stderrText();
+  }
+  if (logReader_.joinable()) {
+    logReader_.join();
+    log_ = logBuffer_;
   }
   return log_;
 }

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testing/ChildProcess.h"
@@ -52,6 +53,10 @@ class TestTsa {
   int port(const std::string& key) const;
 
   std::unique_ptr<BackgroundChild> child_;
+  // Reads the request log as it comes: a server whose log pipe is full
+  // stops answering.
+  std::thread logReader_;
+  std::string logBuffer_;  // written by logReader_ only until it is joined
   std::map<std::string, std::string> values_;
   bool ready_ = false;
   std::string log_;

@@ -32,6 +32,7 @@
 
 #include "base/Log.h"
 #include "base/Platform.h"
+#include "base/ReplaceFile.h"
 #include "base/String.h"
 #include "base/Switch.h"
 #include "base/SystemError.h"
@@ -809,16 +810,19 @@ int getDigest() {
 
 int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
   Log log(kComponent, "computeHash", __FILE__, __LINE__, 13);
-  // O_NONBLOCK: opening a FIFO must not wait for a writer; it is refused below.
+  // Neither a FIFO without a writer nor a terminal may block the open, and
+  // only a regular file is hashed: a device (/dev/zero) would be read for
+  // ever.
   ScopedFd file(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat st;
   if (file.get() < 0 || fstat(file.get(), &st) != 0) {
-    log.msg(__LINE__, 2, "File %s cannot be read: %d", path, errno);
+    int err = errno;
+    log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
+            systemError(err).c_str());
     return -1;
   }
-  // Devices, FIFOs and directories could block or never end.
   if (!S_ISREG(st.st_mode)) {
-    log.msg(__LINE__, 2, "%s is no regular file", path);
+    log.msg(__LINE__, 2, "File %s is no regular file", path);
     return -1;
   }
   const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(nid));
@@ -844,7 +848,8 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
     case FileDigestResult::kDone:
       break;
     case FileDigestResult::kReadFailed:
-      log.msg(__LINE__, 2, "File %s cannot be read: %d", path, err);
+      log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
+              systemError(err).c_str());
       return -1;
     case FileDigestResult::kStopped:
       log.msg(__LINE__, 2, "hashing of %s stopped", path);
@@ -1083,16 +1088,13 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
     return -4;
   }
   std::unique_ptr<char[]> text(base64);
-  FilePtr file(fopen(target, "w"));
-  if (!file) {
-    log.msg(__LINE__, 2, "Unable to open %s for writing", target);
-    return -5;
-  }
-  int written = fprintf(file.get(), "%s", text.get());
-  if (written < 0 || fclose(file.release()) != 0) {
-    // A cut-off timestamp is worse than none: the next run stamps again.
-    log.msg(__LINE__, 2, "Unable to write %s", target);
-    remove(target);
+  // Through a temporary file and a rename: a crash leaves the old file or
+  // the new one, never a cut-off or empty timestamp.
+  std::string step;
+  int err = replaceFile(target, text.get(), strlen(text.get()), &step);
+  if (err != 0) {
+    log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)", target,
+            step.c_str(), err, systemError(err).c_str());
     return -5;
   }
   log.msg(__LINE__, 8, "Timestamp for document %s written to %s", source, target);

@@ -93,13 +93,13 @@ int initSSLAuth(const char* keyFile, const char* certFile);
 int getDigest();
 
 // Hashes the regular file at path with digest nid into imprint. -1 when the
-// file cannot be opened or read, is no regular file ("<path> is no regular
-// file") or a stop was requested meanwhile; -2 when the digest is not usable.
+// file cannot be opened or read, is no regular file ("File <path> is no
+// regular file", refused at once, without blocking on a FIFO or reading a
+// device) or a stop was requested meanwhile; -2 when the digest is not usable.
 int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
 
 // The whole job for one file: hash source, then fetchTimestamp, then
-// storeTimestamp. 0; -1 hashing failed; -2 .. -5 as those two return. Only a
-// failure of the final write can leave a target file behind.
+// storeTimestamp. 0; -1 hashing failed; -2 .. -5 as those two return.
 int requestTimestamp(const char* source, const char* target);
 
 // The Timestamp Server's checked answer for imprint: the exchange (with a new
@@ -110,8 +110,10 @@ int requestTimestamp(const char* source, const char* target);
 int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
 
 // Writes the answer of fetchTimestamp for source as one line of BASE64 to
-// target. 0; -4 BASE64 failed; -5 target cannot be written (a partly written
-// target is removed).
+// target. 0; -4 BASE64 failed; -5 target cannot be written (a local
+// failure, not the Timestamp Server's). The target is replaced through a
+// temporary file and a rename, never written through a symbolic link; a
+// failure leaves it as it was.
 int storeTimestamp(CAsn1string* response, const char* source, const char* target);
 
 // One exchange with the Timestamp Server for imprint; the answer's bytes go

@@ -9,6 +9,7 @@
 #include <openssl/objects.h>
 #include <openssl/ts.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -664,21 +665,55 @@ TEST_F(TsRequestTest, CredentialsOverAnUncheckedConnectionDrawOneWarning) {
   }
 }
 
-TEST_F(TsRequestTest, UnreadableSourceOrTargetFails) {
+TEST_F(TsRequestTest, OnlyRegularFilesAreHashedAndAtOnce) {
   auto tsa = startTsa();
   initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "http", nullptr);
-  LogCapture log;
-  std::string missing = dir_.file("missing.pdf");
-  EXPECT_EQ(requestTimestamp(missing.c_str(), target_.c_str()), -1);
-  EXPECT_TRUE(log.contains("File " + missing + " cannot be read: 2"));
-  EXPECT_TRUE(log.contains("Hashing " + missing + " failed"));
-  // A directory opens like a file but cannot be read: no timestamp of "nothing".
-  EXPECT_EQ(requestTimestamp(dir_.path().c_str(), target_.c_str()), -1);
-  EXPECT_FALSE(fileExists(target_));
+  std::string fifo = dir_.file("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::string zero = dir_.file("zero");
+  ASSERT_EQ(symlink("/dev/zero", zero.c_str()), 0);
+  const struct {
+    std::string source;
+    std::string text;
+  } cases[] = {
+      {dir_.file("missing.pdf"),
+       "File " + dir_.file("missing.pdf") + " cannot be read: errno=2 (No such file or directory)"},
+      {dir_.path(), "File " + dir_.path() + " is no regular file"},
+      {fifo, "File " + fifo + " is no regular file"},  // no writer: would block for ever
+      {zero, "File " + zero + " is no regular file"},  // would be read for ever
+  };
+  for (const auto& c : cases) {
+    LogCapture log;
+    EXPECT_EQ(requestTimestamp(c.source.c_str(), target_.c_str()), -1) << c.source;
+    EXPECT_TRUE(log.contains(c.text)) << c.source;
+    EXPECT_TRUE(log.contains("Hashing " + c.source + " failed")) << c.source;
+    EXPECT_FALSE(fileExists(target_));
+  }
+}
 
+TEST_F(TsRequestTest, TheTargetIsReplacedWholeAndNeverWrittenThroughALink) {
+  auto tsa = startTsa();
+  initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "http", nullptr);
+  std::string elsewhere = dir_.file("elsewhere");
+  writeFile(elsewhere, "not to be touched");
+  ASSERT_EQ(symlink(elsewhere.c_str(), target_.c_str()), 0);
+  // A leftover of a killed attempt, and a link planted at the temporary name.
+  std::string temporary = dir_.file(".document.tst.tmp");
+  ASSERT_EQ(symlink(elsewhere.c_str(), temporary.c_str()), 0);
+  ASSERT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), 0);
+  EXPECT_EQ(readFile(elsewhere), "not to be touched");
+  struct stat status;
+  ASSERT_EQ(lstat(target_.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISREG(status.st_mode));
+  EXPECT_GT(status.st_size, 100);
+  EXPECT_FALSE(fileExists(temporary));
+
+  LogCapture log;
   std::string badTarget = dir_.file("no-such-dir/document.tst");
   EXPECT_EQ(requestTimestamp(source_.c_str(), badTarget.c_str()), -5);
-  EXPECT_TRUE(log.contains("Unable to open " + badTarget + " for writing"));
+  EXPECT_TRUE(log.contains("Unable to open " + badTarget + " for writing: open('" +
+                           dir_.file("no-such-dir/.document.tst.tmp") +
+                           "') failed: errno=2 (No such file or directory)"));
 }
 
 TEST_F(TsRequestTest, ObjectIdentifiersAreRegisteredOnce) {

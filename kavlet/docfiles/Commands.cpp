@@ -91,10 +91,11 @@ int Commands::openCommands() {
   }
   struct stat status;
   bool regular = false;
-  if (stat(fileName().c_str(), &status) == 0) {
+  if (lstat(fileName().c_str(), &status) == 0) {
     regular = S_ISREG(status.st_mode);
   } else if (errno != ENOENT) {
-    log.msg(__LINE__, 1, "\n    stat64() failed\n    message: '%s'", errnoText(errno).c_str());
+    log.msg(__LINE__, 1, "\n    stat64() failed\n    message: '%s' (file '%s')",
+            errnoText(errno).c_str(), fileName().c_str());
     return 0;
   }
   return openFile(regular ? kAppendUpdate : kWriteText, 0);
@@ -102,9 +103,12 @@ int Commands::openCommands() {
 
 int Commands::openForRead() {
   Log log("Commands", "openForRead", __FILE__, __LINE__, 13);
+  missing_ = false;
   if (closeCommands() != 1) return 0;
   if (recoverFromBackup() != 1) return 0;
-  return openFile(kReadText, 0);
+  int result = openFile(kReadText, 0);
+  missing_ = result != 1 && openError() == ENOENT;
+  return result;
 }
 
 int Commands::openForWrite() {
@@ -161,6 +165,13 @@ int Commands::readAll() {
     return 0;
   }
   return 1;
+}
+
+int Commands::readable() {
+  Log log("Commands", "readable", __FILE__, __LINE__, 13);
+  if (!entries_.empty() || readAll() == 1 || missing_) return 1;
+  log.msg(__LINE__, 2, "COMMANDS file '%s' exists but cannot be read", fileName().c_str());
+  return 0;
 }
 
 int Commands::readAll(List<CommandsEntries>& out) {

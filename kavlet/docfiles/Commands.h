@@ -51,6 +51,11 @@ class Commands : private FileH {
   // Loads the statements unless already loaded: 1, or 0 when the file
   // cannot be read (a missing file, for one).
   int readAll();
+  // Loads the statements and tells whether the document can be worked on: 1
+  // when COMMANDS was read or is missing (which means no statements), 0 when
+  // it exists but cannot be read (no permission, no regular file, a symbolic
+  // link, a refused backup, a read error).
+  int readable();
   // out becomes a copy of every statement in file order: 1.
   int readAll(List<CommandsEntries>& out);
   // *out: a malloc'ed, null-ended array of malloc'ed texts "key value" (or
@@ -120,7 +125,8 @@ class Commands : private FileH {
   List<String> toAdd_;
   int deletionsPending_ = 0;
   int integrated_ = 0;
-  int textAfterCr_ = 0;  // 1 when a line read held text after its first CR
+  int textAfterCr_ = 0;   // 1 when a line read held text after its first CR
+  bool missing_ = false;  // the last openForRead found no COMMANDS
 };
 
 #endif  // KAVLET_DOCFILES_COMMANDS_H_

@@ -1,8 +1,18 @@
 #include "kavlet/docfiles/Document.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "kavlet/docfiles/DocumentLock.h"
+#include "kavlet/docfiles/utl.h"
 
 namespace {
 
@@ -19,6 +29,20 @@ void readProtocolSwitch() {
   // and an empty value turn it off.
   if (v != nullptr && String(v).lower() != "on") g_protocolOn = false;
 }
+
+// Names of the files the framework keeps in a document directory.
+bool isBookkeepingName(const std::string& name) {
+  return name == "COMMANDS" || name == "KVprotocol" || name == DocumentLock::kFileName ||
+         name.compare(0, 9, "COMMANDS.") == 0;
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+struct DirCloser {
+  void operator()(DIR* d) const { closedir(d); }
+};
 
 }  // namespace
 
@@ -165,4 +189,60 @@ int Document::docMessage(Log& log, int line, int level, const char* format, ...)
   // Levels 5 and below are the error levels.
   String entry = level <= 5 ? String("ERROR: ") + text : String(text);
   return appendToProtocol(entry);
+}
+
+int Document::commandsReadable() {
+  Log log("Document", "commandsReadable", __FILE__, __LINE__, 13);
+  return commands_->readable();
+}
+
+int Document::isBookkeepingFile(const String& path, String* which) const {
+  Log log("Document", "isBookkeepingFile", __FILE__, __LINE__, 13);
+  struct stat dir;
+  if (stat(directory_.c_str(), &dir) != 0) return 0;
+  const std::string& p = path.str();
+  size_t slash = p.rfind('/');
+  std::string parent = slash == std::string::npos ? "." : (slash == 0 ? "/" : p.substr(0, slash));
+  std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+  // By name: "./COMMANDS", "../doc/COMMANDS" and a linked directory all
+  // reach the same directory entry; a backup need not exist yet.
+  struct stat status;
+  if (isBookkeepingName(name) && stat(parent.c_str(), &status) == 0 && sameFile(status, dir)) {
+    *which = directory_ + "/" + name;
+    return 1;
+  }
+  // By identity: a link to one of them under another name.
+  if (stat(p.c_str(), &status) != 0) return 0;
+  std::unique_ptr<DIR, DirCloser> entries(opendir(directory_.c_str()));
+  if (!entries) return 0;
+  while (struct dirent* e = readdir(entries.get())) {
+    if (!isBookkeepingName(e->d_name)) continue;
+    String own = directory_ + "/" + e->d_name;
+    struct stat ownStatus;
+    if (stat(own.c_str(), &ownStatus) == 0 && sameFile(ownStatus, status)) {
+      *which = own;
+      return 1;
+    }
+  }
+  return 0;
+}
+
+void Document::noteCreatedFile(const String& path) { createdFiles_.push_back(path); }
+
+int Document::removeCreatedFiles() {
+  Log log("Document", "removeCreatedFiles", __FILE__, __LINE__, 13);
+  int result = 1;
+  for (const String& file : createdFiles_) {
+    if (unlink(file.c_str()) == 0) {
+      log.msg(__LINE__, 8, "removed '%s', made for the failed document '%s'", file.c_str(),
+              directory_.c_str());
+    } else if (errno != ENOENT) {
+      int err = errno;
+      log.msg(__LINE__, 2, "cannot remove '%s', made for the failed document '%s': errno=%d (%s)",
+              file.c_str(), directory_.c_str(), err, errnoText(err).c_str());
+      result = 0;
+    }
+  }
+  createdFiles_.clear();
+  return result;
 }

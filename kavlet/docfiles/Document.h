@@ -84,6 +84,24 @@ class Document {
   // characters. Returns the result of appendToProtocol.
   int docMessage(Log& log, int line, int level, const char* format, ...) CLOCKETTE_PRINTF(5, 6);
 
+  // Commands::readable: 1 when COMMANDS was read or is missing, 0 when it
+  // exists but cannot be read.
+  int commandsReadable();
+
+  // 1 when path names one of the document's own bookkeeping files (COMMANDS,
+  // a COMMANDS.<tag> backup, the protocol file, the lock file): the same
+  // name in the document directory however the path reaches it, or, for an
+  // existing path, the same file (device and inode, links followed). *which
+  // then names that file. Nothing else may ever be written over them.
+  int isBookkeepingFile(const String& path, String* which) const;
+  // Remembers a file this attempt created in the document, so that a failed
+  // attempt can take it away again.
+  void noteCreatedFile(const String& path);
+  // Removes the files noted by noteCreatedFile (files that were there before
+  // stay). 1 when all are gone, 0 when one could not be removed (logged at
+  // level 2 with the file and the system's error).
+  int removeCreatedFiles();
+
   const String& directory() const { return directory_; }
   const String& tag() const { return tag_; }
 
@@ -93,6 +111,7 @@ class Document {
   std::vector<std::unique_ptr<FileH>> fileHandles_;
   std::unique_ptr<Commands> commands_;
   std::unique_ptr<Protocol> protocol_;
+  std::vector<String> createdFiles_;
 };
 
 #endif  // KAVLET_DOCFILES_DOCUMENT_H_

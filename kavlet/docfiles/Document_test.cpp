@@ -152,8 +152,12 @@ TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {
     document.appendToProtocol("line");
     if (document.closeCommands() != 0) return 11;
     if (document.closeAll() != 0) return 12;
-    if (!log.contains("can't rename file ; the call of function rename('" + d + "/COMMANDS','" + d +
-                      "/COMMANDS.clockette') failed:'Permission denied'"))
+    if (!log.contains("can't open file '" + d +
+                      "/COMMANDS.clockette.tmp'; the system call "
+                      "open64('" +
+                      d +
+                      "/COMMANDS.clockette.tmp',O_WRONLY|O_CREAT|O_TRUNC|_O_BINARY,"
+                      "0666) failed: 'Permission denied'"))
       return 13;
     if (!log.contains("cannot open file " + d + "/KVprotocol: errno=Permission denied")) return 14;
     return 0;

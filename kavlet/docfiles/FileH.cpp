@@ -1,10 +1,12 @@
 #include "kavlet/docfiles/FileH.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "base/Log.h"
@@ -16,6 +18,34 @@ const char* modeOf(int type) {
   static const char* const kModes[] = {nullptr, "rb", "rt", "wb",  "wt",  "ab", "at",
                                        "r+",    "w+", "a+", "r+b", "w+b", "a+b"};
   return type >= 1 && type <= 12 ? kModes[type] : nullptr;
+}
+
+// open(2) flags of an fopen mode.
+int flagsOf(const char* mode) {
+  bool update = strchr(mode, '+') != nullptr;
+  switch (mode[0]) {
+    case 'r':
+      return update ? O_RDWR : O_RDONLY;
+    case 'w':
+      return (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+    default:
+      return (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+  }
+}
+
+// A backup is restored or kept only when it is a regular file of this
+// worker's user: anything else may have been planted to make the worker
+// copy a file it can read (a setup file with a password) into the document.
+bool isOwnRegularFile(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_uid == geteuid();
+}
+
+// Makes a rename in the file's directory durable before the file is changed.
+void syncDirectoryOf(const String& file) {
+  long slash = static_cast<long>(file.str().rfind('/'));
+  String dir = slash > 0 ? file.subString(0, static_cast<size_t>(slash)) : String(".");
+  docfiles::ScopedFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.valid()) fsync(fd.get());
 }
 
 constexpr size_t kLineBuffer = 65536;
@@ -42,12 +72,36 @@ int FileH::openFile(int type, int flag) {
     log.msg(__LINE__, 2, "wrong type: %d", type);
     return 0;
   }
-  FILE* f = fopen(fileName_.c_str(), mode);
-  if (f == nullptr) {
-    log.msg(__LINE__, 3 + flag, "cannot open file %s: errno=%s", fileName_.c_str(),
-            errnoText(errno).c_str());
+  // Never through a symbolic link at the last component, and never blocked
+  // by a FIFO: a document's files are regular files.
+  docfiles::ScopedFd fd(
+      open(fileName_.c_str(), flagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+  if (!fd.valid()) {
+    openError_ = errno;
+    if (openError_ == ELOOP) {
+      log.msg(__LINE__, 2, "file '%s' is a symbolic link; it is not opened", fileName_.c_str());
+    } else {
+      log.msg(__LINE__, 3 + flag, "cannot open file %s: errno=%s", fileName_.c_str(),
+              errnoText(openError_).c_str());
+    }
     return 0;
   }
+  struct stat status;
+  if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    openError_ = EINVAL;
+    log.msg(__LINE__, 2, "file '%s' is no regular file; it is not opened", fileName_.c_str());
+    return 0;
+  }
+  FILE* f = nullptr;
+  if (fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK) != 0 ||
+      (f = fdopen(fd.get(), mode)) == nullptr) {
+    openError_ = errno;
+    log.msg(__LINE__, 3 + flag, "cannot open file %s: errno=%s", fileName_.c_str(),
+            errnoText(openError_).c_str());
+    return 0;
+  }
+  fd.release();
+  openError_ = 0;
   stream_.reset(f);
   type_ = type;
   log.msg(__LINE__, 9, "open file '%s'", fileName_.c_str());
@@ -171,28 +225,45 @@ int FileH::makeBackupCopy() {
   }
   String backup = backupName();
   struct stat status;
-  if (stat(backup.c_str(), &status) != 0) {
-    if (errno != ENOENT) {
-      int err = errno;
-      log.msg(__LINE__, 3,
-              "can't recover the document, because the system call stat64('%s',..) "
-              "failed:'%s', errno=0 %d",
-              backup.c_str(), errnoText(err).c_str(), err);
-      return 0;
-    }
-    // The rename keeps the saved content whole at every moment: either the
-    // file or the backup holds it.
-    if (rename(fileName_.c_str(), backup.c_str()) != 0) {
-      log.msg(__LINE__, 3, "can't rename file ; the call of function rename('%s','%s') failed:'%s'",
-              fileName_.c_str(), backup.c_str(), errnoText(errno).c_str());
-      return 0;
-    }
-  }
-  // An existing backup was left by an interrupted run of this worker; it
-  // holds the content from before that run and is kept as it is.
-  if (utlCopyAndSync(backup.c_str(), fileName_.c_str()) != 1) {
-    log.msg(__LINE__, 3, "utlCopyAndSync('%s','%s') failed", backup.c_str(), fileName_.c_str());
+  bool exists = lstat(backup.c_str(), &status) == 0;
+  if (exists && !isOwnRegularFile(status)) {
+    log.msg(__LINE__, 2, "refused backup '%s': it is no regular file owned by this worker's user",
+            backup.c_str());
     return 0;
+  }
+  if (exists) {
+    // Left by an interrupted run of this worker: it holds the content from
+    // before that run and is kept as it is; the file gets that content again.
+    if (utlRestoreCopy(backup.c_str(), fileName_.c_str(), true) != 1) {
+      log.msg(__LINE__, 3, "utlCopyAndSync('%s','%s') failed", backup.c_str(), fileName_.c_str());
+      return 0;
+    }
+  } else if (errno != ENOENT) {
+    int err = errno;
+    log.msg(__LINE__, 3,
+            "can't recover the document, because the system call stat64('%s',..) "
+            "failed:'%s', errno=0 %d",
+            backup.c_str(), errnoText(err).c_str(), err);
+    return 0;
+  } else {
+    // The backup is a copy of our own, complete on disk before it takes its
+    // name, while the file stays untouched: either of them holds the saved
+    // content at every moment, and the backup belongs to this worker's user
+    // whoever owns the file.
+    String partial = backup + ".tmp";
+    if (utlRestoreCopy(fileName_.c_str(), partial.c_str(), false) != 1) {
+      log.msg(__LINE__, 3, "can't make backup '%s' of file '%s'", backup.c_str(),
+              fileName_.c_str());
+      unlink(partial.c_str());
+      return 0;
+    }
+    if (rename(partial.c_str(), backup.c_str()) != 0) {
+      log.msg(__LINE__, 3, "can't rename file ; the call of function rename('%s','%s') failed:'%s'",
+              partial.c_str(), backup.c_str(), errnoText(errno).c_str());
+      unlink(partial.c_str());
+      return 0;
+    }
+    syncDirectoryOf(backup);
   }
   copied_ = 1;
   log.msg(__LINE__, 8, "made backup from file '%s', backupfile: %s", fileName_.c_str(),
@@ -208,7 +279,7 @@ int FileH::recoverFromBackup() {
   }
   String backup = backupName();
   struct stat status;
-  if (stat(backup.c_str(), &status) != 0) {
+  if (lstat(backup.c_str(), &status) != 0) {
     int err = errno;
     if (err != ENOENT) {
       log.msg(__LINE__, 3,
@@ -222,11 +293,14 @@ int FileH::recoverFromBackup() {
     return 1;
   }
   log.msg(__LINE__, 9, "recover %s is needed", fileName_.c_str());
-  // The file is deleted before the copy: a backup that cannot be copied (a
+  // Checked before the file is deleted: a backup that cannot be copied (a
   // directory in its place) would leave neither.
-  if (!S_ISREG(status.st_mode)) {
-    log.msg(__LINE__, 3, "can't recover file '%s', because the backup '%s' is no regular file",
-            fileName_.c_str(), backup.c_str());
+  if (!isOwnRegularFile(status)) {
+    openError_ = EPERM;
+    log.msg(__LINE__, 2,
+            "refused backup '%s': it is no regular file owned by this worker's user; '%s' is not "
+            "recovered from it",
+            backup.c_str(), fileName_.c_str());
     return 0;
   }
   if (unlink(fileName_.c_str()) != 0 && errno != ENOENT) {
@@ -234,7 +308,7 @@ int FileH::recoverFromBackup() {
             errnoText(errno).c_str());
     return 0;
   }
-  if (utlCopyAndSync(backup.c_str(), fileName_.c_str()) != 1) {
+  if (utlRestoreCopy(backup.c_str(), fileName_.c_str(), true) != 1) {
     log.msg(__LINE__, 3, "utlCopyAndSync('%s','%s') failed", backup.c_str(), fileName_.c_str());
     return 0;
   }

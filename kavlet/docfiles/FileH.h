@@ -5,11 +5,14 @@
 // written in the plain write and append modes (types 3 to 6) to disk.
 //
 // Crash safety: makeBackupCopy() is called before the file is changed. It
-// moves the file to "<file>.<suffix>" and copies it back, so the backup holds
-// the content from before this worker's first change. recoverFromBackup() is
-// called before the file is read: a backup left by an interrupted run of the
-// same worker (same suffix) is copied over the file. Backups are never
-// deleted. Within one object a backup is made or restored at most once.
+// copies the file to "<file>.<suffix>" (complete and on disk before it takes
+// that name), so the backup holds the content from before this worker's
+// first change. recoverFromBackup() is called before the file is read: a
+// backup left by an interrupted run of the same worker (same suffix) is
+// copied over the file. Backups are never deleted. Within one object a
+// backup is made or restored at most once. A backup is trusted only when it
+// is a regular file of this process's user; the file itself and backups are
+// never opened through a symbolic link.
 //
 // Results: 1 for success, 0 for failure; failures are logged. The object
 // stays usable after any failure. Not thread-safe.
@@ -47,7 +50,9 @@ class FileH {
   // closed anyway). Nothing open: 1.
   virtual int closeFile();
   // Opens the file with the mode of type. Fails (0) when a file is already
-  // open or the type is unknown. A failed open logs at level 3 + flag.
+  // open or the type is unknown, and refuses (level 2) a symbolic link at the
+  // last component or anything but a regular file, without blocking on a
+  // FIFO. A failed open logs at level 3 + flag.
   virtual int openFile(int type, int flag = 0);
 
   // Reads the next whole line, line end included, into line: 1 for a line,
@@ -58,8 +63,14 @@ class FileH {
   // Writes line and a line feed: 1 or 0.
   int writeLineToFile(const String& line);
 
+  // Both refuse (level 2, result 0) a backup that is no regular file owned
+  // by this process's user: it is neither kept nor restored.
   int makeBackupCopy();
   int recoverFromBackup();
+  // Why the last openFile failed: its errno (ENOENT for a missing file,
+  // ELOOP for a symbolic link, EINVAL for no regular file), EPERM after a
+  // refused backup, 0 after a successful open.
+  int openError() const { return openError_; }
 
   const String& fileName() const { return fileName_; }
   String backupName() const { return fileName_ + "." + suffix_; }
@@ -76,6 +87,7 @@ class FileH {
   int type_ = 0;
   int copied_ = 0;
   int checked_ = 0;
+  int openError_ = 0;
 };
 
 #endif  // KAVLET_DOCFILES_FILEH_H_

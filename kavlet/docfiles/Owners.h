@@ -22,6 +22,12 @@ class ScopedFd {
 
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
+  // Hands the descriptor over to the caller.
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
   // Closes now and reports the result of close(): 0, or -1 with errno set.
   int close() {
     int fd = fd_;

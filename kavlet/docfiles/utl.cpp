@@ -20,10 +20,17 @@ constexpr int kBufferSize = kChunk + 1;
 // What differs between the two copy functions.
 struct CopyStyle {
   bool truncateAndSync;
+  // Backups: neither path is followed through a symbolic link, and only a
+  // regular file is copied (checked on the open descriptor, so nothing can be
+  // swapped in between) ...
+  bool regularOnly;
+  // ... of this process's user.
+  bool ownOnly;
 };
 
 int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
-  docfiles::ScopedFd in(open(from, O_RDONLY));
+  int noFollow = style.regularOnly ? O_NOFOLLOW | O_NONBLOCK : 0;
+  docfiles::ScopedFd in(open(from, O_RDONLY | O_CLOEXEC | noFollow));
   if (!in.valid()) {
     log.msg(__LINE__, style.truncateAndSync ? 3 : 1,
             "can't open file '%s'; the system call open64('%s',O_RDONLY) failed:%s", from, from,
@@ -40,7 +47,14 @@ int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
             from, errnoText(statErr).c_str());
     return 0;
   }
-  int flags = O_WRONLY | O_CREAT | (style.truncateAndSync ? O_TRUNC : 0);
+  if (style.regularOnly &&
+      (!S_ISREG(status.st_mode) || (style.ownOnly && status.st_uid != geteuid()))) {
+    log.msg(__LINE__, 2, "refused to copy '%s': it is no regular file%s", from,
+            style.ownOnly ? " owned by this worker's user" : "");
+    return 0;
+  }
+  int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (style.truncateAndSync ? O_TRUNC : 0) |
+              (style.regularOnly ? O_NOFOLLOW : 0);
   docfiles::ScopedFd out(open(to, flags, 0666));
   if (!out.valid()) {
     if (style.truncateAndSync) {
@@ -145,14 +159,29 @@ int utlCopy(const char* from, const char* to) {
   Log log("(gobal)", "utlCopy", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "par:(from='%s',to='%s')", from ? from : "NULL", to ? to : "NULL");
   if (from == nullptr || to == nullptr) return 0;
-  return copyFile(log, from, to, CopyStyle{false});
+  return copyFile(log, from, to, CopyStyle{false, false, false});
 }
 
 int utlCopyAndSync(const char* from, const char* to) {
   Log log("(gobal)", "utlCopyAndSync", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "par:(from='%s',to='%s')", from ? from : "NULL", to ? to : "NULL");
   if (from == nullptr || to == nullptr) return 0;
-  return copyFile(log, from, to, CopyStyle{true});
+  return copyFile(log, from, to, CopyStyle{true, false, false});
+}
+
+int utlSameFile(const char* a, const char* b) {
+  struct stat sa;
+  struct stat sb;
+  return stat(a, &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino
+             ? 1
+             : 0;
+}
+
+int utlRestoreCopy(const char* from, const char* to, bool ownOnly) {
+  Log log("(gobal)", "utlRestoreCopy", __FILE__, __LINE__, 13);
+  log.msg(__LINE__, 9, "par:(from='%s',to='%s')", from ? from : "NULL", to ? to : "NULL");
+  if (from == nullptr || to == nullptr) return 0;
+  return copyFile(log, from, to, CopyStyle{true, true, ownOnly});
 }
 
 int utlLinkOrCopy(const char* from, const char* to) {

@@ -29,6 +29,15 @@ int utlCopy(const char* from, const char* to);
 // before it is closed.
 int utlCopyAndSync(const char* from, const char* to);
 
+// utlCopyAndSync for backups: refuses (level 2) a source that is no regular
+// file (with ownOnly: no regular file owned by this process's user), and
+// follows a symbolic link at the last component of neither path.
+int utlRestoreCopy(const char* from, const char* to, bool ownOnly);
+
+// 1 when both paths exist and name the same file (device and inode, links
+// followed), else 0.
+int utlSameFile(const char* a, const char* b);
+
 // Makes to an independent copy of from (no hard link is made).
 int utlLinkOrCopy(const char* from, const char* to);
 

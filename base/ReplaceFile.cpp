@@ -1,0 +1,91 @@
+#include "base/ReplaceFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_;
+};
+
+std::string directoryOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+int fail(const std::string& call, const std::string& file, std::string* failedStep) {
+  int err = errno;
+  if (failedStep != nullptr) *failedStep = call + "('" + file + "')";
+  return err;
+}
+
+}  // namespace
+
+std::string replaceFileTemporary(const char* path) {
+  std::string p(path);
+  size_t slash = p.rfind('/');
+  size_t start = slash == std::string::npos ? 0 : slash + 1;
+  return p.substr(0, start) + "." + p.substr(start) + ".tmp";
+}
+
+int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep) {
+  const std::string temporary = replaceFileTemporary(path);
+  // Whatever sits at the temporary name (a leftover of a killed run, or a
+  // link planted there) goes; O_EXCL then makes sure the file written is
+  // the one just created.
+  if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+    return fail("unlink", temporary, failedStep);
+  }
+  Fd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (fd.get() < 0) return fail("open", temporary, failedStep);
+  int err = 0;
+  std::string step;
+  size_t done = 0;
+  while (done < size) {
+    ssize_t n = write(fd.get(), data + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      err = fail("write", temporary, &step);
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (err == 0 && fsync(fd.get()) != 0) err = fail("fsync", temporary, &step);
+  if (close(fd.release()) != 0 && err == 0) err = fail("close", temporary, &step);
+  if (err == 0 && rename(temporary.c_str(), path) != 0) err = fail("rename", path, &step);
+  if (err != 0) {
+    unlink(temporary.c_str());
+    if (failedStep != nullptr) *failedStep = step;
+    return err;
+  }
+  // The rename reaches the disk with the directory. Some file systems
+  // cannot sync a directory (EINVAL); only an I/O error is a failure.
+  std::string dir = directoryOf(path);
+  Fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dirFd.get() >= 0 && fsync(dirFd.get()) != 0 && errno == EIO) {
+    return fail("fsync", dir, failedStep);
+  }
+  return 0;
+}

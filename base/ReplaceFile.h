@@ -1,0 +1,25 @@
+// replaceFile: writes a small file so that a crash leaves either its old
+// content or the new one, never a half-written or empty file.
+//
+// The data go to a temporary file in the same directory (".<name>.tmp",
+// created afresh and never through a symbolic link), are forced to disk, and
+// the temporary file is renamed over the path; the directory is synced so
+// that the rename itself survives a crash. A symbolic link at the path is
+// replaced, never written through. A temporary file left by a killed earlier
+// attempt is removed by the next attempt on the same path, so they do not
+// pile up. Safe on any thread for distinct paths.
+#ifndef BASE_REPLACEFILE_H_
+#define BASE_REPLACEFILE_H_
+
+#include <cstddef>
+#include <string>
+
+// Returns 0, or the errno of the step that failed; *failedStep then names
+// that step and its file (for example "open('/d/.a.tst.tmp')"). On failure
+// the path is left as it was and no temporary file stays behind.
+int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep);
+
+// The name of the temporary file replaceFile uses for path.
+std::string replaceFileTemporary(const char* path);
+
+#endif  // BASE_REPLACEFILE_H_

@@ -1,0 +1,67 @@
+#include "kavlet/docfiles/DocumentLock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "base/Log.h"
+#include "base/Stop.h"
+#include "kavlet/docfiles/utl.h"
+
+namespace {
+
+constexpr int kPollMs = 50;
+
+}  // namespace
+
+DocumentLock::~DocumentLock() {
+  if (fd_ >= 0) close(fd_);
+}
+
+int DocumentLock::acquire(const String& directory, int waitSeconds) {
+  Log log("DocumentLock", "acquire", __FILE__, __LINE__, 13);
+  if (fd_ >= 0) return 1;
+  String path = directory + "/" + kFileName;
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+    // A directory the worker may not write into: lock the directory itself.
+    path = directory;
+    fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  }
+  if (fd < 0) {
+    int err = errno;
+    if (err == ENOENT) return 1;
+    log.msg(__LINE__, 2, "cannot lock document '%s': open('%s') failed: errno=%d (%s)",
+            directory.c_str(), path.c_str(), err, errnoText(err).c_str());
+    return 0;
+  }
+  long long waitedMs = 0;
+  while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    int err = errno;
+    if (err == EINTR) continue;
+    if (err != EWOULDBLOCK) {
+      log.msg(__LINE__, 2, "cannot lock document '%s': flock('%s') failed: errno=%d (%s)",
+              directory.c_str(), path.c_str(), err, errnoText(err).c_str());
+      close(fd);
+      return 0;
+    }
+    if (waitedMs == 0) {
+      log.msg(__LINE__, 8, "document '%s' is locked by another process; waiting up to %d s",
+              directory.c_str(), waitSeconds);
+    }
+    if (waitedMs >= waitSeconds * 1000LL || waitForStop(kPollMs)) {
+      log.msg(__LINE__, 2,
+              "document '%s' is being worked on by another process (lock '%s' held for %d s); "
+              "document failed",
+              directory.c_str(), path.c_str(), static_cast<int>(waitedMs / 1000));
+      close(fd);
+      return 0;
+    }
+    waitedMs += kPollMs;
+  }
+  fd_ = fd;
+  log.msg(__LINE__, 9, "locked document '%s' ('%s')", directory.c_str(), path.c_str());
+  return 1;
+}
