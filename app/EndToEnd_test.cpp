@@ -47,6 +47,7 @@ using testing_support::writeFile;
 
 const std::string kProgram = std::string(CLOCKETTE_BINARY_DIR) + "/app/clockette";
 const std::string kKvMini = std::string(CLOCKETTE_BINARY_DIR) + "/tools/kvmini/kvmini";
+const std::string kVerify = std::string(CLOCKETTE_BINARY_DIR) + "/tools/verify/clockette-verify";
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -680,6 +681,80 @@ TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrError) {
                        "\tTS port     : '" +
                            std::to_string(tsa_->httpPort()) + "'\n\tTS URL path : '/from-setup'\n"))
       << settings;
+}
+
+// Answers shaped like real servers' are taken; granted tokens that prove
+// nothing are refused and leave no timestamp file. The document's files are
+// stamped one after the other: a replaying server answers the second request
+// with the first answer.
+TEST_F(EndToEndTest, RealServerShapesAreTakenAndTokensThatProveNothingRefused) {
+  struct Case {
+    const char* name;
+    bool anchors;         // TS_TRUST_CA, with TS_CERTREQ=on
+    bool tsaCerts;        // TS_TSA_CERTS: the signer and its intermediate
+    const char* refused;  // "": accepted; else the reason logged
+    std::vector<std::string> tsaArgs;
+  } cases[] = {
+      // clang-format off
+      {"serial20", false, true, "", {"--serial-bytes", "20"}},
+      {"pss-chain", true, false, "",
+       {"--key", "rsa-pss", "--serial-bytes", "20", "--intermediate", "--ess", "both"}},
+      {"ec384-chain", true, false, "",
+       {"--key", "ec384", "--intermediate", "--ess", "v2", "--tsa-name", "--time-digits", "3",
+        "--ordering", "--unsigned-attr", "--accuracy", "0,500,0"}},
+      {"otherimprint", false, false, "the token covers", {"--fault", "otherimprint"}},
+      {"replay", false, false, "the token covers", {"--fault", "replay"}},
+      {"badsignature", false, true, "the token's signature does not hold",
+       {"--fault", "badsignature"}},
+      {"nocert", true, false,
+       "the signer certificate is neither in the token nor among the given ones",
+       {"--fault", "nocert"}},
+      {"noeku", true, false,
+       "the signer certificate lacks the critical extendedKeyUsage timeStamping",
+       {"--fault", "noeku"}},
+      {"expired", true, false, "the signer certificate does not chain to a trust anchor",
+       {"--fault", "expired"}},
+      // clang-format on
+  };
+  const ChildOptions plain = options_;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TestTsaOptions tsaOptions;
+    tsaOptions.extraArgs = c.tsaArgs;
+    std::unique_ptr<TestTsa> shaped(startTsa(tsaOptions));
+    ASSERT_TRUE(shaped->ready());
+    docs_ = dir_.file(std::string("docs-") + c.name);
+    makeDir(docs_);
+    std::string doc =
+        addDocument("doc", "TIMESTAMP_FILE first.txt first.tst\nTIMESTAMP_FILE data.txt data.tst\n",
+                    {{"first.txt", "first"}, {"data.txt", c.name}});
+    options_ = plain;
+    options_.env["TIMESTAMP_PORT"] = std::to_string(shaped->httpPort());
+    options_.env["TS_PARALLEL"] = "1";
+    if (c.anchors) {
+      options_.env["TS_TRUST_CA"] = shaped->caFile();
+      options_.env["TS_CERTREQ"] = "on";
+    }
+    if (c.tsaCerts) options_.env["TS_TSA_CERTS"] = shaped->tsaCertFile();
+
+    ChildResult r = runTest();
+    bool accepted = *c.refused == '\0';
+    EXPECT_EQ(r.exitCode, accepted ? 0 : 1) << r.out << log();
+    if (accepted) {
+      EXPECT_EQ(verifyTimestampFile(doc + "/first.tst", doc + "/first.txt", *shaped), "");
+      EXPECT_EQ(verifyTimestampFile(doc + "/data.tst", doc + "/data.txt", *shaped), "");
+    } else {
+      EXPECT_TRUE(contains(log(), std::string("Timestamp refused: ") + c.refused)) << log();
+      EXPECT_TRUE(contains(log(), "Parsing timestamp failed")) << log();
+      EXPECT_EQ(fileExists(doc + "/first.tst"), std::string(c.name) == "replay");
+      EXPECT_FALSE(fileExists(doc + "/data.tst"));
+    }
+    // The auditors' tool agrees on what the worker wrote.
+    EXPECT_EQ(runChild({kVerify, "--ca", shaped->caFile(), "--certs", shaped->tsaCertFile(), doc})
+                  .exitCode,
+              accepted ? 0 : 1);
+    unlink(dir_.file("logs/clockette.log").c_str());
+  }
 }
 
 }  // namespace
