@@ -169,7 +169,12 @@ int Commands::readAll() {
 
 int Commands::readable() {
   Log log("Commands", "readable", __FILE__, __LINE__, 13);
-  if (!entries_.empty() || readAll() == 1 || missing_) return 1;
+  if (!entries_.empty()) return 1;
+  int read = readAll();
+  // Closed again: the tool's service finds COMMANDS as it would without this
+  // check (hasReadPermission, for one, opens it itself).
+  closeCommands();
+  if (read == 1 || missing_) return 1;
   log.msg(__LINE__, 2, "COMMANDS file '%s' exists but cannot be read", fileName().c_str());
   return 0;
 }

@@ -35,6 +35,31 @@ class DocumentTest : public ::testing::Test {
   TempDir dir_;
 };
 
+// Only a missing COMMANDS means "no statements"; the check leaves the file
+// closed, so the tool's service opens it as before.
+TEST_F(DocumentTest, CommandsReadabilityLeavesTheFileClosed) {
+  const struct {
+    const char* name;
+    void (*make)(const std::string& commands);
+    int readable;
+    int openable;  // hasReadPermission afterwards
+  } cases[] = {
+      {"regular", [](const std::string& c) { writeFile(c, "A 1\n"); }, 1, 1},
+      {"empty", [](const std::string& c) { writeFile(c, ""); }, 1, 1},
+      {"missing", [](const std::string&) {}, 1, 0},
+      {"directory", [](const std::string& c) { makeDir(c); }, 0, 0},
+      {"link", [](const std::string& c) { symlink("/etc/hostname", c.c_str()); }, 0, 0},
+  };
+  for (const auto& c : cases) {
+    std::string doc = file(c.name);
+    makeDir(doc);
+    c.make(doc + "/COMMANDS");
+    Document document(doc.c_str(), "clockette", 0);
+    EXPECT_EQ(document.commandsReadable(), c.readable) << c.name;
+    EXPECT_EQ(document.hasReadPermission(), c.openable) << c.name;
+  }
+}
+
 TEST_F(DocumentTest, ForwardsLookupsAndTheNumberedDeletes) {
   writeFile(file("COMMANDS"), "A 1\nA 2\nB x\nC y\nD z\n");
   Document doc(dir_.path().c_str(), "clockette", 0);
