@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,17 @@
 
 namespace {
 
+// OpenSSL 3.0 does not lock its table of added objects: an OBJ_create while
+// another thread looks a NID up can break the lookup. Answers are decoded on
+// several threads at once (and may register an unknown policy), so every use
+// of the table here goes through this lock.
+std::mutex& objectTable() {
+  static std::mutex lock;
+  return lock;
+}
+
 const char* longName(int nid) {
+  std::lock_guard<std::mutex> hold(objectTable());
   const char* name = OBJ_nid2ln(nid);
   return name ? name : "";
 }
@@ -38,7 +49,11 @@ int CAsn1oid::getDER(unsigned char* buffer, unsigned int* pos) {
     log.msg(__LINE__, 2, "Object not initialized");
     return -1;
   }
-  const ASN1_OBJECT* obj = OBJ_nid2obj(nid);
+  const ASN1_OBJECT* obj;
+  {
+    std::lock_guard<std::mutex> hold(objectTable());
+    obj = OBJ_nid2obj(nid);  // the table's entries are never removed
+  }
   if (obj == nullptr) {
     logOpenSslErrorQueue("CAsn1oid", "getDER");
     return -1;
@@ -80,16 +95,19 @@ int CAsn1oid::setDER(const unsigned char* buffer, unsigned int* pos, unsigned in
     return -1;
   }
   *pos = static_cast<unsigned int>(p - buffer);
-  nid = OBJ_obj2nid(obj.get());
-  if (nid == NID_undef) {
-    // Unknown to OpenSSL: register it so that it has a NID and re-encodes.
-    std::string text = dottedText(obj.get());
-    nid = text.empty() ? NID_undef : OBJ_create(text.c_str(), text.c_str(), text.c_str());
+  {
+    std::lock_guard<std::mutex> hold(objectTable());
+    nid = OBJ_obj2nid(obj.get());
     if (nid == NID_undef) {
-      logOpenSslErrorQueue("CAsn1oid", "setDER");
-      nid = 0;
-      return -1;
+      // Unknown to OpenSSL: register it so that it has a NID and re-encodes.
+      std::string text = dottedText(obj.get());
+      nid = text.empty() ? NID_undef : OBJ_create(text.c_str(), text.c_str(), text.c_str());
     }
+  }
+  if (nid == NID_undef) {
+    logOpenSslErrorQueue("CAsn1oid", "setDER");
+    nid = 0;
+    return -1;
   }
   log.msg(__LINE__, 9, "deserialized OBJECT %s", longName(nid));
   return 0;
@@ -98,7 +116,11 @@ int CAsn1oid::setDER(const unsigned char* buffer, unsigned int* pos, unsigned in
 unsigned int CAsn1oid::getSize() {
   Log log("CAsn1oid", "getSize", __FILE__, __LINE__, 13);
   if (nid == 0) return 0;
-  const ASN1_OBJECT* obj = OBJ_nid2obj(nid);
+  const ASN1_OBJECT* obj;
+  {
+    std::lock_guard<std::mutex> hold(objectTable());
+    obj = OBJ_nid2obj(nid);
+  }
   if (obj == nullptr) return 0;
   int n = i2d_ASN1_OBJECT(obj, nullptr);
   return n > 0 ? static_cast<unsigned int>(n) : 0;
@@ -106,8 +128,10 @@ unsigned int CAsn1oid::getSize() {
 
 void CAsn1oid::print() const {
   Log log("CAsn1oid", "print", __FILE__, __LINE__, 13);
+  std::unique_lock<std::mutex> hold(objectTable());
   const ASN1_OBJECT* obj = nid != 0 ? OBJ_nid2obj(nid) : nullptr;
   std::string text = obj ? dottedText(obj) : std::string();
   const char* sn = nid != 0 ? OBJ_nid2sn(nid) : nullptr;
+  hold.unlock();
   printf("[%3d] %s (%s) (%s)\n", nid, text.c_str(), longName(nid), sn ? sn : "");
 }
