@@ -80,6 +80,8 @@ TEST(FailoverTest, FailuresThatMayPassAreRetriedOrSentOnAndAnswersAreNot) {
        {{"TS_CONNECT_TIMEOUT", "1"}}, 1, true, {1, -1, 1}, "attempt 1 failed (no connection)"},
       {"a rejection is an answer: no retry, no fallback", {"reject/http", "/http"},
        {{"TS_RETRIES", "2"}}, 1, false, {1, 0}, "returned unexpected status 2", "attempt"},
+      {"a token that fails the checks is an answer", {"otherimprint/http", "/http"},
+       {{"TS_RETRIES", "2"}}, 1, false, {1, 0}, "Timestamp refused: the token covers", "attempt"},
       {"HTTP 4xx is an answer", {"auth/http", "/http"},
        {{"TS_RETRIES", "2"}}, 1, false, {1, 0}, "HTTP error-code = 401", "attempt"},
       {"retries are counted at the server", {"http500/http*2"},
