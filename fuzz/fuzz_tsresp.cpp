@@ -12,6 +12,7 @@
 #include "tstl/CAsn1string.h"
 #include "tstl/CCertInfo.h"
 #include "tstl/Der.h"
+#include "tstl/TokenCheck.h"
 
 namespace {
 
@@ -45,6 +46,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CAsn1ietfTSResp resp;
   unsigned int pos = 0;
   if (resp.setDER(bytes.data(), &pos, end) == 0) exerciseResponse(resp);
+
+  // The worker's checks of an answer, down to OpenSSL's reading of the token.
+  TokenExpectations expect;
+  expect.hashNid = NID_sha256;
+  expect.digest.assign(32, 0x5A);
+  const TokenCheckResult check =
+      checkTimestampResponse(bytes.data(), bytes.size(), &expect, nullptr);
+  sink = check.reason.size() + check.facts.serialHex.size() + check.facts.tsaName.size();
 
   CAsn1contentInfo token;
   pos = 0;

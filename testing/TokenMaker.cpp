@@ -190,13 +190,14 @@ std::vector<uint8_t> TokenMaker::response(const TokenShape& shape) {
     }
   }
   std::vector<uint8_t> ess;
+  X509* named = shape.essNamesCa ? ca_.caCert() : s->cert.get();
   if (shape.essV1) {
     Owned<ESS_SIGNING_CERT, ESS_SIGNING_CERT_free> sc(
-        OSSL_ESS_signing_cert_new_init(s->cert.get(), nullptr, 1));
+        OSSL_ESS_signing_cert_new_init(named, nullptr, 1));
     if (sc) ess = derOf<ESS_SIGNING_CERT>(sc.get(), i2d_ESS_SIGNING_CERT);
   } else {
     Owned<ESS_SIGNING_CERT_V2, ESS_SIGNING_CERT_V2_free> sc(
-        OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), s->cert.get(), nullptr, 1));
+        OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), named, nullptr, 1));
     if (sc) ess = derOf<ESS_SIGNING_CERT_V2>(sc.get(), i2d_ESS_SIGNING_CERT_V2);
   }
   const int essNid =

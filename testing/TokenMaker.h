@@ -34,7 +34,8 @@ struct TokenShape {
   time_t genTime = 0;  // 0: now
   bool tsaName = false;
   int signerDigestNid = NID_sha256;
-  bool essV1 = false;  // signingCertificate (SHA-1) instead of signingCertificateV2
+  bool essV1 = false;       // signingCertificate (SHA-1) instead of signingCertificateV2
+  bool essNamesCa = false;  // the ESS attribute names the CA certificate, not the signer
   bool includeSigner = true;
   bool flipSignature = false;     // flip one bit of the signature value
   bool timestampingUsage = true;  // the signer certificate's extendedKeyUsage

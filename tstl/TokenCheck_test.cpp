@@ -156,6 +156,21 @@ TEST(TokenCheck, TokensThatProveNothingAreRefused) {
          return s;
        }(),
        imprintOf(NID_sha256, "clockette"), "signature does not hold"},
+      {"ESS names another certificate",
+       [] {
+         TokenShape s;
+         s.essNamesCa = true;
+         return s;
+       }(),
+       imprintOf(NID_sha256, "clockette"), "ESS certificate hash does not name the signer"},
+      {"ESS v1 names another certificate",
+       [] {
+         TokenShape s;
+         s.essV1 = true;
+         s.essNamesCa = true;
+         return s;
+       }(),
+       imprintOf(NID_sha256, "clockette"), "ESS certificate hash does not name the signer"},
       {"nonce not echoed",
        {},
        [] {
