@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libtirpc-dev
   clang libclang-rt-14-dev rpcsvc-proto
+  systemd
 )
 
 missing=()

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds clockette and runs the whole test suite twice: a normal build and a
-# build with AddressSanitizer + UndefinedBehaviorSanitizer.
+# build with AddressSanitizer + UndefinedBehaviorSanitizer. The normal build
+# also makes the Debian packages and checks them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
@@ -13,7 +14,10 @@ run_suite() {
 }
 
 echo "== normal build =="
-run_suite build
+# Installed to /usr, as the Debian packages are.
+run_suite build -DCMAKE_INSTALL_PREFIX=/usr
+echo "== Debian packages =="
+bash scripts/check-packages.sh build
 echo "== sanitizer build =="
 ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan -DCLOCKETTE_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Builds the Debian packages from a build directory configured with
+# -DCMAKE_INSTALL_PREFIX=/usr and checks them: the files each package holds
+# (dpkg-deb -c), the conffiles, and the service unit (systemd-analyze verify,
+# and an exposure of at most 4.5 in systemd-analyze security).
+#   bash scripts/check-packages.sh build
+set -euo pipefail
+build=$(cd "${1:-build}" && pwd)
+out=$build/packages
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+rm -rf "$out"
+cpack --config "$build/CPackConfig.cmake" -B "$out" >/dev/null
+worker=$(ls "$out"/clockette_*.deb)
+tools=$(ls "$out"/clockette-tools_*.deb)
+
+fail=0
+expect() {  # package, path inside it
+  if ! dpkg-deb -c "$1" | awk '{print $6}' | grep -qx "$2"; then
+    echo "check-packages: $(basename "$1") lacks $2" >&2
+    fail=1
+  fi
+}
+for path in ./usr/bin/clockette ./lib/systemd/system/clockette.service \
+    ./usr/lib/sysusers.d/clockette.conf ./etc/clockette/setup/COMMON.Setup \
+    ./etc/logrotate.d/clockette ./usr/share/man/man8/clockette.8.gz; do
+  expect "$worker" "$path"
+done
+if [ -n "$(find "$build" -name clockette-verify -type f -perm -u+x -print -quit)" ]; then
+  expect "$worker" ./usr/bin/clockette-verify
+fi
+for path in ./usr/bin/testtsa ./usr/bin/kvmini ./usr/bin/localtsa; do
+  expect "$tools" "$path"
+done
+if dpkg-deb -c "$tools" | grep -q 'clockette$\|/etc/'; then
+  echo "check-packages: clockette-tools holds files of the worker package" >&2
+  fail=1
+fi
+conffiles=$(dpkg-deb -I "$worker" conffiles)
+for conf in /etc/clockette/setup/COMMON.Setup /etc/logrotate.d/clockette; do
+  grep -qx "$conf" <<<"$conffiles" || { echo "check-packages: $conf is no conffile" >&2; fail=1; }
+done
+
+# The unit as installed, with its program taken from the unpacked package.
+dpkg-deb -x "$worker" "$work/root"
+mkdir "$work/unit"
+sed "s|^ExecStart=/usr/bin/|ExecStart=$work/root/usr/bin/|" \
+  "$work/root/lib/systemd/system/clockette.service" >"$work/unit/clockette.service"
+if command -v systemd-analyze >/dev/null; then
+  MANPATH=$work/root/usr/share/man systemd-analyze verify "$work/unit/clockette.service" || fail=1
+  systemd-analyze security --offline=true "$work/unit/clockette.service" | tail -1
+  # The threshold counts tenths: 45 is an exposure of 4.5.
+  systemd-analyze security --offline=true --threshold=45 "$work/unit/clockette.service" \
+    >/dev/null || { echo "check-packages: unit exposure above 4.5" >&2; fail=1; }
+else
+  echo "check-packages: systemd-analyze missing, unit not checked" >&2
+  fail=1
+fi
+
+[ "$fail" -eq 0 ] && echo "check-packages: $(basename "$worker") $(basename "$tools") ok"
+exit "$fail"
