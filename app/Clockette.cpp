@@ -14,8 +14,10 @@
 
 #include "base/List.h"
 #include "base/Log.h"
+#include "base/Metrics.h"
 #include "base/Notify.h"
 #include "base/OrderedWork.h"
+#include "base/SettingsLine.h"
 #include "base/SystemError.h"
 #include "kavlet/docfiles/Document.h"
 #include "kavlet/docfiles/TextLine.h"
@@ -225,6 +227,14 @@ void Clockette::readEnvironment() {
       parallel = static_cast<int>(n);
     }
   }
+}
+
+std::string Clockette::settingsLine() const {
+  SettingsLine line;
+  describeSettings(&line);
+  describeTimestampSettings(&line);
+  line.add("parallel", parallel);
+  return line.text();
 }
 
 void Clockette::printObject() {
@@ -511,6 +521,7 @@ int Clockette::service(const char* directory) {
   // hashed fails the document without any exchange.
   for (const auto& stamp : stamps) {
     if (computeHash(stamp->source.c_str(), getDigest(), &stamp->imprint) != 0) {
+      metrics::countTimestamp(-1);
       log.msg(__LINE__, 2, "Hashing %s failed", stamp->source.c_str());
       return requestFailed(stamp->source, stamp->target, -1);
     }
@@ -533,6 +544,7 @@ int Clockette::service(const char* directory) {
     if (code == 0) {
       code = storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str());
     }
+    metrics::countTimestamp(code);  // -1 .. -5, as the per-file requestTimestamp gives them
     if (code != 0) {
       exchanges.dropFrom(i + 1);
       return requestFailed(stamp.source, stamp.target, code);

@@ -11,6 +11,8 @@
 #ifndef APP_CLOCKETTE_H_
 #define APP_CLOCKETTE_H_
 
+#include <string>
+
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
 
@@ -50,6 +52,10 @@ class Clockette : public Kavlet {
   // TS_PARALLEL sets parallel; a value that is no whole number from 1 to 64
   // is logged at level 2 and the default (8) stays.
   void readEnvironment() override;
+
+  // The settings in effect, as the start-up settings line shows them: the
+  // framework's, then the Timestamp Server's (credentials masked).
+  std::string settingsLine() const;
 
   String host;      // Timestamp Server host
   int port;         // its TCP port, as atoi gives it (handed on modulo 65536)

@@ -4,6 +4,7 @@
 // and its data file.
 #include <dirent.h>
 #include <fcntl.h>
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -51,6 +53,33 @@ const std::string kVerify = std::string(CLOCKETTE_BINARY_DIR) + "/tools/verify/c
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+// The line of text after the first one that holds part; empty when there is none.
+std::string lineAfter(const std::string& text, const std::string& part) {
+  size_t at = text.find(part);
+  if (at == std::string::npos || text.find('\n', at) == std::string::npos) return "";
+  size_t start = text.find('\n', at) + 1;
+  return text.substr(start, text.find('\n', start) - start);
+}
+
+// A Prometheus text file as "name{labels}" -> value; comments must be HELP or
+// TYPE lines, every other line "<series> <number>".
+std::map<std::string, double> parsePrometheus(const std::string& text) {
+  std::map<std::string, double> series;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    std::string line = text.substr(start, end - start);
+    start = end == std::string::npos ? text.size() : end + 1;
+    if (line.rfind("# HELP ", 0) == 0 || line.rfind("# TYPE ", 0) == 0) continue;
+    size_t blank = line.rfind(' ');
+    char* rest = nullptr;
+    double value = blank == std::string::npos ? 0 : strtod(line.c_str() + blank + 1, &rest);
+    EXPECT_TRUE(rest != nullptr && *rest == '\0' && rest != line.c_str() + blank + 1) << line;
+    series[line.substr(0, blank)] = value;
+  }
+  return series;
 }
 
 class EndToEndTest : public ::testing::Test {
@@ -631,6 +660,106 @@ TEST_F(EndToEndTest, CredentialsOverPlainHttpDrawAWarningAtTheDefaultLevel) {
       << log();
 }
 
+TEST_F(EndToEndTest, TheDefaultLevelShowsTheSettingsAndTheSummaryAndTheMetricsFileCounts) {
+  addDocument("a-good", "TIMESTAMP_FILE one.txt one.tst\nTIMESTAMP_FILE two.txt two.tst\n",
+              {{"one.txt", "1"}, {"two.txt", "2"}});
+  addDocument("b-bad", "TIMESTAMP_FILE missing.txt missing.tst\n");
+  options_.env["CLOCKETTE_METRICS_FILE"] = dir_.file("clockette.prom");
+  options_.env["TIMESTAMP_LOGIN"] = "secret-user";
+  options_.env["TIMESTAMP_PASSWORD"] = "secret-word";
+  time_t started = time(nullptr);
+
+  // Two forked workers: what they count reaches the summary and the file.
+  ChildResult r = runTest({"-jobs", "2"});
+  EXPECT_EQ(r.exitCode, 1) << r.out << log();
+  std::string text = log();
+  EXPECT_TRUE(contains(text, "settings: type=clockette mode=test testpath=" + docs_ +
+                                 " jobs=2 log=" + dir_.file("logs/clockette.log") +
+                                 " loglevel=2 tsa=http://127.0.0.1:" +
+                                 std::to_string(tsa_->httpPort()) +
+                                 "/<// protocol=http hash=SHA256 connect_timeout=10s timeout=60s "
+                                 "verify_host=off verify_peer=off basic_auth=******** nonce=off "
+                                 "certreq=off policy=none trust_anchors=off response_limit=4096 "
+                                 "parallel=8\n"))
+      << text;
+  EXPECT_TRUE(contains(text, "summary: documents ok=1 failed=1, files stamped=2, ")) << text;
+  EXPECT_FALSE(contains(text, "secret"));
+
+  std::map<std::string, double> m = parsePrometheus(readFile(dir_.file("clockette.prom")));
+  const std::map<std::string, double> counts = {
+      {"clockette_documents_total{result=\"ok\"}", 1},
+      {"clockette_documents_total{result=\"failed\"}", 1},
+      {"clockette_timestamps_total{result=\"ok\"}", 2},
+      {"clockette_timestamps_total{result=\"hash_failed\"}", 1},
+      {"clockette_tsa_answer_seconds_count", 2},
+      {"clockette_tsa_answer_seconds_bucket{le=\"+Inf\"}", 2},
+  };
+  for (const auto& c : counts) EXPECT_EQ(m[c.first], c.second) << c.first;
+  EXPECT_EQ(m["clockette_tsa_answer_seconds_bucket{le=\"60\"}"], 2);
+  EXPECT_GT(m["clockette_tsa_answer_seconds_sum"], 0);
+  EXPECT_GE(m["clockette_last_success_timestamp_seconds"], static_cast<double>(started));
+  EXPECT_LE(m["clockette_last_success_timestamp_seconds"], static_cast<double>(time(nullptr) + 1));
+  glob_t leftovers;
+  EXPECT_EQ(glob(dir_.file("clockette.prom?*").c_str(), 0, nullptr, &leftovers), GLOB_NOMATCH);
+  globfree(&leftovers);
+}
+
+TEST_F(EndToEndTest, AMissingCommonSetupIsOneWarningAtTheDefaultLevel) {
+  struct Case {
+    const char* name;
+    std::string config;
+    bool commonSetup;
+    std::string warning;  // empty: none
+  } cases[] = {
+      {"no directory", dir_.file("nowhere"), false,
+       "configuration directory '" + dir_.file("nowhere") + "' (CONFIG) does not exist"},
+      {"no COMMON.Setup", dir_.file("config"), false,
+       "'" + dir_.file("config/setup/COMMON.Setup") + "' cannot be read: No such file or directory"},
+      {"COMMON.Setup read", dir_.file("config"), true, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.commonSetup) writeFile(dir_.file("config/setup/COMMON.Setup"), "KV_PROTOCOL=on\n");
+    options_.env["CONFIG"] = c.config;
+    // A missing -env package stays silent.
+    ChildResult r = runTest({"-env", "absent"});
+    std::string text = log();
+    size_t warnings = 0;
+    for (size_t at = text.find(" 4 main::main: "); at != std::string::npos;
+         at = text.find(" 4 main::main: ", at + 1)) {
+      ++warnings;
+    }
+    EXPECT_EQ(warnings, c.warning.empty() ? 0u : 1u) << text;
+    if (!c.warning.empty()) {
+      EXPECT_TRUE(contains(text, c.warning + "; only the environment")) << text;
+    }
+    EXPECT_FALSE(contains(text, "absent"));
+    remove(dir_.file("logs/clockette.log").c_str());
+  }
+}
+
+TEST_F(EndToEndTest, ATimestampServerFailureNamesTheServerAndCurlsOwnText) {
+  addDocument("doc", "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", "d"}});
+  options_.env["TIMESTAMP_PORT"] = "1";  // nothing listens there
+  options_.env["TS_CONNECT_TIMEOUT"] = "1";
+  struct Case {
+    const char* protocol;
+    const char* designed;
+    const char* where;
+  } cases[] = {
+      {"http", "curl returns error 7(Couldn't connect to server)",
+       "Timestamp Server http://127.0.0.1:1/<//: Failed to connect to 127.0.0.1 port 1 "},
+      {"tcp", "openSocket failed", "Timestamp Server 127.0.0.1:1"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.protocol);
+    ChildResult r = runTest({"-protocol", c.protocol});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(contains(lineAfter(log(), c.designed), c.where)) << log();
+    remove(dir_.file("logs/clockette.log").c_str());
+  }
+}
+
 // KV mode: kvmini registers the worker, hands it every document of its
 // queue as an order, then sends the control message "print"; the worker is
 // then stopped with SIGTERM and says goodbye.
@@ -675,6 +804,8 @@ TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrError) {
   EXPECT_TRUE(contains(all, "\nBYE from=")) << all;
   EXPECT_EQ(verify(good + "/data.tst", good + "/data file.txt"), "");
   EXPECT_TRUE(contains(notices(), "SRV BASE 701 ERR: ")) << notices();
+  EXPECT_TRUE(contains(log(), "registered with the KV at 127.0.0.1 port " + kvPort)) << log();
+  EXPECT_TRUE(contains(log(), "summary: documents ok=1 failed=1, files stamped=1, ")) << log();
   std::string settings = worker.stderrText();
   EXPECT_TRUE(contains(settings,
                        "\tTS protocol : 'http'\n\tTS host     : '127.0.0.1'\n"

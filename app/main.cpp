@@ -4,6 +4,7 @@
 #include "app/Clockette.h"
 #include "base/Log.h"
 #include "base/Setup.h"
+#include "base/String.h"
 #include "kavlet/Kavlet.h"
 
 namespace {
@@ -17,10 +18,21 @@ void installEventPrefix(const char* program) {
   Log::setEventPrefix(prefix);
 }
 
+// Without the common setup every setting the installation did not put into
+// the environment keeps its default (a Timestamp Server on localhost:8080):
+// one warning says where the settings were expected.
+void warnWithoutCommonSetup(Log& log, const String& configDir) {
+  String problem = setupFileProblem(configDir, "COMMON");
+  if (problem.empty()) return;
+  log.msg(__LINE__, 4, "%s; only the environment and the command line set the settings",
+          problem.c_str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Log log("main", "main", __FILE__, __LINE__, 13);
+  String configDir = configDirectory();
   readSetup("COMMON");  // ends the process with 1 when CONFIG is not set
   installEventPrefix(argc > 0 ? argv[0] : "");
 
@@ -28,6 +40,8 @@ int main(int argc, char** argv) {
   Clockette* worker = new Clockette();
   if (worker->init(argc, argv) == 0) return 1;
   log.msg(__LINE__, 3, "%s started, %s", worker->name.c_str(), kVersionBanner);
+  log.msg(__LINE__, 3, "settings: %s", worker->settingsLine().c_str());
+  warnWithoutCommonSetup(log, configDir);
 
   // connectKV gives the test run's success (1) or 0 after serving: 1 is the
   // good outcome, so it maps to exit code 0 and 0 to 1.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/SystemError.h"
 
 namespace {
 
@@ -202,6 +203,29 @@ int expandAndPut(const char* text) {
   return storeInEnvironment(second);
 }
 
+String configDirectory() {
+  const char* config = getenv("CONFIG");
+  if (config == nullptr || *config == '\0') return String();
+  String dir = config;
+  if (strchr(config, '/') == nullptr && strchr(config, '\\') == nullptr &&
+      !isExistingPath(config)) {
+    String found;
+    if (readConfigDirectory(config, &found) == 0 && !found.empty()) dir = found;
+  }
+  return dir;
+}
+
+String setupFileProblem(const String& dir, const char* package) {
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    return String("configuration directory '") + dir + "' (CONFIG) does not exist";
+  }
+  String path = dir + "/setup/" + (package ? package : "") + ".Setup";
+  FilePtr file(fopen(path.c_str(), "r"));
+  if (file) return String();
+  return String("'") + path + "' cannot be read: " + systemError(errno);
+}
+
 int readSetup(const char* package) {
   Log log("setup", "readSetup", __FILE__, __LINE__, 13);
   const char* config = getenv("CONFIG");
@@ -209,13 +233,7 @@ int readSetup(const char* package) {
     fprintf(stderr, "Environment variable CONFIG not set!\n");
     exit(1);
   }
-  String dir = config;
-  if (strchr(config, '/') == nullptr && strchr(config, '\\') == nullptr &&
-      !isExistingPath(config)) {
-    String found;
-    if (readConfigDirectory(config, &found) == 0 && !found.empty()) dir = found;
-  }
-  String path = dir + "/setup/" + (package ? package : "") + ".Setup";
+  String path = configDirectory() + "/setup/" + (package ? package : "") + ".Setup";
   FilePtr file(fopen(path.c_str(), "r"));
   if (!file) {
     log.msg(__LINE__, 9, "no setup file '%s'", path.c_str());

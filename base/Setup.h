@@ -34,6 +34,16 @@ constexpr int kSetupBufferSize = 2048;
 // process with exit code 1.
 int readSetup(const char* package);
 
+// The configuration directory readSetup reads packages from: CONFIG, or the
+// directory looked up for a bare name; empty when CONFIG is unset or empty.
+String configDirectory();
+
+// Why the package's setup file in the configuration directory dir cannot
+// be read, as a text for the operator ("configuration directory '...'
+// (CONFIG) does not exist", "'.../setup/COMMON.Setup' cannot be read: ...");
+// empty when it can.
+String setupFileProblem(const String& dir, const char* package);
+
 // Takes one text NAME=VALUE, expands variable references and stores it in the
 // environment. First pass: "\$" gives "$"; $NAME, $(NAME) and ${NAME} (NAME of
 // letters, digits, "_") are replaced by the variable's value; an unset

@@ -7,7 +7,9 @@
 #include "base/Log.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
+#include "kavlet/Reporter.h"
 #include "kvrpc/KVclient.h"
+#include "kvrpc/ToolService.h"
 #include "rpc/Svc.h"
 
 namespace {
@@ -70,7 +72,13 @@ int Kavlet::callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* h
   // goodbye must not run on the client state KVhi is filling in.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
   int rc = KVhi(host, type.c_str(), work, ctrl);
-  if (rc >= 0) return rc;
+  KVtarget kv = KVlastTarget();
+  if (rc >= 0) {
+    log.msg(__LINE__, 3, "registered with the KV at %s port %u as type '%s', orders to port %u",
+            kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(), ToolServicePort());
+    reporterStart(true);
+    return rc;
+  }
   int code = 1;
   switch (rc) {
     case -1:
@@ -81,10 +89,12 @@ int Kavlet::callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* h
       break;
     case -2:
       log.msg(__LINE__, 1, "Sorry, host where KV is running is *** not *** reachable");
+      log.msgc("KV host '%s', port %u: %s", kv.host.c_str(), kv.port, kv.resolverError.c_str());
       code = 2;
       break;
     case -3:
       log.msg(__LINE__, 1, "Timeout for KV host");
+      log.msgc("KV host '%s', port %u did not answer", kv.host.c_str(), kv.port);
       code = 3;
       break;
     case -4:

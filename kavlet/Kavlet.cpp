@@ -6,10 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "base/Log.h"
 #include "base/Platform.h"
 #include "base/Setup.h"
+#include "base/SettingsLine.h"
 #include "base/SystemError.h"
 
 Kavlet* theKavlet = nullptr;
@@ -316,6 +318,22 @@ void Kavlet::printKvctrlUsage() {
 void Kavlet::printAddOnUsage() {}
 void Kavlet::printCommandsUsage() {}
 void Kavlet::printHintsUsage() {}
+
+void Kavlet::describeSettings(SettingsLine* line) const {
+  line->add("type", type.str());
+  line->add("mode", testCount.empty() ? "kv" : "test");
+  if (testCount.empty()) {
+    // A port of 0 or less leaves the client's own (KVPORT or 4032).
+    line->add("kv", kvHost.str() + ":" +
+                        (kvPort > 0 ? std::to_string(static_cast<uint16_t>(kvPort)) : "default"));
+    line->add("kvdir", kvDir.str());
+  } else {
+    line->add("testpath", testPath.str());
+    line->add("jobs", testJobs);
+  }
+  line->add("log", Log::logFileName());
+  line->add("loglevel", logLevel);
+}
 
 void Kavlet::printObject() {
   Log log("Kavlet", "printObject", __FILE__, __LINE__, 13);

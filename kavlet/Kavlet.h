@@ -34,6 +34,7 @@
 #include "kvrpc/ToolService.h"
 
 class Document;
+class SettingsLine;
 
 class Kavlet {
  public:
@@ -106,6 +107,9 @@ class Kavlet {
   void printUsage();
   // Logs its call and returns 0.
   int makeKVDir();
+  // Adds the framework's settings in effect (worker type, mode, KV, KV
+  // directory, log file and level) to the start-up settings line.
+  void describeSettings(SettingsLine* line) const;
 
   // --- The work cycle (kavlet/Work.cpp, kavlet/TestMode.cpp) ---
 

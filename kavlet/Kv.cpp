@@ -8,6 +8,7 @@
 #include "base/Log.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
+#include "kavlet/Reporter.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/KVprot.h"
 
@@ -60,6 +61,7 @@ int ctrl(int code, const char* text) {
     delete theKavlet;
     // The KV ordered the exit and forgets this worker itself: no goodbye, no
     // exit handlers. Only what is already written is flushed.
+    reporterFinish();
     Log::flush();
     fflush(stdout);
     _exit(0);
@@ -89,6 +91,7 @@ void sig_handler(int signal) {
   // The main thread may still sit in the service loop: running the exit
   // handlers and static destructors under it could let a late request reach
   // torn-down state. The output is flushed and the process ends here.
+  reporterFinish();
   Log::flush();
   fflush(nullptr);
   _exit(1);

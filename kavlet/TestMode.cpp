@@ -21,6 +21,7 @@
 #include "base/SystemError.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
+#include "kavlet/Reporter.h"
 
 namespace {
 
@@ -203,6 +204,7 @@ int Kavlet::test() {
   // Byte order, a shorter text before a longer one with the same start.
   std::sort(documents.begin(), documents.end());
 
+  reporterStart(false);
   int repetitions = atoi(testCount.c_str());
   if (repetitions < 1) repetitions = 1;
   bool allDone = true;
@@ -230,6 +232,7 @@ int Kavlet::test() {
       }
     }
   }
+  log.msg(__LINE__, 3, "%s", reporterSummary().c_str());
   printf("%s --------- finished test with %s!\n", getTime(), allDone ? "success" : "error");
   fflush(stdout);
   return allDone ? 1 : 0;

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "base/Log.h"
+#include "base/Metrics.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/docfiles/Document.h"
 #include "kavlet/docfiles/DocumentLock.h"
@@ -67,6 +68,7 @@ int Kavlet::work(const char* directory) {
   }
   delete document;
   document = nullptr;
+  metrics::countDocument(result != 0);
 
   if (!testCount.empty()) return result;
 

@@ -450,13 +450,17 @@ TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
     std::string host, port;
     int serving, oneShot;
     const char* logged;
+    std::string where;  // the line after it, naming the KV
   } cases[] = {
       {"refused", "localhost", refusing.portText(), 1, 1,
        "Kavlet(kavlet_testworker) registration has *** not *** been accepted (already registered "
-       "or not in configuration file)"},
-      {"no answer", "localhost", closedPort, 1, 3, "Timeout for KV host"},
+       "or not in configuration file)",
+       ""},
+      {"no answer", "localhost", closedPort, 1, 3, "Timeout for KV host",
+       "KV host 'localhost', port " + closedPort + " did not answer\n"},
       {"unknown host", "no-such-host.invalid", closedPort, 1, 2,
-       "Sorry, host where KV is running is *** not *** reachable"},
+       "Sorry, host where KV is running is *** not *** reachable",
+       "KV host 'no-such-host.invalid', port " + closedPort + ": "},
   };
   for (const Case& c : cases) {
     for (bool oneShot : {false, true}) {
@@ -465,7 +469,14 @@ TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
       if (oneShot) a.push_back("-oneshot");
       ChildResult r = runChild(a, env({{"KLCTO", "2/1"}}));
       EXPECT_EQ(r.exitCode, oneShot ? c.oneShot : c.serving) << r.err;
-      EXPECT_NE(logText().find(c.logged), std::string::npos);
+      std::string log = logText();
+      size_t at = log.find(c.logged);
+      ASSERT_NE(at, std::string::npos) << log;
+      std::string next = log.substr(log.find('\n', at) + 1);
+      next = next.substr(0, next.find('\n') + 1);
+      if (!c.where.empty()) {
+        EXPECT_NE(next.find(c.where), std::string::npos) << next;
+      }
       remove(logPath().c_str());
     }
   }
@@ -491,6 +502,9 @@ TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {
     EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
     EXPECT_TRUE(kv.waitFor("HI "));
     EXPECT_TRUE(kv.waitFor("BYE "));
+    EXPECT_NE(logText().find("registered with the KV at localhost port " + kv.portText() +
+                             " as type 'kavlet_testworker', orders to port "),
+              std::string::npos);
   }
   EXPECT_NE(logText().find("document '(none)': fail"), std::string::npos);
 }

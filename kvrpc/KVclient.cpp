@@ -1,5 +1,6 @@
 #include "kvrpc/KVclient.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -35,6 +36,7 @@ struct ClientState {
   bool hostOverridden = false, typeOverridden = false;
   bool simulation = false;
   bool envRead = false;
+  KVtarget lastTarget;
 };
 
 ClientState& st() {
@@ -144,6 +146,8 @@ void getEnv() {
   }
 }
 
+KVtarget KVlastTarget() { return st().lastTarget; }
+
 void KVSetPort(uint16_t port) {
   Log log("KVclient", "KVSetPort", __FILE__, __LINE__, 13);
   st().kvPort = port;
@@ -154,7 +158,10 @@ int KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   Log log("KVclient", "KVclnt_create", __FILE__, __LINE__, 13);
   ClientState& s = st();
   HostAddressList addresses;
-  if (resolveHost(host, &addresses) != 0) {
+  s.lastTarget = KVtarget{orNull(host), port, ""};
+  int resolved = resolveHost(host, &addresses);
+  if (resolved != 0) {
+    s.lastTarget.resolverError = gai_strerror(resolved);
     log.msg(__LINE__, 5, "KVconnect: cannot get addess for '%s'", orNull(host));
     return -2;
   }

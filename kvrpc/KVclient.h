@@ -18,6 +18,7 @@
 #define KVRPC_KVCLIENT_H_
 
 #include <cstdint>
+#include <string>
 
 #include "kvrpc/ToolService.h"
 
@@ -67,5 +68,16 @@ int KVclnt_create(const char* host, uint16_t port, CLIENT** client);
 
 // Reads the environment variables above; only the first call does anything.
 void getEnv();
+
+// Where the last client (KVclnt_create) was meant to reach the KV: host
+// (after kavletHOST), port, and, when the host could not be resolved, the
+// resolver's reason (else empty). For messages that tell the operator where
+// to look.
+struct KVtarget {
+  std::string host;
+  uint16_t port = 0;
+  std::string resolverError;
+};
+KVtarget KVlastTarget();
 
 #endif  // KVRPC_KVCLIENT_H_

@@ -31,8 +31,10 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Metrics.h"
 #include "base/Platform.h"
 #include "base/ReplaceFile.h"
+#include "base/SettingsLine.h"
 #include "base/String.h"
 #include "base/Switch.h"
 #include "base/SystemError.h"
@@ -72,6 +74,7 @@ struct RequesterState {
   bool haveClientAuth = false;
   std::string clientKeyFile;
   std::string clientCertFile;
+  TsServer primary;  // as configured; retries and fallbacks live in tsServers()
   int digestNid = -1;
   int tstInfoNid = 0;
   int policyNid = 0;
@@ -383,6 +386,22 @@ std::string bodyText(const ResponseBuffer& rb) {
   return std::string(reinterpret_cast<const char*>(rb.data), rb.used).c_str();
 }
 
+// Where an exchange goes, for messages: the URL (as sent) for HTTP(S),
+// host:port for raw TCP. Credentials written into the host ("user:pw@host")
+// show as the mask.
+std::string serverName(const TsServer& server) {
+  std::string host = server.host;
+  size_t at = host.rfind('@');
+  if (at != std::string::npos) host.replace(0, at, kMask);
+  char text[64];
+  if (server.protocol == "http" || server.protocol == "https") {
+    snprintf(text, sizeof text, ":%d/</", server.port);
+    return server.protocol + "://" + host + text + server.path;
+  }
+  snprintf(text, sizeof text, ":%u", server.port);
+  return host + text;
+}
+
 // Fills the DER TimeStampReq for imprint, with the configured options and
 // the nonce when one is given. False when encoding fails.
 bool encodeRequest(CAsn1messageImprint* imprint, const std::vector<unsigned char>* nonce,
@@ -481,6 +500,8 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
                  long long timeoutMs, ResponseBuffer* rb, TsAttempt* outcome) {
   RequesterState& s = state();
   CURLSH* share = CurlShare::instance().get();
+  // libcurl's own words for a failure; outlives the handle that writes it.
+  char curlError[CURL_ERROR_SIZE] = "";
   CurlPtr curl(curl_easy_init());
   if (!curl) {
     log.msg(__LINE__, 2, "curl returns error %d(%s)", CURLE_FAILED_INIT,
@@ -534,6 +555,7 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
   curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, s.connectTimeoutS);
   curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs));
   curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(c, CURLOPT_ERRORBUFFER, curlError);
 
   curl_slist* headers = nullptr;
   if (s.haveCredentials) {
@@ -558,6 +580,8 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
   if (rc != CURLE_OK) {
     log.msg(__LINE__, 2, "curl returns error %d(%s)", rc, curl_easy_strerror(rc));
     *outcome = {-4, curlFailureMayPass(rc), curl_easy_strerror(rc)};
+    log.msgc("Timestamp Server %s: %s", serverName(server).c_str(),
+             curlError[0] ? curlError : "no details");
     return -4;
   }
   long status = 0;
@@ -566,6 +590,7 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
     log.msg(__LINE__, 2, "HTTP error-code = %d (%s)", static_cast<int>(status),
             bodyText(*rb).c_str());
     *outcome = {-5, status >= 500 && status <= 599, "HTTP " + std::to_string(status)};
+    log.msgc("Timestamp Server %s", serverName(server).c_str());
     return -5;
   }
   return 0;
@@ -587,6 +612,7 @@ int exchangeTcp(Log& log, const TsServer& server, const std::vector<unsigned cha
   if (sock.get() < 0) {
     log.msg(__LINE__, 2, "openSocket failed");
     *outcome = {-4, true, "no connection"};
+    log.msgc("Timestamp Server %s", serverName(server).c_str());
     return -4;
   }
   long long left = deadline - nowMs();
@@ -594,7 +620,9 @@ int exchangeTcp(Log& log, const TsServer& server, const std::vector<unsigned cha
   setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
   ssize_t sent = send(sock.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
   if (sent != static_cast<ssize_t>(frame.size())) {
-    log.msg(__LINE__, 2, "send failed (errno %d)", sent < 0 ? errno : EMSGSIZE);
+    int err = sent < 0 ? errno : EMSGSIZE;
+    log.msg(__LINE__, 2, "send failed (errno %d)", err);
+    log.msgc("Timestamp Server %s: %s", serverName(server).c_str(), systemErrorText(err));
     *outcome = {-4, true, "send failed"};
     return -4;
   }
@@ -631,11 +659,13 @@ TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsig
   TsAttempt outcome;
   errno = 0;
   int rc;
+  long long started = nowMs();
   if (server.protocol == "http" || server.protocol == "https") {
     rc = exchangeHttp(log, server, request, timeoutMs, &rb, &outcome);
   } else {
     rc = exchangeTcp(log, server, request, timeoutMs, &rb, &offset, &outcome);
   }
+  metrics::observeAnswer((nowMs() - started) / 1000.0);
   if (rc != 0) {
     outcome.result = rc;  // failures without a reason of their own are final
     return outcome;
@@ -647,6 +677,7 @@ TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsig
   if (rb.used == 0) {
     int err = errno;
     log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err));
+    log.msgc("Timestamp Server %s", serverName(server).c_str());
     return {-8, true, "no data received"};
   }
   if (rb.used == 2 && rb.data[0] == 0x05 && rb.data[1] == 0x00) {
@@ -727,7 +758,26 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
   tsServers().configureFromEnvironment(log, primary, s.totalTimeoutS);
+  s.primary = primary;
   return settingsOk ? 0 : -1;
+}
+
+void describeTimestampSettings(SettingsLine* line) {
+  const RequesterState& s = state();
+  line->add("tsa", serverName(s.primary));
+  line->add("protocol", s.primary.protocol);
+  line->add("hash", OBJ_nid2sn(getDigest()));
+  line->add("connect_timeout", std::to_string(s.connectTimeoutS) + "s");
+  line->add("timeout", std::to_string(s.totalTimeoutS) + "s");
+  line->add("verify_host", verifyHostWanted() ? "on" : "off");
+  line->add("verify_peer", s.caFile.empty() ? "off" : "on");  // TS_CAFILE
+  line->addSecret("basic_auth", s.haveCredentials && s.credentials != "Og==");
+  line->add("nonce", s.sendNonce ? "on" : "off");
+  line->add("certreq", s.certReq ? "on" : "off");
+  line->add("policy", s.policyOid.empty() ? "none" : s.policyOid);
+  line->add("trust_anchors", s.trust ? "on" : "off");
+  line->add("response_limit", static_cast<long>(s.responseLimit));
+  line->addPairs(tsServers().settingsText());
 }
 
 int initStamperAuth(const char* login, const char* password) {

@@ -34,6 +34,7 @@
 #include <vector>
 
 class CAsn1messageImprint;
+class SettingsLine;
 class CAsn1string;
 class CAsn1ietfTSResp;
 
@@ -77,6 +78,11 @@ void logOpenSslErrors();
 // 0; -1 (after a level 2 message) when one of these settings is given but
 // unusable (the rest of the configuration is set all the same).
 int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path);
+
+// Adds the Timestamp Server settings in effect to the start-up settings
+// line: server (URL, or host:port for raw TCP), protocol, digest, time-outs,
+// TLS checks and whether Basic credentials are set (never their value).
+void describeTimestampSettings(SettingsLine* line);
 
 // Sets the HTTP Basic credentials. -1 (and no credentials) when either is null.
 // A login or password that is not empty draws one level 4 warning when the

@@ -1,0 +1,188 @@
+#include "base/Metrics.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <new>
+
+namespace metrics {
+namespace {
+
+// Upper bounds (seconds) of the answer-time buckets: from a local server's
+// milliseconds to the default total time-out of 60 s.
+constexpr double kBuckets[] = {0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30, 60};
+constexpr size_t kBucketCount = sizeof kBuckets / sizeof kBuckets[0];
+// Per-file results 0 to -10 have a counter each; any other shares the last.
+constexpr size_t kResultSlots = 12;
+
+// Lock-free counters only: they are shared with the worker processes that
+// test mode forks (-jobs), which count into the same memory.
+struct State {
+  std::atomic<uint64_t> documentsOk{0};
+  std::atomic<uint64_t> documentsFailed{0};
+  std::atomic<uint64_t> timestamps[kResultSlots] = {};
+  std::atomic<uint64_t> answerBuckets[kBucketCount] = {};  // per bucket, not cumulative
+  std::atomic<uint64_t> answerCount{0};
+  std::atomic<uint64_t> answerMicros{0};
+  std::atomic<int64_t> lastSuccessMs{0};  // Unix time, 0 until the first stamped file
+  std::atomic<uint64_t> changes{0};
+};
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "counters shared between processes");
+
+// Made before main runs, so that forked processes inherit the mapping; never
+// destroyed, since a thread may still count while the process ends.
+State& state() {
+  static State* s = [] {
+    void* shared = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return shared == MAP_FAILED ? new State : new (shared) State;
+  }();
+  return *s;
+}
+State& kState = state();
+
+size_t resultSlot(int result) {
+  return result <= 0 && result > -static_cast<int>(kResultSlots - 1)
+             ? static_cast<size_t>(-result)
+             : kResultSlots - 1;
+}
+
+// Label of a result slot.
+std::string resultLabel(size_t slot) {
+  static const char* const kNames[] = {"ok",           "hash_failed",     "exchange_failed",
+                                       "answer_refused", "encoding_failed", "write_failed"};
+  if (slot < sizeof kNames / sizeof kNames[0]) return kNames[slot];
+  if (slot == kResultSlots - 1) return "other";
+  return "error_" + std::to_string(slot);
+}
+
+int64_t unixNowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void appendf(std::string* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void appendf(std::string* out, const char* format, ...) {
+  char line[256];
+  va_list ap;
+  va_start(ap, format);
+  vsnprintf(line, sizeof line, format, ap);
+  va_end(ap);
+  *out += line;
+}
+
+}  // namespace
+
+void countDocument(bool ok) {
+  State& s = state();
+  ++(ok ? s.documentsOk : s.documentsFailed);
+  ++s.changes;
+}
+
+void countTimestamp(int result) {
+  State& s = state();
+  ++s.timestamps[resultSlot(result)];
+  if (result == 0) {
+    int64_t now = unixNowMs();
+    int64_t last = s.lastSuccessMs.load();
+    while (last < now && !s.lastSuccessMs.compare_exchange_weak(last, now)) {
+    }
+  }
+  ++s.changes;
+}
+
+void observeAnswer(double seconds) {
+  State& s = state();
+  for (size_t i = 0; i < kBucketCount; ++i) {
+    if (seconds <= kBuckets[i]) {
+      ++s.answerBuckets[i];
+      break;
+    }
+  }
+  s.answerMicros += static_cast<uint64_t>(std::max(seconds, 0.0) * 1e6);
+  ++s.answerCount;
+  ++s.changes;
+}
+
+Totals totals() {
+  State& s = state();
+  Totals t;
+  t.documentsOk = s.documentsOk;
+  t.documentsFailed = s.documentsFailed;
+  t.filesStamped = s.timestamps[0];
+  t.changes = s.changes;
+  return t;
+}
+
+std::string prometheusText() {
+  State& s = state();
+  std::string out;
+  out +=
+      "# HELP clockette_documents_total Documents worked on, by result.\n"
+      "# TYPE clockette_documents_total counter\n";
+  appendf(&out, "clockette_documents_total{result=\"ok\"} %" PRIu64 "\n", s.documentsOk.load());
+  appendf(&out, "clockette_documents_total{result=\"failed\"} %" PRIu64 "\n",
+          s.documentsFailed.load());
+  out +=
+      "# HELP clockette_timestamps_total Files to be stamped, by result.\n"
+      "# TYPE clockette_timestamps_total counter\n";
+  for (size_t slot = 0; slot < kResultSlots; ++slot) {
+    uint64_t n = s.timestamps[slot];
+    if (n == 0 && slot != 0) continue;  // ok is always shown
+    appendf(&out, "clockette_timestamps_total{result=\"%s\"} %" PRIu64 "\n",
+            resultLabel(slot).c_str(), n);
+  }
+  out +=
+      "# HELP clockette_tsa_answer_seconds Time a Timestamp Server exchange took.\n"
+      "# TYPE clockette_tsa_answer_seconds histogram\n";
+  uint64_t cumulative = 0;
+  for (size_t i = 0; i < kBucketCount; ++i) {
+    cumulative += s.answerBuckets[i];
+    appendf(&out, "clockette_tsa_answer_seconds_bucket{le=\"%g\"} %" PRIu64 "\n", kBuckets[i],
+            cumulative);
+  }
+  // Read after the buckets, and never below them, so the series stays cumulative.
+  uint64_t count = std::max<uint64_t>(s.answerCount, cumulative);
+  appendf(&out, "clockette_tsa_answer_seconds_bucket{le=\"+Inf\"} %" PRIu64 "\n", count);
+  appendf(&out, "clockette_tsa_answer_seconds_sum %.6f\n", s.answerMicros / 1e6);
+  appendf(&out, "clockette_tsa_answer_seconds_count %" PRIu64 "\n", count);
+  out +=
+      "# HELP clockette_last_success_timestamp_seconds Unix time of the last stamped file (0: "
+      "none yet).\n"
+      "# TYPE clockette_last_success_timestamp_seconds gauge\n";
+  appendf(&out, "clockette_last_success_timestamp_seconds %.3f\n", s.lastSuccessMs / 1e3);
+  return out;
+}
+
+int writePrometheusFile(const std::string& path) {
+  std::string text = prometheusText();
+  std::string temporary = path + ".tmp." + std::to_string(getpid());
+  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+  if (fd < 0) return errno;
+  size_t done = 0;
+  int err = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      err = errno;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (close(fd) != 0 && err == 0) err = errno;
+  if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;
+  if (err != 0) unlink(temporary.c_str());
+  return err;
+}
+
+}  // namespace metrics

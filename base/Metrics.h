@@ -1,0 +1,48 @@
+// Metrics: what the worker has done, for its operator: documents and
+// timestamps by result, how long the Timestamp Server took to answer, and
+// when a file was last stamped. The summary log line and the metrics file
+// (Prometheus text format, read by the node exporter's textfile collector)
+// are made from these counters.
+//
+// Process-wide counters that only grow. Every function is thread-safe (the
+// files of a document are stamped on several threads at once), and worker
+// processes forked by the process count into the same counters.
+#ifndef BASE_METRICS_H_
+#define BASE_METRICS_H_
+
+#include <cstdint>
+#include <string>
+
+namespace metrics {
+
+// One document worked on: done (ok) or failed.
+void countDocument(bool ok);
+
+// One file's stamping ended with the requester's per-file result: 0
+// stamped, -1 hashing failed, -2 exchange failed, -3 answer refused, -4
+// encoding failed, -5 target not written; -6 to -10 by number, any other
+// result as "other".
+void countTimestamp(int result);
+
+// One exchange with a Timestamp Server took seconds, answered or not.
+void observeAnswer(double seconds);
+
+struct Totals {
+  uint64_t documentsOk = 0;
+  uint64_t documentsFailed = 0;
+  uint64_t filesStamped = 0;
+  uint64_t changes = 0;  // grows with every count; tells whether to write again
+};
+Totals totals();
+
+// The counters in the Prometheus text exposition format.
+std::string prometheusText();
+
+// Writes prometheusText() to path atomically: a temporary file in the same
+// directory, renamed over path, so a reader never sees half a file. Returns
+// 0, or the errno of the step that failed (the temporary file is removed).
+int writePrometheusFile(const std::string& path);
+
+}  // namespace metrics
+
+#endif  // BASE_METRICS_H_

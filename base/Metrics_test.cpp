@@ -1,0 +1,53 @@
+#include "base/Metrics.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "testing/TempDir.h"
+
+namespace {
+
+using testing_support::readFile;
+using testing_support::TempDir;
+
+// The counters are process-wide: each test looks at what it added.
+TEST(MetricsTest, CountsFromManyThreadsAllArrive) {
+  metrics::Totals before = metrics::totals();
+  constexpr int kThreads = 4;
+  constexpr int kEach = 2000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < kEach; ++i) {
+        metrics::countTimestamp(i % 2 == 0 ? 0 : -2);
+        metrics::observeAnswer(0.01);
+        metrics::countDocument(i % 4 != 0);
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  metrics::Totals after = metrics::totals();
+  EXPECT_EQ(after.filesStamped - before.filesStamped, uint64_t{kThreads * kEach / 2});
+  EXPECT_EQ(after.documentsOk - before.documentsOk, uint64_t{kThreads * kEach * 3 / 4});
+  EXPECT_EQ(after.documentsFailed - before.documentsFailed, uint64_t{kThreads * kEach / 4});
+}
+
+TEST(MetricsTest, TheFileHoldsTheCountersAndAFailedWriteGivesItsErrno) {
+  TempDir dir;
+  metrics::countTimestamp(-7);
+  std::string path = dir.file("clockette.prom");
+  ASSERT_EQ(metrics::writePrometheusFile(path), 0);
+  std::string text = readFile(path);
+  EXPECT_EQ(text, metrics::prometheusText());
+  EXPECT_NE(text.find("clockette_timestamps_total{result=\"error_7\"} "), std::string::npos);
+  metrics::countTimestamp(-99);
+  EXPECT_NE(metrics::prometheusText().find("clockette_timestamps_total{result=\"other\"} "),
+            std::string::npos);
+  EXPECT_EQ(metrics::writePrometheusFile(dir.file("missing/clockette.prom")), ENOENT);
+}
+
+}  // namespace
