@@ -17,7 +17,9 @@
 #include "base/Metrics.h"
 #include "base/Notify.h"
 #include "base/OrderedWork.h"
+#include "base/SecretFile.h"
 #include "base/SettingsLine.h"
+#include "base/Stop.h"
 #include "base/SystemError.h"
 #include "kavlet/docfiles/Document.h"
 #include "kavlet/docfiles/TextLine.h"
@@ -156,6 +158,10 @@ Clockette::~Clockette() = default;
 int Clockette::init(int argc, char** argv) {
   Log log("clockette", "init", __FILE__, __LINE__, 13);
   if (Kavlet::init(argc, argv) != 1) return 0;
+  if (!passwordFileProblem_.empty()) {
+    log.msg(__LINE__, 2, "TIMESTAMP_PASSWORD_FILE refused: %s", passwordFileProblem_.c_str());
+    return 0;
+  }
   if (initTimeStamper() != 0) {
     log.msg(__LINE__, 2,
             "error in initializing timestamp library. The call of function initTimeStamper() "
@@ -226,6 +232,12 @@ void Clockette::readEnvironment() {
     } else {
       parallel = static_cast<int>(n);
     }
+  }
+  // Read here, so that -password still wins; a refusal is logged by init,
+  // once the log is set up.
+  if (const char* v = getenv("TIMESTAMP_PASSWORD_FILE")) {
+    std::string secret;
+    if (readSecretFile(v, &secret, &passwordFileProblem_)) password = secret.c_str();
   }
 }
 
@@ -374,6 +386,8 @@ int Clockette::service(const char* directory) {
       return 0;
     }
     document->docMessage(log, __LINE__, 2, kRequestFailed, source.c_str(), target.c_str());
+    // A stop of the worker is no Timestamp Server failure to alarm anyone about.
+    if (stopRequested()) return 0;
     fileArguments(arguments, sizeof arguments, dir, source);
     notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
     return 0;

@@ -22,8 +22,9 @@ class Clockette : public Kavlet {
   ~Clockette() override;
 
   // Kavlet::init, then the timestamp requester with the Timestamp Server
-  // settings and credentials. 1 when ready; 0 when the base refused or the
-  // timestamp library could not be initialised (logged at level 2).
+  // settings and credentials. 1 when ready; 0 when the base refused, the
+  // password file was refused or the timestamp library could not be
+  // initialised (logged at level 2).
   int init(int argc, char** argv) override;
 
   void printObject() override;
@@ -51,6 +52,9 @@ class Clockette : public Kavlet {
   // a variable that is set, even to an empty value, replaces its setting.
   // TS_PARALLEL sets parallel; a value that is no whole number from 1 to 64
   // is logged at level 2 and the default (8) stays.
+  // TIMESTAMP_PASSWORD_FILE, when set, names a file whose first line is the
+  // password (over TIMESTAMP_PASSWORD); a file that others may read is
+  // refused and init fails.
   void readEnvironment() override;
 
   // The settings in effect, as the start-up settings line shows them: the
@@ -66,6 +70,9 @@ class Clockette : public Kavlet {
   // Timestamp requests of one document under way at the same time
   // (TS_PARALLEL, 1 to 64; 1: one after the other).
   int parallel;
+
+ private:
+  std::string passwordFileProblem_;  // why TIMESTAMP_PASSWORD_FILE was refused
 };
 
 #endif  // APP_CLOCKETTE_H_

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <glob.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include <vector>
 
 #include "testing/ChildProcess.h"
+#include "testing/KvPeers.h"
 #include "testing/TempDir.h"
 #include "testing/TestCa.h"
 #include "testing/TestTsa.h"
@@ -37,7 +39,10 @@ using testing_support::ChildOptions;
 using testing_support::ChildResult;
 using testing_support::fileExists;
 using testing_support::kUnset;
+using testing_support::KvMini;
+using testing_support::kvminiCall;
 using testing_support::makeDir;
+using testing_support::numberAfter;
 using testing_support::readFile;
 using testing_support::runChild;
 using testing_support::TempDir;
@@ -97,6 +102,14 @@ class EndToEndTest : public ::testing::Test {
     options.dir = pki_->path();
     return new TestTsa(testTsaProgram(), options);
   }
+  // One that demands these Basic credentials.
+  static TestTsa* startGuardedTsa(const std::string& login, const std::string& password) {
+    TestTsaOptions options;
+    options.requireAuth = true;
+    options.login = login;
+    options.password = password;
+    return startTsa(options);
+  }
 
   void SetUp() override {
     ASSERT_TRUE(tsa_->ready());
@@ -130,7 +143,12 @@ class EndToEndTest : public ::testing::Test {
                           "TS_TRUST_CA",
                           "TS_TSA_CERTS",
                           "TS_CAFILE",
-                          "TS_RESPONSE_LIMIT"}) {
+                          "TS_RESPONSE_LIMIT",
+                          "TIMESTAMP_PASSWORD_FILE",
+                          "KV_ACCEPT_FROM",
+                          "kavletHOST",
+                          "TS_TIMEOUT",
+                          "TS_CONNECT_TIMEOUT"}) {
       options_.env[v] = kUnset;
     }
   }
@@ -157,6 +175,27 @@ class EndToEndTest : public ::testing::Test {
     snprintf(head, sizeof head, "]  0001 %04d op=%-10s doc='", document, status);
     return head + doc + "'\n";
   }
+  // kvmini handing out the documents of docs_ and the worker serving it
+  // (log level 10); false when the registration was not seen.
+  bool serve() {
+    kv_ = std::make_unique<KvMini>(std::vector<std::string>{
+        "--bind", "127.0.0.1", "--worker-host", "127.0.0.1", "--queue", docs_, "--exit-on-bye"});
+    options_.env["KVHOST"] = "127.0.0.1";
+    options_.env["KVPORT"] = kv_->portText();
+    worker_ = std::make_unique<BackgroundChild>(
+        std::vector<std::string>{kProgram, "-logfile", "clockette.log", "-loglevel", "10"},
+        options_);
+    std::string hi;
+    if (!kv_->waitFor("HI ", &hi)) return false;
+    workerAt_ = "127.0.0.1:" + std::to_string(numberAfter(hi, "port"));
+    return true;
+  }
+  bool waitForLog(const std::string& part) const {
+    for (int i = 0; i < 1000 && !contains(log(), part); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return contains(log(), part);
+  }
   std::string log() const { return readIfThere(dir_.file("logs/clockette.log")); }
   std::string notices() const { return readIfThere(notices_); }
   static std::string readIfThere(const std::string& path) {
@@ -172,6 +211,9 @@ class EndToEndTest : public ::testing::Test {
   std::string docs_ = dir_.file("docs");
   std::string notices_ = dir_.file("notices");
   ChildOptions options_;
+  std::unique_ptr<KvMini> kv_;
+  std::unique_ptr<BackgroundChild> worker_;
+  std::string workerAt_;  // the worker's callback service
 };
 
 TempDir* EndToEndTest::pki_ = nullptr;
@@ -581,11 +623,7 @@ TEST_F(EndToEndTest, APortAboveTheRangeIsHandedOnModulo65536) {
 }
 
 TEST_F(EndToEndTest, CredentialsReachTheServerButNoOutputOrLog) {
-  TestTsaOptions options;
-  options.requireAuth = true;
-  options.login = "secret-user";
-  options.password = "secret-word";
-  std::unique_ptr<TestTsa> guarded(startTsa(options));
+  std::unique_ptr<TestTsa> guarded(startGuardedTsa("secret-user", "secret-word"));
   ASSERT_TRUE(guarded->ready());
   std::string doc = addDocument("doc", "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", "d"}});
   options_.env["TIMESTAMP_PORT"] = std::to_string(guarded->httpPort());
@@ -890,6 +928,133 @@ TEST_F(EndToEndTest, RealServerShapesAreTakenAndTokensThatProveNothingRefused) {
               accepted ? 0 : 1);
     unlink(dir_.file("logs/clockette.log").c_str());
   }
+}
+
+// The time-outs are ten minutes: a stop that waited for them, or for the end
+// of a terabyte, would be far beyond the seconds allowed here.
+TEST_F(EndToEndTest, AStopEndsTheWorkerPromptlyInTheMiddleOfADocument) {
+  TestTsaOptions hanging;
+  hanging.fault = "hang";
+  std::unique_ptr<TestTsa> silent(startTsa(hanging));
+  ASSERT_TRUE(silent->ready());
+  struct Case {
+    int signal;
+    const char* protocol;
+    int port;
+    bool hugeSource;
+    const char* busy;  // the log line that shows the worker in the middle of it
+  } cases[] = {
+      {SIGINT, "http", tsa_->httpPort(), true, "TIMESTAMP_FILE '"},
+      {SIGTERM, "http", silent->httpPort(), false, "url: http://"},
+      {SIGTERM, "tcp", silent->tcpPort(), false, "connected local port"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.busy);
+    docs_ = dir_.file(std::string("docs-") + c.protocol + std::to_string(c.hugeSource));
+    makeDir(docs_);
+    const std::string commands = "TIMESTAMP_FILE data.txt data.tst\n";
+    std::string doc = addDocument("doc", commands, {{"data.txt", "data"}});
+    if (c.hugeSource) {
+      ASSERT_EQ(truncate((doc + "/data.txt").c_str(), 1LL << 40), 0);
+    }
+    options_.env["TIMESTAMP_PROTOCOL"] = c.protocol;
+    options_.env["TIMESTAMP_PORT"] = std::to_string(c.port);
+    options_.env["TS_TIMEOUT"] = options_.env["TS_CONNECT_TIMEOUT"] = "600";
+    ASSERT_TRUE(serve());
+    ASSERT_TRUE(waitForLog(c.busy)) << log();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+    auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(worker_->stop(c.signal, 5), 1) << log();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+    EXPECT_TRUE(kv_->waitFor("BYE ")) << log();
+    // Left as a failed document is left, and not reported: the KV hands it
+    // out again.
+    EXPECT_EQ(kv_->countLines("OP "), 0);
+    EXPECT_EQ(readFile(doc + "/COMMANDS"), commands);
+    EXPECT_FALSE(fileExists(doc + "/data.tst"));
+    EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
+    EXPECT_EQ(notices(), "");
+    EXPECT_TRUE(contains(log(), "Document '" + doc + "' left unfinished: the worker is stopping"))
+        << log();
+    remove(dir_.file("logs/clockette.log").c_str());
+  }
+}
+
+TEST_F(EndToEndTest, OnlyTheKvAndTheHostsItIsToldOfMayCall) {
+  struct Case {
+    const char* acceptFrom;
+    bool foreignServed;
+  } cases[] = {{kUnset, false}, {"localhost, 127.0.0.2", true}, {"any", true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.acceptFrom);
+    options_.env["KV_ACCEPT_FROM"] = c.acceptFrom;
+    ASSERT_TRUE(serve());
+    // The KV's exit order from another loopback address.
+    std::string exitOrder = kvminiCall(workerAt_, {"ctrl", "--from", "127.0.0.2", "0", ""});
+    if (c.foreignServed) {
+      EXPECT_EQ(worker_->wait(10), 0) << exitOrder << log();
+    } else {
+      EXPECT_EQ(exitOrder, "error RPC: Timed out");
+      EXPECT_TRUE(worker_->running());
+      EXPECT_EQ(kvminiCall(workerAt_, {"ctrl", "13", "version"}), "reply 1");
+      EXPECT_EQ(worker_->stop(SIGTERM), 1);
+      EXPECT_TRUE(contains(log(), "call from 127.0.0.2:")) << log();
+      EXPECT_TRUE(contains(log(), " ignored: only the KV ('127.0.0.1') may call")) << log();
+    }
+    remove(dir_.file("logs/clockette.log").c_str());
+  }
+}
+
+TEST_F(EndToEndTest, ADocumentPathLongerThanTheReportFieldIsReportedByItsEnd) {
+  std::string name = "a-" + std::string(200 - docs_.size() - 3, 'x');
+  std::string longDoc = addDocument(name, "TIMESTAMP_FILE d d.tst\n", {{"d", "long"}});
+  ASSERT_EQ(longDoc.size(), 200u);
+  std::string next = addDocument("b-next", "TIMESTAMP_FILE d d.tst\n", {{"d", "next"}});
+  ASSERT_TRUE(serve());
+
+  std::string line;
+  ASSERT_TRUE(kv_->waitFor("OP ", &line, 30)) << log();
+  std::string reported = "..." + longDoc.substr(200 - 125);
+  EXPECT_TRUE(contains(line, "document=\"" + reported + "\" text2=\"ok\"")) << line;
+  EXPECT_TRUE(contains(log(), "document path '" + longDoc +
+                                  "' is longer than the 128 bytes of a report: reported as '" +
+                                  reported + "'"))
+      << log();
+  EXPECT_EQ(verify(longDoc + "/d.tst", longDoc + "/d"), "");
+  // The worker goes on serving.
+  ASSERT_TRUE(kv_->waitFor("OP ", &line, 30)) << log();
+  EXPECT_TRUE(contains(line, "document=\"" + next + "\" text2=\"ok\"")) << line;
+  EXPECT_EQ(worker_->stop(SIGTERM), 1);
+}
+
+TEST_F(EndToEndTest, ThePasswordComesFromAFileOnlyItsOwnerMayRead) {
+  std::unique_ptr<TestTsa> guarded(startGuardedTsa("user", "from the file"));
+  ASSERT_TRUE(guarded->ready());
+  std::string doc = addDocument("doc", "TIMESTAMP_FILE d d.tst\n", {{"d", "data"}});
+  std::string passwordFile = dir_.file("password");
+  writeFile(passwordFile, "from the file\n");
+  options_.env["TIMESTAMP_PORT"] = std::to_string(guarded->httpPort());
+  options_.env["TIMESTAMP_LOGIN"] = "user";
+  options_.env["TIMESTAMP_PASSWORD"] = "overridden by the file";
+  options_.env["TIMESTAMP_PASSWORD_FILE"] = passwordFile;
+  for (mode_t mode : {0600, 0640, 0604}) {
+    SCOPED_TRACE(mode);
+    chmod(passwordFile.c_str(), mode);
+    remove((doc + "/d.tst").c_str());
+    ChildResult r = runTest({"-loglevel", "9"});
+    if (mode == 0600) {
+      EXPECT_EQ(r.exitCode, 0) << r.out << log();
+      EXPECT_EQ(verify(doc + "/d.tst", doc + "/d"), "");
+    } else {
+      EXPECT_EQ(r.exitCode, 1) << r.out << log();
+      EXPECT_FALSE(fileExists(doc + "/d.tst"));
+      EXPECT_TRUE(contains(log(), "TIMESTAMP_PASSWORD_FILE refused: '" + passwordFile +
+                                      "' may be read by its group or others"))
+          << log();
+    }
+  }
+  EXPECT_FALSE(contains(log(), "from the file"));
 }
 
 }  // namespace

@@ -114,7 +114,8 @@ class Kavlet {
   // --- The work cycle (kavlet/Work.cpp, kavlet/TestMode.cpp) ---
 
   // Works on one document: creates the Document, runs service, writes the
-  // COMMANDS changes and the protocol, and reports the outcome to the KV.
+  // COMMANDS changes and the protocol, and reports the outcome to the KV
+  // (a failure while a stop is requested is not reported: see kavlet/Kv.h).
   // Returns, outside test mode, the result of the report (0 when the KV
   // accepted it, else the KV's result-report code); in test mode the
   // tool's result (1 done, 0 failed) and nothing is sent.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "base/Log.h"
+#include "base/Stop.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Reporter.h"
@@ -34,15 +35,26 @@ void callback(int order, const char* directory) {
   Log log(kComponent, "callback", __FILE__, __LINE__, 13);
   (void)order;  // the work mode is the tool service's business
   const char* dir = directory ? directory : "";
-  std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+  std::unique_lock<std::recursive_mutex> hold(kvWorkerLock());
   log.msg(__LINE__, 8, "StartWith '%s'", dir);
   if (theKavlet == nullptr) {
     log.msg(__LINE__, 1, "Internal error ... exiting");
     KVbye();
     exit(1);
   }
-  int rc = theKavlet->work(dir);
-  log.msg(__LINE__, 8, "Finished: '%s'", dir);
+  int rc = 0;
+  if (stopRequested()) {
+    log.msg(__LINE__, 3, "Document '%s' not taken: the worker is stopping", dir);
+  } else {
+    rc = theKavlet->work(dir);
+    log.msg(__LINE__, 8, "Finished: '%s'", dir);
+  }
+  if (stopRequested()) {
+    // The signal thread says goodbye and ends the process as soon as it
+    // holds the lock; this thread must not take another order meanwhile.
+    hold.unlock();
+    for (;;) pause();
+  }
   if (rc == 0) return;
   String text;
   KVcodeName(rc, kResultReportCodes, text);

@@ -9,10 +9,13 @@
 // thread holds it while it registers, works on an order (including the
 // order's KVop) or handles a control message, and the signal thread holds
 // it from the goodbye to the end of the process. So KVbye never runs on the
-// KV client's state at the same time as KVhi or KVop, the Kavlet is never
-// destroyed under a running order, and a document in hand is finished and
-// reported before the worker leaves. The wait is bounded by the order's own
-// time-outs (KLCTO for the KV calls, the tool's for its service).
+// KV client's state at the same time as KVhi or KVop, and the Kavlet is never
+// destroyed under a running order. The wait is short: the signal thread has
+// raised the stop request (base/Stop.h) first, hashing and Timestamp Server
+// exchanges give up on it, and a document cut short that way is left
+// unchanged and not reported (Kavlet::work). A document that ended before
+// the stop is reported as usual. Once a stop is requested, callback takes no
+// further order and leaves the ending to the signal thread.
 #ifndef KAVLET_KV_H_
 #define KAVLET_KV_H_
 

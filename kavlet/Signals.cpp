@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "base/Log.h"
+#include "base/Stop.h"
 #include "base/SystemError.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
@@ -20,6 +21,10 @@ void* signalThread(void*) {
   for (;;) {
     int signal = 0;
     if (sigwait(&set, &signal) != 0) continue;
+    // Raised before the handler waits for the order in hand: hashing and
+    // Timestamp Server exchanges watch it and give up at once, so the order
+    // ends and the goodbye follows promptly.
+    if (signal != SIGHUP) requestStop();
     if (signal == SIGINT) {
       sig_handler(SIGINT);
     } else {

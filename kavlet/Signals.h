@@ -12,6 +12,8 @@
 //   SIGQUIT -> sigwin_handler(break event)
 //   SIGHUP  -> sigwin_handler(log-off event), which ignores it, so the
 //              worker survives a closed terminal.
+// Every signal but SIGHUP first raises the process-wide stop request
+// (base/Stop.h), which cuts the order in hand short.
 // Child processes inherit the blocked mask across exec; a worker that starts
 // programs must unblock the signals in the child.
 #ifndef KAVLET_SIGNALS_H_

@@ -5,6 +5,7 @@
 
 #include "base/Log.h"
 #include "base/Metrics.h"
+#include "base/Stop.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/docfiles/Document.h"
 #include "kavlet/docfiles/DocumentLock.h"
@@ -71,6 +72,14 @@ int Kavlet::work(const char* directory) {
   metrics::countDocument(result != 0);
 
   if (!testCount.empty()) return result;
+
+  if (result == 0 && stopRequested()) {
+    // Cut short by a stop, not failed: the document is left as a failed one
+    // is left, but not reported, so the KV hands it out again instead of
+    // sending it down its error path.
+    log.msg(__LINE__, 3, "Document '%s' left unfinished: the worker is stopping", dir);
+    return 0;
+  }
 
   if (result == 0) {
     log.msg(

@@ -12,6 +12,7 @@
 #include "base/Log.h"
 #include "kvrpc/HostIdent.h"
 #include "kvrpc/KVprot.h"
+#include "kvrpc/KvSenders.h"
 #include "rpc/Clnt.h"
 
 namespace {
@@ -106,6 +107,26 @@ std::string klText(const sockaddr_kl& kl) {
 }
 
 timeval seconds(int s) { return timeval{s, 0}; }
+
+bool utf8Continuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
+
+// text made to fit a bounded string field of max bytes. A longer text is
+// cut, and "..." marks the cut: with keepEnd the end stays (document paths
+// differ at their end), else the start. No UTF-8 character is cut in two.
+std::string fitted(const char* text, size_t max, bool keepEnd) {
+  static const char kCut[] = "...";
+  const size_t keep = max - (sizeof kCut - 1);
+  std::string t = text ? text : "";
+  if (t.size() <= max) return t;
+  if (keepEnd) {
+    size_t from = t.size() - keep;
+    while (from < t.size() && utf8Continuation(t[from])) ++from;
+    return kCut + t.substr(from);
+  }
+  size_t to = keep;
+  while (to > 0 && utf8Continuation(t[to])) --to;
+  return t.substr(0, to) + kCut;
+}
 
 // Creates the callback service when none exists yet. Returns false on failure.
 bool ensureService(int protocol) {
@@ -203,6 +224,8 @@ int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOr
   }
   int rc = KVclnt_create(host, s.kvPort, &s.registration);
   if (rc != 0) return rc;
+  // Before the hello: the KV may send an order as soon as it accepts us.
+  KVsetSenders(host);
 
   s.sharedTimeout.tv_sec = s.totalTimeout;
   int answer = 0;
@@ -265,11 +288,21 @@ int KVop(const char* document, const char* text2, const char* text3) {
     log.msg(__LINE__, 2, "KVop: not registered with a KV");
     return 1;
   }
+  // The fields are bounded: a longer text would make the report fail to
+  // encode, and the KV would never hear of the document.
+  std::string doc = fitted(document, KL_DOCUMENT_MAX, true);
+  std::string status = fitted(text2, KL_STATUS_MAX, false);
+  std::string comment = fitted(text3, KL_COMMENT_MAX, false);
+  if (document != nullptr && doc != document) {
+    log.msg(__LINE__, 2,
+            "document path '%s' is longer than the %d bytes of a report: reported as '%s'",
+            document, KL_DOCUMENT_MAX, doc.c_str());
+  }
   op_kl op{};
   op.address = s.hello.address;
-  op.document = wireText(document);
-  op.status = wireText(text2);
-  op.comment = wireText(text3);
+  op.document = const_cast<char*>(doc.c_str());
+  op.status = const_cast<char*>(status.c_str());
+  op.comment = const_cast<char*>(comment.c_str());
   int answer = 0;
   if (clnt_call(s.registration, KVPROC_OP, xdr_proc<xdr_op_kl>, &op, xdr_proc<xdr_int>, &answer,
                 s.sharedTimeout) != RPC_SUCCESS) {

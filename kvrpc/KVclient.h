@@ -40,8 +40,10 @@ int KVinfo(const char* host, const char* type, ToolInfoCallback info);
 // on host that a tool of type serves on servicePort. Returns 0 or -1 to -4.
 int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo);
 
-// Reports the result of the order on document. Returns the KV's
-// result-report code (0 = ok), or 1 when the call failed.
+// Reports the result of the order on document. Texts longer than their
+// fields (128, 60, 128 bytes) are shortened to fit, marked by "...": the
+// document keeps its end (logged at level 2), the others their start.
+// Returns the KV's result-report code (0 = ok), or 1 when the call failed.
 int KVop(const char* document, const char* text2, const char* text3);
 
 // Asks the KV on hostname to create the document path, over a client of its

@@ -8,6 +8,7 @@
 
 #include "base/Log.h"
 #include "kvrpc/KVprot.h"
+#include "kvrpc/KvSenders.h"
 #include "rpc/Svc.h"
 #include "rpc/SvcUdp.h"
 
@@ -61,6 +62,7 @@ int ToolCreateService(int protocol) {
     svc_destroy(xprt);
     return -1;
   }
+  svc_set_sender_check(xprt, ToolSenderCheck);
   s.v4 = xprt;
   s.port = xprt->xp_port;
   log.msg(__LINE__, 8, "ToolCreateService on port %d", s.port);
@@ -80,6 +82,7 @@ int ToolCreateService(int protocol) {
   } else if (!svc_register(xprt6, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {
     log.msg(__LINE__, 8, "cannot register Tool service");
   } else {
+    svc_set_sender_check(xprt6, ToolSenderCheck);
     s.v6 = xprt6;
   }
   return s.socket;

@@ -28,7 +28,8 @@ typedef int (*ToolCtrlCallback)(int number, const char* text);
 typedef void (*ToolInfoCallback)(const char* text, int number);
 
 // Creates the IPv4 service on an ephemeral port and an IPv6 one on the same
-// port, both dispatching to ToolDispatch. protocol is passed on to the
+// port, both dispatching to ToolDispatch and serving only the callers that
+// KvSenders.h accepts. protocol is passed on to the
 // registration (kept for the record only; no port mapper is contacted).
 // Returns the IPv4 socket, or -1 when the IPv4 service cannot be made; a
 // missing IPv6 service is logged and tolerated.

@@ -116,6 +116,8 @@ void svc_destroy(SVCXPRT* xprt) {
   xprt->xp_ops->xp_destroy(xprt);
 }
 
+void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check) { xprt->xp_check = check; }
+
 void svc_run() {
   svcRunning = true;
   while (svcRunning) {
@@ -150,10 +152,13 @@ void svc_getreq_common(int fd) {
   SVCXPRT* xprt = svc_xprt_of(fd);
   if (xprt == nullptr) return;
   rpc_call_hdr hdr;
-  if (xprt->xp_ops->xp_recv(xprt, &hdr)) svc_dispatch_request(xprt, &hdr);
+  if (!xprt->xp_ops->xp_recv(xprt, &hdr)) return;
+  if (xprt->xp_check != nullptr && !xprt->xp_check(xprt)) return;
+  svc_dispatch_request(xprt, &hdr);
 }
 
 void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr) {
+  XdrRequestScope request;
   xprt->xp_xid = hdr->xid;
   if (hdr->rpcvers != RPC_MSG_VERSION) {
     rpc_reply_parts parts;

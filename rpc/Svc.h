@@ -41,14 +41,19 @@ struct svc_xp_ops {
   void (*xp_destroy)(SVCXPRT* xprt);
 };
 
+// Decides whether the current request of a transport (its caller in
+// xp_raddr) is served; a request refused is dropped without any reply.
+typedef bool_t (*svc_sender_check_t)(SVCXPRT* xprt);
+
 struct SVCXPRT {
   int xp_sock;
   u_short xp_port;  // bound port, host order
   const svc_xp_ops* xp_ops;
   struct sockaddr_storage xp_raddr;  // caller of the current request
   socklen_t xp_addrlen;
-  uint32_t xp_xid;  // xid of the current request
-  void* xp_p1;      // transport-private data
+  uint32_t xp_xid;              // xid of the current request
+  void* xp_p1;                  // transport-private data
+  svc_sender_check_t xp_check;  // null: every caller is served
 };
 
 struct svc_req {
@@ -75,6 +80,8 @@ void xprt_unregister(SVCXPRT* xprt);
 SVCXPRT* svc_xprt_of(int fd);
 // Unregisters, closes and frees a transport.
 void svc_destroy(SVCXPRT* xprt);
+// Installs the check of the callers of a transport's requests (null: none).
+void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check);
 
 // The read set and highest descriptor + 1 of the loop.
 extern fd_set svc_fdset;

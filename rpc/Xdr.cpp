@@ -6,10 +6,24 @@
 #include <cstring>
 
 #include "base/Log.h"
+#include "base/RateLimit.h"
 
 namespace {
 
 const char kComponent[] = "xdr";
+
+thread_local int requestScopes = 0;
+
+// Logs a decoded length too large to allocate; see XdrRequestScope.
+void logTooLarge(long long nodesize) {
+  static RateLimit limit(20, 60);
+  int suppressed = 0;
+  if (requestScopes > 0 && !limit.admit(&suppressed)) return;
+  c_logmsg(kComponent, 2, "cannot allocate %lld bytes", nodesize);
+  if (suppressed > 0) {
+    c_logmsg(kComponent, 2, "cannot allocate ... suppressed %d times", suppressed);
+  }
+}
 
 bool_t putUint32(XDR* xdrs, uint32_t v) {
   if (xdrs->x_handy < 4) return FALSE;
@@ -47,7 +61,7 @@ bool_t xdrUint32(XDR* xdrs, uint32_t* v) {
 // decoding failure, running out of memory below that limit is fatal.
 char* allocDecoded(u_int nodesize) {
   if (nodesize > XDR_MAX_ALLOC) {
-    c_logmsg(kComponent, 2, "cannot allocate %u bytes", nodesize);
+    logTooLarge(nodesize);
     return nullptr;
   }
   char* p = static_cast<char*>(malloc(nodesize == 0 ? 1 : nodesize));
@@ -221,7 +235,7 @@ bool_t xdr_string(XDR* xdrs, char** cpp, u_int maxsize) {
   if (xdrs->x_op == XDR_DECODE) {
     const uint64_t nodesize = static_cast<uint64_t>(size) + 1;
     if (nodesize > XDR_MAX_ALLOC) {
-      c_logmsg(kComponent, 2, "cannot allocate %lld bytes", static_cast<long long>(nodesize));
+      logTooLarge(static_cast<long long>(nodesize));
       return FALSE;
     }
     if (size > xdrs->x_handy) return FALSE;  // cannot be there: do not allocate
@@ -251,3 +265,6 @@ void xdr_free(xdrproc_t proc, void* objp) {
   xdrmem_create(&x, nullptr, 0, XDR_FREE);
   proc(&x, objp);
 }
+
+XdrRequestScope::XdrRequestScope() { ++requestScopes; }
+XdrRequestScope::~XdrRequestScope() { --requestScopes; }

@@ -90,4 +90,16 @@ bool_t xdr_vector(XDR* xdrs, char* basep, u_int nelem, u_int elemsize, xdrproc_t
 // Releases what a decode allocated inside *objp (not objp itself).
 void xdr_free(xdrproc_t proc, void* objp);
 
+// While one lives on a thread, the refusals of decoding on that thread (a
+// length too large to allocate) are logged at most 20 times a minute, with a
+// "... suppressed N times" line: the service decodes requests in one, as
+// anyone can send them. Elsewhere every refusal is logged.
+class XdrRequestScope {
+ public:
+  XdrRequestScope();
+  ~XdrRequestScope();
+  XdrRequestScope(const XdrRequestScope&) = delete;
+  XdrRequestScope& operator=(const XdrRequestScope&) = delete;
+};
+
 #endif  // RPC_XDR_H_

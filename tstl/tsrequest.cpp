@@ -35,6 +35,7 @@
 #include "base/Platform.h"
 #include "base/ReplaceFile.h"
 #include "base/SettingsLine.h"
+#include "base/Stop.h"
 #include "base/String.h"
 #include "base/Switch.h"
 #include "base/SystemError.h"
@@ -337,15 +338,17 @@ int connectWithin(int fd, const sockaddr* addr, socklen_t len, long long timeout
   if (connect(fd, addr, len) != 0) {
     err = errno;
     if (err == EINPROGRESS) {
-      pollfd p{fd, POLLOUT, 0};
+      pollfd p[2] = {{fd, POLLOUT, 0}, {stopWakeFd(), POLLIN, 0}};
       int r;
       do {
-        r = poll(&p, 1, static_cast<int>(timeoutMs < 0 ? 0 : timeoutMs));
+        r = poll(p, 2, static_cast<int>(timeoutMs < 0 ? 0 : timeoutMs));
       } while (r < 0 && errno == EINTR);
       if (r == 0) {
         err = ETIMEDOUT;
       } else if (r < 0) {
         err = errno;
+      } else if (p[1].revents != 0) {
+        err = ECANCELED;  // the worker is stopping
       } else {
         socklen_t errLen = sizeof err;
         if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errLen) != 0) err = errno;
@@ -356,8 +359,9 @@ int connectWithin(int fd, const sockaddr* addr, socklen_t len, long long timeout
   return err;
 }
 
-// Receives until the peer closes, the buffer is full, an error, or deadlineMs
-// passes (then errno is ETIMEDOUT). Returns the number of bytes received.
+// Receives until the peer closes, the buffer is full, an error, deadlineMs
+// passes (then errno is ETIMEDOUT) or a stop is requested (ECANCELED).
+// Returns the number of bytes received.
 uint64_t receiveAll(int fd, unsigned char* buffer, uint64_t capacity, long long deadlineMs) {
   uint64_t used = 0;
   while (used < capacity) {
@@ -366,11 +370,15 @@ uint64_t receiveAll(int fd, unsigned char* buffer, uint64_t capacity, long long 
       errno = ETIMEDOUT;
       break;
     }
-    pollfd p{fd, POLLIN, 0};
-    int r = poll(&p, 1, static_cast<int>(left));
+    pollfd p[2] = {{fd, POLLIN, 0}, {stopWakeFd(), POLLIN, 0}};
+    int r = poll(p, 2, static_cast<int>(left));
     if (r < 0 && errno == EINTR) continue;
     if (r == 0) {
       errno = ETIMEDOUT;
+      break;
+    }
+    if (r > 0 && p[1].revents != 0) {
+      errno = ECANCELED;
       break;
     }
     ssize_t got = r < 0 ? -1 : recv(fd, buffer + used, capacity - used, 0);
@@ -379,6 +387,14 @@ uint64_t receiveAll(int fd, unsigned char* buffer, uint64_t capacity, long long 
     used += static_cast<uint64_t>(got);
   }
   return used;
+}
+
+// libcurl's progress callback: a non-zero result abandons the transfer
+// (CURLE_ABORTED_BY_CALLBACK), so a stop of the worker does not wait for the
+// time-outs. libcurl calls it at least about once a second, also while the
+// server is silent.
+int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return stopRequested() ? 1 : 0;
 }
 
 // The body of a failed HTTP answer as text for the log (NUL-terminated copy).
@@ -556,6 +572,8 @@ int exchangeHttp(Log& log, const TsServer& server, const std::vector<unsigned ch
   curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs));
   curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(c, CURLOPT_ERRORBUFFER, curlError);
+  curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, abortOnStop);
+  curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
 
   curl_slist* headers = nullptr;
   if (s.haveCredentials) {
@@ -628,6 +646,12 @@ int exchangeTcp(Log& log, const TsServer& server, const std::vector<unsigned cha
   }
   errno = 0;
   rb->used = receiveAll(sock.get(), rb->data, rb->capacity, deadline);
+  if (stopRequested()) {
+    log.msg(__LINE__, 2, "exchange with timestamp server %s given up: the worker is stopping",
+            server.host.c_str());
+    *outcome = {-4, false, "stopped"};
+    return -4;
+  }
   bool notWorking = rb->used == 2 && rb->data[0] == 0x05 && rb->data[1] == 0x00;
   // A reply too short to hold the frame header is no timestamp either.
   if ((rb->used > 5 && rb->data[4] != kFinalMsgRep) ||
@@ -1008,7 +1032,10 @@ int openSocketBefore(const char* host, uint16_t port, long long notAfterMs) {
         nowMs() + kRefusedRetryMs >= deadline) {
       break;
     }
-    usleep(kRefusedRetryMs * 1000);
+    if (waitForStop(kRefusedRetryMs)) {
+      err = ECANCELED;
+      break;
+    }
   }
   log.msg(__LINE__, 10, "made new socket FD%d", fd);
   if (fd < 0) {

@@ -26,6 +26,10 @@
 // level 2 message and the default is used. The login and password never
 // reach the log in any form: messages that would show them show "********"
 // instead.
+//
+// Stops: once the worker's stop is requested (base/Stop.h), hashing gives up
+// between blocks (-1) and an exchange is abandoned (-4) within about a
+// second, whatever the time-outs say.
 #ifndef TSTL_TSREQUEST_H_
 #define TSTL_TSREQUEST_H_
 
@@ -125,7 +129,7 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
 // One exchange with the Timestamp Server for imprint; the answer's bytes go
 // into response (an OCTET STRING). 0; -1 the request or URL could not be
 // built; -4 transport error (curl error, time-out, no connection, send
-// failed); -5 HTTP status other than 200; -7 answer of 4096 bytes or more;
+// failed, a stop); -5 HTTP status other than 200; -7 answer of 4096 bytes or more;
 // -8 nothing received; -9 the server answered 05 00 (not working); -10 a raw
 // TCP answer with a flag byte other than 5. With retries or fallback servers
 // configured it may make several attempts (tstl/TsServers.h); the result and

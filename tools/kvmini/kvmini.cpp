@@ -6,6 +6,8 @@
 //   kvmini info --to H:P NUMBER [TEXT]
 //   kvmini call --to H:P PROC [--number N] [--text T] [--noargs] [--prog P]
 //                             [--vers V] [--timeout S] [--retry S]
+// The client commands take --from ADDR: send from that local address (say
+// 127.0.0.2, to play a host other than the KV).
 //
 // serve prints "kvmini listening port=<port> prog=<prog> vers=2" first, then one
 // line per datagram it dispatches and one per order it sends, all on standard
@@ -48,6 +50,7 @@ void usage() {
           "       kvmini info --to HOST:PORT NUMBER [TEXT]\n"
           "       kvmini call --to HOST:PORT PROC [--number N] [--text T] [--noargs]\n"
           "                   [--prog P] [--vers V] [--timeout S] [--retry S]\n"
+          "       (work, ctrl, info and call also take --from ADDR: the local source address)\n"
           "serve reads commands on standard input, one a line:\n"
           "  work N DIR | ctrl CODE [TEXT] | info N [TEXT] | null | refuse on|off |\n"
           "  op-answer N | crt-answer N | silent on|off | quit\n");
@@ -161,11 +164,15 @@ struct CallSpec {
   Order order{0, nullptr};
   int timeoutSeconds = 5;
   int retrySeconds = 1;
+  std::string from;  // local source address; empty: the system's choice
 };
+
+int bindSocket(const std::string& bindAddr, long port);
 
 CallResult callService(const Target& target, const CallSpec& callReq) {
   CallResult r;
-  int fd = socket(target.addr.ss_family, SOCK_DGRAM, 0);
+  int fd = callReq.from.empty() ? socket(target.addr.ss_family, SOCK_DGRAM, 0)
+                                : bindSocket(callReq.from, 0);
   if (fd < 0) {
     r.error = std::string("socket: ") + strerror(errno);
     return r;
@@ -289,6 +296,15 @@ void sendToWorker(unsigned long proc, int number, const std::string& text) {
        " -> " + r.text());
 }
 
+// Whether a report's document names directory: the same text, or, for a
+// path too long for the report, "..." and the path's end.
+bool reportNames(const std::string& reported, const std::string& directory) {
+  if (reported == directory) return true;
+  if (reported.compare(0, 3, "...") != 0 || directory.size() < reported.size()) return false;
+  return directory.compare(directory.size() - (reported.size() - 3), std::string::npos, reported, 3,
+                           std::string::npos) == 0;
+}
+
 // Hands out the next queued document, or reports the empty queue once.
 void advanceQueue() {
   if (server.queue.empty() || !server.inHand.empty()) return;
@@ -375,7 +391,7 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
                          " document=" + quote(r.document) + " text2=" + quote(r.text2) +
                          " text3=" + quote(r.text3);
       line += answerInt(xprt, server.opAnswer);
-      bool answersInHand = r.document != nullptr && server.inHand == r.document;
+      bool answersInHand = r.document != nullptr && reportNames(r.document, server.inHand);
       freeArgs(xprt, xdrOpReport, &r);
       emit(line);
       if (answersInHand && !server.silent) {
@@ -601,6 +617,8 @@ int client(const std::string& cmd, int argc, char** argv) {
       callReq.noArgs = true;
     } else if (hasValue && a == "--to") {
       to = argv[++i];
+    } else if (hasValue && a == "--from") {
+      callReq.from = argv[++i];
     } else if (hasValue && a == "--text") {
       callReq.order.text = argv[++i];
       textGiven = true;

@@ -1,0 +1,73 @@
+#include "base/SecretFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "base/SystemError.h"
+
+namespace {
+
+// More than any password; a longer file is no password file.
+constexpr size_t kMaxSecret = 4096;
+
+class ScopedFd {
+ public:
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ~ScopedFd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+std::string quoted(const char* path) { return std::string("'") + path + "'"; }
+
+}  // namespace
+
+bool readSecretFile(const char* path, std::string* secret, std::string* problem) {
+  secret->clear();
+  ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat st;
+  if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
+    *problem = quoted(path) + " cannot be read: " + systemError(errno).str();
+    return false;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    *problem = quoted(path) + " is no regular file";
+    return false;
+  }
+  if ((st.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+    char mode[8];
+    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    *problem = quoted(path) + " may be read by its group or others (mode " + mode +
+               "): allow reading by its owner only (chmod 600)";
+    return false;
+  }
+  std::string text;
+  char buffer[512];
+  for (;;) {
+    ssize_t got = read(fd.get(), buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      *problem = quoted(path) + " cannot be read: " + systemError(errno).str();
+      return false;
+    }
+    if (got == 0) break;
+    text.append(buffer, static_cast<size_t>(got));
+    if (text.size() > kMaxSecret) {
+      *problem = quoted(path) + " is too long for a password";
+      return false;
+    }
+  }
+  size_t end = text.find_first_of("\r\n");
+  *secret = text.substr(0, end);
+  return true;
+}
