@@ -138,7 +138,7 @@ class Checker {
 };
 
 bool Checker::run(const unsigned char* der, size_t length) {
-  if (!readOurs(der, length) || !compareExpectations() || !readWithOpenSsl(der, length)) {
+  if (!readOurs(der, length) || !readWithOpenSsl(der, length) || !compareExpectations()) {
     return false;
   }
   STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms_.get());
@@ -184,7 +184,6 @@ bool Checker::readOurs(const unsigned char* der, size_t length) {
   facts_.genTime = tst.genTime.displayText();
   facts_.genTimeDer = tst.genTime.derText();
   facts_.serialHex = tst.serialNumber.hex();
-  facts_.policyOid = dotted(tst.policy.nid);
   facts_.hashNid = tst.messageImprint.hashAlgorithm.algorithm.nid;
   const CAsn1string& digest = tst.messageImprint.hashedMessage;
   facts_.digest.assign(digest.data(), digest.data() + digest.length());
@@ -233,6 +232,11 @@ bool Checker::readWithOpenSsl(const unsigned char* der, size_t length) {
   tstInfo_.reset(d2i_TS_TST_INFO(nullptr, &p, ASN1_STRING_length(*content)));
   if (!tstInfo_) return failSsl("OpenSSL cannot read the TSTInfo");
   facts_.tsaName = tsaNameText(tstInfo_.get());
+  // The dotted text straight from the DER: a policy that OpenSSL did not know
+  // was added to its object table, which OpenSSL 3.0 reads without a lock.
+  char policy[128] = "";
+  OBJ_obj2txt(policy, sizeof policy, TS_TST_INFO_get_policy_id(tstInfo_.get()), 1);
+  facts_.policyOid = policy;
   tokenCerts_.reset(CMS_get1_certs(cms_.get()));
   if (!tokenCerts_) tokenCerts_.reset(sk_X509_new_null());
   ERR_clear_error();

@@ -3,7 +3,8 @@
 // Given the DER bytes of a TimeStampResp, checkTimestampResponse decodes them
 // with our own DER classes (the parser of what we store) and then checks, in
 // this order:
-//   - the status is granted (0) or grantedWithMods (1), and a token is there;
+//   - the status is granted (0) or grantedWithMods (1), and a token is there
+//     that OpenSSL reads as well;
 //   - the token's messageImprint (algorithm and digest) equals the expected
 //     one, when one is given; likewise the nonce and the policy;
 //   - when the signer certificate is at hand (in the token, or among the
