@@ -799,7 +799,7 @@ void describeTimestampSettings(SettingsLine* line) {
   line->add("nonce", s.sendNonce ? "on" : "off");
   line->add("certreq", s.certReq ? "on" : "off");
   line->add("policy", s.policyOid.empty() ? "none" : s.policyOid);
-  line->add("trust_anchors", s.trust ? "on" : "off");
+  line->add("trust_anchors", s.trust && s.trust->hasAnchors() ? "on" : "off");  // TS_TRUST_CA
   line->add("response_limit", static_cast<long>(s.responseLimit));
   line->addPairs(tsServers().settingsText());
 }
