@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,11 @@ std::string directory() {
     Log::setLogFile("/dev/null");
     char name[] = "/dev/shm/fuzz_commands.XXXXXX";
     if (mkdtemp(name) == nullptr) abort();
+    // Replays run in every test run: leave nothing behind. (The path is
+    // copied: the returned string may be gone when exit handlers run.)
+    static char made[sizeof name];
+    memcpy(made, name, sizeof name);
+    atexit([] { std::filesystem::remove_all(made); });
     return std::string(name);
   }();
   return dir;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "base/Log.h"
@@ -32,6 +33,11 @@ std::string directory() {
     Log::setLogFile("/dev/null");
     char name[] = "/dev/shm/fuzz_setup.XXXXXX";
     if (mkdtemp(name) == nullptr) abort();
+    // Replays run in every test run: leave nothing behind. (The path is
+    // copied: the returned string may be gone when exit handlers run.)
+    static char made[sizeof name];
+    memcpy(made, name, sizeof name);
+    atexit([] { std::filesystem::remove_all(made); });
     std::string d(name);
     mkdir((d + "/setup").c_str(), 0700);
     mkdir((d + "/conf").c_str(), 0700);
