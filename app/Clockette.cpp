@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +18,7 @@
 #include "base/Metrics.h"
 #include "base/Notify.h"
 #include "base/OrderedWork.h"
+#include "base/ReplaceFile.h"
 #include "base/SecretFile.h"
 #include "base/SettingsLine.h"
 #include "base/Stop.h"
@@ -106,6 +108,12 @@ String documentFilePath(const char* directory, const char* token, bool* fits) {
 bool fileExists(const char* path) {
   struct stat st;
   return stat(path, &st) == 0;
+}
+
+// The directory part of a path ("." when it has none).
+std::string directoryPart(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
 // Whether anything (a symbolic link too) sits at path.
@@ -548,6 +556,9 @@ int Clockette::service(const char* directory) {
     stamps[i]->result = fetchTimestamp(&stamps[i]->imprint, &stamps[i]->response);
   });
   bool stamped = false;
+  // The renames of a directory reach the disk with one sync of it at the
+  // end, not one per file; the document counts as done only after that.
+  std::map<std::string, const Stamp*> unsyncedDirectories;
   for (size_t i = 0; i < stamps.size(); ++i) {
     Stamp& stamp = *stamps[i];
     exchanges.waitFor(i);
@@ -556,7 +567,7 @@ int Clockette::service(const char* directory) {
     bool existed = entryExists(stamp.target.c_str());
     int code = stamp.result;
     if (code == 0) {
-      code = storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str());
+      code = storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str(), false);
     }
     metrics::countTimestamp(code);  // -1 .. -5, as the per-file requestTimestamp gives them
     if (code != 0) {
@@ -564,6 +575,7 @@ int Clockette::service(const char* directory) {
       return requestFailed(stamp.source, stamp.target, code);
     }
     if (!existed) document->noteCreatedFile(stamp.target);
+    unsyncedDirectories[directoryPart(stamp.target.str())] = &stamp;
     stamped = true;
     if (!stamp.statement.empty() &&
         document->appendToCommands(String(stamp.statement.c_str())) == 0) {
@@ -576,6 +588,15 @@ int Clockette::service(const char* directory) {
     }
   }
   if (failure) return failure();
+  for (const auto& entry : unsyncedDirectories) {
+    std::string step;
+    int err = syncDirectoryOf(entry.second->target.c_str(), &step);
+    if (err != 0) {
+      log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
+              entry.second->target.c_str(), step.c_str(), err, systemError(err).c_str());
+      return requestFailed(entry.second->source, entry.second->target, kTargetNotWritten);
+    }
+  }
 
   if (stamped) {
     document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",

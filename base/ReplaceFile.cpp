@@ -50,6 +50,22 @@ std::string replaceFileTemporary(const char* path) {
 }
 
 int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep) {
+  return replaceFile(path, data, size, failedStep, true);
+}
+
+int syncDirectoryOf(const char* path, std::string* failedStep) {
+  // Some file systems cannot sync a directory (EINVAL); only an I/O error is
+  // a failure.
+  std::string dir = directoryOf(path);
+  Fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dirFd.get() >= 0 && fsync(dirFd.get()) != 0 && errno == EIO) {
+    return fail("fsync", dir, failedStep);
+  }
+  return 0;
+}
+
+int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep,
+                bool syncDirectory) {
   const std::string temporary = replaceFileTemporary(path);
   // Whatever sits at the temporary name (a leftover of a killed run, or a
   // link planted there) goes; O_EXCL then makes sure the file written is
@@ -80,12 +96,6 @@ int replaceFile(const char* path, const char* data, size_t size, std::string* fa
     if (failedStep != nullptr) *failedStep = step;
     return err;
   }
-  // The rename reaches the disk with the directory. Some file systems
-  // cannot sync a directory (EINVAL); only an I/O error is a failure.
-  std::string dir = directoryOf(path);
-  Fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dirFd.get() >= 0 && fsync(dirFd.get()) != 0 && errno == EIO) {
-    return fail("fsync", dir, failedStep);
-  }
-  return 0;
+  // The rename reaches the disk with the directory.
+  return syncDirectory ? syncDirectoryOf(path, failedStep) : 0;
 }

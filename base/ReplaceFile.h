@@ -18,6 +18,16 @@
 // that step and its file (for example "open('/d/.a.tst.tmp')"). On failure
 // the path is left as it was and no temporary file stays behind.
 int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep);
+// The same, but with syncDirectory false the directory is left for the
+// caller to sync (syncDirectoryOf), once after several files of one
+// directory: the renames are crash-safe only after that.
+int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep,
+                bool syncDirectory);
+
+// Syncs the directory that holds path, so that renames in it survive a
+// crash. 0, or the errno of an I/O error (*failedStep names the step); a file
+// system that cannot sync a directory is no failure.
+int syncDirectoryOf(const char* path, std::string* failedStep);
 
 // The name of the temporary file replaceFile uses for path.
 std::string replaceFileTemporary(const char* path);

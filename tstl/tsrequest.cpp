@@ -1157,7 +1157,8 @@ int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
   return 0;
 }
 
-int storeTimestamp(CAsn1string* response, const char* source, const char* target) {
+int storeTimestamp(CAsn1string* response, const char* source, const char* target,
+                   bool syncDirectory) {
   Log log(kComponent, "storeTimestamp", __FILE__, __LINE__, 13);
   char* base64 = nullptr;
   if (timestamp2base64(response, &base64) != 0) {
@@ -1168,7 +1169,7 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
   // Through a temporary file and a rename: a crash leaves the old file or
   // the new one, never a cut-off or empty timestamp.
   std::string step;
-  int err = replaceFile(target, text.get(), strlen(text.get()), &step);
+  int err = replaceFile(target, text.get(), strlen(text.get()), &step, syncDirectory);
   if (err != 0) {
     log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)", target,
             step.c_str(), err, systemError(err).c_str());

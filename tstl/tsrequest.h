@@ -124,7 +124,11 @@ int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
 // failure, not the Timestamp Server's). The target is replaced through a
 // temporary file and a rename, never written through a symbolic link; a
 // failure leaves it as it was.
-int storeTimestamp(CAsn1string* response, const char* source, const char* target);
+// With syncDirectory false the target's directory is not synced: the caller
+// does that once for several targets (syncDirectoryOf, base/ReplaceFile.h)
+// before it counts them as stored.
+int storeTimestamp(CAsn1string* response, const char* source, const char* target,
+                   bool syncDirectory = true);
 
 // One exchange with the Timestamp Server for imprint; the answer's bytes go
 // into response (an OCTET STRING). 0; -1 the request or URL could not be
