@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <new>
 
 namespace metrics {
@@ -34,6 +35,7 @@ struct State {
   std::atomic<uint64_t> answerMicros{0};
   std::atomic<int64_t> lastSuccessMs{0};  // Unix time, 0 until the first stamped file
   std::atomic<uint64_t> changes{0};
+  std::atomic<uint64_t> servers[kMaxServers][4] = {};  // by ServerEvent
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "counters shared between processes");
 
@@ -41,8 +43,8 @@ static_assert(std::atomic<uint64_t>::is_always_lock_free, "counters shared betwe
 // destroyed, since a thread may still count while the process ends.
 State& state() {
   static State* s = [] {
-    void* shared = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* shared =
+        mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     return shared == MAP_FAILED ? new State : new (shared) State;
   }();
   return *s;
@@ -50,15 +52,14 @@ State& state() {
 State& kState = state();
 
 size_t resultSlot(int result) {
-  return result <= 0 && result > -static_cast<int>(kResultSlots - 1)
-             ? static_cast<size_t>(-result)
-             : kResultSlots - 1;
+  return result <= 0 && result > -static_cast<int>(kResultSlots - 1) ? static_cast<size_t>(-result)
+                                                                     : kResultSlots - 1;
 }
 
 // Label of a result slot.
 std::string resultLabel(size_t slot) {
-  static const char* const kNames[] = {"ok",           "hash_failed",     "exchange_failed",
-                                       "answer_refused", "encoding_failed", "write_failed"};
+  static const char* const kNames[] = {
+      "ok", "hash_failed", "exchange_failed", "answer_refused", "encoding_failed", "write_failed"};
   if (slot < sizeof kNames / sizeof kNames[0]) return kNames[slot];
   if (slot == kResultSlots - 1) return "other";
   return "error_" + std::to_string(slot);
@@ -113,6 +114,38 @@ void observeAnswer(double seconds) {
   ++s.changes;
 }
 
+// Names of the servers counted; set at start, read by the reporting thread.
+std::mutex serverNamesMutex;
+std::vector<std::string>& serverNames() {
+  static auto* names = new std::vector<std::string>;
+  return *names;
+}
+
+void nameServers(const std::vector<std::string>& names) {
+  std::lock_guard<std::mutex> lock(serverNamesMutex);
+  serverNames().assign(names.begin(), names.begin() + std::min(names.size(), kMaxServers));
+}
+
+void countServer(size_t index, ServerEvent event) {
+  if (index >= kMaxServers) return;
+  ++state().servers[index][static_cast<int>(event)];
+  ++state().changes;
+}
+
+std::string serverSummary() {
+  std::lock_guard<std::mutex> lock(serverNamesMutex);
+  State& s = state();
+  std::string out;
+  for (size_t i = 0; i < serverNames().size(); ++i) {
+    const auto& n = s.servers[i];
+    uint64_t attempts = n[0] + n[1] + n[2];
+    appendf(&out, "%s%s attempts=%" PRIu64 " ok=%" PRIu64 " failed=%" PRIu64 " held=%" PRIu64,
+            i > 0 ? ", " : "", serverNames()[i].c_str(), attempts, n[0].load(), n[1].load(),
+            n[3].load());
+  }
+  return out;
+}
+
 Totals totals() {
   State& s = state();
   Totals t;
@@ -160,6 +193,27 @@ std::string prometheusText() {
       "none yet).\n"
       "# TYPE clockette_last_success_timestamp_seconds gauge\n";
   appendf(&out, "clockette_last_success_timestamp_seconds %.3f\n", s.lastSuccessMs / 1e3);
+  std::lock_guard<std::mutex> lock(serverNamesMutex);
+  if (serverNames().empty()) return out;
+  out +=
+      "# HELP clockette_tsa_attempts_total Attempts with each Timestamp Server, by result "
+      "(failed: may pass, tried again or elsewhere).\n"
+      "# TYPE clockette_tsa_attempts_total counter\n";
+  static const char* const kResults[] = {"ok", "failed", "other"};
+  for (size_t i = 0; i < serverNames().size(); ++i) {
+    for (int r = 0; r < 3; ++r) {
+      appendf(&out, "clockette_tsa_attempts_total{server=\"%s\",result=\"%s\"} %" PRIu64 "\n",
+              serverNames()[i].c_str(), kResults[r], s.servers[i][r].load());
+    }
+  }
+  out +=
+      "# HELP clockette_tsa_holds_total Times a Timestamp Server that failed was skipped for a "
+      "while.\n"
+      "# TYPE clockette_tsa_holds_total counter\n";
+  for (size_t i = 0; i < serverNames().size(); ++i) {
+    appendf(&out, "clockette_tsa_holds_total{server=\"%s\"} %" PRIu64 "\n",
+            serverNames()[i].c_str(), s.servers[i][3].load());
+  }
   return out;
 }
 

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace metrics {
 
@@ -26,6 +27,19 @@ void countTimestamp(int result);
 
 // One exchange with a Timestamp Server took seconds, answered or not.
 void observeAnswer(double seconds);
+
+// Timestamp Servers by position: 0 the primary, then the fallbacks (at most
+// kMaxServers). Named once at start, before test mode forks, when retries or
+// fallback servers are in use; only named servers are counted and shown.
+constexpr size_t kMaxServers = 16;
+void nameServers(const std::vector<std::string>& names);
+// kOk: an attempt brought a response; kFailed: it failed in a way that may
+// pass; kOther: it failed for good; kHeld: the server was put on hold.
+enum class ServerEvent { kOk = 0, kFailed, kOther, kHeld };
+void countServer(size_t index, ServerEvent event);
+// "<server> attempts=N ok=N failed=N held=N" for each named server, joined
+// by ", "; empty when none is named.
+std::string serverSummary();
 
 struct Totals {
   uint64_t documentsOk = 0;

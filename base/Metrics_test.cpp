@@ -50,4 +50,23 @@ TEST(MetricsTest, TheFileHoldsTheCountersAndAFailedWriteGivesItsErrno) {
   EXPECT_EQ(metrics::writePrometheusFile(dir.file("missing/clockette.prom")), ENOENT);
 }
 
+TEST(MetricsTest, ServersAreCountedByPositionOnceNamed) {
+  metrics::nameServers({"http://a:80", "tcp://b:318"});
+  metrics::countServer(0, metrics::ServerEvent::kFailed);
+  metrics::countServer(0, metrics::ServerEvent::kHeld);
+  metrics::countServer(1, metrics::ServerEvent::kOk);
+  metrics::countServer(metrics::kMaxServers, metrics::ServerEvent::kOk);  // ignored
+  std::string text = metrics::prometheusText();
+  EXPECT_NE(text.find("clockette_tsa_attempts_total{server=\"http://a:80\",result=\"failed\"} 1\n"
+                      "clockette_tsa_attempts_total{server=\"http://a:80\",result=\"other\"} 0\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("clockette_tsa_holds_total{server=\"http://a:80\"} 1\n"), std::string::npos);
+  EXPECT_EQ(metrics::serverSummary(),
+            "http://a:80 attempts=1 ok=0 failed=1 held=1, tcp://b:318 attempts=1 ok=1 failed=0 "
+            "held=0");
+  metrics::nameServers({});
+  EXPECT_EQ(metrics::prometheusText().find("clockette_tsa_attempts_total"), std::string::npos);
+}
+
 }  // namespace

@@ -107,7 +107,8 @@ std::string reporterSummary() {
            static_cast<unsigned long long>(t.documentsFailed),
            static_cast<unsigned long long>(t.filesStamped), seconds,
            seconds > 0 ? documents / seconds : 0.0);
-  return text;
+  std::string servers = metrics::serverSummary();
+  return servers.empty() ? std::string(text) : std::string(text) + ", servers: " + servers;
 }
 
 void reporterFinish() {

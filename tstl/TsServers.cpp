@@ -7,6 +7,7 @@
 #include <random>
 
 #include "base/Log.h"
+#include "base/Metrics.h"
 #include "base/Stop.h"
 
 namespace {
@@ -109,8 +110,12 @@ void TsServers::configure(const TsServer& primary, const std::vector<TsServer>& 
   entries_.clear();
   entries_.push_back(Entry{primary, 0, {}});
   for (const TsServer& s : fallbacks) entries_.push_back(Entry{s, 0, {}});
-  for (Entry& e : entries_) e.counts.server = e.server.name();
+  std::vector<std::string> names;
+  for (Entry& e : entries_) names.push_back(e.counts.server = e.server.name());
   policy_ = policy;
+  // The counts per server are shown where they tell something.
+  bool inUse = policy.retries > 0 || entries_.size() > 1;
+  metrics::nameServers(inUse ? names : std::vector<std::string>());
 }
 
 void TsServers::configureFromEnvironment(Log& log, const TsServer& primary, long timeoutS) {
@@ -194,24 +199,27 @@ std::vector<TsServer> TsServers::serversToTry(long long now, std::vector<std::st
 
 void TsServers::record(const std::string& name, const TsAttempt& attempt) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (Entry& e : entries_) {
-    if (e.counts.server != name) continue;
-    ++e.counts.attempts;
-    if (attempt.mayPass) {
-      ++e.counts.failures;
-    } else if (attempt.result == 0) {
-      ++e.counts.ok;
-    }
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    TsServerCounts& counts = entries_[i].counts;
+    if (counts.server != name) continue;
+    ++counts.attempts;
+    metrics::ServerEvent event = attempt.mayPass       ? metrics::ServerEvent::kFailed
+                                 : attempt.result == 0 ? metrics::ServerEvent::kOk
+                                                       : metrics::ServerEvent::kOther;
+    if (event == metrics::ServerEvent::kFailed) ++counts.failures;
+    if (event == metrics::ServerEvent::kOk) ++counts.ok;
+    metrics::countServer(i, event);
     return;
   }
 }
 
 void TsServers::hold(const std::string& name, long long untilMs) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (Entry& e : entries_) {
-    if (e.counts.server != name) continue;
-    e.heldUntilMs = untilMs;
-    ++e.counts.holds;
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    if (entries_[i].counts.server != name) continue;
+    entries_[i].heldUntilMs = untilMs;
+    ++entries_[i].counts.holds;
+    metrics::countServer(i, metrics::ServerEvent::kHeld);
   }
 }
 
