@@ -204,7 +204,9 @@ int Kavlet::test() {
   // Byte order, a shorter text before a longer one with the same start.
   std::sort(documents.begin(), documents.end());
 
-  reporterStart(false);
+  // Side by side, workers are forked for every repetition: no reporter thread
+  // may run then.
+  reporterStart(false, testJobs <= 1);
   int repetitions = atoi(testCount.c_str());
   if (repetitions < 1) repetitions = 1;
   bool allDone = true;
