@@ -233,19 +233,19 @@ bool parseKeyKind(const std::string& name, KeyKind* kind) {
   return false;
 }
 
-bool loadOrCreateSigner(const TsaPki& pki, const SignerSpec& spec, Signer* signer,
+bool loadOrCreateSigner(const TsaPki& pki, const SignerProfile& profile, Signer* signer,
                         std::string* error) {
   X509Ptr inter;
   EvpPkeyPtr interKey;
-  if (spec.intermediate && !loadOrCreateIntermediate(pki, spec.serialBytes, &inter, &interKey)) {
+  if (profile.intermediate && !loadOrCreateIntermediate(pki, profile.serialBytes, &inter, &interKey)) {
     *error = "cannot make the intermediate CA: " + openSslErrorText();
     return false;
   }
-  std::string name = std::string("tsa-") + keyKindName(spec.key);
-  if (spec.intermediate) name += "-inter";
-  if (spec.serialBytes > 0) name += "-s" + std::to_string(spec.serialBytes);
-  if (!spec.timeStamping) name += "-noeku";
-  if (spec.expired) name += "-expired";
+  std::string name = std::string("tsa-") + keyKindName(profile.key);
+  if (profile.intermediate) name += "-inter";
+  if (profile.serialBytes > 0) name += "-s" + std::to_string(profile.serialBytes);
+  if (!profile.timeStamping) name += "-noeku";
+  if (profile.expired) name += "-expired";
   bool byDefault = name == "tsa-rsa";
   signer->certFile = byDefault ? pki.tsaCertFile : dirOf(pki.caFile) + "/" + name + ".pem";
   if (byDefault) {
@@ -255,19 +255,19 @@ bool loadOrCreateSigner(const TsaPki& pki, const SignerSpec& spec, Signer* signe
     signer->cert = readCert(signer->certFile);
     signer->key = readKey(keyFileOf(signer->certFile));
   } else {
-    signer->key.reset(generateKey(spec.key));
+    signer->key.reset(generateKey(profile.key));
     CertParams params;
     params.commonName = "clockette test TSA";
     params.serial = 5;
-    params.serialBytes = spec.serialBytes;
-    if (spec.expired) {
+    params.serialBytes = profile.serialBytes;
+    if (profile.expired) {
       params.notBeforeDays = -30;
       params.notAfterDays = -1;
     }
     X509* issuer = inter ? inter.get() : pki.caCert.get();
     EVP_PKEY* issuerKey = inter ? interKey.get() : pki.caKey.get();
     if (signer->key) {
-      signer->cert = spec.timeStamping
+      signer->cert = profile.timeStamping
                          ? makeCert(params, signer->key.get(), issuer, issuerKey,
                                     {{NID_basic_constraints, "CA:FALSE"},
                                      {NID_key_usage, "critical,digitalSignature,nonRepudiation"},

@@ -47,7 +47,7 @@ enum class KeyKind { kRsa, kRsaPss, kEc256, kEc384 };
 // "rsa", "rsa-pss", "ec256", "ec384". Returns false for an unknown name.
 bool parseKeyKind(const std::string& name, KeyKind* kind);
 
-struct SignerSpec {
+struct SignerProfile {
   KeyKind key = KeyKind::kRsa;
   bool intermediate = false;  // issued by an intermediate CA under the CA
   int serialBytes = 0;        // certificate serials of this many octets; 0: small ones
@@ -65,9 +65,9 @@ struct Signer {
   std::string certFile;
 };
 
-// The signer of spec, from dir (pki's directory) or made and written there.
-// The default spec is pki's own timestamping certificate.
-bool loadOrCreateSigner(const TsaPki& pki, const SignerSpec& spec, Signer* signer,
+// The signer of profile, from dir (pki's directory) or made and written there.
+// The default profile is pki's own timestamping certificate.
+bool loadOrCreateSigner(const TsaPki& pki, const SignerProfile& profile, Signer* signer,
                         std::string* error);
 
 // Loads the six PEM files from dir, or creates and writes all of them when any

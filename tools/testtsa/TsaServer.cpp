@@ -213,10 +213,10 @@ TsaServer::~TsaServer() {
 }
 
 bool TsaServer::start(std::string* error) {
-  SignerSpec spec = options_.signer;
-  if (options_.fault == Fault::kNoEku) spec.timeStamping = false;
-  if (options_.fault == Fault::kExpired) spec.expired = true;
-  if (!loadOrCreateSigner(*pki_, spec, &signer_, error)) return false;
+  SignerProfile profile = options_.signer;
+  if (options_.fault == Fault::kNoEku) profile.timeStamping = false;
+  if (options_.fault == Fault::kExpired) profile.expired = true;
+  if (!loadOrCreateSigner(*pki_, profile, &signer_, error)) return false;
   TokenShape shape = options_.shape;
   shape.reject = options_.fault == Fault::kReject;
   shape.otherImprint = options_.fault == Fault::kOtherImprint;

@@ -62,7 +62,7 @@ struct TsaOptions {
   std::string login;
   std::string password;
   TokenShape shape;   // the fault fields are set from fault
-  SignerSpec signer;  // the certificate fields are set from fault
+  SignerProfile signer;  // the certificate fields are set from fault
   Fault fault = Fault::kNone;
   int delayMs = 0;  // hold every answer this long, like a far-away server
   // Only the first this many requests get a fault of the answer's transport
