@@ -1,0 +1,107 @@
+#include "base/Resolver.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+HostAddress address(const std::string& text, uint16_t port = 0) {
+  HostAddress a{};
+  if (text.find(':') != std::string::npos) {
+    auto* s6 = reinterpret_cast<sockaddr_in6*>(&a.addr);
+    s6->sin6_family = AF_INET6;
+    s6->sin6_port = htons(port);
+    EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), &s6->sin6_addr), 1) << text;
+    a.len = sizeof *s6;
+  } else {
+    auto* s4 = reinterpret_cast<sockaddr_in*>(&a.addr);
+    s4->sin_family = AF_INET;
+    s4->sin_port = htons(port);
+    EXPECT_EQ(inet_pton(AF_INET, text.c_str(), &s4->sin_addr), 1) << text;
+    a.len = sizeof *s4;
+  }
+  return a;
+}
+
+std::string text(const HostAddress& a, int withPort = 0) {
+  char buf[80];
+  return addressText(a.sa(), withPort, buf, sizeof buf);
+}
+
+std::string texts(const HostAddressList& list) {
+  std::string out;
+  for (const auto& a : list) out += (out.empty() ? "" : " ") + text(a);
+  return out;
+}
+
+TEST(ResolverTest, OrderPutsThePreferredFamilyFirstAndAvoidsLinkLocal) {
+  const struct {
+    std::vector<std::string> in;
+    int preference;
+    std::string expected;
+  } cases[] = {
+      {{"10.0.0.1", "2001:db8::1", "10.0.0.2", "2001:db8::2"},
+       6,
+       "[2001:db8::1] [2001:db8::2] 10.0.0.1 10.0.0.2"},
+      {{"2001:db8::1", "10.0.0.1", "2001:db8::2", "10.0.0.2"},
+       4,
+       "10.0.0.1 10.0.0.2 [2001:db8::1] [2001:db8::2]"},
+      {{"10.0.0.1", "2001:db8::1"}, 5, "10.0.0.1 [2001:db8::1]"},
+      {{"fe80::1", "2001:db8::1"}, 0, "[2001:db8::1] [fe80::1]"},
+      // Only the first routable IPv6 address moves; IPv4 ones are not considered.
+      {{"fe80::1", "10.0.0.1", "fe80::2", "2001:db8::7", "2001:db8::8"},
+       0,
+       "[2001:db8::7] [fe80::1] 10.0.0.1 [fe80::2] [2001:db8::8]"},
+      {{"fe80::1", "10.0.0.1"}, 0, "[fe80::1] 10.0.0.1"},
+      // The preference first, then the link-local rule on the new first address.
+      {{"10.0.0.1", "fe80::1", "2001:db8::1"}, 6, "[2001:db8::1] [fe80::1] 10.0.0.1"},
+  };
+  for (const auto& c : cases) {
+    HostAddressList list;
+    for (const auto& t : c.in) list.push_back(address(t));
+    orderHostAddresses(&list, c.preference);
+    EXPECT_EQ(texts(list), c.expected);
+  }
+}
+
+TEST(ResolverTest, ResolverTakesBracketsAsNumericIpv6) {
+  HostAddressList list;
+  ASSERT_EQ(resolveHost("[::1]", &list), 0);
+  EXPECT_EQ(texts(list), "[::1]");
+  EXPECT_EQ(list[0].family(), AF_INET6);
+
+  EXPECT_NE(resolveHost("[::1", &list), 0);         // an ordinary name, and no such host
+  EXPECT_NE(resolveHost("[127.0.0.1]", &list), 0);  // brackets mean IPv6 only
+  EXPECT_EQ(resolveHost("", &list), EAI_NONAME);
+  EXPECT_EQ(resolveHost(nullptr, &list), EAI_NONAME);
+  EXPECT_TRUE(list.empty());
+
+  ASSERT_EQ(resolveHost("127.0.0.1", &list), 0);
+  EXPECT_EQ(texts(list), "127.0.0.1");
+  ASSERT_EQ(resolveHost("localhost", &list), 0);
+  ASSERT_FALSE(list.empty());
+  for (size_t i = 1; i < list.size(); ++i) EXPECT_NE(text(list[i]), text(list[0]));
+}
+
+TEST(ResolverTest, AddressTextIsNumericWithBracketsForIpv6) {
+  EXPECT_EQ(text(address("127.0.0.1", 4032), 1), "127.0.0.1:4032");
+  EXPECT_EQ(text(address("127.0.0.1", 4032), 0), "127.0.0.1");
+  EXPECT_EQ(text(address("2001:db8::5", 80), 1), "[2001:db8::5]:80");
+  EXPECT_EQ(text(address("::1")), "[::1]");
+  HostAddress v6 = address("::1", 1);
+  v6.setPort(4032);
+  EXPECT_EQ(text(v6, 1), "[::1]:4032");
+  HostAddress unknown{};
+  unknown.addr.ss_family = 99;  // no family the system can render
+  EXPECT_EQ(text(unknown, 1), "IP address");
+  char tiny[6];
+  addressText(address("127.0.0.1", 4032).sa(), 1, tiny, sizeof tiny);
+  EXPECT_STREQ(tiny, "127.0");
+}
+
+}  // namespace
