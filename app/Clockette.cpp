@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -59,8 +60,8 @@ const char kCommandsTemplate[] = "Kavlet 'clockette' cannot write COMMANDS file 
 const char kTimestampFileTemplate[] =
     "Kavlet 'clockette' cannot write timestamp file '%1' of document '%2'";
 
-// storeTimestamp's result when the answer arrived but the timestamp file
-// could not be written.
+// prepareTimestamp's and commitTimestamp's result when the answer arrived
+// but the timestamp file could not be written.
 constexpr int kTargetNotWritten = -5;
 
 void notify(int number, const char* messageTemplate, const char* arguments) {
@@ -145,8 +146,20 @@ struct Stamp {
   std::string statement;  // appended to COMMANDS once stamped; empty: none
   CAsn1messageImprint imprint;
   CAsn1string response{kTagOctetString};
-  int result = 0;  // of fetchTimestamp
+  int result = 0;  // of fetchTimestamp, then of prepareTimestamp
+  // Written and synced beside the exchanges; false: written at its turn.
+  bool early = true;
+  bool prepared = false;  // its temporary file waits for the rename
 };
+
+// The name part of a path, in lower case (names that differ only in case
+// are one file on some file systems).
+std::string lowerName(const std::string& path) {
+  size_t slash = path.rfind('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return name;
+}
 
 }  // namespace
 
@@ -549,12 +562,38 @@ int Clockette::service(const char* directory) {
     }
   }
 
-  // The round trips overlap; the answers are applied in statement order, and
-  // the first file that fails ends the document: answers for later files are
-  // dropped and none of their timestamp files is written.
+  // The round trips overlap and each answer is written to its temporary file
+  // and synced on the same thread; the renames follow in statement order,
+  // and the first file that fails ends the document: answers for later files
+  // are dropped and their temporary files removed.
+  // Early only where no two files of the document can meet at one temporary
+  // file: not for a name that comes again (through another path perhaps),
+  // not at all when a target is named like a temporary file.
+  std::set<std::string> names;
+  bool temporaryNamed = false;
+  for (const auto& stamp : stamps) {
+    std::string name = lowerName(stamp->target.str());
+    temporaryNamed = temporaryNamed || (name.size() > 4 && name[0] == '.' &&
+                                        name.compare(name.size() - 4, 4, ".tmp") == 0);
+    stamp->early = names.insert(name).second;
+  }
+  if (temporaryNamed) {
+    for (const auto& stamp : stamps) stamp->early = false;
+  }
   OrderedWork exchanges(stamps.size(), parallel, [&stamps](size_t i) {
-    stamps[i]->result = fetchTimestamp(&stamps[i]->imprint, &stamps[i]->response);
+    Stamp& s = *stamps[i];
+    s.result = fetchTimestamp(&s.imprint, &s.response);
+    if (s.result == 0 && s.early) {
+      s.result = prepareTimestamp(&s.response, s.target.c_str());
+      s.prepared = s.result == 0;
+    }
   });
+  auto dropFrom = [&](size_t first) {
+    exchanges.dropFrom(first);
+    for (size_t j = first; j < stamps.size(); ++j) {
+      if (exchanges.waitFor(j) && stamps[j]->prepared) discardTimestamp(stamps[j]->target.c_str());
+    }
+  };
   bool stamped = false;
   // The renames of a directory reach the disk with one sync of it at the
   // end, not one per file; the document counts as done only after that.
@@ -566,12 +605,11 @@ int Clockette::service(const char* directory) {
     // left as it was.
     bool existed = entryExists(stamp.target.c_str());
     int code = stamp.result;
-    if (code == 0) {
-      code = storeTimestamp(&stamp.response, stamp.source.c_str(), stamp.target.c_str(), false);
-    }
+    if (code == 0 && !stamp.early) code = prepareTimestamp(&stamp.response, stamp.target.c_str());
+    if (code == 0) code = commitTimestamp(stamp.source.c_str(), stamp.target.c_str(), false);
     metrics::countTimestamp(code);  // -1 .. -5, as the per-file requestTimestamp gives them
     if (code != 0) {
-      exchanges.dropFrom(i + 1);
+      dropFrom(i + 1);
       return requestFailed(stamp.source, stamp.target, code);
     }
     if (!existed) document->noteCreatedFile(stamp.target);
@@ -579,7 +617,7 @@ int Clockette::service(const char* directory) {
     stamped = true;
     if (!stamp.statement.empty() &&
         document->appendToCommands(String(stamp.statement.c_str())) == 0) {
-      exchanges.dropFrom(i + 1);
+      dropFrom(i + 1);
       document->docMessage(log, __LINE__, 2, "can't append string '%s' to COMMANDS file",
                            stamp.statement.c_str());
       snprintf(arguments, sizeof arguments, "{%.250s}", dir);

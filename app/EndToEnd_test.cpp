@@ -1126,6 +1126,16 @@ TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
        "TIMESTAMP_FILE gone.txt t3.tst\nTIMESTAMP_FILE f4.txt t4.tst\n",
        {},
        {"t1.tst", "t2.tst", "t4.tst"}},
+      // Files that could meet at one temporary file are written in turn.
+      {"e-one-target-thrice",
+       "TIMESTAMP_FILE f1.txt t.tst\nTIMESTAMP_FILE f2.txt ./t.tst\nTIMESTAMP_FILE f3.txt t.tst\n",
+       {"t.tst"},
+       {}},
+      // (The second file's temporary file takes the place of the first.)
+      {"f-target-named-as-a-temporary",
+       "TIMESTAMP_FILE f1.txt .t.tst.tmp\nTIMESTAMP_FILE f2.txt t.tst\n",
+       {"t.tst"},
+       {".t.tst.tmp"}},
   };
   const std::map<std::string, std::string> data = {{"f1.txt", "one"},
                                                    {"f2.txt", "two"},
@@ -1158,7 +1168,9 @@ TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
               " 0001 0001 op=error      doc='/a-third-target-unwritable'\n"
               " 0001 0002 op=error      doc='/b-third-component-broken'\n"
               " 0001 0003 op=ok         doc='/c-names-in-order'\n"
-              " 0001 0004 op=error      doc='/d-third-source-missing'\n")
+              " 0001 0004 op=error      doc='/d-third-source-missing'\n"
+              " 0001 0005 op=ok         doc='/e-one-target-thrice'\n"
+              " 0001 0006 op=ok         doc='/f-target-named-as-a-temporary'\n")
         << "TS_PARALLEL=" << run.parallel << " -jobs " << run.jobs;
     for (const Case& c : cases) {
       std::string doc = root + "/" + c.name;
@@ -1174,6 +1186,10 @@ TEST_F(ParallelStampingTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
     EXPECT_EQ(verify(named + "/a_ts1.txt", named + "/f2.txt"), "");
     EXPECT_EQ(verify(named + "/a_ts2.txt", named + "/f4.txt"), "");
     EXPECT_EQ(verify(named + "/c_ts0.txt", named + "/f5.txt"), "");
+    EXPECT_EQ(verify(root + "/e-one-target-thrice/t.tst", root + "/e-one-target-thrice/f3.txt"),
+              "");
+    std::string temporary = root + "/f-target-named-as-a-temporary";
+    EXPECT_EQ(verify(temporary + "/t.tst", temporary + "/f2.txt"), "");
     EXPECT_TRUE(contains(readFile(named + "/COMMANDS"),
                          "COMP_TIMESTAMP_FILE \"a\" \"a_ts1.txt\"\n"
                          "COMP_TIMESTAMP_FILE \"b\" \"b_ts0.txt\"\n"

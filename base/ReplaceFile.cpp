@@ -64,8 +64,7 @@ int syncDirectoryOf(const char* path, std::string* failedStep) {
   return 0;
 }
 
-int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep,
-                bool syncDirectory) {
+int writeReplacement(const char* path, const char* data, size_t size, std::string* failedStep) {
   const std::string temporary = replaceFileTemporary(path);
   // Whatever sits at the temporary name (a leftover of a killed run, or a
   // link planted there) goes; O_EXCL then makes sure the file written is
@@ -90,12 +89,28 @@ int replaceFile(const char* path, const char* data, size_t size, std::string* fa
   }
   if (err == 0 && fsync(fd.get()) != 0) err = fail("fsync", temporary, &step);
   if (close(fd.release()) != 0 && err == 0) err = fail("close", temporary, &step);
-  if (err == 0 && rename(temporary.c_str(), path) != 0) err = fail("rename", path, &step);
   if (err != 0) {
     unlink(temporary.c_str());
     if (failedStep != nullptr) *failedStep = step;
+  }
+  return err;
+}
+
+int commitReplacement(const char* path, std::string* failedStep, bool syncDirectory) {
+  const std::string temporary = replaceFileTemporary(path);
+  if (rename(temporary.c_str(), path) != 0) {
+    int err = fail("rename", path, failedStep);
+    unlink(temporary.c_str());
     return err;
   }
   // The rename reaches the disk with the directory.
   return syncDirectory ? syncDirectoryOf(path, failedStep) : 0;
+}
+
+void discardReplacement(const char* path) { unlink(replaceFileTemporary(path).c_str()); }
+
+int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep,
+                bool syncDirectory) {
+  int err = writeReplacement(path, data, size, failedStep);
+  return err != 0 ? err : commitReplacement(path, failedStep, syncDirectory);
 }

@@ -24,6 +24,16 @@ int replaceFile(const char* path, const char* data, size_t size, std::string* fa
 int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep,
                 bool syncDirectory);
 
+// replaceFile in two steps, so that the writing and its sync can run
+// beside other work while the renames keep their order. writeReplacement
+// writes the data to the temporary file and forces them to disk (on failure
+// the temporary file is gone); commitReplacement renames it over path (on
+// failure it is removed); discardReplacement removes it unused. Errors as
+// replaceFile gives them.
+int writeReplacement(const char* path, const char* data, size_t size, std::string* failedStep);
+int commitReplacement(const char* path, std::string* failedStep, bool syncDirectory);
+void discardReplacement(const char* path);
+
 // Syncs the directory that holds path, so that renames in it survive a
 // crash. 0, or the errno of an I/O error (*failedStep names the step); a file
 // system that cannot sync a directory is no failure.

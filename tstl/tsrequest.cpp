@@ -1157,9 +1157,8 @@ int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
   return 0;
 }
 
-int storeTimestamp(CAsn1string* response, const char* source, const char* target,
-                   bool syncDirectory) {
-  Log log(kComponent, "storeTimestamp", __FILE__, __LINE__, 13);
+int prepareTimestamp(CAsn1string* response, const char* target) {
+  Log log(kComponent, "prepareTimestamp", __FILE__, __LINE__, 13);
   char* base64 = nullptr;
   if (timestamp2base64(response, &base64) != 0) {
     log.msg(__LINE__, 2, "Converting timestamp to base64 failed");
@@ -1169,7 +1168,19 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
   // Through a temporary file and a rename: a crash leaves the old file or
   // the new one, never a cut-off or empty timestamp.
   std::string step;
-  int err = replaceFile(target, text.get(), strlen(text.get()), &step, syncDirectory);
+  int err = writeReplacement(target, text.get(), strlen(text.get()), &step);
+  if (err != 0) {
+    log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)", target,
+            step.c_str(), err, systemError(err).c_str());
+    return -5;
+  }
+  return 0;
+}
+
+int commitTimestamp(const char* source, const char* target, bool syncDirectory) {
+  Log log(kComponent, "commitTimestamp", __FILE__, __LINE__, 13);
+  std::string step;
+  int err = commitReplacement(target, &step, syncDirectory);
   if (err != 0) {
     log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)", target,
             step.c_str(), err, systemError(err).c_str());
@@ -1177,6 +1188,15 @@ int storeTimestamp(CAsn1string* response, const char* source, const char* target
   }
   log.msg(__LINE__, 8, "Timestamp for document %s written to %s", source, target);
   return 0;
+}
+
+void discardTimestamp(const char* target) { discardReplacement(target); }
+
+int storeTimestamp(CAsn1string* response, const char* source, const char* target,
+                   bool syncDirectory) {
+  Log log(kComponent, "storeTimestamp", __FILE__, __LINE__, 13);
+  int rc = prepareTimestamp(response, target);
+  return rc != 0 ? rc : commitTimestamp(source, target, syncDirectory);
 }
 
 int requestTimestamp(const char* source, const char* target) {

@@ -130,6 +130,15 @@ int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
 int storeTimestamp(CAsn1string* response, const char* source, const char* target,
                    bool syncDirectory = true);
 
+// storeTimestamp in two steps, so that the writing and its sync can run on
+// the threads that fetch while the renames keep statement order.
+// prepareTimestamp writes and syncs the temporary file beside target (0, -4,
+// -5; on failure nothing stays); commitTimestamp renames it over target (0 or
+// -5); discardTimestamp removes a prepared file that will not be committed.
+int prepareTimestamp(CAsn1string* response, const char* target);
+int commitTimestamp(const char* source, const char* target, bool syncDirectory);
+void discardTimestamp(const char* target);
+
 // One exchange with the Timestamp Server for imprint; the answer's bytes go
 // into response (an OCTET STRING). 0; -1 the request or URL could not be
 // built; -4 transport error (curl error, time-out, no connection, send
