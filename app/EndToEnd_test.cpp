@@ -28,9 +28,9 @@
 #include "testing/ChildProcess.h"
 #include "testing/KvPeers.h"
 #include "testing/TempDir.h"
-#include "testing/TestCa.h"
 #include "testing/TestTsa.h"
 #include "testing/TimestampFile.h"
+#include "tools/testtsa/CertMaker.h"
 
 namespace {
 
@@ -645,7 +645,7 @@ TEST_F(EndToEndTest, CredentialsReachTheServerButNoOutputOrLog) {
 }
 
 TEST_F(EndToEndTest, TokenChecksAndRequestOptions) {
-  testing_support::TestCa otherCa;
+  testtsa::CertAuthority otherCa;
   const std::string otherCaFile = dir_.file("other-ca.pem");
   ASSERT_TRUE(otherCa.writeCaPem(otherCaFile));
   struct Case {

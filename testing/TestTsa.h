@@ -18,8 +18,8 @@
 namespace testing_support {
 
 struct TestTsaOptions {
-  std::string dir;    // certificate directory; empty: the server makes one
-  std::string fault;  // fault mode name (see testtsa --help); empty: none
+  std::string dir;       // certificate directory; empty: the server makes one
+  std::string fault;     // fault mode name (see testtsa --help); empty: none
   long faultCount = -1;  // only the first this many requests get the fault; -1: all
   bool requireAuth = false;
   std::string login;  // with requireAuth: the Basic credentials it demands
@@ -62,10 +62,13 @@ class TestTsa {
   std::string log_;
 };
 
-// Checks a DER TimeStampResp with "openssl ts -verify" against the data file,
-// the CA and the TSA certificate. Returns "" on success, else openssl's output.
+// The one check of a timestamp by OpenSSL itself: "openssl ts -verify" of a
+// DER TimeStampResp against the data file and the CA, with the signer's
+// certificate file (and intermediates) as untrusted ones unless empty.
+// Returns "" when it verifies, else openssl's output, which says why not.
 std::string verifyTimestampResponse(const std::string& responseDer, const std::string& dataFile,
-                                    const std::string& caFile, const std::string& tsaCertFile);
+                                    const std::string& caFile,
+                                    const std::string& untrustedFile = "");
 
 // The server's DER answer to "openssl ts -query -data dataFile -sha256"
 // (with -cert when certReq), asked over its raw TCP port; empty on failure.

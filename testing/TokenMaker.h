@@ -1,12 +1,12 @@
-// TokenMaker: signs timestamp tokens in the shapes real Timestamp Servers
-// send, with OpenSSL's CMS code (independent of our DER classes): any serial
-// length, RSA PKCS#1 v1.5, RSA-PSS and ECDSA P-256/P-384/P-521 signers,
-// signingCertificate or signingCertificateV2, with or without the signer
-// certificate, a nonce, a tsa name, and a broken signature on request.
+// TokenMaker: the in-process test TSA. Answers with the test Timestamp
+// Server's own token maker (OpenSSL's TS and CMS code, independent of our DER
+// classes), for a request it makes from a TokenShape: any serial, key type,
+// status, ESS attribute and the broken shapes, with fixed fields that tests
+// compare against.
 //
-// The signers are certificates of one TestCa (critical extendedKeyUsage
-// timeStamping unless asked otherwise), made on first use and kept. No
-// GoogleTest calls; not thread-safe.
+// The signers are certificates of one CA (critical extendedKeyUsage
+// timeStamping unless asked otherwise), made on first use and kept. Not
+// thread-safe.
 #ifndef TESTING_TOKENMAKER_H_
 #define TESTING_TOKENMAKER_H_
 
@@ -18,11 +18,12 @@
 #include <string>
 #include <vector>
 
-#include "testing/TestCa.h"
+#include "tools/testtsa/CertMaker.h"
+#include "tools/testtsa/TsaPki.h"
 
 namespace testing_support {
 
-enum class SignerKey { kRsa, kRsaPss, kEc256, kEc384, kEc521 };
+using SignerKey = testtsa::KeyKind;
 
 struct TokenShape {
   SignerKey key = SignerKey::kRsa;
@@ -32,15 +33,23 @@ struct TokenShape {
   std::vector<uint8_t> nonce;                  // INTEGER content octets; empty: none
   std::string policyOid = "1.3.6.1.4.1.7359.1.2";
   time_t genTime = 0;  // 0: now
+  long genTimeMicros = 0;
+  int fractionDigits = 0;    // of a second in genTime
+  int accuracySeconds = -1;  // -1: no accuracy
+  int accuracyMillis = 0;
+  bool ordering = false;
   bool tsaName = false;
   int signerDigestNid = NID_sha256;
-  bool essV1 = false;       // signingCertificate (SHA-1) instead of signingCertificateV2
-  bool essNamesCa = false;  // the ESS attribute names the CA certificate, not the signer
-  bool includeSigner = true;
-  bool flipSignature = false;     // flip one bit of the signature value
+  bool essV1 = false;         // signingCertificate (SHA-1) instead of signingCertificateV2
+  bool essNamesCa = false;    // the ESS attribute names the CA certificate, not the signer
+  bool includeSigner = true;  // certReq: the token carries the signer and the CA
+  bool flipSignature = false;
   bool timestampingUsage = true;  // the signer certificate's extendedKeyUsage
   long signerFrom = -86400;       // signer validity, seconds from now
   long signerTo = 365L * 86400;
+  int status = 0;  // PKIStatus; above 1 the answer has no token
+  std::vector<std::string> statusTexts;
+  std::vector<int> failureBits;
 };
 
 class TokenMaker {
@@ -50,28 +59,23 @@ class TokenMaker {
   TokenMaker& operator=(const TokenMaker&) = delete;
 
   const std::string& error() const { return error_; }
-  TestCa& ca() { return ca_; }
+  testtsa::CertAuthority& ca() { return ca_; }
 
-  // A granted DER TimeStampResp with a token of that shape; empty on failure.
+  // The DER TimeStampResp for a token of that shape; empty on failure.
   std::vector<uint8_t> response(const TokenShape& shape);
   // The signer certificate that response(shape) signs with.
   X509* signer(const TokenShape& shape);
 
  private:
-  struct Signer {
-    EvpPkeyPtr key;
-    X509Ptr cert;
-  };
-  Signer* signerFor(const TokenShape& shape);
-  bool fail(const std::string& what);
+  testtsa::Signer* signerFor(const TokenShape& shape);
 
-  TestCa ca_;
-  std::map<std::string, Signer> signers_;
+  testtsa::CertAuthority ca_;
+  std::map<std::string, testtsa::Signer> signers_;
   std::string error_;
 };
 
-// A TimeStampResp of status 0 around a DER token.
-std::vector<uint8_t> grantedResponse(const std::vector<uint8_t>& token);
+// The digest of data with the digest of nid; empty for an unknown nid.
+std::vector<uint8_t> digestOf(int nid, const std::string& data);
 
 }  // namespace testing_support
 

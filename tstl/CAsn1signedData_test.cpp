@@ -12,7 +12,7 @@
 #include "testing/DerTest.h"
 #include "testing/Hex.h"
 #include "testing/LogCapture.h"
-#include "testing/OpenSslTsa.h"
+#include "testing/TokenMaker.h"
 #include "tstl/CAsn1TSTInfo.h"
 #include "tstl/CAsn1attributes.h"
 #include "tstl/CAsn1contentInfo.h"
@@ -20,6 +20,7 @@
 #include "tstl/CAsn1ietfStatusInfo.h"
 #include "tstl/CAsn1ietfTSResp.h"
 #include "tstl/Der.h"
+#include "tstl/OpenSslPtr.h"
 
 namespace {
 
@@ -74,13 +75,18 @@ struct TokenParts {
 
 const TokenParts& realParts() {
   static const TokenParts parts = [] {
-    testing_support::OpenSslTsa tsa(testing_support::OpenSslTsa::KeyType::kEcdsa);
-    Bytes der =
-        tsa.respond(testing_support::TsRequestOptions(), testing_support::TsResponseOptions());
+    testing_support::TokenMaker maker;
+    testing_support::TokenShape shape;
+    shape.key = testing_support::SignerKey::kEc256;
+    Bytes der = maker.response(shape);
     CAsn1ietfTSResp resp;
     decode(resp, der);
     CAsn1signedData* sd = resp.getToken().signedData();
-    return TokenParts{encodeDER(sd->encapContent), encodeDER(sd->signerInfo), tsa.tsaCertDer()};
+    unsigned char* cert = nullptr;
+    const int n = i2d_X509(maker.signer(shape), &cert);
+    OpenSslBytesPtr owner(cert);
+    return TokenParts{encodeDER(sd->encapContent), encodeDER(sd->signerInfo),
+                      Bytes(cert, cert + (n > 0 ? n : 0))};
   }();
   return parts;
 }

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "testing/OpenSslTsa.h"
 #include "testing/TempDir.h"
 #include "testing/TokenMaker.h"
 
@@ -16,7 +15,6 @@ namespace {
 using testing_support::digestOf;
 using testing_support::SignerKey;
 using testing_support::TempDir;
-using testing_support::TestCa;
 using testing_support::TokenMaker;
 using testing_support::TokenShape;
 using Bytes = std::vector<uint8_t>;
@@ -97,25 +95,6 @@ TEST(TokenCheck, RealShapesVerify) {
     EXPECT_EQ(r.facts.policyOid, "1.3.6.1.4.1.7359.1.2") << c.name;
     EXPECT_NE(r.facts.tsaName.find("CN = Clockette Token Signer"), std::string::npos)
         << r.facts.tsaName;
-  }
-}
-
-TEST(TokenCheck, TokensOfOpenSslsOwnTsaVerify) {
-  for (auto keyType :
-       {testing_support::OpenSslTsa::KeyType::kRsa, testing_support::OpenSslTsa::KeyType::kEcdsa}) {
-    testing_support::OpenSslTsa tsa(keyType);
-    ASSERT_TRUE(tsa.ok()) << tsa.error();
-    testing_support::TsRequestOptions request;
-    request.withNonce = true;
-    const Bytes der = tsa.respond(request, {});
-    TokenExpectations expect = imprintOf(NID_sha256, "clockette");
-    expect.nonce = request.nonce;
-    const TokenCheckResult r = check(der, &expect);
-    EXPECT_TRUE(r.ok) << r.reason;
-    EXPECT_TRUE(r.facts.signatureChecked);
-    EXPECT_EQ(r.facts.serialHex, "1234");
-    EXPECT_EQ(r.facts.nonceHex, "01020304");
-    EXPECT_EQ(r.facts.genTimeDer.size(), 15u) << r.facts.genTimeDer;
   }
 }
 
@@ -237,10 +216,10 @@ TEST(TokenCheck, AnswersWithoutAGrantedTokenAreRefused) {
 TEST(TokenCheck, TrustAnchorsAndTheSignerCertificate) {
   TempDir dir;
   ASSERT_TRUE(maker().ca().writeCaPem(dir.file("ca.pem")));
-  TestCa otherCa;
+  testtsa::CertAuthority otherCa;
   ASSERT_TRUE(otherCa.writeCaPem(dir.file("other-ca.pem")));
   TokenShape plain;
-  ASSERT_TRUE(TestCa::writeCertPem(maker().signer(plain), dir.file("signer.pem")));
+  ASSERT_TRUE(testtsa::writeCertificates(dir.file("signer.pem"), {maker().signer(plain)}));
   testing_support::makeDir(dir.file("anchors"));
   ASSERT_TRUE(maker().ca().writeCaPem(dir.file("anchors/ca.crt")));
   testing_support::writeFile(dir.file("anchors/README"), "not a certificate\n");

@@ -7,13 +7,12 @@
 #include <vector>
 
 #include "testing/TempDir.h"
-#include "testing/TestCa.h"
+#include "tools/testtsa/CertMaker.h"
 #include "tstl/KeyType.h"
 
 namespace {
 
 using testing_support::TempDir;
-using testing_support::TestCa;
 
 std::vector<unsigned char> bytesOf(const std::string& s) {
   return std::vector<unsigned char>(s.begin(), s.end());
@@ -24,15 +23,15 @@ class TsSecInfoTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new TempDir();
-    TestCa ca;
-    ASSERT_TRUE(ca.ok()) << ca.error();
+    testtsa::CertAuthority ca;
+    ASSERT_TRUE(ca.ok());
     for (int type : {kKeyTypeRsa, kKeyTypeDsa}) {
       TsAsymKey key;
       ASSERT_EQ(key.generateKey(type, 2048), 0);
       std::string name = type == kKeyTypeRsa ? "rsa" : "dsa";
       ASSERT_EQ(key.saveKey(dir_->file(name + ".key").c_str(), "pw"), 0);
       X509Ptr cert = ca.issue(key.pkey(), name, -60, 3600);
-      ASSERT_TRUE(TestCa::writeCertPem(cert.get(), dir_->file(name + ".pem")));
+      ASSERT_TRUE(testtsa::writeCertificates(dir_->file(name + ".pem"), {cert.get()}));
     }
   }
   static void TearDownTestSuite() { delete dir_; }

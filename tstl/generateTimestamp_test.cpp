@@ -1,7 +1,6 @@
 #include "tstl/generateTimestamp.h"
 
 #include <gtest/gtest.h>
-#include <openssl/err.h>
 #include <openssl/ts.h>
 
 #include <algorithm>
@@ -12,7 +11,8 @@
 #include "base/Log.h"
 #include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
-#include "testing/TestCa.h"
+#include "testing/TestTsa.h"
+#include "tools/testtsa/CertMaker.h"
 #include "tstl/CAsn1ietfTSResp.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
@@ -20,14 +20,13 @@
 #include "tstl/CCertInfo.h"
 #include "tstl/Der.h"
 #include "tstl/KeyType.h"
+#include "tstl/TokenCheck.h"
 #include "tstl/TsAsymKey.h"
 
 namespace {
 
 using testing_support::readFile;
-using testing_support::runChild;
 using testing_support::TempDir;
-using testing_support::TestCa;
 using testing_support::writeFile;
 
 const char kData[] = "The quick brown fox jumps over the lazy dog.\n";
@@ -49,90 +48,63 @@ std::vector<unsigned char> bytesOf(const CAsn1string& s) {
   return v;
 }
 
-// OpenSSL's own verification of a DER TimeStampResp for data: signature,
-// chain to the CA (the signer certificate given as untrusted), imprint.
-// Returns "" when it verifies, else OpenSSL's errors.
-std::string opensslVerify(const std::vector<unsigned char>& der, const std::string& data, X509* ca,
-                          X509* signer) {
-  const unsigned char* p = der.data();
-  std::unique_ptr<TS_RESP, decltype(&TS_RESP_free)> resp(
-      d2i_TS_RESP(nullptr, &p, static_cast<long>(der.size())), TS_RESP_free);
-  if (!resp) return "d2i_TS_RESP failed";
-  std::unique_ptr<TS_VERIFY_CTX, decltype(&TS_VERIFY_CTX_free)> ctx(TS_VERIFY_CTX_new(),
-                                                                    TS_VERIFY_CTX_free);
-  X509_STORE* store = X509_STORE_new();
-  X509_STORE_add_cert(store, ca);
-  STACK_OF(X509)* untrusted = sk_X509_new_null();
-  X509_up_ref(signer);
-  sk_X509_push(untrusted, signer);
-  TS_VERIFY_CTX_set_store(ctx.get(), store);
-  TS_VERIFY_CTX_set_certs(ctx.get(), untrusted);
-  TS_VERIFY_CTX_set_data(ctx.get(), BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
-  TS_VERIFY_CTX_add_flags(ctx.get(), TS_VFY_SIGNATURE | TS_VFY_VERSION | TS_VFY_DATA);
-  if (TS_RESP_verify_response(ctx.get(), resp.get()) == 1) return "";
-  std::string text;
-  unsigned long e;
-  char buf[256];
-  while ((e = ERR_get_error()) != 0) {
-    ERR_error_string_n(e, buf, sizeof(buf));
-    text += std::string(buf) + "\n";
-  }
-  return text.empty() ? "verification failed" : text;
-}
-
 // A throwaway CA with an RSA and a DSA signer, their key and certificate files.
 class GenerateTimestampTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new TempDir();
-    ca_ = new TestCa();
-    ASSERT_TRUE(ca_->ok()) << ca_->error();
+    ca_ = new testtsa::CertAuthority();
+    ASSERT_TRUE(ca_->ok());
     ASSERT_TRUE(ca_->writeCaPem(dir_->file("ca.pem")));
     for (int type : {kKeyTypeRsa, kKeyTypeDsa}) {
       std::string name = type == kKeyTypeRsa ? "rsa" : "dsa";
-      EvpPkeyPtr key = type == kKeyTypeRsa ? testing_support::makeRsaKey(2048)
-                                           : testing_support::makeDsaKey(2048);
+      EvpPkeyPtr key = testtsa::generateKey(type == kKeyTypeRsa ? testtsa::KeyKind::kRsa
+                                                                : testtsa::KeyKind::kDsa);
       ASSERT_NE(key, nullptr);
       X509Ptr cert = ca_->issue(key.get(), "local TSA " + name, -3600, 30L * 86400);
       ASSERT_NE(cert, nullptr);
-      ASSERT_TRUE(TestCa::writeKeyPem(key.get(), dir_->file(name + ".key")));
-      ASSERT_TRUE(TestCa::writeCertPem(cert.get(), dir_->file(name + ".pem")));
-      (type == kKeyTypeRsa ? rsaCert_ : dsaCert_) = cert.release();
+      ASSERT_TRUE(testtsa::writeKey(dir_->file(name + ".key"), key.get()));
+      ASSERT_TRUE(testtsa::writeCertificates(dir_->file(name + ".pem"), {cert.get()}));
     }
     writeFile(dir_->file("data.txt"), kData);
+    writeFile(dir_->file("other.txt"), "other data");
   }
   static void TearDownTestSuite() {
-    X509_free(rsaCert_);
-    X509_free(dsaCert_);
     delete ca_;
     delete dir_;
   }
+
+ public:
   static std::string file(const std::string& name) { return dir_->file(name); }
 
+ protected:
   static TempDir* dir_;
-  static TestCa* ca_;
-  static X509* rsaCert_;
-  static X509* dsaCert_;
+  static testtsa::CertAuthority* ca_;
 };
 
 TempDir* GenerateTimestampTest::dir_ = nullptr;
-TestCa* GenerateTimestampTest::ca_ = nullptr;
-X509* GenerateTimestampTest::rsaCert_ = nullptr;
-X509* GenerateTimestampTest::dsaCert_ = nullptr;
+testtsa::CertAuthority* GenerateTimestampTest::ca_ = nullptr;
 
-// Runs "openssl ts -verify" on a response; "" when it verifies.
-std::string opensslCliVerify(const std::vector<unsigned char>& der, const std::string& dataFile,
-                             const std::string& caFile, const std::string& signerFile,
-                             const std::string& scratch) {
-  writeFile(scratch, std::string(der.begin(), der.end()));
-  std::vector<std::string> argv = {
-      "/usr/bin/openssl", "ts", "-verify", "-data", dataFile, "-in", scratch, "-CAfile", caFile};
-  if (!signerFile.empty()) {
-    argv.push_back("-untrusted");
-    argv.push_back(signerFile);
-  }
-  auto result = runChild(argv);
-  return result.exitCode == 0 ? "" : result.out + result.err;
+// "" when OpenSSL verifies der for the data file; the signer certificate
+// is given unless the token carries it.
+std::string opensslVerify(const std::vector<unsigned char>& der, const std::string& dataFile,
+                          const std::string& signerFile) {
+  return testing_support::verifyTimestampResponse(std::string(der.begin(), der.end()), dataFile,
+                                                  GenerateTimestampTest::file("ca.pem"),
+                                                  signerFile);
+}
+
+// What the requester's token checks make of der: "" when they take it.
+std::string tokenCheck(const std::vector<unsigned char>& der, const CAsn1messageImprint& imprint,
+                       const std::string& signerFile) {
+  TokenExpectations expect;
+  expect.hashNid = imprint.hashAlgorithm.algorithm.nid;
+  expect.digest = bytesOf(imprint.hashedMessage);
+  TokenTrust trust;
+  std::string error;
+  if (!trust.load("", signerFile, &error)) return error;
+  const TokenCheckResult r = checkTimestampResponse(der.data(), der.size(), &expect, &trust);
+  return r.ok && r.facts.signatureChecked ? "" : "refused: " + r.reason;
 }
 
 // The text of the signingTime attribute's UTCTime in a DER token: what
@@ -172,12 +144,10 @@ TEST_F(GenerateTimestampTest, OpenSslVerifiesLocalTimestamps) {
       CAsn1string response;
       ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response), 0);
       std::vector<unsigned char> der = bytesOf(response);
-      X509* signer = std::string(name) == "rsa" ? rsaCert_ : dsaCert_;
-      EXPECT_EQ(opensslVerify(der, kData, ca_->caCert(), signer), "");
-      EXPECT_EQ(opensslCliVerify(der, file("data.txt"), file("ca.pem"), certFile, file("resp.der")),
-                "");
+      EXPECT_EQ(opensslVerify(der, file("data.txt"), certFile), "");
+      EXPECT_EQ(tokenCheck(der, imprint, certFile), "");
       // Another file's data does not verify.
-      EXPECT_NE(opensslVerify(der, "other data", ca_->caCert(), signer), "");
+      EXPECT_NE(opensslVerify(der, file("other.txt"), certFile), "");
 
       // The signing time is written "YYMMDDhhmmss", without zone; OpenSSL
       // and our own decoder both take it.
@@ -192,7 +162,8 @@ TEST_F(GenerateTimestampTest, OpenSslVerifiesLocalTimestamps) {
           0);
       der = bytesOf(response);
       EXPECT_EQ(signingTimeText(der).size(), 13u);
-      EXPECT_EQ(opensslVerify(der, kData, ca_->caCert(), signer), "");
+      EXPECT_EQ(opensslVerify(der, file("data.txt"), certFile), "");
+      EXPECT_EQ(tokenCheck(der, imprint, certFile), "");
       ASSERT_TRUE(decodes(der, &back));
       EXPECT_EQ(back.getStatus(), 0);
       ASSERT_TRUE(back.hasToken());
@@ -227,7 +198,7 @@ TEST_F(GenerateTimestampTest, OptionsDecideSigningCertificateAttributeAndCertifi
   CAsn1string response;
   ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, withCert), 0);
   std::vector<unsigned char> der = bytesOf(response);
-  EXPECT_EQ(opensslCliVerify(der, file("data.txt"), file("ca.pem"), "", file("resp.der")), "");
+  EXPECT_EQ(opensslVerify(der, file("data.txt"), ""), "");
   CAsn1ietfTSResp back;
   ASSERT_TRUE(decodes(der, &back));
   ASSERT_EQ(back.getCertCount(), 1u);
@@ -241,8 +212,7 @@ TEST_F(GenerateTimestampTest, OptionsDecideSigningCertificateAttributeAndCertifi
   plain.signingCertificate = false;
   ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, plain), 0);
   der = bytesOf(response);
-  EXPECT_NE(opensslVerify(der, kData, ca_->caCert(), rsaCert_)
-                .find("missing signing certificate attribute"),
+  EXPECT_NE(opensslVerify(der, file("data.txt"), certFile).find("missing signing certificate"),
             std::string::npos);
   ASSERT_TRUE(decodes(der, &back));
   EXPECT_EQ(back.getSigner().signedAttributes.count(), 3u);
@@ -279,8 +249,8 @@ class GenerateTimestampLogTest : public GenerateTimestampTest {
 
 TEST_F(GenerateTimestampLogTest, RefusesBeforeSigning) {
   // An RSA key that belongs to no certificate.
-  EvpPkeyPtr stranger = testing_support::makeRsaKey(2048);
-  ASSERT_TRUE(TestCa::writeKeyPem(stranger.get(), logDir_.file("stranger.key")));
+  EvpPkeyPtr stranger = testtsa::generateKey(testtsa::KeyKind::kRsa);
+  ASSERT_TRUE(testtsa::writeKey(logDir_.file("stranger.key"), stranger.get()));
   writeFile(logDir_.file("junk.pem"), "junk\n");
   struct Case {
     std::string key, cert;
@@ -311,12 +281,12 @@ TEST_F(GenerateTimestampLogTest, RefusesBeforeSigning) {
 }
 
 TEST_F(GenerateTimestampLogTest, CertificateValidityDatesUnlessIgnored) {
-  EvpPkeyPtr key = testing_support::makeRsaKey(2048);
-  ASSERT_TRUE(TestCa::writeKeyPem(key.get(), logDir_.file("k.key")));
+  EvpPkeyPtr key = testtsa::generateKey(testtsa::KeyKind::kRsa);
+  ASSERT_TRUE(testtsa::writeKey(logDir_.file("k.key"), key.get()));
   X509Ptr expired = ca_->issue(key.get(), "expired", -7200, -3600);
   X509Ptr future = ca_->issue(key.get(), "future", 3600, 7200);
-  ASSERT_TRUE(TestCa::writeCertPem(expired.get(), logDir_.file("expired.pem")));
-  ASSERT_TRUE(TestCa::writeCertPem(future.get(), logDir_.file("future.pem")));
+  ASSERT_TRUE(testtsa::writeCertificates(logDir_.file("expired.pem"), {expired.get()}));
+  ASSERT_TRUE(testtsa::writeCertificates(logDir_.file("future.pem"), {future.get()}));
   struct Case {
     const char* ignore;  // null: unset
     bool refused;

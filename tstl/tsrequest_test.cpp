@@ -21,8 +21,8 @@
 #include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
-#include "testing/TestCa.h"
 #include "testing/TestTsa.h"
+#include "tools/testtsa/CertMaker.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
 #include "tstl/Der.h"
@@ -501,7 +501,7 @@ StoredFacts storedFacts(const std::string& der) {
 
 TEST_F(TsRequestTest, TokenSettingsAgainstTheTestServer) {
   auto tsa = startTsa();
-  testing_support::TestCa otherCa;
+  testtsa::CertAuthority otherCa;
   const std::string otherCaFile = dir_.file("other-ca.pem");
   ASSERT_TRUE(otherCa.writeCaPem(otherCaFile));
   const std::string ca = tsa->caFile();
@@ -609,7 +609,7 @@ TEST_F(TsRequestTest, TlsChainCheckWithTsCafile) {
   TestTsaOptions options;
   options.bindAddress = "127.0.0.2";
   auto tsa = startTsa(options);
-  testing_support::TestCa otherCa;
+  testtsa::CertAuthority otherCa;
   ASSERT_TRUE(otherCa.writeCaPem(dir_.file("other-ca.pem")));
   auto tsaLocal = startTsa();
   const struct {

@@ -11,9 +11,10 @@
 #include <cstring>
 #include <string>
 
-#include "testing/TestCa.h"
 #include "tools/localtsa/LocalTsaServer.h"
+#include "tools/testtsa/CertMaker.h"
 #include "tstl/KeyType.h"
+#include "tstl/OpenSslErrors.h"
 #include "tstl/TsAsymKey.h"
 
 namespace {
@@ -50,10 +51,10 @@ bool exists(const std::string& path) {
 
 // Makes a throwaway CA and a timestamping signer certificate in dir.
 bool makeSigner(const std::string& dir, int keyType, std::string* error) {
-  testing_support::TestCa ca;
+  testtsa::CertAuthority ca;
   TsAsymKey key;
   if (!ca.ok()) {
-    *error = ca.error();
+    *error = "cannot make the CA: " + takeOpenSslErrors();
     return false;
   }
   if (key.generateKey(keyType, 2048) != 0) {
@@ -62,9 +63,9 @@ bool makeSigner(const std::string& dir, int keyType, std::string* error) {
   }
   X509Ptr cert = ca.issue(key.pkey(), "clockette local TSA", -3600, 365L * 86400);
   if (!cert || !ca.writeCaPem(dir + "/ca.pem") ||
-      !testing_support::TestCa::writeCertPem(cert.get(), dir + "/tsa.pem") ||
+      !testtsa::writeCertificates(dir + "/tsa.pem", {cert.get()}) ||
       key.saveKey((dir + "/tsa.key").c_str(), "") != 0) {
-    *error = "cannot write the signer into " + dir + ": " + ca.error();
+    *error = "cannot write the signer into " + dir + ": " + takeOpenSslErrors();
     return false;
   }
   return true;

@@ -10,14 +10,17 @@
 #include <openssl/x509v3.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
+
+#include "tstl/OpenSslErrors.h"
 
 namespace testtsa {
 namespace {
 
 template <typename T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, OpenSslDeleter<T, Free>>;
+using Owned = std::unique_ptr<T, ossl::Deleter<T, Free>>;
 using TsReqPtr = Owned<TS_REQ, TS_REQ_free>;
 using TstInfoPtr = Owned<TS_TST_INFO, TS_TST_INFO_free>;
 using ImprintPtr = Owned<TS_MSG_IMPRINT, TS_MSG_IMPRINT_free>;
@@ -36,7 +39,6 @@ using EssV2Ptr = Owned<ESS_SIGNING_CERT_V2, ESS_SIGNING_CERT_V2_free>;
 constexpr int kBadAlg = 0;
 constexpr int kBadDataFormat = 5;
 constexpr int kUnacceptedPolicy = 15;
-constexpr int kAddInfoNotAvailable = 17;
 
 // An attribute type of our own (a UUID OID, free for anybody to use).
 constexpr const char* kUnsignedAttributeOid = "2.25.238712540498163374263271346417419402539";
@@ -55,35 +57,38 @@ std::string tlv(unsigned char tag, const std::string& content) {
   return out + content;
 }
 
-// PKIStatusInfo with an optional text and an optional failure bit (-1: none).
-std::string statusInfo(int status, const std::string& text, int failureBit) {
+// PKIStatusInfo with its texts and failure bits (none for empty lists).
+std::string statusInfo(int status, const std::vector<std::string>& texts,
+                       const std::vector<int>& failureBits) {
   std::string content = tlv(0x02, std::string(1, static_cast<char>(status)));
-  if (!text.empty()) content += tlv(0x30, tlv(0x0C, text));
-  if (failureBit >= 0) {
-    std::string bits(static_cast<size_t>(failureBit / 8 + 1), '\0');
-    bits[failureBit / 8] = static_cast<char>(0x80 >> (failureBit % 8));
-    content += tlv(0x03, static_cast<char>(7 - failureBit % 8) + bits);
+  std::string freeText;
+  for (const std::string& text : texts) freeText += tlv(0x0C, text);
+  if (!texts.empty()) content += tlv(0x30, freeText);
+  int last = -1;
+  for (int bit : failureBits) last = std::max(last, bit);
+  if (last >= 0) {
+    std::string bits(static_cast<size_t>(last / 8 + 1), '\0');
+    for (int bit : failureBits) bits[bit / 8] = static_cast<char>(bits[bit / 8] | 0x80 >> bit % 8);
+    content += tlv(0x03, static_cast<char>(7 - last % 8) + bits);
   }
   return tlv(0x30, content);
 }
 
 std::string rejection(const std::string& text, int failureBit) {
-  return tlv(0x30, statusInfo(TS_STATUS_REJECTION, text, failureBit));
+  return tlv(0x30, statusInfo(TS_STATUS_REJECTION, {text}, {failureBit}));
 }
 
-// Now as GeneralizedTime text with digits fractional digits, trailing zeros
+// A GeneralizedTime text with digits fractional digits, trailing zeros
 // dropped as DER wants them.
-std::string generalizedTimeNow(int digits) {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
+std::string generalizedTime(timespec at, int digits) {
   tm t;
-  gmtime_r(&now.tv_sec, &t);
+  gmtime_r(&at.tv_sec, &t);
   char text[40];
   snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
            t.tm_hour, t.tm_min, t.tm_sec);
   std::string out = text;
   if (digits > 0) {
-    snprintf(text, sizeof text, "%09ld", now.tv_nsec);
+    snprintf(text, sizeof text, "%09ld", at.tv_nsec);
     std::string fraction(text, static_cast<size_t>(digits));
     while (!fraction.empty() && fraction.back() == '0') fraction.pop_back();
     if (!fraction.empty()) out += "." + fraction;
@@ -145,7 +150,9 @@ std::string TokenMaker::answer(const std::string& request, std::string* error) {
   const auto* p = reinterpret_cast<const unsigned char*>(request.data());
   TsReqPtr req(d2i_TS_REQ(nullptr, &p, static_cast<long>(request.size())));
   if (!req) return rejection("Bad request format or system error.", kBadDataFormat);
-  if (shape_.reject) return rejection("request rejected by the test server", kAddInfoNotAvailable);
+  if (shape_.status > TS_STATUS_GRANTED_WITH_MODS) {
+    return tlv(0x30, statusInfo(shape_.status, shape_.statusTexts, shape_.failureBits));
+  }
   if (TS_REQ_get_version(req.get()) != 1) {
     return rejection("Bad request version.", kBadDataFormat);
   }
@@ -175,7 +182,11 @@ std::string TokenMaker::answer(const std::string& request, std::string* error) {
   }
   ++counter_;
   IntegerPtr serial;
-  if (serialPrefix_.empty()) {
+  if (!shape_.serial.empty()) {
+    const std::string der = tlv(0x02, std::string(shape_.serial.begin(), shape_.serial.end()));
+    const auto* octets = reinterpret_cast<const unsigned char*>(der.data());
+    serial.reset(d2i_ASN1_INTEGER(nullptr, &octets, static_cast<long>(der.size())));
+  } else if (serialPrefix_.empty()) {
     serial.reset(ASN1_INTEGER_new());
     if (serial) ASN1_INTEGER_set(serial.get(), counter_);
   } else {
@@ -189,10 +200,12 @@ std::string TokenMaker::answer(const std::string& request, std::string* error) {
     if (n == 1) octets[0] = static_cast<unsigned char>(0x40 | (counter_ & 0x3F));
     serial = integerOf(octets);
   }
+  timespec at{shape_.genTime, shape_.genTimeMicros * 1000};
+  if (shape_.genTime == 0) clock_gettime(CLOCK_REALTIME, &at);
   TimePtr genTime(ASN1_GENERALIZEDTIME_new());
   if (!serial || !genTime ||
       !ASN1_GENERALIZEDTIME_set_string(genTime.get(),
-                                       generalizedTimeNow(shape_.fractionDigits).c_str()) ||
+                                       generalizedTime(at, shape_.fractionDigits).c_str()) ||
       !TS_TST_INFO_set_version(tst.get(), 1) ||
       !TS_TST_INFO_set_policy_id(tst.get(), policy.get()) ||
       !TS_TST_INFO_set_msg_imprint(tst.get(), covered.get()) ||
@@ -235,7 +248,7 @@ std::string TokenMaker::answer(const std::string& request, std::string* error) {
   unsigned char* der = nullptr;
   int len = i2d_TS_TST_INFO(tst.get(), &der);
   if (len <= 0) {
-    *error = "cannot encode the TSTInfo: " + openSslErrorText();
+    *error = "cannot encode the TSTInfo: " + takeOpenSslErrors();
     return std::string();
   }
   std::string tstInfo(reinterpret_cast<char*>(der), static_cast<size_t>(len));
@@ -262,8 +275,10 @@ std::string TokenMaker::grant(const std::string& tstInfo, bool withCertificates,
       si = nullptr;
     }
   }
-  if (!si || !addEssCertIds(si, signer_->cert.get(), shape_.ess)) {
-    *error = "cannot set up the signature: " + openSslErrorText();
+  X509* named = shape_.essNamesIssuer && !signer_->issuers.empty() ? signer_->issuers[0].get()
+                                                                   : signer_->cert.get();
+  if (!si || !addEssCertIds(si, named, shape_.ess)) {
+    *error = "cannot set up the signature: " + takeOpenSslErrors();
     return std::string();
   }
   if (withCertificates) {
@@ -275,7 +290,7 @@ std::string TokenMaker::grant(const std::string& tstInfo, bool withCertificates,
   }
   BioPtr content(BIO_new_mem_buf(tstInfo.data(), static_cast<int>(tstInfo.size())));
   if (!content || CMS_final(cms.get(), content.get(), nullptr, CMS_BINARY) != 1) {
-    *error = "cannot sign the token: " + openSslErrorText();
+    *error = "cannot sign the token: " + takeOpenSslErrors();
     return std::string();
   }
   // Unsigned attributes and the signature value are outside what is signed:
@@ -298,7 +313,8 @@ std::string TokenMaker::grant(const std::string& tstInfo, bool withCertificates,
   if (len <= 0) return std::string();
   std::string token(reinterpret_cast<char*>(der), static_cast<size_t>(len));
   OPENSSL_free(der);
-  return tlv(0x30, statusInfo(TS_STATUS_GRANTED, std::string(), -1) + token);
+  const int status = shape_.status == TS_STATUS_GRANTED_WITH_MODS ? shape_.status : 0;
+  return tlv(0x30, statusInfo(status, shape_.statusTexts, shape_.failureBits) + token);
 }
 
 }  // namespace testtsa

@@ -4,11 +4,13 @@
 // so that every field real servers vary can be chosen: serial numbers of up
 // to 20 octets, accuracy, ordering, the TSA name, ESSCertID and/or
 // ESSCertIDv2, an unsigned attribute, fractions of a second in genTime, RSA,
-// RSA-PSS and ECDSA signers. A few deliberate faults make tokens that look
-// right but prove nothing (another imprint, a broken signature, no
-// certificate). Requests are judged as OpenSSL's TSA code judges them
-// (version, known digest of the right length, policy); a refused request gets
-// a rejection with a status text and a failure bit.
+// RSA-PSS and ECDSA signers; fixed serials and times for tests that compare
+// fields, and any status with texts and failure bits. A few deliberate faults
+// make tokens that look right but prove nothing (another imprint, a broken
+// signature, no certificate, an ESS attribute naming another certificate).
+// Requests are judged as OpenSSL's TSA code judges them (version, known
+// digest of the right length, policy); a refused request gets a rejection
+// with a status text and a failure bit.
 //
 // Not thread-safe: the caller serialises answer() (serial numbers count up).
 #ifndef TOOLS_TESTTSA_TOKENMAKER_H_
@@ -17,6 +19,7 @@
 #include <openssl/evp.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -29,6 +32,9 @@ enum class EssCertId { kV1, kV2, kBoth };
 struct TokenShape {
   std::string policyOid = "1.2.3.4.1";
   int serialBytes = 0;  // 0: serials 1, 2, ...; else exactly this many octets (at most 20)
+  std::vector<unsigned char> serial;  // content octets of every serial; empty: as serialBytes
+  time_t genTime = 0;                 // 0: now
+  long genTimeMicros = 0;             // with genTime: its fraction of a second
   bool accuracy = true;
   int accuracySeconds = 1;
   int accuracyMillis = 0;
@@ -39,11 +45,16 @@ struct TokenShape {
   bool unsignedAttribute = false;
   int fractionDigits = 0;                // of a second in genTime, 0..6
   const EVP_MD* signerDigest = nullptr;  // nullptr: SHA-256
+  // PKIStatus of every answer: 0 or 1 with a token, else none; texts and
+  // failure bits (PKIFailureInfo bit numbers) go into its PKIStatusInfo.
+  int status = 0;
+  std::vector<std::string> statusTexts;
+  std::vector<int> failureBits;
   // Faults.
-  bool reject = false;          // every request is rejected
   bool otherImprint = false;    // the token covers a digest other than the request's
   bool flipSignature = false;   // one octet of the signature value inverted
   bool noCertificates = false;  // none, even when the request asks for them
+  bool essNamesIssuer = false;  // the ESS attribute names the signer's issuer
 };
 
 class TokenMaker {

@@ -13,21 +13,12 @@
 #ifndef TOOLS_TESTTSA_TSAPKI_H_
 #define TOOLS_TESTTSA_TSAPKI_H_
 
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-
-#include <memory>
 #include <string>
 #include <vector>
 
-namespace testtsa {
+#include "tools/testtsa/CertMaker.h"
 
-template <typename T, void (*Free)(T*)>
-struct OpenSslDeleter {
-  void operator()(T* p) const { Free(p); }
-};
-using X509Ptr = std::unique_ptr<X509, OpenSslDeleter<X509, X509_free>>;
-using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, OpenSslDeleter<EVP_PKEY, EVP_PKEY_free>>;
+namespace testtsa {
 
 struct TsaPki {
   X509Ptr caCert;
@@ -41,11 +32,6 @@ struct TsaPki {
   std::string tsaCertFile;
   std::string tlsCertFile;
 };
-
-enum class KeyKind { kRsa, kRsaPss, kEc256, kEc384 };
-
-// "rsa", "rsa-pss", "ec256", "ec384". Returns false for an unknown name.
-bool parseKeyKind(const std::string& name, KeyKind* kind);
 
 struct SignerProfile {
   KeyKind key = KeyKind::kRsa;
@@ -73,9 +59,6 @@ bool loadOrCreateSigner(const TsaPki& pki, const SignerProfile& profile, Signer*
 // Loads the six PEM files from dir, or creates and writes all of them when any
 // is missing. Returns false with a reason in *error.
 bool loadOrCreatePki(const std::string& dir, TsaPki* pki, std::string* error);
-
-// OpenSSL's error queue as one line of text (empty when the queue is empty); clears it.
-std::string openSslErrorText();
 
 }  // namespace testtsa
 

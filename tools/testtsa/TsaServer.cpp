@@ -15,10 +15,19 @@
 #include <cstring>
 #include <thread>
 
+#include "tstl/OpenSslErrors.h"
+
 namespace testtsa {
 namespace {
 
-using SslPtr = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
+using SslPtr = std::unique_ptr<SSL, ossl::Deleter<SSL, SSL_free>>;
+
+// OpenSSL's error queue on one line of the request log; empties the queue.
+std::string openSslErrorText() {
+  std::string text = takeOpenSslErrors();
+  for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos;) text.replace(at, 1, "; ");
+  return text;
+}
 
 constexpr size_t kMaxHeader = 64 * 1024;
 constexpr size_t kMaxBody = 1024 * 1024;
@@ -218,7 +227,11 @@ bool TsaServer::start(std::string* error) {
   if (options_.fault == Fault::kExpired) profile.expired = true;
   if (!loadOrCreateSigner(*pki_, profile, &signer_, error)) return false;
   TokenShape shape = options_.shape;
-  shape.reject = options_.fault == Fault::kReject;
+  if (options_.fault == Fault::kReject) {
+    shape.status = 2;  // rejection
+    shape.statusTexts = {"request rejected by the test server"};
+    shape.failureBits = {17};  // addInfoNotAvailable
+  }
   shape.otherImprint = options_.fault == Fault::kOtherImprint;
   shape.flipSignature = options_.fault == Fault::kBadSignature;
   shape.noCertificates = options_.fault == Fault::kNoCert;
