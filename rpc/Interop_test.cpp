@@ -53,6 +53,7 @@ TEST(Interop, TirpcClientCallsOurService) {
        {"str:a text with blanks"},
        "OK a text with blanks"},
       {TESTPROG, TESTVERS, 9, "void", {}, "ERR call: RPC: Procedure unavailable"},
+      {TESTPROG, TESTVERS, 3, "void", {}, "ERR call: RPC: Remote system error"},
       {TESTPROG,
        TESTVERS,
        TESTPROC_ECHO,
@@ -103,12 +104,7 @@ TEST(Interop, OurClientCallsATirpcServer) {
   EXPECT_STREQ("odd length", out);
   clnt_freeres(cl.get(), xdr_proc<xdr_wrapstring>, &out);
 
-  EXPECT_EQ(RPC_PROCUNAVAIL, clnt_call(cl.get(), 9, xdr_proc<xdr_void>, nullptr, xdr_proc<xdr_void>,
-                                       nullptr, total));
-  int huge = 0x7fffffff;  // a string length no server can take
-  EXPECT_EQ(RPC_CANTDECODEARGS, clnt_call(cl.get(), TESTPROC_ECHO, xdr_proc<xdr_int>, &huge,
-                                          xdr_proc<xdr_wrapstring>, &out, total));
-
+  // One error reply; Clnt_test decodes every status from exact bytes.
   auto otherVers = client(TESTPROG, TESTVERS + 1);
   EXPECT_EQ(RPC_PROGVERSMISMATCH, clnt_call(otherVers.get(), 0, xdr_proc<xdr_void>, nullptr,
                                             xdr_proc<xdr_void>, nullptr, total));
@@ -116,9 +112,6 @@ TEST(Interop, OurClientCallsATirpcServer) {
   clnt_geterr(otherVers.get(), &err);
   EXPECT_EQ(1u, err.re_vers.low);
   EXPECT_EQ(1u, err.re_vers.high);
-  auto otherProg = client(TESTPROG + 1, TESTVERS);
-  EXPECT_EQ(RPC_PROGUNAVAIL, clnt_call(otherProg.get(), 0, xdr_proc<xdr_void>, nullptr,
-                                       xdr_proc<xdr_void>, nullptr, total));
 }
 
 }  // namespace
