@@ -53,13 +53,10 @@ TEST(CAsn1algorithmIdentifier, ImplicitTagsAndAnyParameters) {
 }
 
 TEST(CAsn1algorithmIdentifier, RefusesBadInput) {
+  // Truncations: Der_test.
   const char* cases[] = {
-      "30 0d 06 09 60 86 48 01 65 03 04 02 01 05",  // parameters cut off
-      "30 0d 06 09 60 86 48 01 65 03 04 02",        // OID cut off
-      "30 05 06 09 60 86 48 01 65 03 04 02 01",     // OID longer than the SEQUENCE
-      "30 02 04 00",                                // no OID
-      "30",
-      "",
+      "30 05 06 09 60 86 48 01 65 03 04 02 01",  // OID longer than the SEQUENCE
+      "30 02 04 00",                             // no OID
   };
   for (const char* hex : cases) {
     CAsn1algorithmIdentifier id;
@@ -80,11 +77,5 @@ TEST(CAsn1messageImprint, EncodesAlgorithmFirstAndRoundTrips) {
   EXPECT_EQ(back.hashAlgorithm.algorithm.nid, NID_sha1);
   EXPECT_EQ(back.hashedMessage.comp(imprint.hashedMessage), 0);
   EXPECT_EQ(derHex(back), hex);
-
-  std::string whole(hex);
-  for (size_t cut = 0; cut + 3 <= whole.size(); cut += 3) {
-    CAsn1messageImprint cutOff;
-    EXPECT_EQ(setDerHex(cutOff, whole.substr(0, cut)), -1) << cut;
-  }
-  EXPECT_EQ(setDerHex(back, "31" + whole.substr(2)), -1);
+  EXPECT_EQ(setDerHex(back, "31" + std::string(hex).substr(2)), -1);
 }

@@ -68,15 +68,6 @@ TEST(CAsn1size, RefusesMoreThanFourLengthOctets) {
   EXPECT_TRUE(log.contains("Size of size value > 4 bytes"));
 }
 
-TEST(CAsn1size, TruncatedLengthOctetsFailWithDecodingError) {
-  LogCapture log;
-  for (const char* hex : {"", "81", "82 01", "84 01 00 00"}) {
-    CAsn1size size;
-    EXPECT_EQ(setDerHex(size, hex), -1) << hex;
-  }
-  EXPECT_TRUE(log.contains(" 2 DerReader::need: DER decoding-error at pos"));
-}
-
 TEST(DerReader, LengthRunningPastTheEndFails) {
   LogCapture log;
   unsigned char bytes[] = {0x04, 0x82, 0x01, 0x00, 0xAA};
