@@ -47,6 +47,8 @@ class SetupTest : public ::testing::Test {
 
 TEST_F(SetupTest, LineRules) {
   setenv("ST_KEEP", "old", 1);
+  setenv("ST_EQ", "old", 1);
+  setenv("ST_HOME", "/home/u", 1);
   writePackage("P",
                "  ST_A = b\n"
                "ST_EMPTYQ=\"\"\n"
@@ -56,6 +58,7 @@ TEST_F(SetupTest, LineRules) {
                " #ST_C=1\n"
                "ST_T=  v  \r\n"
                "ST_EQ=a=b\n"
+               "ST_REAL=$ST_HOME/bin\n"
                "ST_HALFQ=\"x\n"
                "no equals sign here\n"
                "\n"
@@ -67,16 +70,17 @@ TEST_F(SetupTest, LineRules) {
     const char* name;
     const char* value;
   } cases[] = {
-      {"  ST_A", "b"},           // leading blanks stay part of the name
-      {"ST_A", "<unset>"},       //
-      {"ST_EMPTYQ", "<unset>"},  // empty after removing the quotes: nothing set
-      {"ST_KEEP", "old"},        // empty value neither sets nor clears
-      {"ST_Q", " x "},           // quoted blanks are kept
-      {"ST_C", "<unset>"},       // "#" first: a comment
-      {" #ST_C", "1"},           // "#" not first: part of the name
-      {"ST_T", "v"},             // blanks and CRLF around the value removed
-      {"ST_EQ", "a=b"},          // only the first "=" separates
-      {"ST_HALFQ", "\"x"},       // one quote alone stays
+      {"  ST_A", "b"},             // leading blanks stay part of the name
+      {"ST_A", "<unset>"},         //
+      {"ST_EMPTYQ", "<unset>"},    // empty after removing the quotes: nothing set
+      {"ST_KEEP", "old"},          // empty value neither sets nor clears
+      {"ST_Q", " x "},             // quoted blanks are kept
+      {"ST_C", "<unset>"},         // "#" first: a comment
+      {" #ST_C", "1"},             // "#" not first: part of the name
+      {"ST_T", "v"},               // blanks and CRLF around the value removed
+      {"ST_EQ", "a=b"},            // only the first "=" separates, and it overrides
+      {"ST_REAL", "/home/u/bin"},  // expanded
+      {"ST_HALFQ", "\"x"},         // one quote alone stays
       {"ST_COMMENTED", "1 # not a comment"},
       {"ST_NUL", "a"},  // a NUL byte ends the line's text
   };
@@ -181,17 +185,6 @@ TEST_F(SetupTest, OverLongExpansionIsReportedAndStoredUnexpanded) {
   EXPECT_EQ(stored[0], "B=$ST_BIG");
   EXPECT_EQ(stored[1], "B=%ST_BIG%");
   EXPECT_EQ(stored[2], "B=$ST_MID/0123456789");
-}
-
-TEST_F(SetupTest, SettingsReachTheProcessEnvironment) {
-  setenv("ST_HOME", "/home/u", 1);
-  writePackage("P", "ST_REAL=$ST_HOME/bin\n");
-  EXPECT_EQ(readSetup("P"), 1);
-  EXPECT_EQ(env("ST_REAL"), "/home/u/bin");
-  // A later package overrides an earlier one.
-  writePackage("Q", "ST_REAL=again\n");
-  EXPECT_EQ(readSetup("Q"), 1);
-  EXPECT_EQ(env("ST_REAL"), "again");
 }
 
 TEST_F(SetupTest, TracesNameTheVariableButNeverShowItsValue) {

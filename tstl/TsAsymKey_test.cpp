@@ -11,11 +11,13 @@
 
 #include "base/Log.h"
 #include "testing/ChildProcess.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 #include "tstl/KeyType.h"
 
 namespace {
 
+using testing_support::LogCapture;
 using testing_support::readFile;
 using testing_support::runChild;
 using testing_support::TempDir;
@@ -35,18 +37,11 @@ class TsAsymKeyTest : public ::testing::Test {
     delete dsa_;
   }
   void SetUp() override {
-    ASSERT_EQ(Log::setLogFile(dir_.file("test.log").c_str()), 1);
     Log::setLevel(7, 1);
     Log::setLevel(8, 1);
   }
-  void TearDown() override {
-    Log::setLogFile("stderr");
-    Log::init();
-  }
-  std::string logText() {
-    Log::flush();
-    return readFile(dir_.file("test.log"));
-  }
+  void TearDown() override { Log::init(); }
+
   // The key as an unencrypted DER file written by the openssl command, then
   // encrypted the proprietary way by "openssl enc" (EVP_BytesToKey with MD5,
   // one round, salt "kbVquard"), without enc's "Salted__" header.
@@ -67,6 +62,7 @@ class TsAsymKeyTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  LogCapture log_;
   static TsAsymKey* rsa_;
   static TsAsymKey* dsa_;
 };
@@ -92,7 +88,7 @@ TEST_F(TsAsymKeyTest, InvalidKeyTypeIsRefused) {
   TsAsymKey key;
   EXPECT_EQ(key.generateKey(2, 2048), -2);
   EXPECT_FALSE(key.loaded());
-  EXPECT_NE(logText().find("Invalid KEYTYPE: 2"), std::string::npos);
+  EXPECT_TRUE(log_.contains("Invalid KEYTYPE: 2"));
 }
 
 TEST_F(TsAsymKeyTest, PemKeysRoundTripAndWrongPasswordFails) {
@@ -111,14 +107,13 @@ TEST_F(TsAsymKeyTest, PemKeysRoundTripAndWrongPasswordFails) {
     ASSERT_EQ(loaded.loadKey(file.c_str(), "s3cret"), 0);
     EXPECT_EQ(loaded.getKeyType(), key->getKeyType());
     EXPECT_EQ(loaded.comparePublicKey(key->getPublicKey().get()), 0);
-    EXPECT_NE(logText().find("Loaded key from PEM-file \"" + file + "\""), std::string::npos);
+    EXPECT_TRUE(log_.contains("Loaded key from PEM-file \"" + file + "\""));
 
     TsAsymKey wrong;
     EXPECT_EQ(wrong.loadKey(file.c_str(), "other"), -4);
     EXPECT_FALSE(wrong.loaded());
-    std::string log = logText();
-    EXPECT_NE(log.find("appears to contain a key in proprietary format"), std::string::npos);
-    EXPECT_NE(log.find("failed to decode the key"), std::string::npos);
+    EXPECT_TRUE(log_.contains("appears to contain a key in proprietary format"));
+    EXPECT_TRUE(log_.contains("failed to decode the key"));
   }
 }
 
@@ -147,13 +142,12 @@ TEST_F(TsAsymKeyTest, ProprietaryKeysLoadAndWrongPasswordFails) {
     TsAsymKey loaded;
     ASSERT_EQ(loaded.loadKey(file.c_str(), "pw"), 0);
     EXPECT_EQ(loaded.comparePublicKey(c.key->pkey()), 0);
-    EXPECT_NE(logText().find("Loaded key from proprietary file \"" + file + "\""),
-              std::string::npos);
+    EXPECT_TRUE(log_.contains("Loaded key from proprietary file \"" + file + "\""));
 
     // A failed load keeps the key held before.
     EXPECT_EQ(loaded.loadKey(file.c_str(), "pW"), -4);
     EXPECT_TRUE(loaded.loaded());
-    EXPECT_NE(logText().find("failed to decode the key"), std::string::npos);
+    EXPECT_TRUE(log_.contains("failed to decode the key"));
   }
 }
 
@@ -163,12 +157,11 @@ TEST_F(TsAsymKeyTest, LoadRefusesMissingArgumentsAndFiles) {
   EXPECT_EQ(key.loadKey("", ""), -1);
   EXPECT_EQ(key.loadKey(dir_.file("x").c_str(), nullptr), -1);
   EXPECT_EQ(key.loadKey(dir_.file("missing.key").c_str(), "pw"), -2);
-  EXPECT_NE(logText().find("Can't read key from \"" + dir_.file("missing.key") + "\""),
-            std::string::npos);
+  EXPECT_TRUE(log_.contains("Can't read key from \"" + dir_.file("missing.key") + "\""));
   writeFile(dir_.file("empty.key"), "");
   EXPECT_EQ(key.loadKey(dir_.file("empty.key").c_str(), "pw"), -4);
   EXPECT_EQ(rsa_->saveKey(dir_.file("no/dir/k.pem").c_str(), "pw"), -2);
-  EXPECT_NE(logText().find("failed open the file"), std::string::npos);
+  EXPECT_TRUE(log_.contains("failed open the file"));
   EXPECT_EQ(key.saveKey(dir_.file("k.pem").c_str(), "pw"), -1);  // nothing loaded
 }
 
@@ -188,9 +181,8 @@ TEST_F(TsAsymKeyTest, ImportExportRoundTrip) {
   const unsigned char junk[] = {0x30, 0x03, 0x02, 0x01, 0x00};
   EXPECT_EQ(key.importKey(3, junk, sizeof(junk)), -2);
   EXPECT_EQ(key.importKey(kKeyTypeRsa, junk, sizeof(junk)), -1);
-  std::string log = logText();
-  EXPECT_NE(log.find("Invalid keytype"), std::string::npos);
-  EXPECT_NE(log.find("Decoding the private key failed"), std::string::npos);
+  EXPECT_TRUE(log_.contains("Invalid keytype"));
+  EXPECT_TRUE(log_.contains("Decoding the private key failed"));
   std::vector<unsigned char> der;
   EXPECT_EQ(key.exportKey(&der), -1);
 }
