@@ -1,30 +1,20 @@
 #include "base/Resolver.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
-#include <netinet/in.h>
 
 #include <string>
 #include <vector>
 
 namespace {
 
+// The numeric address text (IPv6 without brackets) with port.
 HostAddress address(const std::string& text, uint16_t port = 0) {
-  HostAddress a{};
-  if (text.find(':') != std::string::npos) {
-    auto* s6 = reinterpret_cast<sockaddr_in6*>(&a.addr);
-    s6->sin6_family = AF_INET6;
-    s6->sin6_port = htons(port);
-    EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), &s6->sin6_addr), 1) << text;
-    a.len = sizeof *s6;
-  } else {
-    auto* s4 = reinterpret_cast<sockaddr_in*>(&a.addr);
-    s4->sin_family = AF_INET;
-    s4->sin_port = htons(port);
-    EXPECT_EQ(inet_pton(AF_INET, text.c_str(), &s4->sin_addr), 1) << text;
-    a.len = sizeof *s4;
-  }
+  HostAddressList list;
+  const bool v6 = text.find(':') != std::string::npos;
+  EXPECT_EQ(resolveHost((v6 ? "[" + text + "]" : text).c_str(), &list), 0) << text;
+  HostAddress a = list.empty() ? HostAddress{} : list[0];
+  a.setPort(port);
   return a;
 }
 

@@ -1,14 +1,9 @@
 #include "kvrpc/HostIdent.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
-#include <vector>
 
 #include "testing/KvPeers.h"
 
