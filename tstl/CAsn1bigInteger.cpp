@@ -56,7 +56,7 @@ int CAsn1bigInteger::getDER(unsigned char* buffer, unsigned int* pos) {
   out.octet(kTagInteger);
   out.length(static_cast<int>(octets_.size()));
   out.bytes(octets_.data(), static_cast<unsigned int>(octets_.size()));
-  log.msg(__LINE__, 9, "serialized INTEGER 0x%s", hex().c_str());
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized INTEGER 0x%s", hex().c_str());
   assert(*pos - start == getSize());
   (void)start;
   return 0;
@@ -81,6 +81,6 @@ int CAsn1bigInteger::setDER(const unsigned char* buffer, unsigned int* pos, unsi
   if (!in.need(length)) return -1;
   octets_.assign(in.here(), in.here() + length);
   in.skip(length);
-  log.msg(__LINE__, 9, "deserialized INTEGER 0x%s", hex().c_str());
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "deserialized INTEGER 0x%s", hex().c_str());
   return 0;
 }

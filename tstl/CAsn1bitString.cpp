@@ -40,7 +40,9 @@ int CAsn1bitString::getDER(unsigned char* buffer, unsigned int* pos) {
     }
     out.advance(length - 1);
   }
-  log.msg(__LINE__, 9, "serialized BITSTRING %s", logText().c_str());
+  if (Log::getLevel(Log::kDebug)) {
+    log.msg(__LINE__, 9, "serialized BITSTRING %s", logText().c_str());
+  }
   assert(*pos - start == getSize());
   (void)start;
   return 0;
@@ -72,7 +74,9 @@ int CAsn1bitString::setDER(const unsigned char* buffer, unsigned int* pos, unsig
     bits_[i] = (data[p / 8] >> (7 - p % 8)) & 1;
   }
   in.skip(length - 1);
-  log.msg(__LINE__, 9, "deserialized BITSTRING %s", logText().c_str());
+  if (Log::getLevel(Log::kDebug)) {
+    log.msg(__LINE__, 9, "deserialized BITSTRING %s", logText().c_str());
+  }
   return 0;
 }
 

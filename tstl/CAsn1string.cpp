@@ -35,7 +35,7 @@ int CAsn1string::getDER(unsigned char* buffer, unsigned int* pos) {
   out.octet(tag_);
   out.length(static_cast<int>(length_));
   out.bytes(data(), length_);
-  log.msg(__LINE__, 9, "serialized %s", logText().c_str());
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized %s", logText().c_str());
   assert(*pos - start == getSize());
   (void)start;
   return 0;
@@ -50,7 +50,9 @@ int CAsn1string::setDER(const unsigned char* buffer, unsigned int* pos, unsigned
   if (!in.readOctet(&tag_) || !in.readLength(&length)) return -1;
   setVal(in.here(), length);
   in.skip(length);
-  log.msg(__LINE__, 9, "deserialized %s", logText().c_str());
+  // The text is built only for a log that takes it: answers are decoded on
+  // every exchange.
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "deserialized %s", logText().c_str());
   return 0;
 }
 

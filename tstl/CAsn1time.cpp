@@ -174,7 +174,7 @@ int CAsn1time::setVal(const char* text, unsigned int length) {
     return -1;
   }
   // 'Z' ends the text; whatever follows it is not looked at.
-  log.msg(__LINE__, 9, "TIME %s", displayText().c_str());
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "TIME %s", displayText().c_str());
   return 0;
 }
 
