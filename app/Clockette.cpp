@@ -12,6 +12,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "base/List.h"
@@ -626,21 +628,41 @@ int Clockette::service(const char* directory) {
     }
   }
   if (failure) return failure();
-  for (const auto& entry : unsyncedDirectories) {
-    std::string step;
-    int err = syncDirectoryOf(entry.second->target.c_str(), &step);
-    if (err != 0) {
-      log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
-              entry.second->target.c_str(), step.c_str(), err, systemError(err).c_str());
-      return requestFailed(entry.second->source, entry.second->target, kTargetNotWritten);
-    }
-  }
 
-  if (stamped) {
-    document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",
-                         dir);
-  } else {
+  if (!stamped) {
     document->docMessage(log, __LINE__, 8, "no timestamping required for document '%s'", dir);
+    return 1;
   }
+  // The renames reach the disk with their directory's sync, the protocol
+  // line with the protocol's own: side by side, the file system can take
+  // both in one commit instead of two in a row.
+  document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",
+                       dir);
+  const Stamp* unsynced = nullptr;
+  std::string step;
+  int err = 0;
+  auto syncDirectories = [&] {
+    for (const auto& entry : unsyncedDirectories) {
+      err = syncDirectoryOf(entry.second->target.c_str(), &step);
+      if (err != 0) {
+        unsynced = entry.second;
+        return;
+      }
+    }
+  };
+  std::thread syncer;
+  try {
+    syncer = std::thread(syncDirectories);
+  } catch (const std::system_error&) {
+    syncDirectories();  // no thread to be had: one after the other
+  }
+  int protocolWritten = document->closeProtocol();
+  if (syncer.joinable()) syncer.join();
+  if (unsynced != nullptr) {
+    log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
+            unsynced->target.c_str(), step.c_str(), err, systemError(err).c_str());
+    return requestFailed(unsynced->source, unsynced->target, kTargetNotWritten);
+  }
+  if (protocolWritten == 0) return 0;
   return 1;
 }
