@@ -15,6 +15,14 @@
 # 4. HTTPS against HTTP, documents per second.
 # 5. Under a KV (kvmini): the median time from a work order to its report,
 #    against the median answer time of the server (holding answers 20 ms).
+# 6. System calls per one-file document (when strace is installed), and the
+#    share of their time spent in fsync.
+# Where the document trees live is printed: the work directory under TMPDIR
+# (usually a disk), and for 2, 3 and 5 also a tree on tmpfs (/dev/shm; not
+# with NO_TMPFS=1). Every document's timestamp files, their directory and
+# its protocol are synced before the document counts as done; on a disk
+# these waits dominate, on tmpfs they cost nothing. Both are printed, each
+# under its file system; neither hides the other.
 # Not a test: it prints figures and exits 0 unless something could not run.
 set -euo pipefail
 
@@ -37,11 +45,13 @@ testtsa=$build/tools/testtsa/testtsa
 kvmini=$build/tools/kvmini/kvmini
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/clockette-bench-XXXXXX")
+shm=
 pids=()
 cleanup() {
   for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; done
   wait 2>/dev/null || true
   rm -rf "$work"
+  [ -z "$shm" ] || rm -rf "$shm"
 }
 trap cleanup EXIT
 mkdir -p "$work/config/setup" "$work/logs" "$work/pki"
@@ -100,8 +110,18 @@ run_docs() {
   awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", b - a }'
 }
 
+fs_of() { df --output=fstype "$1" 2>/dev/null | tail -1 | tr -d ' '; }
+# The document trees: the work directory, and one on tmpfs when there is one.
+trees=("$work")
+if [ -z "${NO_TMPFS:-}" ] && [ "$(fs_of /dev/shm)" = tmpfs ] && [ -w /dev/shm ]; then
+  shm=$(mktemp -d /dev/shm/clockette-bench-XXXXXX)
+  trees+=("$shm")
+fi
+where() { echo "documents on $(fs_of "$1") ($1)"; }
+
 echo "== machine: $(nproc) cores, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)"
 echo "   load average at start: $(cut -d' ' -f1-3 /proc/loadavg)"
+for tree in "${trees[@]}"; do echo "   $(where "$tree")"; done
 
 # --- 1. hashing ---
 head -c $((hash_mib << 20)) /dev/urandom >"$work/big.bin"
@@ -136,32 +156,42 @@ openssl ts -query -data "$work/req.data" -sha256 -cert -out "$work/req.tsq" 2>/d
 capacity_requests=$((docs / 2))
 for ((i = 0; i < capacity_requests; i++)); do echo "url = \"http://127.0.0.1:$tsa_http/\""; done \
   >"$work/urls"
-start=$(now)
-curl -s -K "$work/urls" --data-binary @"$work/req.tsq" \
-  -H 'Content-Type: application/timestamp-query' >/dev/null
-end=$(now)
-capacity=$(rate "$capacity_requests" "$(awk -v a="$start" -v b="$end" 'BEGIN { print b - a }')")
+# The server's answers per second to one client on a kept connection.
+capacity() {
+  local start end
+  start=$(now)
+  curl -s -K "$work/urls" --data-binary @"$work/req.tsq" \
+    -H 'Content-Type: application/timestamp-query' >/dev/null
+  end=$(now)
+  rate "$capacity_requests" "$(awk -v a="$start" -v b="$end" 'BEGIN { print b - a }')"
+}
 
-make_docs "$work/one" "$docs" 1
-t1=$(run_docs "$work/one" http "$tsa_http")
-t2=$(run_docs "$work/one" http "$tsa_http" -jobs 2)
 echo
 echo "$docs one-file documents in test mode, HTTP on loopback:"
-printf '  %-34s %8s answers/s\n' "testtsa capacity (1 client)" "$capacity"
-printf '  %-34s %8s docs/s   %s of capacity (target >= 0.70)\n' "clockette -jobs 1" \
-  "$(rate "$docs" "$t1")" "$(ratio "$(rate "$docs" "$t1")" "$capacity")"
-printf '  %-34s %8s docs/s   %s of capacity\n' "clockette -jobs 2" "$(rate "$docs" "$t2")" \
-  "$(ratio "$(rate "$docs" "$t2")" "$capacity")"
+for tree in "${trees[@]}"; do
+  make_docs "$tree/one" "$docs" 1
+  capacity=$(capacity)
+  t1=$(run_docs "$tree/one" http "$tsa_http")
+  t2=$(run_docs "$tree/one" http "$tsa_http" -jobs 2)
+  echo "  $(where "$tree"):"
+  printf '    %-32s %8s answers/s\n' "testtsa capacity (1 client)" "$capacity"
+  printf '    %-32s %8s docs/s   %s of capacity (target >= 0.70)\n' "clockette -jobs 1" \
+    "$(rate "$docs" "$t1")" "$(ratio "$(rate "$docs" "$t1")" "$capacity")"
+  printf '    %-32s %8s docs/s   %s of capacity\n' "clockette -jobs 2" "$(rate "$docs" "$t2")" \
+    "$(ratio "$(rate "$docs" "$t2")" "$capacity")"
+done
 
 # --- 3. a far-away server ---
 start_tsa slow --delay-ms 50
-make_docs "$work/eight" 20 8
-tp=$(run_docs "$work/eight" http "$slow_http")
-ts=$(TS_PARALLEL=1 run_docs "$work/eight" http "$slow_http")
 echo
 echo "20 documents x 8 files, each answer held 50 ms:"
-printf '  %-34s %8s s   (target <= 1.5)\n' "default TS_PARALLEL (8)" "$tp"
-printf '  %-34s %8s s\n' "TS_PARALLEL=1" "$ts"
+for tree in "${trees[@]}"; do
+  make_docs "$tree/eight" 20 8
+  tp=$(run_docs "$tree/eight" http "$slow_http")
+  printf '  %-34s %8s s   (target <= 1.5)\n' "default TS_PARALLEL (8), $(fs_of "$tree")" "$tp"
+done
+ts=$(TS_PARALLEL=1 run_docs "$work/eight" http "$slow_http")
+printf '  %-34s %8s s\n' "TS_PARALLEL=1, $(fs_of "$work")" "$ts"
 
 # --- 4. HTTPS against HTTP ---
 make_docs "$work/tls" "$tls_docs" 1
@@ -174,7 +204,6 @@ printf '  %-34s %8s   (target >= 0.8)\n' "HTTPS / HTTP" "$(ratio "$th" "$tt")"
 # --- 5. order to report under a KV ---
 start_tsa kvtsa --delay-ms 20
 kv_docs=${KV_DOCS:-100}
-make_docs "$work/kvq" "$kv_docs" 1
 # The server's own answer time, on a kept connection as the worker has it.
 for ((i = 0; i < 50; i++)); do
   printf 'url = "http://127.0.0.1:%s/"\noutput = "/dev/null"\n' "$kvtsa_http"
@@ -182,36 +211,59 @@ done >"$work/urls"
 answer_ms=$(curl -s -K "$work/urls" --data-binary @"$work/req.tsq" \
   -H 'Content-Type: application/timestamp-query' -w '%{time_total}\n' |
   tail -n +2 | sort -n | awk '{ t[NR] = $1 } END { printf "%.1f", t[int((NR + 1) / 2)] * 1000 }')
-# Every line of kvmini gets the time it was read.
-"$kvmini" serve --bind 127.0.0.1 --port 0 --worker-host 127.0.0.1 --queue "$work/kvq" \
-  --exit-on-bye </dev/null 2>&1 |
-  while IFS= read -r line; do echo "$EPOCHREALTIME $line"; done >"$work/kv.out" &
-pids+=($!)
-for _ in $(seq 100); do
-  grep -q ' kvmini listening' "$work/kv.out" 2>/dev/null && break
-  sleep 0.1
-done
-kv_port=$(sed -n 's/^[0-9.]* kvmini listening port=\([0-9]*\).*/\1/p' "$work/kv.out")
-[ -n "$kv_port" ] || { echo "kvmini did not start" >&2; exit 1; }
-KVHOST=127.0.0.1 KVPORT=$kv_port "$clockette" -type clockette -logfile clockette.log \
-  -host 127.0.0.1 -port "$kvtsa_http" &
-worker=$!
-pids+=($worker)
-for _ in $(seq 1200); do
-  grep -q ' QUEUE done' "$work/kv.out" && break
-  kill -0 "$worker" 2>/dev/null || break
-  sleep 0.1
-done
-kill -TERM "$worker" 2>/dev/null || true
-wait "$worker" 2>/dev/null || true
-order_ms=$(awk '$2 == "SEND" && $3 == "WORK" { sent = $1 }
-  $2 == "OP" && sent != "" { printf "%.3f\n", ($1 - sent) * 1000; sent = "" }' "$work/kv.out" |
-  sort -n | awk '{ t[NR] = $1 } END { if (NR == 0) print "none"; else print t[int((NR + 1) / 2)] }')
+# order_to_report QUEUE: the median milliseconds from a work order to its
+# report, for the documents of QUEUE handed out one at a time by kvmini.
+order_to_report() {
+  local queue=$1 out=$work/kv.out worker kv_port
+  # Every line of kvmini gets the time it was read.
+  "$kvmini" serve --bind 127.0.0.1 --port 0 --worker-host 127.0.0.1 --queue "$queue" \
+    --exit-on-bye </dev/null 2>&1 |
+    while IFS= read -r line; do echo "$EPOCHREALTIME $line"; done >"$out" &
+  local kv=$!
+  for _ in $(seq 100); do
+    grep -q ' kvmini listening' "$out" 2>/dev/null && break
+    sleep 0.1
+  done
+  kv_port=$(sed -n 's/^[0-9.]* kvmini listening port=\([0-9]*\).*/\1/p' "$out")
+  [ -n "$kv_port" ] || { echo "kvmini did not start" >&2; exit 1; }
+  KVHOST=127.0.0.1 KVPORT=$kv_port "$clockette" -type clockette -logfile clockette.log \
+    -host 127.0.0.1 -port "$kvtsa_http" &
+  worker=$!
+  for _ in $(seq 1200); do
+    grep -q ' QUEUE done' "$out" && break
+    kill -0 "$worker" 2>/dev/null || break
+    sleep 0.1
+  done
+  kill -TERM "$worker" 2>/dev/null || true
+  wait "$worker" 2>/dev/null || true
+  wait "$kv" 2>/dev/null || true
+  awk '$2 == "SEND" && $3 == "WORK" { sent = $1 }
+    $2 == "OP" && sent != "" { printf "%.3f\n", ($1 - sent) * 1000; sent = "" }' "$out" |
+    sort -n | awk '{ t[NR] = $1 } END { if (NR == 0) print "none"; else print t[int((NR + 1) / 2)] }'
+}
 echo
 echo "$kv_docs one-file documents under kvmini, each answer held 20 ms:"
-printf '  %-34s %8s ms\n' "server answer time (median)" "$answer_ms" \
-  "order to report (median)" "$order_ms"
-printf '  %-34s %8s ms (target <= 2)\n' "difference" \
-  "$(awk -v a="$order_ms" -v b="$answer_ms" 'BEGIN { printf "%.1f", a - b }')"
+printf '  %-34s %8s ms\n' "server answer time (median)" "$answer_ms"
+for tree in "${trees[@]}"; do
+  make_docs "$tree/kvq" "$kv_docs" 1
+  order_ms=$(order_to_report "$tree/kvq")
+  printf '  %-34s %8s ms, %s ms more (target <= 2)\n' \
+    "order to report, $(fs_of "$tree")" "$order_ms" \
+    "$(awk -v a="$order_ms" -v b="$answer_ms" 'BEGIN { printf "%.1f", a - b }')"
+done
+
+# --- 6. system calls per document ---
+if command -v strace >/dev/null; then
+  make_docs "$work/sys" 100 1
+  strace -f -c -w -o "$work/strace.txt" "$clockette" -test -testpath "$work/sys" \
+    -host 127.0.0.1 -port "$tsa_http" -protocol http -logfile clockette.log >/dev/null
+  echo
+  echo "system calls of 100 one-file documents ($(where "$work"), strace -f -c -w):"
+  awk '$NF == "total" { calls = $4 } $NF == "fsync" { fsyncs = $4; share = $1 }
+    END { printf "  %-34s %8.1f\n  %-34s %8.1f\n  %-34s %7.0f%%\n",
+      "calls per document", calls / 100, "fsyncs per document", fsyncs / 100,
+      "share of their time in fsync", share }' "$work/strace.txt"
+fi
+
 echo
 echo "   load average at end: $(cut -d' ' -f1-3 /proc/loadavg)"
