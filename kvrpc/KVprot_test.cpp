@@ -17,7 +17,7 @@ using testing_support::toHex;
 
 namespace {
 
-const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/kvrpc/kvprot_peer";
+const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/testing/kvprot_peer";
 
 std::string compact(std::string hex) {
   std::string out;

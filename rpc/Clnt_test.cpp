@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "rpc/peer/TestProg.h"
+#include "testing/rpcpeer/TestProg.h"
 
 using rpc_test::UdpSocket;
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "rpc/Clnt.h"
-#include "rpc/peer/ServiceLoop.h"
-#include "rpc/peer/TestProg.h"
+#include "testing/rpcpeer/ServiceLoop.h"
+#include "testing/rpcpeer/TestProg.h"
 #include "testing/ChildProcess.h"
 
 using rpc_test::ServiceLoop;
@@ -16,7 +16,7 @@ using rpc_test::xdrPair;
 
 namespace {
 
-const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/rpc/tirpc_peer";
+const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/testing/tirpc_peer";
 
 std::string peerCall(int port, u_long prog, u_long vers, u_long proc, const std::string& result,
                      std::vector<std::string> args) {

@@ -14,8 +14,8 @@
 
 #include "rpc/Clnt.h"
 #include "rpc/SvcUdp.h"
-#include "rpc/peer/ServiceLoop.h"
-#include "rpc/peer/TestProg.h"
+#include "testing/rpcpeer/ServiceLoop.h"
+#include "testing/rpcpeer/TestProg.h"
 #include "testing/LogCapture.h"
 
 using rpc_test::ServiceLoop;

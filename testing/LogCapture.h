@@ -1,9 +1,12 @@
 // LogCapture: sends the log to a file in a temporary directory while it
 // lives, so a test can check the messages written; back to standard error
-// afterwards. Levels switched on by the test stay as they were.
+// afterwards. By default the levels switched on by the test stay as they
+// were; kAllLevels switches levels 0 to 12 on and resets the levels to their
+// start-up values at the end.
 #ifndef TESTING_LOGCAPTURE_H_
 #define TESTING_LOGCAPTURE_H_
 
+#include <cstddef>
 #include <string>
 
 #include "base/Log.h"
@@ -13,8 +16,16 @@ namespace testing_support {
 
 class LogCapture {
  public:
-  LogCapture() { Log::setLogFile(dir_.file("log").c_str()); }
-  ~LogCapture() { Log::setLogFile("stderr"); }
+  enum Levels { kLevelsAsSet, kAllLevels };
+
+  explicit LogCapture(Levels levels = kLevelsAsSet) : allLevels_(levels == kAllLevels) {
+    Log::setLogFile(dir_.file("log").c_str());
+    for (int level = 0; allLevels_ && level <= 12; ++level) Log::setLevel(level, 1);
+  }
+  ~LogCapture() {
+    Log::setLogFile("stderr");
+    if (allLevels_) Log::init();
+  }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
@@ -24,9 +35,16 @@ class LogCapture {
     return fileExists(dir_.file("log")) ? readFile(dir_.file("log")) : std::string();
   }
   bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
+  size_t count(const std::string& part) const {
+    std::string all = text();
+    size_t n = 0;
+    for (size_t p = all.find(part); p != std::string::npos; p = all.find(part, p + 1)) ++n;
+    return n;
+  }
 
  private:
   TempDir dir_;
+  bool allLevels_;
 };
 
 }  // namespace testing_support

@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 using testing_support::fileExists;
+using testing_support::LogCapture;
 using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -223,7 +224,7 @@ TEST_F(CommandsTest, TextAfterACarriageReturnIsHiddenAndNeverLost) {
   const std::string original = "A 1\rB 2\rC 3\r";
   writeFile(file(), original);
   {
-    docfiles_test::LogCapture log;
+    LogCapture log(LogCapture::kAllLevels);
     auto c = open();
     EXPECT_EQ(c->findKey("A"), 1);
     EXPECT_EQ(c->findKey("B"), 0);
@@ -279,7 +280,7 @@ TEST_F(CommandsTest, OpenCommandsCreatesOrOpensForUpdate) {
 }
 
 TEST_F(CommandsTest, AppendToAMissingFileFailsWithoutCreatingOne) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   auto c = open();
   c->appendToBuffer1("A 1");
   EXPECT_EQ(c->writeBuffer(), 0);

@@ -9,13 +9,14 @@
 #include <cstdlib>
 #include <string>
 
-#include "kavlet/docfiles/testprobe/LogCapture.h"
 #include "testing/ChildProcess.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 using testing_support::fileExists;
+using testing_support::LogCapture;
 using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -120,7 +121,7 @@ TEST_F(DocumentTest, CloseAllAttemptsEverythingAfterAFailure) {
 }
 
 TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   Log scope("test", "DocMessage", __FILE__, __LINE__, 13);
   Document doc(dir_.path().c_str(), "clockette", 1);
   EXPECT_EQ(doc.docMessage(scope, __LINE__, 2, "failed %s", "file.pdf"), 1);
@@ -169,7 +170,7 @@ TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {
   chmod((doc + "/COMMANDS").c_str(), 0644);
   chmod(doc.c_str(), 0555);
   auto body = [](const std::string& d) -> int {
-    docfiles_test::LogCapture log;
+    LogCapture log(LogCapture::kAllLevels);
     Document document(d.c_str(), "clockette", 1);
     if (document.findKeyInCommands("A") != 1) return 10;
     document.deleteFromCommands3("A", "1");

@@ -4,19 +4,20 @@
 
 #include <string>
 
-#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 using testing_support::fileExists;
+using testing_support::LogCapture;
 using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
 using testing_support::writeFile;
 
 TEST(FileHOpen, TypesModesAndRefusals) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   std::string name = dir.file("f");
   FileH f(name, "tag");
@@ -48,7 +49,7 @@ TEST(FileHOpen, TypesModesAndRefusals) {
 }
 
 TEST(FileHRead, LinesOfAnyLengthWithTheirLineEnds) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   std::string big(200000, 'L');
   std::string withNul("a\0b", 3);
@@ -69,7 +70,7 @@ TEST(FileHRead, LinesOfAnyLengthWithTheirLineEnds) {
 }
 
 TEST(FileHWrite, StringsAndLinesExactlyAndRefusals) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   std::string name = dir.file("f");
   FileH f(name, "tag");
@@ -111,7 +112,7 @@ TEST(FileHBackup, BackupHoldsTheContentFromBeforeTheFirstChange) {
 }
 
 TEST(FileHBackup, RefusedForAMissingOrOpenFile) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   FileH missing(dir.file("COMMANDS"), "t");
   EXPECT_EQ(missing.makeBackupCopy(), 0);

@@ -6,12 +6,13 @@
 #include <regex>
 #include <string>
 
-#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 using testing_support::fileExists;
+using testing_support::LogCapture;
 using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -85,7 +86,7 @@ TEST(Protocol, EachDocumentWritesItsOwnDirectory) {
 }
 
 TEST(Protocol, FailedWriteDropsTheBufferAndReports) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   makeDir(dir.file("KVprotocol"));  // cannot be opened as a file, not even by root
   Protocol p(dir.path().c_str(), "w");

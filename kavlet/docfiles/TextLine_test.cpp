@@ -6,10 +6,12 @@
 #include <vector>
 
 #include "kavlet/docfiles/SplitString.h"
-#include "kavlet/docfiles/testprobe/LogCapture.h"
 #include "testing/ChildProcess.h"
+#include "testing/LogCapture.h"
 
 namespace {
+
+using testing_support::LogCapture;
 
 using Tokens = std::vector<std::string>;
 
@@ -73,7 +75,7 @@ TEST(TextLineQuoted, EmptyQuotedArgumentIsNullButNotTheEnd) {
 }
 
 TEST(TextLineQuoted, MalformedQuotingLogsAndExhaustsTheLine) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TextLine t("\"abc\"def more");
   EXPECT_EQ(t.getNextToken(1), nullptr);
   EXPECT_EQ(t.getNextToken(1), nullptr);

@@ -7,12 +7,13 @@
 #include <string>
 
 #include "kavlet/docfiles/Owners.h"
-#include "kavlet/docfiles/testprobe/LogCapture.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
 namespace {
 
 using testing_support::fileExists;
+using testing_support::LogCapture;
 using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -51,7 +52,7 @@ TEST(UtlCopy, CopiesManyChunksExactlyAndCreatesTheTarget) {
 }
 
 TEST(UtlCopy, FailuresLeaveTheTargetAlone) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   writeFile(dir.file("target"), "keep me");
   makeDir(dir.file("adir"));
@@ -80,7 +81,7 @@ TEST(UtlLinkOrCopy, MakesAnIndependentCopy) {
 }
 
 TEST(UtlAppend, AppendsExactlyTheRangeWithinBounds) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   std::string data = pattern(3000);
   std::string from = dir.file("from");
@@ -130,7 +131,7 @@ TEST(ValidateDate, MonthsDaysAndLeapYears) {
 }
 
 TEST(ValidateDate, MonthZeroFailsOnItsDaysNotOnItsRange) {
-  docfiles_test::LogCapture log;
+  LogCapture log(LogCapture::kAllLevels);
   EXPECT_EQ(validateDate("20240010"), 0);
   EXPECT_TRUE(log.contains("month 0 of year 2024 consists of 0 days."));
   EXPECT_FALSE(log.contains("month must be between"));

@@ -1,8 +1,8 @@
 // Test helper: a UDP service of the test program on 127.0.0.1 whose loop
 // (svc_run) runs on a background thread, as the worker runs it on its main
 // thread.
-#ifndef RPC_PEER_SERVICELOOP_H_
-#define RPC_PEER_SERVICELOOP_H_
+#ifndef TESTING_RPCPEER_SERVICELOOP_H_
+#define TESTING_RPCPEER_SERVICELOOP_H_
 
 #include <atomic>
 #include <chrono>
@@ -11,7 +11,7 @@
 #include "rpc/Clnt.h"
 #include "rpc/Svc.h"
 #include "rpc/SvcUdp.h"
-#include "rpc/peer/TestProg.h"
+#include "testing/rpcpeer/TestProg.h"
 
 namespace rpc_test {
 
@@ -105,4 +105,4 @@ class ServiceLoop {
 
 }  // namespace rpc_test
 
-#endif  // RPC_PEER_SERVICELOOP_H_
+#endif  // TESTING_RPCPEER_SERVICELOOP_H_

@@ -1,7 +1,7 @@
 // Shared by the runtime's tests and the libtirpc peer: the numbers of the
 // small test program, and (for the tests) a plain UDP socket on 127.0.0.1.
-#ifndef RPC_PEER_TESTPROG_H_
-#define RPC_PEER_TESTPROG_H_
+#ifndef TESTING_RPCPEER_TESTPROG_H_
+#define TESTING_RPCPEER_TESTPROG_H_
 
 #define TESTPROG 0x20001234u
 #define TESTVERS 1u
@@ -72,4 +72,4 @@ class UdpSocket {
 }  // namespace rpc_test
 #endif  // TESTPROG_NO_SOCKET
 
-#endif  // RPC_PEER_TESTPROG_H_
+#endif  // TESTING_RPCPEER_TESTPROG_H_

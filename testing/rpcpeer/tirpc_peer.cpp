@@ -18,7 +18,7 @@
 #include <vector>
 
 #define TESTPROG_NO_SOCKET
-#include "rpc/peer/TestProg.h"
+#include "testing/rpcpeer/TestProg.h"
 
 namespace {
 
