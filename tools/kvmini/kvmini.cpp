@@ -12,7 +12,8 @@
 // serve prints "kvmini listening port=<port> prog=<prog> vers=2" first, then one
 // line per datagram it dispatches and one per order it sends, all on standard
 // output, flushed at once. It reads commands on standard input (see usage()).
-// Built on libtirpc only: it is the independent peer the worker is tested against.
+// Built on libtirpc and the rpcgen records of kvrpc/kvprot.x only: it is the
+// independent peer the worker is tested against.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <netdb.h>
@@ -30,13 +31,19 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvmini/KvMiniXdr.h"
+#include "kvprot.h"
 
 namespace kvmini {
 namespace {
 
 constexpr int kUsageExit = 64;
 constexpr int kRpcErrorExit = 2;
+
+// The five family numbers that mean IPv6 (Windows 23, Linux 10, HP-UX 22,
+// AIX 24, Solaris 26): their addresses carry 16 bytes.
+bool isIpv6Family(u_short family) {
+  return family == 23 || family == 10 || family == 22 || family == 24 || family == 26;
+}
 
 void usage() {
   fprintf(stderr,
@@ -86,10 +93,10 @@ std::string sockaddrText(const sockaddr* sa, socklen_t len) {
                                    : std::string(host) + ":" + port;
 }
 
-std::string addressText(const Address& a) {
+std::string addressText(const sockaddr_kl& a) {
   char text[INET6_ADDRSTRLEN];
-  const char* ok = isIpv6Family(a.family) ? inet_ntop(AF_INET6, a.bytes, text, sizeof text)
-                                          : inet_ntop(AF_INET, a.bytes, text, sizeof text);
+  const char* ok = isIpv6Family(a.family) ? inet_ntop(AF_INET6, a.address, text, sizeof text)
+                                          : inet_ntop(AF_INET, a.address, text, sizeof text);
   return "family=" + std::to_string(a.family) + " address=" + (ok ? text : "?") +
          " port=" + std::to_string(a.port);
 }
@@ -157,11 +164,11 @@ struct CallResult {
 };
 
 struct CallSpec {
-  unsigned long prog = kToolProg;
-  unsigned long vers = kToolVers;
-  unsigned long proc = kToolWork;
+  unsigned long prog = TOOLPROG;
+  unsigned long vers = TOOLVERS;
+  unsigned long proc = TOOLPROC_WORK;
   bool noArgs = false;
-  Order order{0, nullptr};
+  order_kl order{0, nullptr};
   int timeoutSeconds = 5;
   int retrySeconds = 1;
   std::string from;  // local source address; empty: the system's choice
@@ -190,9 +197,9 @@ CallResult callService(const Target& target, const CallSpec& callReq) {
   timeval retry{callReq.retrySeconds, 0};
   clnt_control(clnt, CLSET_RETRY_TIMEOUT, reinterpret_cast<char*>(&retry));
   timeval total{callReq.timeoutSeconds, 0};
-  Order order = callReq.order;
-  xdrproc_t argProc = callReq.noArgs ? asProc(xdr_void) : asProc(xdrOrder);
-  bool wantInt = callReq.proc != kToolNull;
+  order_kl order = callReq.order;
+  xdrproc_t argProc = callReq.noArgs ? asProc(xdr_void) : asProc(xdr_order_kl);
+  bool wantInt = callReq.proc != TOOLPROC_NULL;
   int value = 0;
   xdrproc_t resProc = wantInt ? asProc(xdr_int) : asProc(xdr_void);
   clnt_stat st = clnt_call(clnt, callReq.proc, argProc, reinterpret_cast<char*>(&order), resProc,
@@ -210,13 +217,13 @@ CallResult callService(const Target& target, const CallSpec& callReq) {
 
 const char* toolProcName(unsigned long proc) {
   switch (proc) {
-    case kToolNull:
+    case TOOLPROC_NULL:
       return "NULL";
-    case kToolWork:
+    case TOOLPROC_WORK:
       return "WORK";
-    case kToolCtrl:
+    case TOOLPROC_CTRL:
       return "CTRL";
-    case kToolInfo:
+    case TOOLPROC_INFO:
       return "INFO";
   }
   return "PROC";
@@ -253,7 +260,7 @@ std::string callerText(SVCXPRT* xprt) {
 }
 
 // Remembers where the registered worker's callback service listens.
-void rememberWorker(const Address& a, SVCXPRT* xprt) {
+void rememberWorker(const sockaddr_kl& a, SVCXPRT* xprt) {
   Target t;
   if (!server.workerHost.empty()) {
     if (!parseTarget(server.workerHost + ":" + std::to_string(a.port), &t) &&
@@ -265,13 +272,13 @@ void rememberWorker(const Address& a, SVCXPRT* xprt) {
     auto* s6 = reinterpret_cast<sockaddr_in6*>(&t.addr);
     s6->sin6_family = AF_INET6;
     s6->sin6_port = htons(a.port);
-    memcpy(&s6->sin6_addr, a.bytes, 16);
+    memcpy(&s6->sin6_addr, a.address, 16);
     t.len = sizeof *s6;
   } else {
     auto* s4 = reinterpret_cast<sockaddr_in*>(&t.addr);
     s4->sin_family = AF_INET;
     s4->sin_port = htons(a.port);
-    memcpy(&s4->sin_addr, a.bytes, 4);
+    memcpy(&s4->sin_addr, a.address, 4);
     t.len = sizeof *s4;
   }
   (void)xprt;
@@ -310,14 +317,14 @@ void advanceQueue() {
   if (server.queue.empty() || !server.inHand.empty()) return;
   if (server.next < server.queue.size()) {
     server.inHand = server.queue[server.next++];
-    sendToWorker(kToolWork, server.mode, server.inHand);
+    sendToWorker(TOOLPROC_WORK, server.mode, server.inHand);
     return;
   }
   if (server.queueReported) return;
   server.queueReported = true;
   emit("QUEUE done");
   if (server.finalCtrl != 0) {
-    sendToWorker(kToolCtrl, static_cast<int>(server.finalCtrl), server.finalText);
+    sendToWorker(TOOLPROC_CTRL, static_cast<int>(server.finalCtrl), server.finalText);
   }
 }
 
@@ -354,45 +361,45 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
       if (!server.silent) svc_sendreply(xprt, asProc(xdr_void), nullptr);
       return;
     }
-    case kHi:
-    case kInfo: {
-      const char* name = rq->rq_proc == kHi ? "HI" : "INFO";
-      Hello h;
-      if (!getArgs(xprt, xdrHello, &h, name, from)) return;
+    case KVPROC_HI:
+    case KVPROC_INFO: {
+      const char* name = rq->rq_proc == KVPROC_HI ? "HI" : "INFO";
+      hello_kl h;
+      if (!getArgs(xprt, xdr_hello_kl, &h, name, from)) return;
       std::string line = std::string(name) + " from=" + from + " " + addressText(h.address) +
                          " type=" + quote(h.type);
       line += answerInt(xprt, server.hiAnswer);
       if (server.hiAnswer != 0) rememberWorker(h.address, xprt);
-      freeArgs(xprt, xdrHello, &h);
+      freeArgs(xprt, xdr_hello_kl, &h);
       emit(line);
-      if (!server.silent && server.hiAnswer != 0 && rq->rq_proc == kHi) advanceQueue();
+      if (!server.silent && server.hiAnswer != 0 && rq->rq_proc == KVPROC_HI) advanceQueue();
       return;
     }
-    case kBye:
-    case kAlive: {
-      const char* name = rq->rq_proc == kBye ? "BYE" : "ALIVE";
-      Hello h;
-      if (!getArgs(xprt, xdrHello, &h, name, from)) return;
+    case KVPROC_BYE:
+    case KVPROC_ALIVE: {
+      const char* name = rq->rq_proc == KVPROC_BYE ? "BYE" : "ALIVE";
+      hello_kl h;
+      if (!getArgs(xprt, xdr_hello_kl, &h, name, from)) return;
       std::string line = std::string(name) + " from=" + from + " " + addressText(h.address) +
                          " type=" + quote(h.type);
       // The worker waits for the goodbye's reply but never for an alive one.
-      if (rq->rq_proc == kBye && !server.silent) {
+      if (rq->rq_proc == KVPROC_BYE && !server.silent) {
         svc_sendreply(xprt, asProc(xdr_void), nullptr);
       }
-      freeArgs(xprt, xdrHello, &h);
+      freeArgs(xprt, xdr_hello_kl, &h);
       emit(line);
-      if (rq->rq_proc == kBye && server.exitOnBye) server.quit = true;
+      if (rq->rq_proc == KVPROC_BYE && server.exitOnBye) server.quit = true;
       return;
     }
-    case kOp: {
-      OpReport r;
-      if (!getArgs(xprt, xdrOpReport, &r, "OP", from)) return;
+    case KVPROC_OP: {
+      op_kl r;
+      if (!getArgs(xprt, xdr_op_kl, &r, "OP", from)) return;
       std::string line = "OP from=" + from + " " + addressText(r.address) +
-                         " document=" + quote(r.document) + " text2=" + quote(r.text2) +
-                         " text3=" + quote(r.text3);
+                         " document=" + quote(r.document) + " text2=" + quote(r.status) +
+                         " text3=" + quote(r.comment);
       line += answerInt(xprt, server.opAnswer);
       bool answersInHand = r.document != nullptr && reportNames(r.document, server.inHand);
-      freeArgs(xprt, xdrOpReport, &r);
+      freeArgs(xprt, xdr_op_kl, &r);
       emit(line);
       if (answersInHand && !server.silent) {
         server.inHand.clear();
@@ -400,14 +407,14 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
       }
       return;
     }
-    case kCrt: {
-      CrtRequest r;
-      if (!getArgs(xprt, xdrCrtRequest, &r, "CRT", from)) return;
+    case KVPROC_CRT: {
+      crt_kl r;
+      if (!getArgs(xprt, xdr_crt_kl, &r, "CRT", from)) return;
       std::string line = "CRT from=" + from + " type=" + quote(r.type) + " " +
                          addressText(r.address) + " path=" + quote(r.path) +
                          " operation=" + quote(r.operation) + " comment=" + quote(r.comment);
       line += answerInt(xprt, server.crtAnswer);
-      freeArgs(xprt, xdrCrtRequest, &r);
+      freeArgs(xprt, xdr_crt_kl, &r);
       emit(line);
       return;
     }
@@ -461,10 +468,12 @@ void runCommand(const std::string& line) {
   std::string text = hasNumber ? rest.substr(static_cast<size_t>(used2)) : "";
   bool flag = false;
   if ((cmd == "work" || cmd == "ctrl" || cmd == "info") && hasNumber) {
-    unsigned long proc = cmd == "work" ? kToolWork : cmd == "ctrl" ? kToolCtrl : kToolInfo;
+    unsigned long proc = cmd == "work"   ? TOOLPROC_WORK
+                         : cmd == "ctrl" ? TOOLPROC_CTRL
+                                         : TOOLPROC_INFO;
     sendToWorker(proc, static_cast<int>(number), text);
   } else if (cmd == "null") {
-    sendToWorker(kToolNull, 0, "");
+    sendToWorker(TOOLPROC_NULL, 0, "");
   } else if (cmd == "refuse" && onOff(argWord, &flag)) {
     server.hiAnswer = flag ? 0 : 1;
   } else if (cmd == "silent" && onOff(argWord, &flag)) {
@@ -556,14 +565,14 @@ int serve(int argc, char** argv) {
     return 1;
   }
   SVCXPRT* xprt = svc_dg_create(fd, 0, 0);
-  unsigned long prog = kKvProg + static_cast<unsigned long>(offset);
+  unsigned long prog = KVPROG + static_cast<unsigned long>(offset);
   // Protocol 0: no port mapper; the worker is told the port directly.
-  if (xprt == nullptr || !svc_register(xprt, prog, kKvVers, kvDispatch, 0)) {
+  if (xprt == nullptr || !svc_register(xprt, prog, KVVERS, kvDispatch, 0)) {
     fprintf(stderr, "kvmini: cannot create the RPC service\n");
     return 1;
   }
   emit("kvmini listening port=" + std::to_string(boundPort(fd)) + " prog=" + std::to_string(prog) +
-       " vers=" + std::to_string(kKvVers));
+       " vers=" + std::to_string(KVVERS));
 
   bool stdinOpen = true;
   std::string pending;
@@ -652,12 +661,12 @@ int client(const std::string& cmd, int argc, char** argv) {
   long n = 0;
   std::string text;
   if (cmd == "work" && positional.size() == 1) {
-    callReq.proc = kToolWork;
+    callReq.proc = TOOLPROC_WORK;
     if (!numberGiven) callReq.order.number = 1;
     text = positional[0];
   } else if ((cmd == "ctrl" || cmd == "info") && !positional.empty() && positional.size() <= 2 &&
              parseInt(positional[0].c_str(), &n)) {
-    callReq.proc = cmd == "ctrl" ? kToolCtrl : kToolInfo;
+    callReq.proc = cmd == "ctrl" ? TOOLPROC_CTRL : TOOLPROC_INFO;
     callReq.order.number = static_cast<int>(n);
     text = positional.size() == 2 ? positional[1] : "";
   } else if (cmd == "call" && positional.size() == 1 && parseInt(positional[0].c_str(), &n)) {
