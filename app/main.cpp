@@ -6,6 +6,7 @@
 #include "base/Setup.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
+#include "kavlet/Kv.h"
 
 namespace {
 
@@ -36,17 +37,15 @@ int main(int argc, char** argv) {
   readSetup("COMMON");  // ends the process with 1 when CONFIG is not set
   installEventPrefix(argc > 0 ? argv[0] : "");
 
-  // Lives until the process ends: signal handlers reach it through theKavlet.
+  // Lives until the process ends, which destroys it (endProcess).
   Clockette* worker = new Clockette();
   if (worker->init(argc, argv) == 0) return 1;
   log.msg(__LINE__, 3, "%s started, %s", worker->name.c_str(), kVersionBanner);
   log.msg(__LINE__, 3, "settings: %s", worker->settingsLine().c_str());
   warnWithoutCommonSetup(log, configDir);
 
-  // connectKV gives the test run's success (1) or 0 after serving: 1 is the
-  // good outcome, so it maps to exit code 0 and 0 to 1.
+  // connectKV gives 1 for the good outcome (the test run did every document,
+  // the KV ended the service) and 0 otherwise: 1 maps to exit code 0 and 0 to 1.
   int rc = worker->connectKV();
-  if (rc == 0) return 1;
-  if (rc == 1) return 0;
-  return rc;
+  endProcess(rc == 0 ? 1 : rc == 1 ? 0 : rc);
 }

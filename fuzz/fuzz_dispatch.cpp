@@ -19,11 +19,22 @@ namespace {
 
 volatile size_t sink;
 
-void fuzzWork(int number, const char* text) { sink = static_cast<size_t>(number) + strlen(text); }
-int fuzzCtrl(int number, const char* text) { return number + static_cast<int>(strlen(text)); }
-void fuzzInfo(const char* text, int number) { sink = static_cast<size_t>(number) + strlen(text); }
-// Work mode 2 and the default control callback would end the process.
-void keepRunning(int) {}
+class FuzzHandler : public ToolHandler {
+ public:
+  ToolNext onWorkOrder(int number, const char* text) override {
+    sink = static_cast<size_t>(number) + strlen(text);
+    return ToolNext::kGoOn;
+  }
+  ToolNext onControlMessage(int number, const char* text, int* reply) override {
+    *reply = number + static_cast<int>(strlen(text));
+    return number == 0 ? ToolNext::kExitOk : ToolNext::kGoOn;
+  }
+  void onInfoMessage(const char* text, int number) override {
+    sink = static_cast<size_t>(number) + strlen(text);
+  }
+};
+
+FuzzHandler handler;
 
 struct Service {
   SVCXPRT* transport = nullptr;
@@ -33,9 +44,8 @@ struct Service {
   Service() {
     // Millions of inputs: keep the log (decoding errors at level 2) out of the way.
     Log::setLogFile("/dev/null");
-    ToolSetExitFunction(keepRunning);
     if (ToolCreateService(0) < 0) abort();
-    ToolSetCallbacks(fuzzWork, fuzzCtrl);
+    ToolSetHandler(&handler);
     transport = ToolServiceTransport(false);
     replySocket = socket(AF_INET, SOCK_DGRAM, 0);
     replyTo.sin_family = AF_INET;
@@ -52,12 +62,15 @@ struct Service {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Service service;
-  // Both branches of the info procedure: with and without a callback.
-  ToolSetInfoCallback(size % 2 ? fuzzInfo : nullptr);
+  // Both branches of the info procedure: with and without a handler.
+  ToolSetInfoHandler(size % 2 ? &handler : nullptr);
   svcudp_dispatch(service.transport, data, size, reinterpret_cast<sockaddr*>(&service.replyTo),
                   sizeof service.replyTo);
   char reply[9000];
   while (recv(service.replySocket, reply, sizeof reply, MSG_DONTWAIT) > 0) {
   }
+  // An input that ended the service (work mode 2, control code 0) must not
+  // silence the next one.
+  ToolTakeNext();
   return 0;
 }

@@ -1,7 +1,6 @@
 // Connecting to the KV: test mode or registration, then the RPC service
 // loop, which is the worker's main loop.
 #include <cstdint>
-#include <cstdlib>
 #include <mutex>
 
 #include "base/Log.h"
@@ -10,7 +9,6 @@
 #include "kavlet/Reporter.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolService.h"
-#include "rpc/Svc.h"
 
 namespace {
 
@@ -28,36 +26,35 @@ int Kavlet::connectKV() {
   Log log("Kavlet", "connectKV", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "Version: '%s'", "TEST");
   if (checkBeforeConnect() == 0) return 0;
-  return connectToKV(callback, ctrl);
+  return connectToKV(this);
 }
 
 int Kavlet::connectKVForService() {
   Log log("Kavlet", "connectKVForService", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "Version: '%s'", "TEST");
   if (checkBeforeConnect() == 0) return 0;
-  return connectToKVForService(callback, ctrl);
+  return connectToKVForService(this);
 }
 
-int Kavlet::connectToKV(ToolWorkCallback work, ToolCtrlCallback ctrl) {
+int Kavlet::connectToKV(ToolHandler* handler) {
   Log log("Kavlet", "connectToKV", __FILE__, __LINE__, 13);
   if (!testCount.empty()) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
   setKvPort(kvPort);
-  callKVhi(work, ctrl, kvHost.c_str(), 0);
-  run();
-  return 0;
+  callKVhi(handler, kvHost.c_str(), 0);
+  return run() == ToolNext::kExitOk ? 1 : 0;
 }
 
-int Kavlet::connectToKVForService(ToolWorkCallback work, ToolCtrlCallback ctrl) {
+int Kavlet::connectToKVForService(ToolHandler* handler) {
   Log log("Kavlet", "connectToKVForService", __FILE__, __LINE__, 13);
   if (!testCount.empty()) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
   setKvPort(kvPort);
-  callKVhi(work, ctrl, kvHost.c_str(), 1);
+  callKVhi(handler, kvHost.c_str(), 1);
   // Held so that a signal waits for the service and its goodbye.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
   int result = service(nullptr);
@@ -65,13 +62,12 @@ int Kavlet::connectToKVForService(ToolWorkCallback work, ToolCtrlCallback ctrl) 
   return result;
 }
 
-int Kavlet::callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* host,
-                     int forService) {
+int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
   Log log("Kavlet", "callKVhi", __FILE__, __LINE__, 13);
   // A signal during the registration waits for it, then says goodbye: the
   // goodbye must not run on the client state KVhi is filling in.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
-  int rc = KVhi(host, type.c_str(), work, ctrl);
+  int rc = KVhi(host, type.c_str(), handler);
   KVtarget kv = KVlastTarget();
   if (rc >= 0) {
     log.msg(__LINE__, 3, "registered with the KV at %s port %u as type '%s', orders to port %u",
@@ -112,10 +108,10 @@ int Kavlet::callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* h
   }
   // The serving variant only tells that it could not start; the one-shot
   // variant tells why.
-  exit(forService ? code : 1);
+  endProcess(forService ? code : 1);
 }
 
-void Kavlet::run() {
+ToolNext Kavlet::run() {
   Log log("Kavlet", "run", __FILE__, __LINE__, 13);
-  svc_run();
+  return ToolServe();
 }

@@ -45,13 +45,13 @@ int Kavlet::control(int code, const char* text) {
       }
     } else if (word == "print") {
       log.msg(__LINE__, 8, "print kavlet settings");
-      if (theKavlet != nullptr) printObject();
+      printObject();
     } else if (word == "usage") {
       log.msg(__LINE__, 8, "print usage");
-      if (theKavlet != nullptr) printUsage();
+      printUsage();
     } else if (word == "version") {
       log.msg(__LINE__, 8, "print version of kavlet");
-      if (theKavlet != nullptr) printVersion();
+      printVersion();
     } else if (word == "kvTestOn") {
       log.msg(__LINE__, 8, "turn kvTest on");
       kvTest = 1;

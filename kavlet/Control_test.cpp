@@ -1,8 +1,7 @@
-// Kavlet::control's word walk and the handlers' paths that do not end the
-// process, in this process. What ends the process is tested in
-// Worker_test.cpp with a real worker.
+// Kavlet::control's word walk and what the handlers decide, in this process.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -53,6 +52,7 @@ class ControlTest : public ::testing::Test {
     for (int level = 5; level <= Log::kMaxLevel; ++level) Log::unsetLevel(level);
   }
   SleepyKavlet kavlet_;
+  int reply_ = 0;
 };
 
 TEST_F(ControlTest, LoglevelSetsFiveUpToItsValueAndUnsetsTheRest) {
@@ -75,24 +75,19 @@ TEST_F(ControlTest, LoglevelSetsFiveUpToItsValueAndUnsetsTheRest) {
 TEST_F(ControlTest, SetLogLevelTakesOnlyTheFourSpellingsOfItsSwitch) {
   struct Case {
     const char* text;
-    bool debugAfter;  // level 9, starting from off
+    int debugBefore, debugAfter;  // level 9
   } cases[] = {
-      {"setLogLevel DEBUG On", false},  {"setLogLevel DEBUG on", true},
-      {"setLogLevel DEBUG ON", true},   {"setLogLevel debug on", true},
-      {"setLogLevel DEBUG yes", false},
+      {"setLogLevel DEBUG On", 0, 0},  {"setLogLevel DEBUG on", 0, 1},
+      {"setLogLevel DEBUG ON", 0, 1},  {"setLogLevel debug on", 0, 1},
+      {"setLogLevel DEBUG yes", 0, 0}, {"setLogLevel DEBUG OFF", 1, 0},
+      {"setLogLevel DEBUG off", 1, 0}, {"setLogLevel DEBUG Off", 1, 1},
   };
   LogCapture quiet;
   for (const Case& c : cases) {
-    Log::unsetLevel(9);
+    Log::setLevel(9, c.debugBefore);
     EXPECT_EQ(kavlet_.control(13, c.text), 1);
-    EXPECT_EQ(Log::getLevel(9), c.debugAfter ? 1 : 0) << c.text;
+    EXPECT_EQ(Log::getLevel(9), c.debugAfter) << c.text;
   }
-  Log::setLevel(9, 1);
-  EXPECT_EQ(kavlet_.control(13, "setLogLevel DEBUG OFF"), 1);
-  EXPECT_EQ(Log::getLevel(9), 0);
-  Log::setLevel(9, 1);
-  EXPECT_EQ(kavlet_.control(13, "setLogLevel DEBUG off"), 1);
-  EXPECT_EQ(Log::getLevel(9), 0);
 }
 
 TEST_F(ControlTest, WordsAreWalkedOneByOneAndUnknownOnesRefused) {
@@ -130,19 +125,40 @@ TEST_F(ControlTest, WordsAreWalkedOneByOneAndUnknownOnesRefused) {
   EXPECT_TRUE(log.contains("Got message '' with command 13"));
 }
 
-TEST_F(ControlTest, ASignalDuringTheKvsExitOrderOnlyLogs) {
-  LogCapture log;
-  exitInProgress = 1;
-  sig_handler(2);
-  EXPECT_TRUE(log.contains("Got signal 2, exiting ..."));
-  EXPECT_TRUE(log.contains("exit already in progress, forced by KV -> no work"));
-  EXPECT_EQ(theKavlet, &kavlet_);
-}
-
-TEST_F(ControlTest, TheLogoffEventIsIgnoredWithoutALogLine) {
-  LogCapture log;
-  EXPECT_EQ(sigwin_handler(kConsoleLogoffEvent), 1);
-  EXPECT_EQ(log.text(), "");
+// What the KV's control messages, signals and console events ask for; the
+// ends themselves are tested with a real worker (Worker_test.cpp).
+TEST_F(ControlTest, ExitOrderSignalsAndConsoleEventsDecideWhatHappensNext) {
+  struct Case {
+    const char* what;
+    std::function<ToolNext()> handle;
+    ToolNext next;
+    int reply;           // -1: none
+    const char* logged;  // "" for no log line at all
+  } cases[] = {
+      {"control", [this] { return kavlet_.onControlMessage(13, "kvTestOn", &reply_); },
+       ToolNext::kGoOn, 1, "turn kvTest on"},
+      {"logoff", [] { return onConsoleEvent(kConsoleLogoffEvent); }, ToolNext::kGoOn, -1, ""},
+      {"exit order", [this] { return kavlet_.onControlMessage(0, nullptr, &reply_); },
+       ToolNext::kExitOk, -1, "That's it for me, I'm exiting "},
+      // From here on the KV's exit order is in progress.
+      {"signal", [] { return onStopSignal(2); }, ToolNext::kGoOn, -1,
+       "exit already in progress, forced by KV -> no work"},
+      {"close", [] { return onConsoleEvent(kConsoleCloseEvent); }, ToolNext::kGoOn, -1,
+       "exit already in progress, forced by KV -> no work"},
+  };
+  for (const Case& c : cases) {
+    LogCapture log;
+    reply_ = -1;
+    EXPECT_EQ(c.handle(), c.next) << c.what;
+    EXPECT_EQ(reply_, c.reply) << c.what;
+    if (*c.logged == '\0') {
+      EXPECT_EQ(log.text(), "") << c.what;
+    } else {
+      EXPECT_TRUE(log.contains(c.logged)) << c.what << ": " << log.text();
+    }
+  }
+  EXPECT_EQ(kavlet_.kvTest, 1);
+  EXPECT_EQ(exitInProgress, 1);
 }
 
 }  // namespace

@@ -10,9 +10,10 @@
 
 #include "base/Log.h"
 #include "base/Platform.h"
-#include "base/Setup.h"
 #include "base/SettingsLine.h"
+#include "base/Setup.h"
 #include "base/SystemError.h"
+#include "kavlet/docfiles/Document.h"
 
 Kavlet* theKavlet = nullptr;
 
@@ -52,7 +53,6 @@ Kavlet::Kavlet()
       testJobs(1),
       errorComment("could not process document"),
       okComment("document has been processed"),
-      document(nullptr),
       kvTest(0),
       errorStatus("error"),
       okStatus("ok"),

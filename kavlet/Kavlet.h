@@ -12,31 +12,34 @@
 // command line (parseArgv).
 //
 // Lifetime: main creates exactly one Kavlet (through the tool class); the
-// constructor makes it reachable as theKavlet for the signal handlers and the
-// RPC callbacks. It lives until the process ends.
+// constructor makes it reachable as theKavlet for endProcess and the designed
+// entries of kavlet/Kv.h. It lives until the process ends.
 //
 // After init, main calls connectKV: in test mode (-test) the work cycle runs
 // over the document directories under -testpath; otherwise the worker
-// registers with the KV and serves its orders in the RPC service loop until
-// the process is ended by the KV's exit order, a signal or a failed report.
+// registers with the KV as the tool service's handler and serves its orders
+// in the RPC service loop, until a handler asks for the end (the KV's exit
+// order or last order, a failed report) and connectKV returns to main, or a
+// signal ends the process (kavlet/Kv.h).
 //
 // Threading: everything runs on the main thread except the signal thread
-// (kavlet/Signals.h), which reaches the object only through theKavlet and
-// only while holding kvWorkerLock (kavlet/Kv.h).
+// (kavlet/Signals.h), which reaches the object only in endProcess, holding
+// kvWorkerLock (kavlet/Kv.h).
 //
 // Results follow the framework's rule: 1 for success, 0 for failure.
 #ifndef KAVLET_KAVLET_H_
 #define KAVLET_KAVLET_H_
 
+#include <memory>
 #include <vector>
 
 #include "base/String.h"
-#include "kvrpc/ToolService.h"
+#include "kvrpc/ToolHandler.h"
 
 class Document;
 class SettingsLine;
 
-class Kavlet {
+class Kavlet : public ToolHandler {
  public:
   static constexpr int kDefaultKvPort = 4032;
 
@@ -132,43 +135,56 @@ class Kavlet {
   // the next call overwrites.
   static const char* getTime();
 
+  // --- The KV's requests (kavlet/Kv.cpp) ---
+
+  // A work order: works on the document directory (work). kExitError when
+  // the KV did not accept the report; kGoOn otherwise. Once a stop is
+  // requested it never returns: the signal thread ends the process.
+  ToolNext onWorkOrder(int order, const char* directory) override;
+  // A control message: code 0 is the KV's exit order (kExitOk, nothing
+  // answered); any other goes to control, whose result is *reply.
+  ToolNext onControlMessage(int code, const char* text, int* reply) override;
+
   // --- Connecting to the KV (kavlet/Connect.cpp) ---
 
-  // Test mode, or registration and the RPC service loop with the callbacks
-  // of kavlet/Kv.h. Returns the result of test mode, or 0 after serving (also
-  // when checkBeforeConnect refused the start).
+  // Test mode, or registration and the RPC service loop with this object as
+  // the handler. Returns the result of test mode; after serving, 1 when the
+  // KV ended the service (its exit order or last order) and 0 when it ended
+  // otherwise (a failed report, a failed loop, checkBeforeConnect refusing
+  // the start).
   int connectKV();
   // The one-shot variant: registers, runs service once without a document,
   // says goodbye and returns service's result (test mode: its result).
   int connectKVForService();
-  int connectToKV(ToolWorkCallback work, ToolCtrlCallback ctrl);
-  int connectToKVForService(ToolWorkCallback work, ToolCtrlCallback ctrl);
+  int connectToKV(ToolHandler* handler);
+  int connectToKVForService(ToolHandler* handler);
   // Registers with the KV on host under type. Returns the registration
   // result (0 or more); a refused or failed registration is logged and ends
   // the process: with exit code 1 in the serving variant (forService 0), in
   // the one-shot variant with 1 for a refusal and the negated result for
-  // any other failure.
-  int callKVhi(ToolWorkCallback work, ToolCtrlCallback ctrl, const char* host, int forService);
-  // The RPC service loop; returns only when the loop ends.
-  void run();
+  // any other failure (endProcess).
+  int callKVhi(ToolHandler* handler, const char* host, int forService);
+  // The RPC service loop; returns what ended it (ToolServe).
+  ToolNext run();
 
   // Settings, in the order the framework has always kept them. Public: the
   // tool, the control callbacks and the work cycle read and set them.
-  String parafile;         // -parafile: setup package read in initLog
-  String kvDir;            // KVDIR, with "\" turned into "/"
-  String kvHost;           // KV host; the local host name by default
-  int kvPort;              // KV port
-  String serverLogDir;     // ZEPH_SRV_LOG, read in initLog
-  String logFile;          // log file; <type>.log when not given
-  int logLevel;            // numeric log level 0-12
-  String name;             // program name
-  String testCount;        // non-empty: test mode; the count or "-test"
-  String testPath;         // -testpath: directory worked on in test mode
-  int testJobs;            // -jobs: documents worked on at a time in test mode (1 or more)
-  String type;             // worker type registered with the KV
-  String errorComment;     // comment of a failed document
-  String okComment;        // comment of a processed document
-  Document* document;      // the document in hand; owned, only during one order
+  String parafile;      // -parafile: setup package read in initLog
+  String kvDir;         // KVDIR, with "\" turned into "/"
+  String kvHost;        // KV host; the local host name by default
+  int kvPort;           // KV port
+  String serverLogDir;  // ZEPH_SRV_LOG, read in initLog
+  String logFile;       // log file; <type>.log when not given
+  int logLevel;         // numeric log level 0-12
+  String name;          // program name
+  String testCount;     // non-empty: test mode; the count or "-test"
+  String testPath;      // -testpath: directory worked on in test mode
+  int testJobs;         // -jobs: documents worked on at a time in test mode (1 or more)
+  String type;          // worker type registered with the KV
+  String errorComment;  // comment of a failed document
+  String okComment;     // comment of a processed document
+  // The document in hand, only during one order.
+  std::unique_ptr<Document> document;
   int kvTest;              // set by the control words kvTestOn/kvTestOff
   String curErrorComment;  // errorComment for the document in hand
   String errorStatus;      // status word of a failed document
@@ -186,7 +202,7 @@ class Kavlet {
 };
 
 // The one Kavlet of the process; set by its constructor, cleared by its
-// destructor.
+// destructor. Used only by endProcess and the designed entries of kavlet/Kv.h.
 extern Kavlet* theKavlet;
 
 #endif  // KAVLET_KAVLET_H_

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "base/Log.h"
 #include "base/Stop.h"
@@ -22,6 +21,10 @@ constexpr const char* kComponent = "(global)";
 constexpr int kResultReportCodes = 2;
 constexpr int kTermSignal = 15;
 
+void endIfAsked(ToolNext next) {
+  if (next != ToolNext::kGoOn) endProcess(toolExitStatus(next));
+}
+
 }  // namespace
 
 std::recursive_mutex& kvWorkerLock() {
@@ -31,22 +34,26 @@ std::recursive_mutex& kvWorkerLock() {
   return *lock;
 }
 
-void callback(int order, const char* directory) {
+void endProcess(int status) {
+  kvWorkerLock().lock();  // never released
+  delete theKavlet;
+  reporterFinish();
+  Log::flush();
+  fflush(nullptr);
+  _exit(status);
+}
+
+ToolNext Kavlet::onWorkOrder(int order, const char* directory) {
   Log log(kComponent, "callback", __FILE__, __LINE__, 13);
   (void)order;  // the work mode is the tool service's business
   const char* dir = directory ? directory : "";
   std::unique_lock<std::recursive_mutex> hold(kvWorkerLock());
   log.msg(__LINE__, 8, "StartWith '%s'", dir);
-  if (theKavlet == nullptr) {
-    log.msg(__LINE__, 1, "Internal error ... exiting");
-    KVbye();
-    exit(1);
-  }
   int rc = 0;
   if (stopRequested()) {
     log.msg(__LINE__, 3, "Document '%s' not taken: the worker is stopping", dir);
   } else {
-    rc = theKavlet->work(dir);
+    rc = work(dir);
     log.msg(__LINE__, 8, "Finished: '%s'", dir);
   }
   if (stopRequested()) {
@@ -55,66 +62,76 @@ void callback(int order, const char* directory) {
     hold.unlock();
     for (;;) pause();
   }
-  if (rc == 0) return;
+  if (rc == 0) return ToolNext::kGoOn;
   String text;
   KVcodeName(rc, kResultReportCodes, text);
   log.msg(__LINE__, 1, "KVop did not succeed, error: %s  ... exiting", text.c_str());
-  delete theKavlet;
-  exit(1);
+  return ToolNext::kExitError;
 }
 
-int ctrl(int code, const char* text) {
+ToolNext Kavlet::onControlMessage(int code, const char* text, int* reply) {
   Log log(kComponent, "ctrl", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "Got message '%s' with command %d", text ? text : "", code);
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
   if (code == 0) {
+    // The KV ordered the exit and forgets this worker itself: no goodbye,
+    // no answer.
     exitInProgress = 1;
     log.msg(__LINE__, 8, "That's it for me, I'm exiting ");
-    delete theKavlet;
-    // The KV ordered the exit and forgets this worker itself: no goodbye, no
-    // exit handlers. Only what is already written is flushed.
-    reporterFinish();
-    Log::flush();
-    fflush(stdout);
-    _exit(0);
+    return ToolNext::kExitOk;
   }
-  if (theKavlet == nullptr) return 1;
-  return theKavlet->control(code, text);
+  *reply = control(code, text);
+  return ToolNext::kGoOn;
 }
 
-void sig_handler(int signal) {
+ToolNext onStopSignal(int signal) {
   Log log(kComponent, "sig_handler", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 3, "Got signal %d, exiting ...", signal);
   if (exitInProgress == 1) {
     log.msg(__LINE__, 8, "exit already in progress, forced by KV -> no work");
-    return;
+    return ToolNext::kGoOn;
   }
-  // Waits for the order or control message in hand (see Kv.h); never
-  // released: the process ends while holding it.
+  // Waits for the order or control message in hand (see Kv.h); kept until
+  // the process ends.
   kvWorkerLock().lock();
   if (exitInProgress == 1) {
     kvWorkerLock().unlock();
     log.msg(__LINE__, 8, "exit already in progress, forced by KV -> no work");
-    return;
+    return ToolNext::kGoOn;
   }
   KVbye();
   log.msg(__LINE__, 8, "KVbye() ...");
-  delete theKavlet;
-  // The main thread may still sit in the service loop: running the exit
-  // handlers and static destructors under it could let a late request reach
-  // torn-down state. The output is flushed and the process ends here.
-  reporterFinish();
-  Log::flush();
-  fflush(nullptr);
-  _exit(1);
+  return ToolNext::kExitError;
 }
 
-int sigwin_handler(int event) {
-  if (event == kConsoleLogoffEvent) return 1;
+ToolNext onConsoleEvent(int event) {
+  if (event == kConsoleLogoffEvent) return ToolNext::kGoOn;
   Log log(kComponent, "sigwin_handler", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "received Console Control Event 0x%x, exiting", event);
   fflush(stdout);
   fflush(stderr);
-  sig_handler(kTermSignal);
+  return onStopSignal(kTermSignal);
+}
+
+void callback(int order, const char* directory) {
+  if (theKavlet == nullptr) {
+    Log log(kComponent, "callback", __FILE__, __LINE__, 13);
+    log.msg(__LINE__, 1, "Internal error ... exiting");
+    KVbye();
+    endProcess(1);
+  }
+  endIfAsked(theKavlet->onWorkOrder(order, directory));
+}
+
+int ctrl(int code, const char* text) {
+  int reply = 1;
+  if (theKavlet != nullptr) endIfAsked(theKavlet->onControlMessage(code, text, &reply));
+  return reply;
+}
+
+void sig_handler(int signal) { endIfAsked(onStopSignal(signal)); }
+
+int sigwin_handler(int event) {
+  endIfAsked(onConsoleEvent(event));
   return 1;
 }

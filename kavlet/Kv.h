@@ -1,9 +1,14 @@
-// kv: the worker's entries from outside: the order and control callbacks
-// that the tool service calls, and the handlers of signals and console
-// events. All reach the one Kavlet through theKavlet.
+// kv: the worker's entries from outside and the one way the worker process
+// ends. The KV's orders and control messages reach the Kavlet as the tool
+// service's handler (Kavlet::onWorkOrder, Kavlet::onControlMessage); signals
+// and console events are decided here (onStopSignal, onConsoleEvent). Each
+// says what happens next (ToolNext); only endProcess ends the process, called
+// by main once the service loop has returned, and by the signal thread. The
+// designed entries callback, ctrl, sig_handler and sigwin_handler are thin
+// wrappers that decide and end the process when asked.
 //
-// Threading: callback and ctrl run on the main thread inside the RPC service
-// loop; sig_handler and sigwin_handler run on the signal thread
+// Threading: the KV's requests are handled on the main thread inside the RPC
+// service loop; signals and console events on the signal thread
 // (kavlet/Signals.h), in ordinary thread context, never inside an
 // asynchronous signal handler. kvWorkerLock keeps them apart: the main
 // thread holds it while it registers, works on an order (including the
@@ -14,13 +19,15 @@
 // raised the stop request (base/Stop.h) first, hashing and Timestamp Server
 // exchanges give up on it, and a document cut short that way is left
 // unchanged and not reported (Kavlet::work). A document that ended before
-// the stop is reported as usual. Once a stop is requested, callback takes no
+// the stop is reported as usual. Once a stop is requested, onWorkOrder takes no
 // further order and leaves the ending to the signal thread.
 #ifndef KAVLET_KV_H_
 #define KAVLET_KV_H_
 
 #include <atomic>
 #include <mutex>
+
+#include "kvrpc/ToolHandler.h"
 
 // 1 once the KV has ordered the exit; a signal then only logs.
 extern std::atomic<int> exitInProgress;
@@ -29,23 +36,33 @@ extern std::atomic<int> exitInProgress;
 // that already holds it does not deadlock.
 std::recursive_mutex& kvWorkerLock();
 
-// The order callback: works on the document directory and ends the process
-// (exit code 1) when the KV does not accept the report.
-void callback(int order, const char* directory);
-// The control callback: code 0 is the exit order (ends the process with
-// exit code 0 at once); any other code goes to Kavlet::control, whose result
-// (1) it returns.
-int ctrl(int code, const char* text);
-// A signal: says goodbye to the KV and ends the process with exit code 1,
-// unless the KV's exit order is already being carried out.
-void sig_handler(int signal);
+// Ends the process with status, without the C runtime's exit handlers: the
+// signal and reporter threads may still run, and a late request must not reach
+// torn-down state. Takes kvWorkerLock for good (a signal arriving now waits
+// instead of saying goodbye under the ending), destroys theKavlet, writes the
+// last summary and metrics (kavlet/Reporter.h) and flushes the log and stdio.
+[[noreturn]] void endProcess(int status);
+
+// A stop signal: says goodbye to the KV and asks for exit status 1 (kExitError),
+// unless the KV's exit order is already being carried out (kGoOn: only logged).
+// On kExitError kvWorkerLock stays held, for endProcess.
+ToolNext onStopSignal(int signal);
 
 // Console control events, as the signal thread maps the signals to them.
 constexpr int kConsoleBreakEvent = 1;   // SIGQUIT
 constexpr int kConsoleCloseEvent = 2;   // SIGTERM
 constexpr int kConsoleLogoffEvent = 5;  // SIGHUP
-// A console event: the log-off event is ignored; any other ends the worker
-// through sig_handler(15). Returns 1 (handled) when it returns at all.
+// A console event: the log-off event is ignored (kGoOn, not logged); any
+// other is the stop signal 15.
+ToolNext onConsoleEvent(int event);
+
+// The designed entries, each the decision above and endProcess when it asks
+// for the end. callback: Kavlet::onWorkOrder (without a Kavlet: "Internal
+// error", goodbye, exit status 1). ctrl: Kavlet::onControlMessage; returns the
+// reply. sigwin_handler returns 1 (handled) when it returns at all.
+void callback(int order, const char* directory);
+int ctrl(int code, const char* text);
+void sig_handler(int signal);
 int sigwin_handler(int event);
 
 #endif  // KAVLET_KV_H_

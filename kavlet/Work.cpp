@@ -2,6 +2,7 @@
 // extendedKVop and getTime.
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 
 #include "base/Log.h"
 #include "base/Metrics.h"
@@ -33,8 +34,8 @@ int lockWaitSeconds() {
 
 int Kavlet::createDocument(const char* directory, const char* workerType) {
   Log log("Kavlet", "createDocument", __FILE__, __LINE__, 13);
-  delete document;
-  document = new Document(directory ? directory : "", workerType ? workerType : "", kWithProtocol);
+  document = std::make_unique<Document>(directory ? directory : "", workerType ? workerType : "",
+                                        kWithProtocol);
   return 1;
 }
 
@@ -67,8 +68,7 @@ int Kavlet::work(const char* directory) {
     // reruns do not pile them up; once COMMANDS names them they stay.
     if (result == 0 && !commandsWritten) document->removeCreatedFiles();
   }
-  delete document;
-  document = nullptr;
+  document.reset();
   metrics::countDocument(result != 0);
 
   if (!testCount.empty()) return result;

@@ -245,7 +245,7 @@ int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOr
   return -1;
 }
 
-int KVhi(const char* host, const char* type, ToolWorkCallback work, ToolCtrlCallback ctrl) {
+int KVhi(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVhi", __FILE__, __LINE__, 13);
   ClientState& s = st();
   s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
@@ -254,13 +254,13 @@ int KVhi(const char* host, const char* type, ToolWorkCallback work, ToolCtrlCall
     log.msg(__LINE__, 5, "KVhi: ToolCreateService() failed; creating the Kavlet service failed");
     return -5;
   }
-  ToolSetCallbacks(work, ctrl);
+  if (handler != nullptr) ToolSetHandler(handler);
   if (s.simulation) return ToolServiceSocket();
   int rc = KVconnect(host, type, ToolServicePort(), 1);
   return rc < 0 ? rc : ToolServiceSocket();
 }
 
-int KVinfo(const char* host, const char* type, ToolInfoCallback info) {
+int KVinfo(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVinfo", __FILE__, __LINE__, 13);
   ClientState& s = st();
   s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
@@ -269,7 +269,7 @@ int KVinfo(const char* host, const char* type, ToolInfoCallback info) {
     log.msg(__LINE__, 5, "KVinfo: ToolCreateService() failed; creating the Kavlet service failed");
     return -1;
   }
-  ToolSetInfoCallback(info);
+  ToolSetInfoHandler(handler);
   if (s.simulation) return ToolServiceSocket();
   int rc = KVconnect(host, type, ToolServicePort(), 0);
   if (rc < 0) return rc;
@@ -390,7 +390,7 @@ void KVbye() {
   ClientState& s = st();
   if (s.registration == nullptr) return;
   // From now on a late control message ends the process and a late order is only logged.
-  ToolResetCallbacks();
+  ToolSetHandler(nullptr);
   if (clnt_call(s.registration, KVPROC_BYE, xdr_proc<xdr_hello_kl>, &s.hello, xdr_proc<xdr_void>,
                 nullptr, seconds(kByeSeconds)) != RPC_SUCCESS) {
     reportRpcError(log, __LINE__, s.registration, "KVbye");

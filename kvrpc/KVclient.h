@@ -4,7 +4,7 @@
 //
 // One registration per process: the module keeps the registration client, the
 // registration record, the time-outs, the KV port and the environment it read
-// (getEnv). The callbacks live in the tool service (ToolService.h), which
+// (getEnv). The handlers are borrowed by the tool service (ToolService.h), which
 // KVhi/KVinfo create. Results: 0 for success, -1 to -5 for registration
 // failures (KVstringError gives their texts), 1 when a call itself failed,
 // otherwise the KV's answer. Single-threaded: called from the worker's main
@@ -26,15 +26,16 @@ struct CLIENT;
 
 // Registers the tool as a worker of type with the KV on host ("DEBUG":
 // simulation, nothing is sent). Creates the callback service on first use and
-// installs the non-null callbacks. Returns the service socket (>= 0), or -1
+// hands its work orders and control messages to handler (borrowed; null
+// keeps the handler in place). Returns the service socket (>= 0), or -1
 // (type not needed), -2 (host unknown), -3 (no answer), -4 (client creation),
 // -5 (service creation).
-int KVhi(const char* host, const char* type, ToolWorkCallback work, ToolCtrlCallback ctrl);
+int KVhi(const char* host, const char* type, ToolHandler* handler);
 
-// Registers the tool for information messages; the info callback (null too)
-// is installed. Returns the service socket or -1 to -4 (-1 also when the
+// Registers the tool for information messages, which go to handler
+// (borrowed; null: they are refused). Returns the service socket or -1 to -4 (-1 also when the
 // service cannot be made).
-int KVinfo(const char* host, const char* type, ToolInfoCallback info);
+int KVinfo(const char* host, const char* type, ToolHandler* handler);
 
 // The registration exchange of KVhi (opOrInfo 1) and KVinfo (0): tells the KV
 // on host that a tool of type serves on servicePort. Returns 0 or -1 to -4.
@@ -58,8 +59,8 @@ int KVcrt2(const char* path, const char* operation, const char* comment);
 
 // Tells the KV that the tool is alive: sent once, no answer awaited.
 void KValive();
-// Says goodbye and drops the registration; afterwards the default callbacks
-// are in place again, so a late control message ends the process.
+// Says goodbye and drops the registration; afterwards the default handler
+// is in place again, so a late control message ends the process.
 void KVbye();
 // Fixes the KV's port; KVPORT no longer overrides it.
 void KVSetPort(uint16_t port);

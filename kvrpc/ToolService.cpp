@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "base/Log.h"
@@ -14,16 +13,29 @@
 
 namespace {
 
+// Serves until the first KVhi and again after KVbye.
+class DefaultHandler : public ToolHandler {
+ public:
+  ToolNext onWorkOrder(int number, const char* text) override {
+    DefaultWorker(number, text);
+    return ToolNext::kGoOn;
+  }
+  ToolNext onControlMessage(int code, const char* text, int*) override {
+    return DefaultCtrl(code, text);
+  }
+};
+
+DefaultHandler defaultHandler;
+
 struct ServiceState {
   int socket = 0;  // 0: no service yet
   uint16_t port = 0;
   uint32_t socketMask = 0;
   SVCXPRT* v4 = nullptr;  // owned by the runtime's descriptor table
   SVCXPRT* v6 = nullptr;
-  ToolWorkCallback work = DefaultWorker;
-  ToolCtrlCallback ctrl = DefaultCtrl;
-  ToolInfoCallback info = nullptr;
-  void (*exitFn)(int) = exit;
+  ToolHandler* handler = &defaultHandler;
+  ToolHandler* info = nullptr;
+  ToolNext next = ToolNext::kGoOn;  // the end a handler asked for
 };
 
 ServiceState& state() {
@@ -37,9 +49,11 @@ const char* baseName(const char* path) {
   return slash ? slash + 1 : path;
 }
 
-void endProcess(int status) {
-  Log::flush();
-  state().exitFn(status);
+// Stops the loop when next asks for the end of the process.
+void decide(ToolNext next) {
+  if (next == ToolNext::kGoOn) return;
+  state().next = next;
+  terminateSvcrun();
 }
 
 }  // namespace
@@ -93,6 +107,9 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
   ServiceState& s = state();
   u_long proc = request->rq_proc;
   log.msg(__LINE__, 8, "ToolDispatch %d", static_cast<int>(proc));
+  // The process is ending: a request that came with the one that ended it
+  // is left unanswered, as it would be by a process that is gone.
+  if (s.next != ToolNext::kGoOn) return;
   if (proc > TOOLPROC_INFO) {
     svcerr_noproc(transport);
     return;
@@ -125,17 +142,20 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
                 order.text ? order.text : "NULL");
         break;
       }
-      s.work(order.number, order.text);
+      ToolNext next = s.handler->onWorkOrder(order.number, order.text);
       log.msg(__LINE__, 9, "%s %d worker returns", baseName(__FILE__), __LINE__);
-      if (order.number == 2) {
-        svc_freeargs(transport, xdr_proc<xdr_order_kl>, &order);
-        endProcess(0);
-        return;
-      }
+      // Mode 2 is the KV's last order for this worker.
+      if (next == ToolNext::kGoOn && order.number == 2) next = ToolNext::kExitOk;
+      decide(next);
       break;
     }
     case TOOLPROC_CTRL: {
-      int result = s.ctrl(order.number, order.text);
+      int result = 0;
+      ToolNext next = s.handler->onControlMessage(order.number, order.text, &result);
+      if (next != ToolNext::kGoOn) {
+        decide(next);  // ends before it answers
+        break;
+      }
       if (!svc_sendreply(transport, xdr_proc<xdr_int>, &result)) {
         log.msg(__LINE__, 5, "ToolDisiggh gfghpatch: cannot reply");
       }
@@ -144,7 +164,7 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
     case TOOLPROC_INFO:
       // Information messages are one-way: no reply, not even an empty one.
       if (s.info != nullptr) {
-        s.info(order.text, order.number);
+        s.info->onInfoMessage(order.text, order.number);
       } else {
         svcerr_noproc(transport);
       }
@@ -158,11 +178,21 @@ void DefaultWorker(int number, const char* text) {
   log.msg(__LINE__, 5, "DefaultWorker(%d, '%s')", number, text ? text : "NULL");
 }
 
-int DefaultCtrl(int number, const char* text) {
+ToolNext DefaultCtrl(int number, const char* text) {
   Log log("ToolService", "DefaultCtrl", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 5, "DefaultCtrl(%d,'%s')", number, text ? text : "NULL");
-  endProcess(0);
-  return 0;
+  return ToolNext::kExitOk;
+}
+
+ToolNext ToolServe() {
+  svc_run();
+  return ToolTakeNext();
+}
+
+ToolNext ToolTakeNext() {
+  ToolNext next = state().next;
+  state().next = ToolNext::kGoOn;
+  return next;
 }
 
 int ToolServiceSocket() { return state().socket; }
@@ -170,16 +200,8 @@ uint16_t ToolServicePort() { return state().port; }
 uint32_t ToolSocketMask() { return state().socketMask; }
 SVCXPRT* ToolServiceTransport(bool ipv6) { return ipv6 ? state().v6 : state().v4; }
 
-void ToolSetCallbacks(ToolWorkCallback work, ToolCtrlCallback ctrl) {
-  if (work != nullptr) state().work = work;
-  if (ctrl != nullptr) state().ctrl = ctrl;
+void ToolSetHandler(ToolHandler* handler) {
+  state().handler = handler != nullptr ? handler : &defaultHandler;
 }
 
-void ToolResetCallbacks() {
-  state().work = DefaultWorker;
-  state().ctrl = DefaultCtrl;
-}
-
-void ToolSetInfoCallback(ToolInfoCallback info) { state().info = info; }
-
-void ToolSetExitFunction(void (*exitFn)(int status)) { state().exitFn = exitFn ? exitFn : exit; }
+void ToolSetInfoHandler(ToolHandler* handler) { state().info = handler; }

@@ -3,11 +3,15 @@
 //
 // The service listens on one ephemeral UDP port with two sockets, IPv4 and
 // (when the host has it) IPv6. It is created once per process by KVhi or
-// KVinfo and lives until the process ends. The callbacks it calls are module
-// state shared with the KV client calls (KVclient.h), which install and reset
-// them.
+// KVinfo and lives until the process ends. The handlers it calls
+// (ToolHandler.h) are borrowed; the KV client calls (KVclient.h) install and
+// reset them.
 //
-// Threading: everything runs on the thread of svc_run. The work callback runs
+// The service never ends the process: when a handler (or the KV's last work
+// order) asks for the end, the service stops its loop and leaves every later
+// request unanswered, and ToolServe returns what was asked.
+//
+// Threading: everything runs on the thread of svc_run. The work handler runs
 // inside the dispatch of a work order, so further requests wait in the
 // socket's queue until it returns.
 #ifndef KVRPC_TOOLSERVICE_H_
@@ -16,16 +20,10 @@
 #include <cstdint>
 
 #include "kvrpc/KVprot.h"
+#include "kvrpc/ToolHandler.h"
 
 struct SVCXPRT;
 struct svc_req;
-
-// Work order: number is the work mode, text the document directory.
-typedef void (*ToolWorkCallback)(int number, const char* text);
-// Control message: code and message text; the result is the reply.
-typedef int (*ToolCtrlCallback)(int number, const char* text);
-// Information message; note the order: text first.
-typedef void (*ToolInfoCallback)(const char* text, int number);
 
 // Creates the IPv4 service on an ephemeral port and an IPv6 one on the same
 // port, both dispatching to ToolDispatch and serving only the callers that
@@ -36,17 +34,26 @@ typedef void (*ToolInfoCallback)(const char* text, int number);
 int ToolCreateService(int protocol);
 
 // The dispatch routine of TOOLPROG version 1. A work order is acknowledged
-// (int 1) before the work callback runs, and not worked at all when the
+// (int 1) before the work handler runs, and not worked at all when the
 // acknowledgement cannot be sent: the KV repeats unacknowledged orders. Work
-// mode 2 ends the process (status 0) after the work. Procedures of 4 or more,
-// and procedure 3 without an info callback, get PROC_UNAVAIL; arguments that
-// do not decode get GARBAGE_ARGS.
+// mode 2 is the last order: after the work the process ends (status 0).
+// Procedures of 4 or more, and procedure 3 without an info handler, get
+// PROC_UNAVAIL; arguments that do not decode get GARBAGE_ARGS.
 void ToolDispatch(svc_req* request, SVCXPRT* transport);
 
-// Default work callback: logs the order and does nothing.
+// Runs the service loop (svc_run) until a handler asks for the end of the
+// process, and returns what it asked; kGoOn when the loop ended otherwise
+// (terminateSvcrun, a failed select).
+ToolNext ToolServe();
+// Returns the end a handler asked for (kGoOn when none) and forgets it, so
+// that the service answers requests again.
+ToolNext ToolTakeNext();
+
+// The default handler's work: logs the order and does nothing.
 void DefaultWorker(int number, const char* text);
-// Default control callback: logs the message and ends the process (status 0).
-int DefaultCtrl(int number, const char* text);
+// The default handler's control: logs the message and asks for the end of the
+// process (status 0), before anything is answered.
+ToolNext DefaultCtrl(int number, const char* text);
 
 // The IPv4 service socket, or 0 when no service exists yet.
 int ToolServiceSocket();
@@ -57,15 +64,12 @@ uint32_t ToolSocketMask();
 // The transports of the services (IPv6: null when the host has none).
 SVCXPRT* ToolServiceTransport(bool ipv6);
 
-// Installs callbacks; a null argument keeps the one in place.
-void ToolSetCallbacks(ToolWorkCallback work, ToolCtrlCallback ctrl);
-// Back to DefaultWorker and DefaultCtrl.
-void ToolResetCallbacks();
-// Installs the info callback; null removes it.
-void ToolSetInfoCallback(ToolInfoCallback info);
-
-// How the module ends the process (exit by default). Tests and the fuzz
-// target replace it so that the process survives a work order of mode 2.
-void ToolSetExitFunction(void (*exitFn)(int status));
+// Installs the handler of work orders and control messages (borrowed: it
+// must stay until it is replaced); null: back to the default handler
+// (DefaultWorker, DefaultCtrl).
+void ToolSetHandler(ToolHandler* handler);
+// Installs the handler of information messages (borrowed); null: they are
+// answered PROC_UNAVAIL.
+void ToolSetInfoHandler(ToolHandler* handler);
 
 #endif  // KVRPC_TOOLSERVICE_H_

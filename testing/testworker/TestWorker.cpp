@@ -23,6 +23,7 @@
 #include "base/Log.h"
 #include "base/Setup.h"
 #include "kavlet/Kavlet.h"
+#include "kavlet/Kv.h"
 #include "kavlet/docfiles/Document.h"
 
 namespace {
@@ -93,11 +94,9 @@ void dropPrivileges() {
 int main(int argc, char** argv) {
   dropPrivileges();
   readSetup("COMMON");
-  // Lives until the process ends: the callbacks reach it through theKavlet.
+  // Lives until the process ends, which destroys it (endProcess).
   TestWorker* worker = new TestWorker();
   if (worker->init(argc, argv) == 0) return 1;
   int rc = worker->oneShot ? worker->connectKVForService() : worker->connectKV();
-  if (rc == 0) return 1;
-  if (rc == 1) return 0;
-  return rc;
+  endProcess(rc == 0 ? 1 : rc == 1 ? 0 : rc);
 }

@@ -60,18 +60,26 @@ void out(const char* format, ...) {
   fflush(stdout);
 }
 
-void probeWork(int number, const char* text) {
-  out("WORK %d %s", number, text ? text : "NULL");
-  if (opAfterWork) out("op %d", KVop(text, "ok", ""));
-}
+// Prints every request it gets; the KV's exit order ends the loop.
+class ProbeHandler : public ToolHandler {
+ public:
+  ToolNext onWorkOrder(int number, const char* text) override {
+    out("WORK %d %s", number, text ? text : "NULL");
+    if (opAfterWork) out("op %d", KVop(text, "ok", ""));
+    return ToolNext::kGoOn;
+  }
+  ToolNext onControlMessage(int number, const char* text, int* reply) override {
+    out("CTRL %d %s", number, text ? text : "NULL");
+    if (number == KVctrlEXIT) terminateSvcrun();
+    *reply = 100 + number;
+    return ToolNext::kGoOn;
+  }
+  void onInfoMessage(const char* text, int number) override {
+    out("INFO %s %d", text ? text : "NULL", number);
+  }
+};
 
-int probeCtrl(int number, const char* text) {
-  out("CTRL %d %s", number, text ? text : "NULL");
-  if (number == KVctrlEXIT) terminateSvcrun();
-  return 100 + number;
-}
-
-void probeInfo(const char* text, int number) { out("INFO %s %d", text ? text : "NULL", number); }
+ProbeHandler probe;
 
 int usage() {
   fprintf(stderr, "usage: kvprobe [-l LEVEL] [-log FILE] [-opwork] STEP...\n");
@@ -103,11 +111,11 @@ int main(int argc, char** argv) {
     if (step == "setport" && left >= 1) {
       KVSetPort(static_cast<uint16_t>(atoi(argv[++i])));
     } else if (step == "hi" && left >= 2) {
-      int rc = KVhi(argv[i + 1], argv[i + 2], probeWork, probeCtrl);
+      int rc = KVhi(argv[i + 1], argv[i + 2], &probe);
       i += 2;
       out("hi %d ms=%lld", rc, ms());
     } else if (step == "info" && left >= 2) {
-      int rc = KVinfo(argv[i + 1], argv[i + 2], probeInfo);
+      int rc = KVinfo(argv[i + 1], argv[i + 2], &probe);
       i += 2;
       out("info %d ms=%lld", rc, ms());
     } else if (step == "op" && left >= 3) {
@@ -147,7 +155,11 @@ int main(int argc, char** argv) {
     } else if (step == "sleep" && left >= 1) {
       usleep(static_cast<useconds_t>(atoi(argv[++i])) * 1000);
     } else if (step == "serve") {
-      svc_run();
+      ToolNext next = ToolServe();
+      if (next != ToolNext::kGoOn) {
+        Log::flush();
+        return toolExitStatus(next);
+      }
       out("served");
     } else {
       return usage();
