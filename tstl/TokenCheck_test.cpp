@@ -99,94 +99,59 @@ TEST(TokenCheck, RealShapesVerify) {
 }
 
 TEST(TokenCheck, TokensThatProveNothingAreRefused) {
-  const Bytes otherDigest = digestOf(NID_sha256, "another file");
+  using Shape = void (*)(TokenShape*);
+  using Expect = void (*)(TokenExpectations*);  // beyond the imprint of "clockette"
+  const Shape plain = [](TokenShape*) {};
+  const Expect imprintOnly = [](TokenExpectations*) {};
+  const Expect nonce1122 = [](TokenExpectations* e) { e->nonce = {0x11, 0x22}; };
   struct Case {
     const char* name;
-    TokenShape shape;
-    TokenExpectations expect;
+    Shape shape;
+    Expect expect;
     const char* reason;  // part of the reason text
   } cases[] = {
-      {"another imprint",
-       [&] {
-         TokenShape s;
-         s.digest = otherDigest;
-         return s;
-       }(),
-       imprintOf(NID_sha256, "clockette"), "the request asked for SHA256"},
-      {"another algorithm",
-       [] {
-         TokenShape s;
-         s.imprintNid = NID_sha512;
-         return s;
-       }(),
-       imprintOf(NID_sha256, "clockette"), "the token covers SHA512"},
-      {"flipped signature bit",
-       [] {
-         TokenShape s;
-         s.flipSignature = true;
-         return s;
-       }(),
-       imprintOf(NID_sha256, "clockette"), "signature does not hold"},
+      {"another imprint", [](TokenShape* s) { s->digest = digestOf(NID_sha256, "another file"); },
+       imprintOnly, "the request asked for SHA256"},
+      {"another algorithm", [](TokenShape* s) { s->imprintNid = NID_sha512; }, imprintOnly,
+       "the token covers SHA512"},
+      {"flipped signature bit", [](TokenShape* s) { s->flipSignature = true; }, imprintOnly,
+       "signature does not hold"},
       {"flipped ecdsa signature bit",
-       [] {
-         TokenShape s;
-         s.key = SignerKey::kEc384;
-         s.flipSignature = true;
-         return s;
-       }(),
-       imprintOf(NID_sha256, "clockette"), "signature does not hold"},
-      {"ESS names another certificate",
-       [] {
-         TokenShape s;
-         s.essNamesCa = true;
-         return s;
-       }(),
-       imprintOf(NID_sha256, "clockette"), "ESS certificate hash does not name the signer"},
+       [](TokenShape* s) {
+         s->key = SignerKey::kEc384;
+         s->flipSignature = true;
+       },
+       imprintOnly, "signature does not hold"},
+      {"ESS names another certificate", [](TokenShape* s) { s->essNamesCa = true; }, imprintOnly,
+       "ESS certificate hash does not name the signer"},
       {"ESS v1 names another certificate",
-       [] {
-         TokenShape s;
-         s.essV1 = true;
-         s.essNamesCa = true;
-         return s;
-       }(),
-       imprintOf(NID_sha256, "clockette"), "ESS certificate hash does not name the signer"},
-      {"nonce not echoed",
-       {},
-       [] {
-         TokenExpectations e = imprintOf(NID_sha256, "clockette");
-         e.nonce = {0x11, 0x22};
-         return e;
-       }(),
-       "carries no nonce, the request sent 1122"},
+       [](TokenShape* s) {
+         s->essV1 = true;
+         s->essNamesCa = true;
+       },
+       imprintOnly, "ESS certificate hash does not name the signer"},
+      {"nonce not echoed", plain, nonce1122, "carries no nonce, the request sent 1122"},
       {"another nonce",
-       [] {
-         TokenShape s;
-         s.nonce = {0x11, 0x23};
-         return s;
-       }(),
-       [] {
-         TokenExpectations e = imprintOf(NID_sha256, "clockette");
-         e.nonce = {0x11, 0x22};
-         return e;
-       }(),
-       "nonce 1123 is not the request's 1122"},
-      {"another policy",
-       {},
-       [] {
-         TokenExpectations e = imprintOf(NID_sha256, "clockette");
-         e.policyOid = "1.2.3.4.5";
-         return e;
-       }(),
+       [](TokenShape* s) {
+         s->nonce = {0x11, 0x23};
+       },
+       nonce1122, "nonce 1123 is not the request's 1122"},
+      {"another policy", plain, [](TokenExpectations* e) { e->policyOid = "1.2.3.4.5"; },
        "policy 1.3.6.1.4.1.7359.1.2 is not the requested 1.2.3.4.5"},
   };
   for (const Case& c : cases) {
-    const Bytes der = maker().response(c.shape);
+    TokenShape shape;
+    c.shape(&shape);
+    TokenExpectations expect = imprintOf(NID_sha256, "clockette");
+    c.expect(&expect);
+    const Bytes der = maker().response(shape);
     ASSERT_FALSE(der.empty()) << c.name << ": " << maker().error();
-    const TokenCheckResult r = check(der, &c.expect);
+    const TokenCheckResult r = check(der, &expect);
     EXPECT_FALSE(r.ok) << c.name;
     EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
   }
   // The imprint text names both digests.
+  const Bytes otherDigest = digestOf(NID_sha256, "another file");
   TokenShape shape;
   shape.digest = otherDigest;
   const TokenExpectations expect = imprintOf(NID_sha256, "clockette");
