@@ -34,40 +34,29 @@ struct Decoder {
   }
 };
 
-TEST(Xdr, IntegersTravelAsFourBigEndianBytes) {
-  int i = -2;
-  u_int u = 0x01020304;
-  short s = -1;
-  u_short us = 0xbeef;
-  char c = 'A';
-  long l = -5;
-  bool_t b = 7;
-  int64_t h = 0x0102030405060708;
-  EXPECT_EQ("ff ff ff fe", encode([&](XDR* x) { return xdr_int(x, &i); }));
-  EXPECT_EQ("01 02 03 04", encode([&](XDR* x) { return xdr_u_int(x, &u); }));
-  EXPECT_EQ("ff ff ff ff", encode([&](XDR* x) { return xdr_short(x, &s); }));
-  EXPECT_EQ("00 00 be ef", encode([&](XDR* x) { return xdr_u_short(x, &us); }));
-  EXPECT_EQ("00 00 00 41", encode([&](XDR* x) { return xdr_char(x, &c); }));
-  EXPECT_EQ("ff ff ff fb", encode([&](XDR* x) { return xdr_long(x, &l); }));
-  EXPECT_EQ("00 00 00 01", encode([&](XDR* x) { return xdr_bool(x, &b); }));
-  EXPECT_EQ("01 02 03 04 05 06 07 08", encode([&](XDR* x) { return xdr_hyper(x, &h); }));
+// Encodes value with fn to hex, then decodes hex back to value.
+template <typename T>
+void roundTrip(bool_t (*fn)(XDR*, T*), T value, const std::string& hex) {
+  EXPECT_EQ(hex, encode([&](XDR* x) { return fn(x, &value); }));
+  Decoder d(hex);
+  T back{};
+  ASSERT_TRUE(fn(&d.x, &back)) << hex;
+  EXPECT_EQ(value, back) << hex;
+  EXPECT_FALSE(fn(&d.x, &back)) << "read past the end";
 }
 
-TEST(Xdr, DecodesSignedAndUnsignedValues) {
-  Decoder d("ff ff ff fe  ff ff ff ff  ff ff 80 00  00 00 00 ff");
-  int i = 0;
-  u_int u = 0;
-  short s = 0;
-  u_short us = 0;
-  ASSERT_TRUE(xdr_int(&d.x, &i));
-  ASSERT_TRUE(xdr_u_int(&d.x, &u));
-  ASSERT_TRUE(xdr_short(&d.x, &s));
-  ASSERT_TRUE(xdr_u_short(&d.x, &us));
-  EXPECT_EQ(-2, i);
-  EXPECT_EQ(0xffffffffu, u);
-  EXPECT_EQ(-32768, s);
-  EXPECT_EQ(0xff, us);
-  EXPECT_FALSE(xdr_int(&d.x, &i)) << "read past the end";
+TEST(Xdr, IntegersTravelAsBigEndianWordsAndKeepTheirSign) {
+  roundTrip<int>(xdr_int, -2, "ff ff ff fe");
+  roundTrip<u_int>(xdr_u_int, 0xffffffff, "ff ff ff ff");
+  roundTrip<u_int>(xdr_u_int, 0x01020304, "01 02 03 04");
+  roundTrip<short>(xdr_short, -32768, "ff ff 80 00");
+  roundTrip<u_short>(xdr_u_short, 0xbeef, "00 00 be ef");
+  roundTrip<char>(xdr_char, 'A', "00 00 00 41");
+  roundTrip<long>(xdr_long, -5, "ff ff ff fb");
+  roundTrip<int64_t>(xdr_hyper, 0x0102030405060708, "01 02 03 04 05 06 07 08");
+  roundTrip<bool_t>(xdr_bool, 1, "00 00 00 01");
+  bool_t b = 7;  // any true value travels as 1
+  EXPECT_EQ("00 00 00 01", encode([&](XDR* x) { return xdr_bool(x, &b); }));
 }
 
 TEST(Xdr, StringsAndOpaqueArePaddedToFourBytes) {
