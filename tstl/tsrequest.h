@@ -10,14 +10,16 @@
 // requestTimestamp calls. Results: 0 for success, distinct negative codes per
 // failure (listed at each function); every failure is logged at level 2.
 //
+// The parts: the settings (tstl/TsSettings.h), hashing (tstl/TsHash.h), the
+// exchange behind tstl/TsTransport.h (tstl/CurlTransport.h for HTTP and
+// HTTPS, tstl/TcpTransport.h for raw TCP) and the timestamp file
+// (tstl/TsResultFile.h). This header declares the whole designed interface.
+//
 // Threads: the init functions and getDigest run before any stamping (the
 // configuration is not locked). After that, computeHash, the exchange
 // requestTimestamp(imprint, response) and fetchTimestamp may run on several
 // threads at once; storeTimestamp and the per-file requestTimestamp too, for
-// different targets. HTTP(S) exchanges share one libcurl share handle (open
-// connections, name lookups, TLS sessions), so keep-alive and TLS session
-// resumption work across exchanges and threads; each exchange still has an
-// easy handle of its own. The raw TCP transport uses one connection per request.
+// different targets.
 //
 // Time-outs (beyond what a plain RFC 3161 client does): every exchange is
 // bounded by a connect time-out and a total time-out in seconds, read by
@@ -37,23 +39,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "tstl/TsHash.h"
+#include "tstl/TsResultFile.h"
+
 class CAsn1messageImprint;
 class SettingsLine;
 class CAsn1string;
 class CAsn1ietfTSResp;
-
-// The receive buffer of one exchange.
-struct ResponseBuffer {
-  unsigned char* data;  // capacity bytes (plus one for a terminating NUL)
-  uint64_t used;
-  uint64_t capacity;  // the answer size limit (kResponseLimit unless TS_RESPONSE_LIMIT)
-};
-
-// Largest answer taken from a Timestamp Server unless TS_RESPONSE_LIMIT says
-// otherwise (1024 to kMaxResponseLimit bytes); an answer that fills the
-// buffer completely is rejected as too large.
-constexpr uint64_t kResponseLimit = 4096;
-constexpr uint64_t kMaxResponseLimit = 1024 * 1024;
 
 // Registers the TSTInfo content type and the timestamp policy OIDs with
 // OpenSSL. 0 when both are known, 1 when either could not be registered.
@@ -97,17 +89,6 @@ int initStamperAuth(const char* login, const char* password);
 // (and none set) when either is null.
 int initSSLAuth(const char* keyFile, const char* certFile);
 
-// The NID of the message digest chosen by TS_HASHALG ("RIPEMD160", "SHA1",
-// "SHA256", "SHA384", "SHA512", "SHA3-256", "SHA3-512"; unset or anything
-// else: SHA-256). Read once per process.
-int getDigest();
-
-// Hashes the regular file at path with digest nid into imprint. -1 when the
-// file cannot be opened or read, is no regular file ("File <path> is no
-// regular file", refused at once, without blocking on a FIFO or reading a
-// device) or a stop was requested meanwhile; -2 when the digest is not usable.
-int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
-
 // The whole job for one file: hash source, then fetchTimestamp, then
 // storeTimestamp. 0; -1 hashing failed; -2 .. -5 as those two return.
 int requestTimestamp(const char* source, const char* target);
@@ -118,26 +99,6 @@ int requestTimestamp(const char* source, const char* target);
 // TimeStampResp, not granted, or fails timestampCheck ("Parsing timestamp
 // failed"). Nothing is written.
 int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response);
-
-// Writes the answer of fetchTimestamp for source as one line of BASE64 to
-// target. 0; -4 BASE64 failed; -5 target cannot be written (a local
-// failure, not the Timestamp Server's). The target is replaced through a
-// temporary file and a rename, never written through a symbolic link; a
-// failure leaves it as it was.
-// With syncDirectory false the target's directory is not synced: the caller
-// does that once for several targets (syncDirectoryOf, base/ReplaceFile.h)
-// before it counts them as stored.
-int storeTimestamp(CAsn1string* response, const char* source, const char* target,
-                   bool syncDirectory = true);
-
-// storeTimestamp in two steps, so that the writing and its sync can run on
-// the threads that fetch while the renames keep statement order.
-// prepareTimestamp writes and syncs the temporary file beside target (0, -4,
-// -5; on failure nothing stays); commitTimestamp renames it over target (0 or
-// -5); discardTimestamp removes a prepared file that will not be committed.
-int prepareTimestamp(CAsn1string* response, const char* target);
-int commitTimestamp(const char* source, const char* target, bool syncDirectory);
-void discardTimestamp(const char* target);
 
 // One exchange with the Timestamp Server for imprint; the answer's bytes go
 // into response (an OCTET STRING). 0; -1 the request or URL could not be
@@ -167,24 +128,6 @@ bool newNonce(std::vector<unsigned char>* nonce);
 // Decodes response into resp. 0 when it decodes and the status is granted or
 // grantedWithMods, else -1. (timestampCheck then judges the token.)
 int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp);
-
-// BASE64 text of response in a new[]-allocated NUL-terminated *out (the
-// caller delete[]s it). -1 and *out null on failure.
-int timestamp2base64(CAsn1string* response, char** out);
-
-// A TCP socket connected to host:port, or -1. Refused connections are tried
-// again every second, up to 10 attempts and within the connect time-out.
-int openSocket(const char* host, uint16_t port);
-
-// libcurl callbacks, declared without curl's types (CURL is void, the info
-// type and CURLcode are int-sized enums).
-// Write callback: appends to the ResponseBuffer at buffer what fits; returns
-// the number of bytes taken.
-size_t collectResponse(void* data, size_t size, size_t count, void* buffer);
-// Debug callback: logs each piece of curl's trace at level 10. Always 0.
-int curldbg(void* handle, int type, char* data, size_t size, void* user);
-// SSL context callback: does nothing. Always 0 (CURLE_OK).
-int sslcb(void* curl, void* sslctx, void* user);
 
 // The system's text for an errno value, in a buffer of the calling thread.
 const char* systemErrorText(int code);
