@@ -3,7 +3,6 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,10 +13,11 @@
 
 namespace {
 
-using testing_support::BackgroundChild;
 using testing_support::readFile;
 using testing_support::runChild;
 using testing_support::TempDir;
+using testing_support::TestTsa;
+using testing_support::TestTsaOptions;
 using testing_support::verifyTimestampResponse;
 using testing_support::writeFile;
 
@@ -55,84 +55,58 @@ HttpResult http(const std::string& url, const std::string* postBody) {
   return result;
 }
 
-// localtsa started in a fresh directory; its settings as printed.
-class LocalTsa {
- public:
-  // The signer lives in dir, by default a new directory in a fresh temporary one.
-  explicit LocalTsa(const std::vector<std::string>& extraArgs, std::string dir = "")
-      : pki_(dir.empty() ? dir_.file("pki") : dir) {
-    std::vector<std::string> argv = {kProgram, "--dir", pki_};
-    argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
-    child_ = std::make_unique<BackgroundChild>(argv);
-    std::string line;
-    while (child_->readLine(&line, 60)) {
-      if (line == "ready") {
-        ready_ = true;
-        break;
-      }
-      size_t eq = line.find('=');
-      if (eq != std::string::npos) values_[line.substr(0, eq)] = line.substr(eq + 1);
-    }
-  }
-  bool ready() const { return ready_; }
-  std::string value(const std::string& key) { return values_[key]; }
-  std::string url(const std::string& path) {
-    return "http://127.0.0.1:" + value("http_port") + path;
-  }
-  std::string stop() {
-    child_->stop();
-    return child_->stderrText();
-  }
-  const TempDir& dir() const { return dir_; }
+// localtsa over the signer directory dir, with args; its settings as printed.
+std::unique_ptr<TestTsa> start(const std::string& dir, const std::vector<std::string>& args) {
+  TestTsaOptions options;
+  options.dir = dir;
+  options.extraArgs = args;
+  return std::make_unique<TestTsa>(kProgram, options);
+}
 
- private:
-  TempDir dir_;
-  std::string pki_;
-  std::unique_ptr<BackgroundChild> child_;
-  std::map<std::string, std::string> values_;
-  bool ready_ = false;
-};
+std::string url(const TestTsa& tsa, const std::string& path) {
+  return "http://127.0.0.1:" + std::to_string(tsa.httpPort()) + path;
+}
 
 // What the signer itself makes is checked with the library's tests; here the
 // server: any path, either key type, the signer certificate when asked.
 TEST(LocalTsaTest, OpenSslRequestsGetResponsesThatOpenSslVerifies) {
   for (const char* keyType : {"rsa", "dsa"}) {
     SCOPED_TRACE(keyType);
-    LocalTsa tsa({"--key-type", keyType});
-    ASSERT_TRUE(tsa.ready());
     TempDir work;
+    std::unique_ptr<TestTsa> tsa = start(work.file("pki"), {"--key-type", keyType});
+    ASSERT_TRUE(tsa->ready());
     writeFile(work.file("data.txt"), "a document for the local signer\n");
     // "-cert": the signer certificate comes with the token, so the CA is enough.
     auto query = runChild({"/usr/bin/openssl", "ts", "-query", "-data", work.file("data.txt"),
                            "-sha256", "-cert", "-out", work.file("req.der")});
     ASSERT_EQ(query.exitCode, 0) << query.err;
     std::string request = readFile(work.file("req.der"));
-    HttpResult answer = http(tsa.url("/any/path"), &request);
+    HttpResult answer = http(url(*tsa, "/any/path"), &request);
     ASSERT_EQ(answer.error, "");
     ASSERT_EQ(answer.status, 200) << answer.body;
-    EXPECT_EQ(verifyTimestampResponse(answer.body, work.file("data.txt"), tsa.value("ca_file")),
-              "");
-    std::string log = tsa.stop();
+    EXPECT_EQ(verifyTimestampResponse(answer.body, work.file("data.txt"), tsa->caFile()), "");
+    std::string log = tsa->stop();
     EXPECT_NE(log.find("POST /any/path HTTP/1.1 -> 200"), std::string::npos) << log;
   }
 }
 
 TEST(LocalTsaTest, RefusesWhatIsNoTimestampRequest) {
-  LocalTsa tsa({});
-  ASSERT_TRUE(tsa.ready());
+  TempDir work;
+  std::unique_ptr<TestTsa> tsa = start(work.file("pki"), {});
+  ASSERT_TRUE(tsa->ready());
   std::string junk = "\x30\x03\x02\x01\x01";
-  HttpResult bad = http(tsa.url("/"), &junk);
+  HttpResult bad = http(url(*tsa, "/"), &junk);
   EXPECT_EQ(bad.status, 400);
-  HttpResult get = http(tsa.url("/"), nullptr);
+  HttpResult get = http(url(*tsa, "/"), nullptr);
   EXPECT_EQ(get.status, 405);
-  EXPECT_NE(tsa.stop().find("GET / HTTP/1.1 -> 405"), std::string::npos);
+  EXPECT_NE(tsa->stop().find("GET / HTTP/1.1 -> 405"), std::string::npos);
 
   // A server started over the same directory signs with the same signer.
-  std::string cert = readFile(tsa.value("tsa_cert"));
-  LocalTsa again({"--key-type", "dsa"}, tsa.value("dir"));
-  ASSERT_TRUE(again.ready());
-  EXPECT_EQ(again.value("tsa_cert"), tsa.value("tsa_cert"));
-  EXPECT_EQ(readFile(again.value("tsa_cert")), cert);
+  std::string cert = readFile(tsa->tsaCertFile());
+  std::unique_ptr<TestTsa> again = start(work.file("pki"), {"--key-type", "dsa"});
+  ASSERT_TRUE(again->ready());
+  EXPECT_EQ(again->tsaCertFile(), tsa->tsaCertFile());
+  EXPECT_EQ(readFile(again->tsaCertFile()), cert);
 }
 
 }  // namespace
