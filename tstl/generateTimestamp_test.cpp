@@ -16,7 +16,6 @@
 #include "tstl/CAsn1ietfTSResp.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
-#include "tstl/CAsn1time.h"
 #include "tstl/CCertInfo.h"
 #include "tstl/Der.h"
 #include "tstl/KeyType.h"
@@ -128,100 +127,81 @@ bool decodes(const std::vector<unsigned char>& der, CAsn1ietfTSResp* back) {
          pos == der.size();
 }
 
-LocalTimestampOptions zonedOptions() {
-  LocalTimestampOptions options;
-  options.signingTimeWithZone = true;
-  return options;
-}
-
-TEST_F(GenerateTimestampTest, OpenSslVerifiesLocalTimestamps) {
+// Each form of the local token, for both key types and two digests: what
+// OpenSSL and the requester's checks make of it, and what it holds.
+TEST_F(GenerateTimestampTest, LocalTokensVerifyInEveryForm) {
+  LocalTimestampOptions zoned;
+  zoned.signingTimeWithZone = true;
+  LocalTimestampOptions withCert = zoned;
+  withCert.includeCertificate = true;
+  LocalTimestampOptions plain = zoned;
+  plain.signingCertificate = false;
+  struct Case {
+    const char* name;
+    LocalTimestampOptions options;
+    size_t signingTimeLength;  // "YYMMDDhhmmss", or with its 'Z'
+    bool signerFromFile;       // OpenSSL is given the signer certificate
+    const char* refusal;       // OpenSSL's reason; null: it verifies
+    unsigned int certificates;
+    unsigned int signedAttributes;
+  } cases[] = {
+      {"library form", LocalTimestampOptions(), 12, true, nullptr, 0, 4},
+      {"zoned", zoned, 13, true, nullptr, 0, 4},
+      // With the certificate in the token, OpenSSL needs nothing but the CA.
+      {"with certificate", withCert, 13, false, nullptr, 1, 4},
+      // Without signingCertificateV2 the token is what the plain signer makes.
+      {"plain", plain, 13, true, "missing signing certificate", 0, 3},
+  };
   for (const char* name : {"rsa", "dsa"}) {
+    const std::string keyFile = file(std::string(name) + ".key");
+    const std::string certFile = file(std::string(name) + ".pem");
+    CCertInfo cert;
+    ASSERT_EQ(cert.readPEM(certFile.c_str()), 0);
+    CAsn1issuerSerial signer;
+    ASSERT_EQ(cert.GetIssuerAndSerial(&signer), 0);
     for (int nid : {NID_sha256, NID_sha512}) {
-      SCOPED_TRACE(std::string(name) + " " + OBJ_nid2sn(nid));
-      std::string keyFile = file(std::string(name) + ".key");
-      std::string certFile = file(std::string(name) + ".pem");
-      CAsn1messageImprint imprint = imprintOf(kData, nid);
-      CAsn1string response;
-      ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response), 0);
-      std::vector<unsigned char> der = bytesOf(response);
-      EXPECT_EQ(opensslVerify(der, file("data.txt"), certFile), "");
-      EXPECT_EQ(tokenCheck(der, imprint, certFile), "");
-      // Another file's data does not verify.
-      EXPECT_NE(opensslVerify(der, file("other.txt"), certFile), "");
-
-      // The signing time is written "YYMMDDhhmmss", without zone; OpenSSL
-      // and our own decoder both take it.
-      std::string text = signingTimeText(der);
-      EXPECT_EQ(text.size(), 12u) << text;
-      CAsn1ietfTSResp back;
-      EXPECT_TRUE(decodes(der, &back));
-
-      // With the zone written, the same token decodes and holds what was asked.
-      ASSERT_EQ(
-          generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, zonedOptions()),
-          0);
-      der = bytesOf(response);
-      EXPECT_EQ(signingTimeText(der).size(), 13u);
-      EXPECT_EQ(opensslVerify(der, file("data.txt"), certFile), "");
-      EXPECT_EQ(tokenCheck(der, imprint, certFile), "");
-      ASSERT_TRUE(decodes(der, &back));
-      EXPECT_EQ(back.getStatus(), 0);
-      ASSERT_TRUE(back.hasToken());
-      CAsn1TSTInfo tst = back.getTSTInfo();
-      EXPECT_EQ(tst.messageImprint.hashAlgorithm.algorithm.nid, nid);
-      EXPECT_EQ(tst.messageImprint.hashedMessage.comp(imprint.hashedMessage), 0);
-      char policy[64] = "";
-      OBJ_obj2txt(policy, sizeof(policy), OBJ_nid2obj(tst.policy.nid), 1);
-      EXPECT_STREQ(policy, "1.3.6.1.4.1.7359.1.2");
-      uint64_t serial = 0;
-      EXPECT_TRUE(tst.serialNumber.toUint64(&serial) && serial > 0);
-      EXPECT_FALSE(tst.hasNonce());
-      EXPECT_EQ(back.getCertCount(), 0u);
-      // The signer is named by the certificate's issuer and serial number.
-      CCertInfo cert;
-      ASSERT_EQ(cert.readPEM(certFile.c_str()), 0);
-      CAsn1issuerSerial expected;
-      ASSERT_EQ(cert.GetIssuerAndSerial(&expected), 0);
-      CAsn1issuerSerial got = back.getSignerIssuerSerial();
-      EXPECT_EQ(encodeDER(got), encodeDER(expected));
+      const CAsn1messageImprint imprint = imprintOf(kData, nid);
+      for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(name) + " " + OBJ_nid2sn(nid) + " " + c.name);
+        CAsn1string response;
+        ASSERT_EQ(
+            generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, c.options), 0);
+        const std::vector<unsigned char> der = bytesOf(response);
+        EXPECT_EQ(signingTimeText(der).size(), c.signingTimeLength);
+        const std::string verdict =
+            opensslVerify(der, file("data.txt"), c.signerFromFile ? certFile : "");
+        if (c.refusal != nullptr) {
+          EXPECT_NE(verdict.find(c.refusal), std::string::npos) << verdict;
+        } else {
+          EXPECT_EQ(verdict, "");
+          EXPECT_EQ(tokenCheck(der, imprint, certFile), "");
+          // Another file's data does not verify.
+          EXPECT_NE(opensslVerify(der, file("other.txt"), certFile), "");
+        }
+        CAsn1ietfTSResp back;
+        ASSERT_TRUE(decodes(der, &back));
+        EXPECT_EQ(back.getStatus(), 0);
+        ASSERT_TRUE(back.hasToken());
+        CAsn1TSTInfo tst = back.getTSTInfo();
+        EXPECT_EQ(tst.messageImprint.hashAlgorithm.algorithm.nid, nid);
+        EXPECT_EQ(tst.messageImprint.hashedMessage.comp(imprint.hashedMessage), 0);
+        char policy[64] = "";
+        OBJ_obj2txt(policy, sizeof(policy), OBJ_nid2obj(tst.policy.nid), 1);
+        EXPECT_STREQ(policy, "1.3.6.1.4.1.7359.1.2");
+        uint64_t serial = 0;
+        EXPECT_TRUE(tst.serialNumber.toUint64(&serial) && serial > 0);
+        EXPECT_FALSE(tst.hasNonce());
+        ASSERT_EQ(back.getCertCount(), c.certificates);
+        if (c.certificates > 0) {
+          EXPECT_EQ(back.getCert(0)->der(), cert.der());
+        }
+        // The signer is named by the certificate's issuer and serial number.
+        CAsn1issuerSerial named = back.getSignerIssuerSerial();
+        EXPECT_EQ(encodeDER(named), encodeDER(signer));
+        EXPECT_EQ(back.getSigner().signedAttributes.count(), c.signedAttributes);
+      }
     }
   }
-}
-
-TEST_F(GenerateTimestampTest, OptionsDecideSigningCertificateAttributeAndCertificate) {
-  CAsn1messageImprint imprint = imprintOf(kData, NID_sha256);
-  std::string keyFile = file("rsa.key"), certFile = file("rsa.pem");
-
-  // With the certificate in the token, OpenSSL needs nothing but the CA.
-  LocalTimestampOptions withCert = zonedOptions();
-  withCert.includeCertificate = true;
-  CAsn1string response;
-  ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, withCert), 0);
-  std::vector<unsigned char> der = bytesOf(response);
-  EXPECT_EQ(opensslVerify(der, file("data.txt"), ""), "");
-  CAsn1ietfTSResp back;
-  ASSERT_TRUE(decodes(der, &back));
-  ASSERT_EQ(back.getCertCount(), 1u);
-  CCertInfo cert;
-  ASSERT_EQ(cert.readPEM(certFile.c_str()), 0);
-  EXPECT_EQ(back.getCert(0)->der(), cert.der());
-
-  // Without the signingCertificateV2 attribute the token is what the plain
-  // signer makes: OpenSSL refuses it for exactly that reason.
-  LocalTimestampOptions plain = zonedOptions();
-  plain.signingCertificate = false;
-  ASSERT_EQ(generateTimestamp(imprint, keyFile.c_str(), certFile.c_str(), &response, plain), 0);
-  der = bytesOf(response);
-  EXPECT_NE(opensslVerify(der, file("data.txt"), certFile).find("missing signing certificate"),
-            std::string::npos);
-  ASSERT_TRUE(decodes(der, &back));
-  EXPECT_EQ(back.getSigner().signedAttributes.count(), 3u);
-
-  const CAsn1attribute* signingTime = back.getSigner().signedAttributes.find(NID_pkcs9_signingTime);
-  ASSERT_NE(signingTime, nullptr);
-  const CAsn1time* time = dynamic_cast<const CAsn1time*>(signingTime->value());
-  ASSERT_NE(time, nullptr);
-  EXPECT_EQ(time->derText().back(), 'Z');
 }
 
 class GenerateTimestampLogTest : public GenerateTimestampTest {
