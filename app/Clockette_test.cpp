@@ -127,32 +127,4 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
   }
 }
 
-TEST_F(ClocketteTest, CredentialsAreNeitherPrintedNorLogged) {
-  // Options are parsed before the log file and level are set: their lines go
-  // where the log is at that time, at the levels the LOG_ variables chose.
-  setenv("LOG_DEBUG", "on", 1);
-  setenv("LOG_ENTRY", "on", 1);
-  Log::init();
-  Clockette c;
-  Argv a{"c",      "-loglevel",   "13",        "-logfile",   "all.log",
-         "-login", "secret-user", "-password", "secret-word"};
-  testing::internal::CaptureStderr();
-  ASSERT_EQ(c.init(a.argc(), a.argv()), 1);
-  std::string logged = testing::internal::GetCapturedStderr();
-  unsetenv("LOG_DEBUG");
-  unsetenv("LOG_ENTRY");
-  testing::internal::CaptureStderr();
-  c.printObject();
-  std::string printed = testing::internal::GetCapturedStderr();
-  Log::setLogFile("stderr");
-  logged += readFile(dir_.file("all.log"));
-  EXPECT_NE(logged.find("parsing timestamp arguments: argc=9 pos=5 :   argv[5]='-login'"),
-            std::string::npos)
-      << logged;
-  EXPECT_NE(logged.find("clockette::printObject"), std::string::npos) << logged;
-  for (const std::string& text : {printed, logged}) {
-    EXPECT_EQ(text.find("secret"), std::string::npos) << text;
-  }
-}
-
 }  // namespace

@@ -73,6 +73,10 @@ TEST(FailoverTest, FailuresThatMayPassAreRetriedOrSentOnAndAnswersAreNot) {
       // clang-format off
       {"settings unset: one attempt, as designed", {"http500/http"}, {}, 1, false, {1},
        "HTTP error-code = 500 (test server fault: internal error)", "attempt 1"},
+      {"nothing listens: the server named, and curl's own text", {"refuse/http"},
+       {{"TS_CONNECT_TIMEOUT", "1"}}, 1, false, {-1}, "/<//: Failed to connect to 127.0.0.1 port "},
+      {"nothing listens over tcp", {"refuse/tcp"},
+       {{"TS_CONNECT_TIMEOUT", "1"}}, 1, false, {-1}, "Timestamp Server 127.0.0.1:"},
       {"refusing primary, working fallback", {"refuse/http", "/tcp"}, {}, 1, true, {-1, 1},
        "attempt 1 failed (Couldn't connect to server); skipped for 60 s, trying tcp://127.0.0.1:"},
       {"HTTP 500 primary", {"http500/http", "/https"}, {}, 1, true, {1, 1}, "failed (HTTP 500)"},

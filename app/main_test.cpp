@@ -50,18 +50,14 @@ TEST_F(ProgramTest, WithoutConfigTheProgramDoesNotStart) {
   }
 }
 
-TEST_F(ProgramTest, HelpPrintsTheUsage) {
-  ChildResult r = run({"-h"});
-  EXPECT_EQ(r.exitCode, 0);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/app/testdata/usage.txt"));
-}
-
-TEST_F(ProgramTest, UnknownOptionsPrintTheUsageAndExitWithZero) {
-  for (const char* option : {"-help", "-nosuch", "-H", "-url_path", "-password"}) {
+// Help, an unknown option, or an option without its value.
+TEST_F(ProgramTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {
+  const std::string usage = readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/app/testdata/usage.txt");
+  for (const char* option : {"-h", "-nosuch", "-password"}) {
     ChildResult r = run({"-test", "-loglevel", "5", option});
     EXPECT_EQ(r.exitCode, 0) << option;
-    EXPECT_EQ(r.err.rfind("\n\n Usage: clockette [options...]\n", 0), 0u) << option << r.err;
+    EXPECT_EQ(r.out, "") << option;
+    EXPECT_EQ(r.err, usage) << option;
   }
 }
 
