@@ -1,8 +1,10 @@
 #include "kavlet/docfiles/Commands.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -94,42 +96,78 @@ TEST_F(CommandsTest, MissingFileReadsAsNoStatementsAndIsLookedForAgain) {
   EXPECT_EQ(c->findKey("A"), 1);
 }
 
-TEST_F(CommandsTest, AppendOnlyLeavesEveryOtherByteUntouched) {
-  const std::string original = "KEY  value  \r\n\n   \nTAB\tx\tz\nBARE\n";
-  writeFile(file(), original);
-  auto c = open();
-  EXPECT_EQ(c->findKey("KEY"), 1);
-  EXPECT_EQ(c->appendToBuffer1("COMP_TIMESTAMP_FILE \"a b\"  \"t.tst\" "), 1);
-  List<String> more;
-  more.put("  odd   line");
-  more.put("");
-  EXPECT_EQ(c->appendToBuffer1(more), 1);
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()),
-            original + "COMP_TIMESTAMP_FILE \"a b\"  \"t.tst\" \n  odd   line\n\n");
-  EXPECT_EQ(readFile(backup()), original);
-  // A second close has nothing left to write.
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()),
-            original + "COMP_TIMESTAMP_FILE \"a b\"  \"t.tst\" \n  odd   line\n\n");
-}
-
-TEST_F(CommandsTest, AppendAfterALastLineWithoutLineEndStartsANewLine) {
-  writeFile(file(), "A 1\nB 2");
-  auto c = open();
-  c->appendToBuffer1("C 3");
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "A 1\nB 2\nC 3\n");
-  EXPECT_EQ(readFile(backup()), "A 1\nB 2");
-}
-
-TEST_F(CommandsTest, DeletionRewritesInKeyTabValueFormAndDropsEmptyLines) {
-  writeFile(file(), "A 1\n\nB  two  words \n \t \nBARE\nA 1\r\nA 2\n");
-  auto c = open();
-  EXPECT_EQ(c->deleteFromCommands1("A", "1"), 2);
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "B\ttwo  words \nBARE\t\nA\t2\n");
-  EXPECT_EQ(readFile(backup()), "A 1\n\nB  two  words \n \t \nBARE\nA 1\r\nA 2\n");
+// What the file holds after the document's close and after a second close,
+// for appends, deletions and their integration. The backup always holds the
+// file as it was.
+TEST_F(CommandsTest, RewritesAfterAppendsAndDeletions) {
+  const std::string big(200000, 'v');
+  struct Case {
+    const char* name;
+    std::string original;
+    std::function<void(Commands&)> change;
+    std::string closed;
+    std::string closedAgain = "";  // empty: as closed
+  } cases[] = {
+      // Appends only: every other byte stays as it was.
+      {"append", "KEY  value  \r\n\n   \nTAB\tx\tz\nBARE\n",
+       [](Commands& c) {
+         EXPECT_EQ(c.appendToBuffer1("COMP_TIMESTAMP_FILE \"a b\"  \"t.tst\" "), 1);
+         List<String> more;
+         more.put("  odd   line");
+         more.put("");
+         EXPECT_EQ(c.appendToBuffer1(more), 1);
+       },
+       "KEY  value  \r\n\n   \nTAB\tx\tz\nBARE\nCOMP_TIMESTAMP_FILE \"a b\"  \"t.tst\" \n"
+       "  odd   line\n\n"},
+      {"append after a last line without line end", "A 1\nB 2",
+       [](Commands& c) { c.appendToBuffer1("C 3"); }, "A 1\nB 2\nC 3\n"},
+      // A deletion rewrites in KEY<tab>VALUE form and drops empty lines.
+      {"delete", "A 1\n\nB  two  words \n \t \nBARE\nA 1\r\nA 2\n",
+       [](Commands& c) { EXPECT_EQ(c.deleteFromCommands1("A", "1"), 2); },
+       "B\ttwo  words \nBARE\t\nA\t2\n"},
+      {"delete with long lines", "CR 1\r\nLONG " + big + "\r\nLF x\n",
+       [](Commands& c) { c.deleteFromCommands1("CR", "1"); }, "LONG\t" + big + "\nLF\tx\n"},
+      // Without integration the added lines follow as given, until the next
+      // rewrite.
+      {"delete, then append", "X 1\nY 2\n",
+       [](Commands& c) {
+         c.deleteFromCommands1("Y", "2");
+         c.appendToBuffer1("Z  3");
+       },
+       "X\t1\nZ  3\n", "X\t1\nZ\t3\n"},
+      // Integrated lines follow all old statements; a late one is kept by the
+      // second rewrite.
+      {"integrate", "X 1\n\nY 2\n",
+       [](Commands& c) {
+         c.appendToBuffer1("Z   3 ");
+         c.appendToBuffer1("   ");
+         c.appendToBuffer1("W");
+         c.deleteFromCommands1("X", "1");
+         ASSERT_EQ(c.integrateChanges(), 1);
+         c.appendToBuffer1("LATE one");
+         EXPECT_EQ(c.findKey("Z"), 1);
+       },
+       "Y\t2\nZ\t3 \nW\t\nLATE one\n", "Y\t2\nZ\t3 \nW\t\nLATE\tone\n"},
+      {"integrate into an empty file", "",
+       [](Commands& c) {
+         c.appendToBuffer1("A b");
+         ASSERT_EQ(c.integrateChanges(), 1);
+       },
+       "A\tb\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    writeFile(file(), c.original);
+    unlink(backup().c_str());
+    auto commands = open();
+    EXPECT_EQ(commands->findKey("none"), 0);  // read before the change
+    c.change(*commands);
+    EXPECT_EQ(close(*commands), 1);
+    EXPECT_EQ(readFile(file()), c.closed);
+    EXPECT_EQ(close(*commands), 1);
+    EXPECT_EQ(readFile(file()), c.closedAgain.empty() ? c.closed : c.closedAgain);
+    EXPECT_EQ(readFile(backup()), c.original);
+  }
 }
 
 TEST_F(CommandsTest, MarkedStatementsStayVisibleUntilIntegrated) {
@@ -168,56 +206,6 @@ TEST_F(CommandsTest, DeletingAListStopsAtTheFirstMiss) {
   EXPECT_EQ(readFile(file()), "B\t2\n");
 }
 
-TEST_F(CommandsTest, IntegratedLinesFollowAllOldStatements) {
-  writeFile(file(), "X 1\n\nY 2\n");
-  auto c = open();
-  c->appendToBuffer1("Z   3 ");
-  c->appendToBuffer1("   ");
-  c->appendToBuffer1("W");
-  c->deleteFromCommands1("X", "1");
-  ASSERT_EQ(c->integrateChanges(), 1);
-  c->appendToBuffer1("LATE one");
-  EXPECT_EQ(c->findKey("Z"), 1);
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "Y\t2\nZ\t3 \nW\t\nLATE one\n");
-  // The document closes twice; the second rewrite keeps the late line.
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "Y\t2\nZ\t3 \nW\t\nLATE\tone\n");
-}
-
-TEST_F(CommandsTest, DeletionWithoutIntegrationAppendsTheAddedLinesAsGiven) {
-  writeFile(file(), "X 1\nY 2\n");
-  auto c = open();
-  c->deleteFromCommands1("Y", "2");
-  c->appendToBuffer1("Z  3");
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "X\t1\nZ  3\n");
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "X\t1\nZ\t3\n");
-  EXPECT_EQ(readFile(backup()), "X 1\nY 2\n");
-}
-
-TEST_F(CommandsTest, IntegrationIntoAnEmptyFile) {
-  writeFile(file(), "");
-  auto c = open();
-  c->appendToBuffer1("A b");
-  ASSERT_EQ(c->integrateChanges(), 1);
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "A\tb\n");
-}
-
-TEST_F(CommandsTest, LineEndsAndLongLines) {
-  std::string big(200000, 'v');
-  writeFile(file(), "CR 1\r\nLONG " + big + "\r\nLF x\n");
-  auto c = open();
-  EXPECT_EQ(c->findKey("CR"), 1);
-  EXPECT_EQ(c->getValueFor2("LONG"), big.c_str());
-  EXPECT_EQ(c->getValueFor2("LF"), "x");
-  c->deleteFromCommands1("CR", "1");
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), "LONG\t" + big + "\nLF\tx\n");
-}
-
 // A line ends at its first CR for every reader; what follows it in the same
 // line is no statement, and a rewrite must not silently drop it.
 TEST_F(CommandsTest, TextAfterACarriageReturnIsHiddenAndNeverLost) {
@@ -247,22 +235,6 @@ TEST_F(CommandsTest, TextAfterACarriageReturnIsHiddenAndNeverLost) {
   EXPECT_EQ(next.getValueFor2("D"), "4");
 }
 
-TEST_F(CommandsTest, LeftoverBackupIsRestoredBeforeTheFirstReadAndKept) {
-  const std::string saved = "A 1\nB 2\n";
-  writeFile(file(), "A 1\nB");  // cut short by a crash
-  writeFile(backup(), saved);
-  writeFile(dir_.file("COMMANDS.other"), "OTHER worker\n");
-  auto c = open();
-  EXPECT_EQ(c->getValueFor2("B"), "2");
-  EXPECT_EQ(readFile(file()), saved);
-  EXPECT_EQ(readFile(backup()), saved);
-  c->appendToBuffer1("C 3");
-  EXPECT_EQ(close(*c), 1);
-  EXPECT_EQ(readFile(file()), saved + "C 3\n");
-  EXPECT_EQ(readFile(backup()), saved);
-  EXPECT_EQ(readFile(dir_.file("COMMANDS.other")), "OTHER worker\n");
-}
-
 TEST_F(CommandsTest, OpenCommandsCreatesOrOpensForUpdate) {
   auto c = open();
   ASSERT_EQ(c->openCommands(), 1);
@@ -277,16 +249,6 @@ TEST_F(CommandsTest, OpenCommandsCreatesOrOpensForUpdate) {
   EXPECT_EQ(d->closeCommands(), 1);
   EXPECT_EQ(d->closeCommands(), 1);
   EXPECT_EQ(readFile(file()), "A 1\n");
-}
-
-TEST_F(CommandsTest, AppendToAMissingFileFailsWithoutCreatingOne) {
-  LogCapture log(LogCapture::kAllLevels);
-  auto c = open();
-  c->appendToBuffer1("A 1");
-  EXPECT_EQ(c->writeBuffer(), 0);
-  EXPECT_FALSE(fileExists(file()));
-  EXPECT_FALSE(fileExists(backup()));
-  EXPECT_TRUE(log.contains("can't make backup '" + backup() + "' of file '" + file() + "'"));
 }
 
 }  // namespace

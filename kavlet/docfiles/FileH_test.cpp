@@ -1,6 +1,7 @@
 #include "kavlet/docfiles/FileH.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -91,24 +92,65 @@ TEST(FileHWrite, StringsAndLinesExactlyAndRefusals) {
   EXPECT_EQ(readFile(name), "a\tb \nsecond\n");
 }
 
-TEST(FileHBackup, BackupHoldsTheContentFromBeforeTheFirstChange) {
+// What the first backup or recovery of an object leaves: a leftover backup
+// (of a run that broke off) is copied over the file by either; a backup that
+// is no file never costs the file. "-" stands for no file, "/" for a directory.
+TEST(FileHBackup, FirstBackupOrRecovery) {
+  struct Case {
+    const char* file;
+    const char* backup;
+    bool recover;  // else makeBackupCopy
+    int result;
+    const char* fileAfter;
+    const char* backupAfter;
+  } cases[] = {
+      {"original\n", "-", false, 1, "original\n", "original\n"},
+      {"-", "-", false, 0, "-", "-"},
+      {"half writ", "saved\n", false, 1, "saved\n", "saved\n"},
+      {"half writ", "saved\n", true, 1, "saved\n", "saved\n"},
+      {"as is\n", "-", true, 1, "as is\n", "-"},
+      {"-", "saved\n", true, 1, "saved\n", "saved\n"},  // gone between unlink and copy
+      {"keep me\n", "/", true, 0, "keep me\n", "/"},
+      {"keep me\n", "/", false, 0, "keep me\n", "/"},
+  };
+  auto state = [](const std::string& path) -> std::string {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return "-";
+    return S_ISDIR(st.st_mode) ? "/" : readFile(path);
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.file) + " " + c.backup + (c.recover ? " recover" : " backup"));
+    TempDir dir;
+    std::string name = dir.file("COMMANDS");
+    if (std::string(c.file) != "-") writeFile(name, c.file);
+    if (std::string(c.backup) == "/") makeDir(name + ".t");
+    if (std::string(c.backup) != "-" && std::string(c.backup) != "/") {
+      writeFile(name + ".t", c.backup);
+    }
+    FileH f(name, "t");
+    EXPECT_EQ(c.recover ? f.recoverFromBackup() : f.makeBackupCopy(), c.result);
+    EXPECT_EQ(state(name), c.fileAfter);
+    EXPECT_EQ(state(name + ".t"), c.backupAfter);
+  }
+}
+
+// Once made or recovered, the backup stays what it was for this object, and
+// another worker's backup is never touched.
+TEST(FileHBackup, OncePerObject) {
   TempDir dir;
   std::string name = dir.file("COMMANDS");
-  std::string backup = name + ".clockette";
-  writeFile(name, "original\n");
+  writeFile(name, "half writ");
+  writeFile(name + ".clockette", "saved\n");
+  writeFile(name + ".other", "another worker's\n");
   FileH f(name, "clockette");
-  EXPECT_EQ(f.backupName(), backup);
-  ASSERT_EQ(f.makeBackupCopy(), 1);
-  EXPECT_EQ(readFile(backup), "original\n");
-  EXPECT_EQ(readFile(name), "original\n");
-  // A second backup by the same object changes nothing.
-  writeFile(name, "changed\n");
-  EXPECT_EQ(f.makeBackupCopy(), 1);
-  EXPECT_EQ(readFile(backup), "original\n");
-  EXPECT_EQ(readFile(name), "changed\n");
-  // Nor does a recovery: this object's own backup is never restored.
+  EXPECT_EQ(f.backupName(), name + ".clockette");
+  ASSERT_EQ(f.recoverFromBackup(), 1);
+  writeFile(name, "new\n");
   EXPECT_EQ(f.recoverFromBackup(), 1);
-  EXPECT_EQ(readFile(name), "changed\n");
+  EXPECT_EQ(f.makeBackupCopy(), 1);
+  EXPECT_EQ(readFile(name), "new\n");
+  EXPECT_EQ(readFile(name + ".clockette"), "saved\n");
+  EXPECT_EQ(readFile(name + ".other"), "another worker's\n");
 }
 
 TEST(FileHBackup, RefusedForAMissingOrOpenFile) {
@@ -119,70 +161,11 @@ TEST(FileHBackup, RefusedForAMissingOrOpenFile) {
   EXPECT_TRUE(log.contains("can't open file '" + dir.file("COMMANDS") +
                            "'; the system call open64('" + dir.file("COMMANDS") +
                            "',O_RDONLY) failed:No such file or directory"));
-  EXPECT_FALSE(fileExists(dir.file("COMMANDS.t")));
-  EXPECT_FALSE(fileExists(dir.file("COMMANDS")));
   writeFile(dir.file("open"), "x");
   FileH open(dir.file("open"), "t");
   ASSERT_EQ(open.openFile(FileH::kReadText), 1);
   EXPECT_EQ(open.makeBackupCopy(), 0);
   EXPECT_FALSE(fileExists(dir.file("open.t")));
-}
-
-TEST(FileHBackup, LeftoverBackupIsRestoredBeforeReadingAndKept) {
-  TempDir dir;
-  std::string name = dir.file("COMMANDS");
-  writeFile(name, "half writ");
-  writeFile(name + ".clockette", "saved\n");
-  writeFile(name + ".other", "another worker's\n");
-  FileH f(name, "clockette");
-  ASSERT_EQ(f.recoverFromBackup(), 1);
-  EXPECT_EQ(readFile(name), "saved\n");
-  EXPECT_EQ(readFile(name + ".clockette"), "saved\n");
-  EXPECT_EQ(readFile(name + ".other"), "another worker's\n");
-  // Recovered once per object: later changes are not undone.
-  writeFile(name, "new\n");
-  EXPECT_EQ(f.recoverFromBackup(), 1);
-  EXPECT_EQ(f.makeBackupCopy(), 1);
-  EXPECT_EQ(readFile(name), "new\n");
-  EXPECT_EQ(readFile(name + ".clockette"), "saved\n");
-}
-
-TEST(FileHBackup, NewObjectWithLeftoverBackupCopiesItOverTheFile) {
-  TempDir dir;
-  std::string name = dir.file("COMMANDS");
-  writeFile(name, "half writ");
-  writeFile(name + ".t", "saved\n");
-  FileH f(name, "t");
-  ASSERT_EQ(f.makeBackupCopy(), 1);
-  EXPECT_EQ(readFile(name), "saved\n");
-  EXPECT_EQ(readFile(name + ".t"), "saved\n");
-}
-
-TEST(FileHBackup, RecoveryWithoutBackupAndWithAMissingFile) {
-  TempDir dir;
-  std::string name = dir.file("COMMANDS");
-  writeFile(name, "as is\n");
-  FileH f(name, "t");
-  EXPECT_EQ(f.recoverFromBackup(), 1);
-  EXPECT_EQ(readFile(name), "as is\n");
-  EXPECT_FALSE(fileExists(name + ".t"));
-  // The file itself may be gone (crash between unlink and copy).
-  unlink(name.c_str());
-  writeFile(name + ".t", "saved\n");
-  FileH g(name, "t");
-  EXPECT_EQ(g.recoverFromBackup(), 1);
-  EXPECT_EQ(readFile(name), "saved\n");
-}
-
-TEST(FileHBackup, BackupThatIsNoFileNeverCostsTheFile) {
-  TempDir dir;
-  std::string name = dir.file("COMMANDS");
-  writeFile(name, "keep me\n");
-  makeDir(name + ".t");
-  FileH f(name, "t");
-  EXPECT_EQ(f.recoverFromBackup(), 0);
-  EXPECT_EQ(f.makeBackupCopy(), 0);
-  EXPECT_EQ(readFile(name), "keep me\n");
 }
 
 }  // namespace

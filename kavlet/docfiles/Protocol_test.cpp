@@ -68,23 +68,6 @@ TEST(Protocol, EmptyBufferCreatesNoFile) {
   EXPECT_FALSE(fileExists(dir.file("KVprotocol")));
 }
 
-TEST(Protocol, EachDocumentWritesItsOwnDirectory) {
-  TempDir dir;
-  makeDir(dir.file("a"));
-  makeDir(dir.file("b"));
-  Protocol a(dir.file("a").c_str(), "w");
-  Protocol b(dir.file("b").c_str(), "w");
-  a.appendToBuffer("for a");
-  b.appendToBuffer("for b");
-  EXPECT_EQ(a.writeBuffer(), 1);
-  EXPECT_EQ(b.writeBuffer(), 1);
-  a.closeProtocol();
-  b.closeProtocol();
-  EXPECT_NE(readFile(dir.file("a/KVprotocol")).find("] for a\n"), std::string::npos);
-  EXPECT_EQ(readFile(dir.file("a/KVprotocol")).find("for b"), std::string::npos);
-  EXPECT_NE(readFile(dir.file("b/KVprotocol")).find("] for b\n"), std::string::npos);
-}
-
 TEST(Protocol, FailedWriteDropsTheBufferAndReports) {
   LogCapture log(LogCapture::kAllLevels);
   TempDir dir;

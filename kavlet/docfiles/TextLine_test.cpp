@@ -135,21 +135,20 @@ std::string probeTokens(const std::vector<std::string>& steps, const char* value
 TEST(TextLineSwitch, EnvironmentChoosesTheRulesOncePerProcess) {
   const std::string quoted = "[a b][c]\n";
   const std::string plain = "[\"a][b\"][c]\n";
-  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, nullptr), quoted);
-  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "JA"), quoted);
-  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "On"), quoted);
-  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "No"), plain);
-  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, "OFF"), plain);
-  EXPECT_EQ(probeTokens({"tok:\"a b\" c"}, ""), plain);
+  const char* const line = "tok:\"a b\" c";
+  struct Case {
+    const char* value;  // null: unset
+    std::string tokens;
+  } cases[] = {{nullptr, quoted}, {"JA", quoted}, {"On", quoted},
+               {"No", plain},     {"OFF", plain}, {"", plain}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(probeTokens({line}, c.value), c.tokens) << (c.value ? c.value : "unset");
+  }
   // Changing the variable later in the process changes nothing.
-  EXPECT_EQ(
-      probeTokens({"tok:\"a b\" c", "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=no", "tok:\"a b\" c"},
-                  nullptr),
-      quoted + quoted);
-  EXPECT_EQ(
-      probeTokens({"tok:\"a b\" c", "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=yes", "tok:\"a b\" c"},
-                  "0"),
-      plain + plain);
+  EXPECT_EQ(probeTokens({line, "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=no", line}, nullptr),
+            quoted + quoted);
+  EXPECT_EQ(probeTokens({line, "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=yes", line}, "0"),
+            plain + plain);
 }
 
 struct KeyValCase {
