@@ -76,7 +76,6 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
     const char *host, *protocol, *urlPath, *login, *password;
     int port;
   } cases[] = {
-      {{}, {"c"}, "localhost", "http", "/", "", "", 8080},
       {{{"TIMESTAMP_HOST", "a"},
         {"TIMESTAMP_PORT", "318"},
         {"TIMESTAMP_PROTOCOL", "https"},
