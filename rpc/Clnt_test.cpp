@@ -9,20 +9,13 @@
 #include "testing/rpcpeer/TestProg.h"
 
 using rpc_test::UdpSocket;
+using rpc_test::words;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 
-// Big-endian words: replies are built by hand so that the client is checked
-// against the wire format, not against our own encoder.
-Bytes words(std::initializer_list<uint32_t> ws) {
-  Bytes b;
-  for (uint32_t w : ws)
-    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(w >> s));
-  return b;
-}
 Bytes operator+(Bytes a, const Bytes& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "rpc/Clnt.h"
+#include "testing/ChildProcess.h"
 #include "testing/rpcpeer/ServiceLoop.h"
 #include "testing/rpcpeer/TestProg.h"
-#include "testing/ChildProcess.h"
 
 using rpc_test::ServiceLoop;
 using rpc_test::UdpSocket;
@@ -72,10 +72,6 @@ TEST(Interop, TirpcClientCallsOurService) {
     EXPECT_EQ(c.expected, peerCall(port, c.prog, c.vers, c.proc, c.result, c.args));
 }
 
-struct ClientDeleter {
-  void operator()(CLIENT* c) const { clnt_destroy(c); }
-};
-
 TEST(Interop, OurClientCallsATirpcServer) {
   testing_support::BackgroundChild server({kPeer, "serve"});
   std::string line;
@@ -85,7 +81,7 @@ TEST(Interop, OurClientCallsATirpcServer) {
   const sockaddr_in addr = UdpSocket::loopback(port);
   auto client = [&](u_long prog, u_long vers) {
     int sock = RPC_ANYSOCK;
-    return std::unique_ptr<CLIENT, ClientDeleter>(clntudp_create(&addr, prog, vers, {1, 0}, &sock));
+    return rpc_test::ClientPtr(clntudp_create(&addr, prog, vers, {1, 0}, &sock));
   };
   const timeval total = {5, 0};
 

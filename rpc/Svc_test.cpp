@@ -14,29 +14,19 @@
 
 #include "rpc/Clnt.h"
 #include "rpc/SvcUdp.h"
+#include "testing/LogCapture.h"
 #include "testing/rpcpeer/ServiceLoop.h"
 #include "testing/rpcpeer/TestProg.h"
-#include "testing/LogCapture.h"
 
+using rpc_test::ClientPtr;
 using rpc_test::ServiceLoop;
 using rpc_test::UdpSocket;
+using rpc_test::words;
 using rpc_test::xdrPair;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-Bytes words(std::initializer_list<uint32_t> ws) {
-  Bytes b;
-  for (uint32_t w : ws)
-    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(w >> s));
-  return b;
-}
-
-struct ClientDeleter {
-  void operator()(CLIENT* c) const { clnt_destroy(c); }
-};
-using ClientPtr = std::unique_ptr<CLIENT, ClientDeleter>;
 
 const timeval kTotal = {3, 0};
 

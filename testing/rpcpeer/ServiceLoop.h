@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "rpc/Clnt.h"
@@ -14,6 +15,11 @@
 #include "testing/rpcpeer/TestProg.h"
 
 namespace rpc_test {
+
+struct ClientDeleter {
+  void operator()(CLIENT* c) const { clnt_destroy(c); }
+};
+using ClientPtr = std::unique_ptr<CLIENT, ClientDeleter>;
 
 inline bool_t xdrPair(XDR* x, int* p) { return xdr_int(x, &p[0]) && xdr_int(x, &p[1]); }
 
@@ -91,10 +97,10 @@ class ServiceLoop {
     thread_.join();
   }
   // A client of the test program at this service.
-  CLIENT* client(u_long prog = TESTPROG, u_long vers = TESTVERS) const {
+  ClientPtr client(u_long prog = TESTPROG, u_long vers = TESTVERS) const {
     sockaddr_in a = UdpSocket::loopback(port());
     int sock = RPC_ANYSOCK;
-    return clntudp_create(&a, prog, vers, {1, 0}, &sock);
+    return ClientPtr(clntudp_create(&a, prog, vers, {1, 0}, &sock));
   }
 
  private:

@@ -17,10 +17,20 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 namespace rpc_test {
+
+// Big-endian words: messages are built by hand so that each side is checked
+// against the wire format, not against our own encoder.
+inline std::vector<uint8_t> words(std::initializer_list<uint32_t> ws) {
+  std::vector<uint8_t> b;
+  for (uint32_t w : ws)
+    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(w >> s));
+  return b;
+}
 
 // A datagram socket bound to 127.0.0.1 on an ephemeral port.
 class UdpSocket {
