@@ -31,10 +31,8 @@ TEST(TsResultFileTest, TheTargetIsReplacedWholeAndNeverWrittenThroughALink) {
   // A leftover of a killed attempt, and a link planted at the temporary name.
   const std::string temporary = dir.file(".document.tst.tmp");
   ASSERT_EQ(symlink(elsewhere.c_str(), temporary.c_str()), 0);
-  LogCapture log;
-  Log::setLevel(8, 1);
+  LogCapture log(LogCapture::kAllLevels);
   ASSERT_EQ(storeTimestamp(&response, "document.pdf", target.c_str()), 0);
-  Log::setLevel(8, 0);
   EXPECT_EQ(readFile(target), "MAMCAQA=");
   EXPECT_EQ(readFile(elsewhere), "not to be touched");
   struct stat status;

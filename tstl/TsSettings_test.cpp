@@ -40,8 +40,8 @@ TEST(TsSettingsTest, NumbersOutOfRangeFallBackToTheDefaults) {
     setenv(c.name, c.value, 1);
     testing_support::LogCapture capture;
     const bool limit = std::string(c.name) == "TS_RESPONSE_LIMIT";
-    const long long effective = limit ? static_cast<long long>(responseLimitFromEnv(log))
-                                      : timeoutFromEnv(log, c.name, 60);
+    const long long effective =
+        limit ? static_cast<long long>(responseLimitFromEnv(log)) : timeoutFromEnv(log, c.name, 60);
     unsetenv(c.name);
     EXPECT_EQ(effective, c.effective);
     EXPECT_EQ(capture.contains(std::string(c.name) + " '" + c.value + "' is no number of " +

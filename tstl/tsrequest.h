@@ -13,7 +13,9 @@
 // The parts: the settings (tstl/TsSettings.h), hashing (tstl/TsHash.h), the
 // exchange behind tstl/TsTransport.h (tstl/CurlTransport.h for HTTP and
 // HTTPS, tstl/TcpTransport.h for raw TCP) and the timestamp file
-// (tstl/TsResultFile.h). This header declares the whole designed interface.
+// (tstl/TsResultFile.h). This header declares the designed interface; the
+// hashing and timestamp file functions come with the headers it includes,
+// openSocket with tstl/TcpTransport.h.
 //
 // Threads: the init functions and getDigest run before any stamping (the
 // configuration is not locked). After that, computeHash, the exchange
@@ -35,7 +37,6 @@
 #ifndef TSTL_TSREQUEST_H_
 #define TSTL_TSREQUEST_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
