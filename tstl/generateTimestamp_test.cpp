@@ -72,11 +72,8 @@ class GenerateTimestampTest : public ::testing::Test {
     delete ca_;
     delete dir_;
   }
-
- public:
   static std::string file(const std::string& name) { return dir_->file(name); }
 
- protected:
   static TempDir* dir_;
   static testtsa::CertAuthority* ca_;
 };
@@ -84,13 +81,12 @@ class GenerateTimestampTest : public ::testing::Test {
 TempDir* GenerateTimestampTest::dir_ = nullptr;
 testtsa::CertAuthority* GenerateTimestampTest::ca_ = nullptr;
 
-// "" when OpenSSL verifies der for the data file; the signer certificate
-// is given unless the token carries it.
+// "" when OpenSSL verifies der for the data file against the CA; the signer
+// certificate is given unless the token carries it.
 std::string opensslVerify(const std::vector<unsigned char>& der, const std::string& dataFile,
-                          const std::string& signerFile) {
+                          const std::string& caFile, const std::string& signerFile) {
   return testing_support::verifyTimestampResponse(std::string(der.begin(), der.end()), dataFile,
-                                                  GenerateTimestampTest::file("ca.pem"),
-                                                  signerFile);
+                                                  caFile, signerFile);
 }
 
 // What the requester's token checks make of der: "" when they take it.
@@ -169,14 +165,14 @@ TEST_F(GenerateTimestampTest, LocalTokensVerifyInEveryForm) {
         const std::vector<unsigned char> der = bytesOf(response);
         EXPECT_EQ(signingTimeText(der).size(), c.signingTimeLength);
         const std::string verdict =
-            opensslVerify(der, file("data.txt"), c.signerFromFile ? certFile : "");
+            opensslVerify(der, file("data.txt"), file("ca.pem"), c.signerFromFile ? certFile : "");
         if (c.refusal != nullptr) {
           EXPECT_NE(verdict.find(c.refusal), std::string::npos) << verdict;
         } else {
           EXPECT_EQ(verdict, "");
           EXPECT_EQ(tokenCheck(der, imprint, certFile), "");
           // Another file's data does not verify.
-          EXPECT_NE(opensslVerify(der, file("other.txt"), certFile), "");
+          EXPECT_NE(opensslVerify(der, file("other.txt"), file("ca.pem"), certFile), "");
         }
         CAsn1ietfTSResp back;
         ASSERT_TRUE(decodes(der, &back));
