@@ -128,9 +128,17 @@ std::string fitted(const char* text, size_t max, bool keepEnd) {
   return t.substr(0, to) + kCut;
 }
 
-// Creates the callback service when none exists yet. Returns false on failure.
-bool ensureService(int protocol) {
-  return ToolServiceSocket() != 0 || ToolCreateService(protocol) >= 0;
+// The start of KVhi and KVinfo (caller): simulation for the host "DEBUG",
+// and the callback service, created when none exists yet. false (logged) when
+// it cannot be made.
+bool startService(Log& log, const char* host, const char* caller) {
+  ClientState& s = st();
+  s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
+  if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
+  if (ToolServiceSocket() != 0 || ToolCreateService(s.simulation ? 17 : 0) >= 0) return true;
+  log.msg(__LINE__, 5, "%s: ToolCreateService() failed; creating the Kavlet service failed",
+          caller);
+  return false;
 }
 
 }  // namespace
@@ -247,30 +255,18 @@ int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOr
 
 int KVhi(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVhi", __FILE__, __LINE__, 13);
-  ClientState& s = st();
-  s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
-  if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
-  if (!ensureService(s.simulation ? 17 : 0)) {
-    log.msg(__LINE__, 5, "KVhi: ToolCreateService() failed; creating the Kavlet service failed");
-    return -5;
-  }
+  if (!startService(log, host, "KVhi")) return -5;
   if (handler != nullptr) ToolSetHandler(handler);
-  if (s.simulation) return ToolServiceSocket();
+  if (st().simulation) return ToolServiceSocket();
   int rc = KVconnect(host, type, ToolServicePort(), 1);
   return rc < 0 ? rc : ToolServiceSocket();
 }
 
 int KVinfo(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVinfo", __FILE__, __LINE__, 13);
-  ClientState& s = st();
-  s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
-  if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
-  if (!ensureService(s.simulation ? 17 : 0)) {
-    log.msg(__LINE__, 5, "KVinfo: ToolCreateService() failed; creating the Kavlet service failed");
-    return -1;
-  }
+  if (!startService(log, host, "KVinfo")) return -1;
   ToolSetInfoHandler(handler);
-  if (s.simulation) return ToolServiceSocket();
+  if (st().simulation) return ToolServiceSocket();
   int rc = KVconnect(host, type, ToolServicePort(), 0);
   if (rc < 0) return rc;
   log.msg(__LINE__, 8, "KVinfo on in_sock %d", ToolServiceSocket());
