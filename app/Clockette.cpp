@@ -12,8 +12,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "base/List.h"
@@ -24,6 +22,7 @@
 #include "base/ReplaceFile.h"
 #include "base/SecretFile.h"
 #include "base/SettingsLine.h"
+#include "base/SideThread.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
 #include "kavlet/docfiles/Document.h"
@@ -650,14 +649,11 @@ int Clockette::service(const char* directory) {
       }
     }
   };
-  std::thread syncer;
-  try {
-    syncer = std::thread(syncDirectories);
-  } catch (const std::system_error&) {
-    syncDirectories();  // no thread to be had: one after the other
-  }
+  SideThread& side = SideThread::instance();
+  bool aside = side.start(syncDirectories);
+  if (!aside) syncDirectories();  // no thread to be had: one after the other
   int protocolWritten = document->closeProtocol();
-  if (syncer.joinable()) syncer.join();
+  if (aside) side.wait();
   if (unsynced != nullptr) {
     log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
             unsynced->target.c_str(), step.c_str(), err, systemError(err).c_str());
