@@ -57,16 +57,17 @@ std::vector<std::pair<int, const char*>> extensionsOf(CertRole role) {
               {NID_subject_key_identifier, "hash"},
               {NID_authority_key_identifier, "keyid"}};
     case CertRole::kTimestamping:
-      return {{NID_basic_constraints, "CA:FALSE"},
-              {NID_key_usage, "critical,digitalSignature,nonRepudiation"},
-              {NID_ext_key_usage, "critical,timeStamping"},
-              {NID_subject_key_identifier, "hash"},
-              {NID_authority_key_identifier, "keyid"}};
-    case CertRole::kSigner:
-      return {{NID_basic_constraints, "CA:FALSE"},
-              {NID_key_usage, "critical,digitalSignature,nonRepudiation"},
-              {NID_subject_key_identifier, "hash"},
-              {NID_authority_key_identifier, "keyid"}};
+    case CertRole::kSigner: {
+      std::vector<std::pair<int, const char*>> extensions = {
+          {NID_basic_constraints, "CA:FALSE"},
+          {NID_key_usage, "critical,digitalSignature,nonRepudiation"},
+          {NID_subject_key_identifier, "hash"},
+          {NID_authority_key_identifier, "keyid"}};
+      if (role == CertRole::kTimestamping) {
+        extensions.insert(extensions.begin() + 2, {NID_ext_key_usage, "critical,timeStamping"});
+      }
+      return extensions;
+    }
     case CertRole::kTls:
       return {{NID_basic_constraints, "CA:FALSE"},
               {NID_ext_key_usage, "serverAuth"},
