@@ -189,20 +189,6 @@ TEST_F(WorkerProcessTest, TestModeRepeatsTheSortedSubdirectoriesAndNeverContacts
   // The work cycle wrote the appended statement.
   EXPECT_NE(readFile(a + "/COMMANDS").find("\nNEW line"), std::string::npos);
 
-  // A bare -test runs once; every document done: exit code 0.
-  writeFile(docs + "/b/COMMANDS", "TESTWORKER ok\n");
-  r = runChild(argv({"-test", "-testpath", docs}), o);
-  EXPECT_EQ(withoutStamps(r.out),
-            "T  --------- start test ...\n"
-            "T  0001 0001 op=ok         doc='" +
-                docs +
-                "/a'\n"
-                "T  0001 0002 op=ok         doc='" +
-                docs +
-                "/b'\n"
-                "T  --------- finished test with success!\n");
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-
   kv.drain(1);
   EXPECT_EQ(kv.countLines("HI "), 0);
   EXPECT_EQ(kv.countLines("OP "), 0);

@@ -1,12 +1,10 @@
 #include "kavlet/docfiles/utl.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "kavlet/docfiles/Owners.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
@@ -98,18 +96,6 @@ TEST(UtlAppend, AppendsExactlyTheRangeWithinBounds) {
   EXPECT_TRUE(
       log.contains("invalid parameters: file '" + from + "': size=3000, offset=2990, len=11"));
   EXPECT_EQ(utlAppend(dir.file("missing").c_str(), to.c_str(), 0, 0), 0);
-}
-
-TEST(UtlReadWrite, ShortFileAndWriteErrors) {
-  TempDir dir;
-  writeFile(dir.file("f"), "abc");
-  docfiles::ScopedFd fd(open(dir.file("f").c_str(), O_RDONLY));
-  char buf[16];
-  EXPECT_EQ(utlRead(fd.get(), buf, sizeof buf), 3);
-  EXPECT_EQ(std::string(buf, 3), "abc");
-  EXPECT_EQ(utlRead(fd.get(), buf, sizeof buf), 0);
-  EXPECT_EQ(utlWrite(fd.get(), "x", 1), -1);
-  EXPECT_EQ(utlRead(-1, buf, 1), -1);
 }
 
 TEST(ValidateDate, MonthsDaysAndLeapYears) {
