@@ -69,10 +69,7 @@ void notify(int number, const char* messageTemplate, const char* arguments) {
   notifyOperator("SRV", "BASE", number, "ERR", messageTemplate, arguments);
 }
 
-struct TokenFree {
-  void operator()(char* p) const { TextLine::free(p); }
-};
-using Token = std::unique_ptr<char, TokenFree>;
+using Token = TextLine::Token;
 
 // The first count tokens of text; a missing one is null.
 std::vector<Token> firstTokens(const char* text, int count) {

@@ -1,9 +1,10 @@
-// Owners of the C library's resources: descriptors, streams, address lists
-// and malloc'ed memory. The one place these are defined; OpenSSL's objects
-// have their owners in tstl/OpenSslPtr.h.
+// Owners of the C library's resources: descriptors, streams, directory
+// streams, address lists and malloc'ed memory. The one place these are
+// defined; OpenSSL's objects have their owners in tstl/OpenSslPtr.h.
 #ifndef BASE_OWNERS_H_
 #define BASE_OWNERS_H_
 
+#include <dirent.h>
 #include <netdb.h>
 #include <unistd.h>
 
@@ -63,6 +64,12 @@ struct FileCloser {
 // A stream that is closed when it goes away. Where the result of fclose()
 // matters (a file written), call fclose(p.release()) and check it.
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+struct DirCloser {
+  void operator()(DIR* d) const { closedir(d); }
+};
+// A directory stream from opendir(), closed when it goes away.
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
 struct AddrInfoFree {
   void operator()(addrinfo* a) const { freeaddrinfo(a); }

@@ -7,26 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/Owners.h"
+
 namespace {
-
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
 
 std::string directoryOf(const std::string& path) {
   size_t slash = path.rfind('/');
@@ -57,7 +40,7 @@ int syncDirectoryOf(const char* path, std::string* failedStep) {
   // Some file systems cannot sync a directory (EINVAL); only an I/O error is
   // a failure.
   std::string dir = directoryOf(path);
-  Fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dirFd.get() >= 0 && fsync(dirFd.get()) != 0 && errno == EIO) {
     return fail("fsync", dir, failedStep);
   }
@@ -72,7 +55,7 @@ int writeReplacement(const char* path, const char* data, size_t size, std::strin
   if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
     return fail("unlink", temporary, failedStep);
   }
-  Fd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+  UniqueFd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (fd.get() < 0) return fail("open", temporary, failedStep);
   int err = 0;
   std::string step;
@@ -88,7 +71,7 @@ int writeReplacement(const char* path, const char* data, size_t size, std::strin
     done += static_cast<size_t>(n);
   }
   if (err == 0 && fsync(fd.get()) != 0) err = fail("fsync", temporary, &step);
-  if (close(fd.release()) != 0 && err == 0) err = fail("close", temporary, &step);
+  if (fd.close() != 0 && err == 0) err = fail("close", temporary, &step);
   if (err != 0) {
     unlink(temporary.c_str());
     if (failedStep != nullptr) *failedStep = step;

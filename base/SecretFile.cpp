@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "base/Owners.h"
 #include "base/SystemError.h"
 
 namespace {
@@ -14,27 +15,13 @@ namespace {
 // More than any password; a longer file is no password file.
 constexpr size_t kMaxSecret = 4096;
 
-class ScopedFd {
- public:
-  explicit ScopedFd(int fd) : fd_(fd) {}
-  ~ScopedFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  ScopedFd(const ScopedFd&) = delete;
-  ScopedFd& operator=(const ScopedFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 std::string quoted(const char* path) { return std::string("'") + path + "'"; }
 
 }  // namespace
 
 bool readSecretFile(const char* path, std::string* secret, std::string* problem) {
   secret->clear();
-  ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat st;
   if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
     *problem = quoted(path) + " cannot be read: " + systemError(errno).str();

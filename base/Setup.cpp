@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Owners.h"
 #include "base/SystemError.h"
 
 namespace {
@@ -23,16 +24,6 @@ constexpr size_t kConfLineMax = 1022;
 
 EnvironmentSetter g_setter = nullptr;
 void* g_setterContext = nullptr;
-
-struct FileCloser {
-  void operator()(FILE* f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
-struct DirCloser {
-  void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
 // Reads the next line without its end, keeping at most max characters (the
 // rest of an over-long line is dropped). The text of a line ends at a NUL

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Owners.h"
 #include "base/SystemError.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
@@ -28,11 +29,6 @@ namespace {
 // Room for a built entry path, terminator included: longer paths fail as
 // too long rather than being cut.
 constexpr size_t kMaxEntryPath = 257;
-
-struct DirClose {
-  void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirClose>;
 
 // Works on the documents in worker processes forked from this one, up to
 // `jobs` at a time, and hands each result to `done` in list order as soon as

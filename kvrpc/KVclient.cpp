@@ -45,11 +45,6 @@ ClientState& st() {
   return s;
 }
 
-struct ClientDestroy {
-  void operator()(CLIENT* c) const { clnt_destroy(c); }
-};
-using ClientPtr = std::unique_ptr<CLIENT, ClientDestroy>;
-
 const char* orNull(const char* text) { return text ? text : "NULL"; }
 // The wire has no null string; an absent text travels as an empty one.
 char* wireText(const char* text) { return const_cast<char*>(text ? text : ""); }

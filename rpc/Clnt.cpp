@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Resolver.h"
 #include "rpc/RpcMsg.h"
 
 rpc_createerr_t rpc_createerr;
@@ -73,13 +74,9 @@ socklen_t addrLen(const sockaddr* sa) {
 }
 
 // "host:port" for messages; "[host]:port" for IPv6.
-std::string addrText(const sockaddr* sa, socklen_t len) {
-  char host[NI_MAXHOST], serv[NI_MAXSERV];
-  if (getnameinfo(sa, len, host, sizeof host, serv, sizeof serv, NI_NUMERICHOST | NI_NUMERICSERV) !=
-      0)
-    return "IP address";
-  return sa->sa_family == AF_INET6 ? std::string("[") + host + "]:" + serv
-                                   : std::string(host) + ":" + serv;
+std::string addrText(const sockaddr* sa) {
+  char text[NI_MAXHOST + NI_MAXSERV + 4];
+  return addressText(sa, 1, text, sizeof text);
 }
 
 clnt_stat setStatus(CLIENT* cl, clnt_stat stat) {
@@ -234,7 +231,7 @@ clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrpr
       const int64_t now = nowMicros();
       if (now >= deadline) {
         c_logmsg(kComponent, 2, "clnt timeout on FD%d, addr %s  was %d,%d", cl->sock,
-                 addrText(raddr, cl->rlen).c_str(), static_cast<int>(total.tv_sec),
+                 addrText(raddr).c_str(), static_cast<int>(total.tv_sec),
                  static_cast<int>(total.tv_usec));
         return setStatus(cl, RPC_TIMEDOUT);
       }
@@ -263,7 +260,7 @@ clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrpr
         const int e = errno;
         if (e == EINTR || e == EAGAIN || e == EWOULDBLOCK) continue;
         c_logmsg(kComponent, 2, "read on FD%d, addr %s returns %d, errno %d", cl->sock,
-                 addrText(raddr, cl->rlen).c_str(), static_cast<int>(n), e);
+                 addrText(raddr).c_str(), static_cast<int>(n), e);
         return setErrno(cl, RPC_CANTRECV, e);
       }
       if (n < 4) continue;  // not even an xid

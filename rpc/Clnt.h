@@ -16,6 +16,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <memory>
+
 #include "rpc/RpcTypes.h"
 #include "rpc/Xdr.h"
 
@@ -101,6 +103,12 @@ void clnt_geterr(CLIENT* cl, rpc_err* errp);
 // Frees what a call decoded into *resp.
 bool_t clnt_freeres(CLIENT* cl, xdrproc_t xres, void* resp);
 void clnt_destroy(CLIENT* cl);
+
+struct ClientDestroy {
+  void operator()(CLIENT* cl) const { clnt_destroy(cl); }
+};
+// A client that is destroyed when it goes away.
+using ClientPtr = std::unique_ptr<CLIENT, ClientDestroy>;
 
 // clnt_control requests.
 #define CLSET_TIMEOUT 1        // struct timeval: total time-out for every call

@@ -81,7 +81,7 @@ TEST(Interop, OurClientCallsATirpcServer) {
   const sockaddr_in addr = UdpSocket::loopback(port);
   auto client = [&](u_long prog, u_long vers) {
     int sock = RPC_ANYSOCK;
-    return rpc_test::ClientPtr(clntudp_create(&addr, prog, vers, {1, 0}, &sock));
+    return ClientPtr(clntudp_create(&addr, prog, vers, {1, 0}, &sock));
   };
   const timeval total = {5, 0};
 

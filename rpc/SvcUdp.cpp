@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Owners.h"
 #include "rpc/RpcMsg.h"
-#include "rpc/ScopedSocket.h"
 
 namespace {
 
@@ -103,7 +103,7 @@ const svc_xp_ops kUdpOps = {udpRecv, udpGetargs, udpReply, udpFreeargs, udpDestr
 }  // namespace
 
 SVCXPRT* svcudp_bufcreate(int sockIn, u_int sendsz, u_int recvsz) {
-  ScopedSocket sock(sockIn == RPC_ANYSOCK ? socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP) : sockIn);
+  UniqueFd sock(sockIn == RPC_ANYSOCK ? socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP) : sockIn);
   if (sock.get() < 0) return nullptr;
   if (sockIn == RPC_ANYSOCK) {
     // An unbound socket has no port and would never receive a request.
@@ -151,7 +151,7 @@ SVCXPRT* svcudp_create(const sockaddr* addr) {
   const int family = addr->sa_family;
   const int port = ntohs(family == AF_INET6 ? reinterpret_cast<const sockaddr_in6*>(addr)->sin6_port
                                             : reinterpret_cast<const sockaddr_in*>(addr)->sin_port);
-  ScopedSocket sock(socket(family, SOCK_DGRAM, IPPROTO_UDP));
+  UniqueFd sock(socket(family, SOCK_DGRAM, IPPROTO_UDP));
   int e = sock.get() < 0 ? errno : 0;
   if (e == 0 && family == AF_INET6) {
     // The IPv4 service may hold the same port; keep the two apart.

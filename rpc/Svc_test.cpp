@@ -18,7 +18,6 @@
 #include "testing/rpcpeer/ServiceLoop.h"
 #include "testing/rpcpeer/TestProg.h"
 
-using rpc_test::ClientPtr;
 using rpc_test::ServiceLoop;
 using rpc_test::UdpSocket;
 using rpc_test::words;

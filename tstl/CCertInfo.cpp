@@ -1,6 +1,5 @@
 #include "tstl/CCertInfo.h"
 
-#include <openssl/err.h>
 #include <openssl/pem.h>
 
 #include <algorithm>
@@ -290,7 +289,7 @@ int CCertInfo::VerifyCertSignature(EVP_PKEY* issuerKey) const {
   if (!cert_ || issuerKey == nullptr) return -2;
   if (X509_verify(cert_.get(), issuerKey) != 1) {
     log.msg(__LINE__, 7, "certificate signature of %s does not verify", subjectText_.c_str());
-    ERR_clear_error();
+    clearOpenSslErrors();
     return -1;
   }
   return 0;

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/Owners.h"
 #include "base/Stop.h"
 
 namespace {
@@ -21,10 +22,7 @@ constexpr size_t kPage = 4096;
 constexpr uint64_t kReadAheadFrom = 4 * kBlock;
 constexpr int kBuffers = 3;
 
-struct FreeDeleter {
-  void operator()(unsigned char* p) const { free(p); }
-};
-using Buffer = std::unique_ptr<unsigned char, FreeDeleter>;
+using Buffer = MallocPtr<unsigned char>;
 
 Buffer alignedBuffer(size_t size) {
   void* p = nullptr;

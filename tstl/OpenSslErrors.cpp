@@ -8,7 +8,7 @@
 std::string takeOpenSslErrors() {
   BioPtr mem(BIO_new(BIO_s_mem()));
   if (!mem) {
-    ERR_clear_error();
+    clearOpenSslErrors();
     return std::string();
   }
   ERR_print_errors(mem.get());  // empties the queue
@@ -18,6 +18,8 @@ std::string takeOpenSslErrors() {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   return text;
 }
+
+void clearOpenSslErrors() { ERR_clear_error(); }
 
 void logOpenSslErrorQueue(const char* component, const char* function) {
   Log log(component, function, __FILE__, __LINE__, 13);

@@ -1,7 +1,6 @@
 #include "tstl/TokenCheck.h"
 
 #include <openssl/cms.h>
-#include <openssl/err.h>
 #include <openssl/ess.h>
 #include <openssl/objects.h>
 #include <openssl/pem.h>
@@ -148,7 +147,7 @@ bool Checker::run(const unsigned char* der, size_t length) {
   }
   STACK_OF(X509)* extra = trust_ != nullptr ? trust_->untrusted() : nullptr;
   const int found = CMS_set1_signers_certs(cms_.get(), extra, 0);
-  ERR_clear_error();
+  clearOpenSslErrors();
   X509* signer = nullptr;
   CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, 0), nullptr, &signer, nullptr, nullptr);
   if (found <= 0 || signer == nullptr) {
@@ -239,7 +238,7 @@ bool Checker::readWithOpenSsl(const unsigned char* der, size_t length) {
   facts_.policyOid = policy;
   tokenCerts_.reset(CMS_get1_certs(cms_.get()));
   if (!tokenCerts_) tokenCerts_.reset(sk_X509_new_null());
-  ERR_clear_error();
+  clearOpenSslErrors();
   return tokenCerts_ != nullptr || fail("out of memory");
 }
 
@@ -340,7 +339,7 @@ bool Checker::checkChain(X509* signer) {
   X509_STORE_CTX_set_purpose(ctx.get(), X509_PURPOSE_TIMESTAMP_SIGN);
   if (X509_verify_cert(ctx.get()) != 1) {
     const int err = X509_STORE_CTX_get_error(ctx.get());
-    ERR_clear_error();
+    clearOpenSslErrors();
     return fail("the signer certificate does not chain to a trust anchor as of " + facts_.genTime +
                 ": " + X509_verify_cert_error_string(err));
   }
@@ -369,7 +368,7 @@ bool TokenTrust::load(const std::string& caPath, const std::string& certsPath, s
       for (const auto& entry : std::filesystem::directory_iterator(caPath, ec)) {
         if (!entry.is_regular_file(ec)) continue;
         if (X509_STORE_load_file(store.get(), entry.path().c_str()) == 1) ++loaded;
-        ERR_clear_error();
+        clearOpenSslErrors();
       }
     } else if (X509_STORE_load_file(store.get(), caPath.c_str()) == 1) {
       ++loaded;
@@ -388,7 +387,7 @@ bool TokenTrust::load(const std::string& caPath, const std::string& certsPath, s
       if (cert == nullptr) break;
       if (sk_X509_push(certs.get(), cert) == 0) X509_free(cert);
     }
-    ERR_clear_error();
+    clearOpenSslErrors();
     if (!certs || sk_X509_num(certs.get()) == 0) {
       *error = "no certificate can be read from " + certsPath;
       return false;
@@ -406,7 +405,7 @@ TokenCheckResult checkTimestampResponse(const unsigned char* der, size_t length,
   Checker checker(expect, trust, &result);
   result.ok = checker.run(der, length);
   // Nothing of a failed check may linger in this thread's error queue.
-  ERR_clear_error();
+  clearOpenSslErrors();
   return result;
 }
 

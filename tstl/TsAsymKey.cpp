@@ -1,7 +1,6 @@
 #include "tstl/TsAsymKey.h"
 
 #include <fcntl.h>
-#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 #include <cstring>
 
 #include "base/Log.h"
+#include "base/Owners.h"
 #include "tstl/KeyType.h"
 #include "tstl/OpenSslErrors.h"
 
@@ -41,7 +41,7 @@ int pkeyIdForType(int type) {
 
 // Reads a whole file into bytes. 0, -2 (cannot open), -3 (read error).
 int readWholeFile(const char* file, std::vector<unsigned char>* bytes) {
-  std::unique_ptr<FILE, int (*)(FILE*)> f(fopen(file, "rb"), fclose);
+  FilePtr f(fopen(file, "rb"));
   if (!f) return -2;
   unsigned char buf[4096];
   size_t n;
@@ -77,7 +77,7 @@ int TsAsymKey::loadKey(const char* file, const char* password) {
     }
   }
   // Not PEM (or not readable as such): what OpenSSL complained about is no error yet.
-  ERR_clear_error();
+  clearOpenSslErrors();
   log.msg(__LINE__, 8, "\"%s\" appears to contain a key in proprietary format", file);
 
   const EVP_CIPHER* cipher = EVP_des_ede3_cbc();
@@ -140,9 +140,9 @@ int TsAsymKey::saveKey(const char* file, const char* password) const {
   // A private key is for its owner's eyes only, whatever the umask, and also
   // when an existing file is overwritten.
   BioPtr out;
-  int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd >= 0 && fchmod(fd, 0600) == 0) out.reset(BIO_new_fd(fd, BIO_CLOSE));
-  if (!out && fd >= 0) close(fd);
+  UniqueFd fd(open(file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (fd.valid() && fchmod(fd.get(), 0600) == 0) out.reset(BIO_new_fd(fd.get(), BIO_CLOSE));
+  if (out) fd.release();  // the BIO closes it now
   if (!out) {
     log.msg(__LINE__, 2, "failed open the file \"%s\" to write the key", file);
     logOpenSslErrorQueue(kComponent, "saveKey");
@@ -243,7 +243,7 @@ int TsAsymKey::comparePublicKey(const EVP_PKEY* publicKey) const {
   Log log(kComponent, "comparePublicKey", __FILE__, __LINE__, 13);
   if (!key_ || publicKey == nullptr) return -1;
   int eq = EVP_PKEY_eq(key_.get(), publicKey);
-  ERR_clear_error();  // a type mismatch leaves an entry; it only means "different"
+  clearOpenSslErrors();  // a type mismatch leaves an entry; it only means "different"
   return eq == 1 ? 0 : 1;
 }
 
@@ -331,7 +331,7 @@ int TsAsymKey::verifyData(const unsigned char* data, unsigned int length, int di
     return -2;
   }
   int rc = EVP_DigestVerify(ctx.get(), signature, signatureLength, data, length);
-  ERR_clear_error();  // a bad signature is an answer, not an error
+  clearOpenSslErrors();  // a bad signature is an answer, not an error
   if (rc != 1) {
     log.msg(__LINE__, 7, "signature does not verify");
     return -1;

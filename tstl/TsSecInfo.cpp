@@ -1,6 +1,5 @@
 #include "tstl/TsSecInfo.h"
 
-#include <openssl/err.h>
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
 
@@ -136,7 +135,7 @@ int TsSecInfo::verifyHash(const unsigned char* hash, unsigned int length, int di
     return -2;
   }
   int rc = EVP_PKEY_verify(ctx.get(), signature, signatureLength, hash, length);
-  ERR_clear_error();  // a bad signature is an answer, not an error
+  clearOpenSslErrors();  // a bad signature is an answer, not an error
   if (rc != 1) {
     log.msg(__LINE__, 7, "signature does not verify");
     return -1;
@@ -224,7 +223,7 @@ int TsSecInfo::decryptData(const unsigned char* message, unsigned int length,
             EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTagSize, tag) == 1 &&
             EVP_DecryptFinal_ex(ctx.get(), out.data() + n, &finalLen) == 1;
   OPENSSL_cleanse(aesKey, sizeof(aesKey));
-  ERR_clear_error();
+  clearOpenSslErrors();
   if (!ok) {
     OPENSSL_cleanse(out.data(), out.size());
     log.msg(__LINE__, 2, "decryption failed: message changed or encrypted with another key");

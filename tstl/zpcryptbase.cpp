@@ -13,10 +13,7 @@ namespace {
 constexpr unsigned int kCrc32Generator = 0x04C11DB7;
 
 // The base64 filter in front of a memory BIO; owns both (BIO_free_all).
-struct BioChainDeleter {
-  void operator()(BIO* b) const { BIO_free_all(b); }
-};
-using BioChainPtr = std::unique_ptr<BIO, BioChainDeleter>;
+using BioChainPtr = std::unique_ptr<BIO, ossl::Deleter<BIO, BIO_free_all>>;
 
 }  // namespace
 

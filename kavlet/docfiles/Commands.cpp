@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "base/Log.h"
-#include "kavlet/docfiles/Owners.h"
+#include "base/Owners.h"
 #include "kavlet/docfiles/TextLine.h"
 #include "kavlet/docfiles/utl.h"
 
@@ -51,7 +51,7 @@ int toTextArray(const List<String>& texts, char*** out) {
 // True when the file's last byte ends no line: an appended line would then be
 // glued to the last statement.
 bool lacksFinalLineEnd(const String& path) {
-  docfiles::ScopedFd fd(open(path.c_str(), O_RDONLY));
+  UniqueFd fd(open(path.c_str(), O_RDONLY));
   struct stat status;
   if (!fd.valid() || fstat(fd.get(), &status) != 0 || status.st_size == 0) return false;
   char last = '\n';

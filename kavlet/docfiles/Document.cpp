@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/Owners.h"
 #include "kavlet/docfiles/DocumentLock.h"
 #include "kavlet/docfiles/utl.h"
 
@@ -39,10 +40,6 @@ bool isBookkeepingName(const std::string& name) {
 bool sameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
-
-struct DirCloser {
-  void operator()(DIR* d) const { closedir(d); }
-};
 
 }  // namespace
 
@@ -213,7 +210,7 @@ int Document::isBookkeepingFile(const String& path, String* which) const {
   }
   // By identity: a link to one of them under another name.
   if (stat(p.c_str(), &status) != 0) return 0;
-  std::unique_ptr<DIR, DirCloser> entries(opendir(directory_.c_str()));
+  DirPtr entries(opendir(directory_.c_str()));
   if (!entries) return 0;
   while (struct dirent* e = readdir(entries.get())) {
     if (!isBookkeepingName(e->d_name)) continue;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "base/Log.h"
 #include "base/Stop.h"
@@ -16,21 +17,17 @@ constexpr int kPollMs = 50;
 
 }  // namespace
 
-DocumentLock::~DocumentLock() {
-  if (fd_ >= 0) close(fd_);
-}
-
 int DocumentLock::acquire(const String& directory, int waitSeconds) {
   Log log("DocumentLock", "acquire", __FILE__, __LINE__, 13);
-  if (fd_ >= 0) return 1;
+  if (fd_.valid()) return 1;
   String path = directory + "/" + kFileName;
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-  if (fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+  UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+  if (!fd.valid() && (errno == EACCES || errno == EPERM || errno == EROFS)) {
     // A directory the worker may not write into: lock the directory itself.
     path = directory;
-    fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    fd.reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   }
-  if (fd < 0) {
+  if (!fd.valid()) {
     int err = errno;
     if (err == ENOENT) return 1;
     log.msg(__LINE__, 2, "cannot lock document '%s': open('%s') failed: errno=%d (%s)",
@@ -38,13 +35,12 @@ int DocumentLock::acquire(const String& directory, int waitSeconds) {
     return 0;
   }
   long long waitedMs = 0;
-  while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+  while (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
     int err = errno;
     if (err == EINTR) continue;
     if (err != EWOULDBLOCK) {
       log.msg(__LINE__, 2, "cannot lock document '%s': flock('%s') failed: errno=%d (%s)",
               directory.c_str(), path.c_str(), err, errnoText(err).c_str());
-      close(fd);
       return 0;
     }
     if (waitedMs == 0) {
@@ -56,12 +52,11 @@ int DocumentLock::acquire(const String& directory, int waitSeconds) {
               "document '%s' is being worked on by another process (lock '%s' held for %d s); "
               "document failed",
               directory.c_str(), path.c_str(), static_cast<int>(waitedMs / 1000));
-      close(fd);
       return 0;
     }
     waitedMs += kPollMs;
   }
-  fd_ = fd;
+  fd_ = std::move(fd);
   log.msg(__LINE__, 9, "locked document '%s' ('%s')", directory.c_str(), path.c_str());
   return 1;
 }

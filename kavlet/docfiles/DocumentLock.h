@@ -12,6 +12,7 @@
 #ifndef KAVLET_DOCFILES_DOCUMENTLOCK_H_
 #define KAVLET_DOCFILES_DOCUMENTLOCK_H_
 
+#include "base/Owners.h"
 #include "base/String.h"
 
 class DocumentLock {
@@ -19,7 +20,6 @@ class DocumentLock {
   static constexpr const char* kFileName = ".COMMANDS.lock";
 
   DocumentLock() = default;
-  ~DocumentLock();
   DocumentLock(const DocumentLock&) = delete;
   DocumentLock& operator=(const DocumentLock&) = delete;
 
@@ -31,7 +31,7 @@ class DocumentLock {
   int acquire(const String& directory, int waitSeconds);
 
  private:
-  int fd_ = -1;
+  UniqueFd fd_;
 };
 
 #endif  // KAVLET_DOCFILES_DOCUMENTLOCK_H_

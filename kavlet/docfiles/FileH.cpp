@@ -44,7 +44,7 @@ bool isOwnRegularFile(const struct stat& status) {
 void syncDirectoryOf(const String& file) {
   long slash = static_cast<long>(file.str().rfind('/'));
   String dir = slash > 0 ? file.subString(0, static_cast<size_t>(slash)) : String(".");
-  docfiles::ScopedFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (fd.valid()) fsync(fd.get());
 }
 
@@ -74,7 +74,7 @@ int FileH::openFile(int type, int flag) {
   }
   // Never through a symbolic link at the last component, and never blocked
   // by a FIFO: a document's files are regular files.
-  docfiles::ScopedFd fd(
+  UniqueFd fd(
       open(fileName_.c_str(), flagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
   if (!fd.valid()) {
     openError_ = errno;

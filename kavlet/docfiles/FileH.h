@@ -19,8 +19,8 @@
 #ifndef KAVLET_DOCFILES_FILEH_H_
 #define KAVLET_DOCFILES_FILEH_H_
 
+#include "base/Owners.h"
 #include "base/String.h"
-#include "kavlet/docfiles/Owners.h"
 
 class FileH {
  public:
@@ -81,7 +81,7 @@ class FileH {
   bool operator==(const String& name) const { return fileName_ == name; }
 
  private:
-  docfiles::FilePtr stream_;
+  FilePtr stream_;
   String fileName_;
   String suffix_;
   int type_ = 0;

@@ -15,6 +15,7 @@
 #define KAVLET_DOCFILES_TEXTLINE_H_
 
 #include <cstdint>
+#include <memory>
 
 #include "base/String.h"
 
@@ -39,6 +40,12 @@ class TextLine {
 
   // Releases a token; null is ignored.
   static void free(void* p);
+
+  struct TokenFree {
+    void operator()(char* p) const { TextLine::free(p); }
+  };
+  // A token that is released when it goes away.
+  using Token = std::unique_ptr<char, TokenFree>;
 
   // Number of characters of the line after cutting (tests and logging).
   int32_t length() const { return length_; }

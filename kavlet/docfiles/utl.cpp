@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "base/Log.h"
-#include "kavlet/docfiles/Owners.h"
+#include "base/Owners.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ struct CopyStyle {
 
 int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
   int noFollow = style.regularOnly ? O_NOFOLLOW | O_NONBLOCK : 0;
-  docfiles::ScopedFd in(open(from, O_RDONLY | O_CLOEXEC | noFollow));
+  UniqueFd in(open(from, O_RDONLY | O_CLOEXEC | noFollow));
   if (!in.valid()) {
     log.msg(__LINE__, style.truncateAndSync ? 3 : 1,
             "can't open file '%s'; the system call open64('%s',O_RDONLY) failed:%s", from, from,
@@ -55,7 +55,7 @@ int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
   }
   int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (style.truncateAndSync ? O_TRUNC : 0) |
               (style.regularOnly ? O_NOFOLLOW : 0);
-  docfiles::ScopedFd out(open(to, flags, 0666));
+  UniqueFd out(open(to, flags, 0666));
   if (!out.valid()) {
     if (style.truncateAndSync) {
       log.msg(__LINE__, 3,
@@ -69,7 +69,7 @@ int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
     }
     return 0;
   }
-  docfiles::MallocPtr buf(static_cast<char*>(malloc(kBufferSize)));
+  MallocPtr<> buf(static_cast<char*>(malloc(kBufferSize)));
   if (!buf) {
     log.msg(__LINE__, style.truncateAndSync ? 3 : 1,
             "memory error; the system call malloc(%d) failed:%s", kChunk, errnoText(errno).c_str());
@@ -208,13 +208,13 @@ int utlAppend(const char* from, const char* to, int64_t offset, int64_t len) {
   log.msg(__LINE__, 8, "par:(from='%s',to='%s',offset=%lld,len=%lld)", f, t,
           static_cast<long long>(offset), static_cast<long long>(len));
   if (from == nullptr || to == nullptr) return 0;
-  docfiles::ScopedFd in(open(from, O_RDONLY));
+  UniqueFd in(open(from, O_RDONLY));
   if (!in.valid()) {
     log.msg(__LINE__, 1, "can't open file '%s'; the system call open64('%s',O_RDONLY) failed:%s",
             from, from, errnoText(errno).c_str());
     return 0;
   }
-  docfiles::ScopedFd out(open(to, O_WRONLY | O_CREAT | O_APPEND, 0666));
+  UniqueFd out(open(to, O_WRONLY | O_CREAT | O_APPEND, 0666));
   if (!out.valid()) {
     log.msg(__LINE__, 1,
             "can't open file '%s'; the system call open64('%s',O_WRONLY|O_CREAT|O_APPEND,0666) "
@@ -246,7 +246,7 @@ int utlAppend(const char* from, const char* to, int64_t offset, int64_t len) {
             from, static_cast<long long>(offset), errnoText(errno).c_str());
     return 0;
   }
-  docfiles::MallocPtr buf(static_cast<char*>(malloc(kBufferSize)));
+  MallocPtr<> buf(static_cast<char*>(malloc(kBufferSize)));
   if (!buf) {
     log.msg(__LINE__, 1, "memory error; the system call malloc(%d) failed:%s", kChunk,
             errnoText(errno).c_str());

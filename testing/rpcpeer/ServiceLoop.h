@@ -16,11 +16,6 @@
 
 namespace rpc_test {
 
-struct ClientDeleter {
-  void operator()(CLIENT* c) const { clnt_destroy(c); }
-};
-using ClientPtr = std::unique_ptr<CLIENT, ClientDeleter>;
-
 inline bool_t xdrPair(XDR* x, int* p) { return xdr_int(x, &p[0]) && xdr_int(x, &p[1]); }
 
 // NULL, ADD (int, int -> sum), ECHO (string -> string), 3: SYSTEM_ERR, else PROC_UNAVAIL.

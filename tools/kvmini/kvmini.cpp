@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Owners.h"
 #include "kvprot.h"
 
 namespace kvmini {
@@ -143,11 +144,12 @@ bool parseTarget(const std::string& text, Target* t) {
   }
   addrinfo hints{};
   hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* res = nullptr;
-  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &res) != 0 || res == nullptr) return false;
+  addrinfo* raw = nullptr;
+  const int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &raw);
+  AddrInfoPtr res(raw);
+  if (rc != 0 || !res) return false;
   memcpy(&t->addr, res->ai_addr, res->ai_addrlen);
   t->len = res->ai_addrlen;
-  freeaddrinfo(res);
   return true;
 }
 
@@ -178,22 +180,22 @@ int bindSocket(const std::string& bindAddr, long port);
 
 CallResult callService(const Target& target, const CallSpec& callReq) {
   CallResult r;
-  int fd = callReq.from.empty() ? socket(target.addr.ss_family, SOCK_DGRAM, 0)
-                                : bindSocket(callReq.from, 0);
-  if (fd < 0) {
+  UniqueFd fd(callReq.from.empty() ? socket(target.addr.ss_family, SOCK_DGRAM, 0)
+                                   : bindSocket(callReq.from, 0));
+  if (!fd.valid()) {
     r.error = std::string("socket: ") + strerror(errno);
     return r;
   }
   netbuf nb{};
   nb.buf = const_cast<sockaddr_storage*>(&target.addr);
   nb.len = nb.maxlen = target.len;
-  CLIENT* clnt = clnt_dg_create(fd, &nb, callReq.prog, callReq.vers, 0, 0);
+  CLIENT* clnt = clnt_dg_create(fd.get(), &nb, callReq.prog, callReq.vers, 0, 0);
   if (clnt == nullptr) {
-    close(fd);
     r.error = clnt_spcreateerror("clnt_dg_create");
     return r;
   }
   clnt_control(clnt, CLSET_FD_CLOSE, nullptr);
+  fd.release();
   timeval retry{callReq.retrySeconds, 0};
   clnt_control(clnt, CLSET_RETRY_TIMEOUT, reinterpret_cast<char*>(&retry));
   timeval total{callReq.timeoutSeconds, 0};
@@ -427,18 +429,14 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
 
 std::vector<std::string> listQueue(const std::string& dir) {
   std::vector<std::string> docs;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return docs;
-  while (dirent* e = readdir(d)) {
+  DirPtr d(opendir(dir.c_str()));
+  if (!d) return docs;
+  while (dirent* e = readdir(d.get())) {
     std::string name = e->d_name;
     if (name == "." || name == "..") continue;
     std::string path = dir + "/" + name;
-    DIR* sub = opendir(path.c_str());
-    if (sub == nullptr) continue;
-    closedir(sub);
-    docs.push_back(path);
+    if (DirPtr(opendir(path.c_str()))) docs.push_back(path);
   }
-  closedir(d);
   std::sort(docs.begin(), docs.end());
   return docs;
 }
@@ -496,13 +494,9 @@ int bindSocket(const std::string& bindAddr, long port) {
   Target t;
   std::string hostPart = bindAddr.find(':') != std::string::npos ? "[" + bindAddr + "]" : bindAddr;
   if (!parseTarget(hostPart + ":" + std::to_string(port), &t)) return -1;
-  int fd = socket(t.addr.ss_family, SOCK_DGRAM, 0);
-  if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&t.addr), t.len) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  UniqueFd fd(socket(t.addr.ss_family, SOCK_DGRAM, 0));
+  if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr*>(&t.addr), t.len) != 0) return -1;
+  return fd.release();
 }
 
 int boundPort(int fd) {

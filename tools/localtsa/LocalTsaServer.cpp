@@ -14,7 +14,7 @@
 #include <cstring>
 #include <memory>
 
-#include "kavlet/docfiles/Owners.h"
+#include "base/Owners.h"
 #include "tstl/CAsn1messageImprint.h"
 #include "tstl/CAsn1string.h"
 #include "tstl/OpenSslPtr.h"
@@ -27,11 +27,7 @@ namespace {
 constexpr size_t kMaxHeader = 16 * 1024;
 constexpr size_t kMaxBody = 64 * 1024;
 
-using docfiles::ScopedFd;
-
-struct TsReqDeleter {
-  void operator()(TS_REQ* r) const { TS_REQ_free(r); }
-};
+using TsReqPtr = std::unique_ptr<TS_REQ, ossl::Deleter<TS_REQ, TS_REQ_free>>;
 
 const char* reasonOf(int status) {
   switch (status) {
@@ -93,7 +89,7 @@ Answer answerTimestampRequest(const std::vector<unsigned char>& request,
   // OpenSSL reads the request: this tool is a peer of our requester, so it
   // must not share the requester's decoder.
   const unsigned char* p = request.data();
-  std::unique_ptr<TS_REQ, TsReqDeleter> req(
+  TsReqPtr req(
       d2i_TS_REQ(nullptr, &p, static_cast<long>(request.size())));
   if (!req || p != request.data() + request.size()) {
     return textAnswer(400, "not a DER TimeStampReq");
@@ -141,7 +137,7 @@ bool LocalTsaServer::start(std::string* error) {
     *error = "not a numeric address: " + options_.bindAddress;
     return false;
   }
-  auto fd = std::make_unique<ScopedFd>(socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  auto fd = std::make_unique<UniqueFd>(socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   int one = 1;
   if (!fd->valid() || setsockopt(fd->get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) != 0 ||
       bind(fd->get(), reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(fd->get(), 16) != 0 ||
@@ -160,7 +156,7 @@ void LocalTsaServer::run() {
     // A short poll keeps stop() from a signal handler effective without a wake-up pipe.
     int n = poll(&pfd, 1, 200);
     if (n <= 0) continue;
-    ScopedFd conn(accept4(listen_->get(), nullptr, nullptr, SOCK_CLOEXEC));
+    UniqueFd conn(accept4(listen_->get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!conn.valid()) continue;
     timeval tv{options_.ioTimeoutSeconds, 0};
     setsockopt(conn.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));

@@ -16,9 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace docfiles {
-class ScopedFd;
-}
+class UniqueFd;
 
 namespace localtsa {
 
@@ -61,7 +59,7 @@ class LocalTsaServer {
   void serve(int fd);
 
   ServerOptions options_;
-  std::unique_ptr<docfiles::ScopedFd> listen_;
+  std::unique_ptr<UniqueFd> listen_;
   int port_ = 0;
   std::atomic<bool> stopping_{false};
 };

@@ -8,6 +8,8 @@
 #include <memory>
 #include <vector>
 
+#include "base/Owners.h"
+#include "tstl/OpenSslPtr.h"
 #include "tstl/zpcryptbase.h"
 
 namespace {
@@ -44,17 +46,16 @@ bool isBase64Line(const std::string& text) {
 // The digest of the file's bytes now, with the algorithm of the NID.
 bool digestOfFile(const std::string& path, int nid, std::vector<unsigned char>* digest) {
   const EVP_MD* md = EVP_get_digestbynid(nid);
-  FILE* f = md ? fopen(path.c_str(), "rb") : nullptr;
+  FilePtr f(md ? fopen(path.c_str(), "rb") : nullptr);
   if (!f) return false;
-  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   bool ok = ctx && EVP_DigestInit_ex(ctx.get(), md, nullptr) == 1;
   unsigned char buf[64 * 1024];
   size_t n;
-  while (ok && (n = fread(buf, 1, sizeof buf, f)) > 0) {
+  while (ok && (n = fread(buf, 1, sizeof buf, f.get())) > 0) {
     ok = EVP_DigestUpdate(ctx.get(), buf, n) == 1;
   }
-  ok = ok && !ferror(f);
-  fclose(f);
+  ok = ok && !ferror(f.get());
   unsigned int size = 0;
   digest->resize(EVP_MAX_MD_SIZE);
   ok = ok && EVP_DigestFinal_ex(ctx.get(), digest->data(), &size) == 1;

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "base/List.h"
+#include "base/Owners.h"
 #include "base/String.h"
 #include "kavlet/docfiles/Commands.h"
 #include "kavlet/docfiles/TextLine.h"
@@ -17,10 +18,7 @@ namespace {
 // No worker uses this tag, so no backup file carries it: reading restores nothing.
 const char kReaderTag[] = "clockette-verify";
 
-struct TokenFree {
-  void operator()(char* p) const { TextLine::free(p); }
-};
-using Token = std::unique_ptr<char, TokenFree>;
+using Token = TextLine::Token;
 
 // The first count tokens of a statement value; empty when one is missing.
 std::vector<std::string> tokensOf(const String& value, int count) {
@@ -92,12 +90,11 @@ int findStampedFiles(const std::string& root, std::vector<StampedFile>* out) {
     ++documents;
   }
   std::vector<std::string> names;
-  if (DIR* d = opendir(root.c_str())) {
-    while (dirent* e = readdir(d)) {
+  if (DirPtr d{opendir(root.c_str())}) {
+    while (dirent* e = readdir(d.get())) {
       std::string name = e->d_name;
       if (name != "." && name != ".." && isDirectory(root + "/" + name)) names.push_back(name);
     }
-    closedir(d);
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) documents += findStampedFiles(root + "/" + name, out);
