@@ -132,17 +132,17 @@ EvpPkeyPtr generateKey(KeyKind kind) {
   return nullptr;
 }
 
-X509Ptr makeCertificate(const CertSpec& spec, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey) {
+X509Ptr makeCertificate(const CertOrder& order, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey) {
   X509Ptr cert(X509_new());
   if (!cert || X509_set_version(cert.get(), 2) != 1 ||
-      !setSerial(cert.get(), spec.serial, spec.serialBytes) ||
-      X509_gmtime_adj(X509_getm_notBefore(cert.get()), spec.notBefore) == nullptr ||
-      X509_gmtime_adj(X509_getm_notAfter(cert.get()), spec.notAfter) == nullptr ||
+      !setSerial(cert.get(), order.serial, order.serialBytes) ||
+      X509_gmtime_adj(X509_getm_notBefore(cert.get()), order.notBefore) == nullptr ||
+      X509_gmtime_adj(X509_getm_notAfter(cert.get()), order.notAfter) == nullptr ||
       X509_set_pubkey(cert.get(), key) != 1) {
     return nullptr;
   }
   X509_NAME* name = X509_get_subject_name(cert.get());
-  if (!addName(name, "O", "clockette test") || !addName(name, "CN", spec.commonName)) {
+  if (!addName(name, "O", "clockette test") || !addName(name, "CN", order.commonName)) {
     return nullptr;
   }
   X509* signer = issuer != nullptr ? issuer : cert.get();
@@ -150,7 +150,7 @@ X509Ptr makeCertificate(const CertSpec& spec, EVP_PKEY* key, X509* issuer, EVP_P
   X509V3_CTX ctx;
   X509V3_set_ctx_nodb(&ctx);
   X509V3_set_ctx(&ctx, signer, cert.get(), nullptr, nullptr, 0);
-  for (const auto& ext : extensionsOf(spec.role)) {
+  for (const auto& ext : extensionsOf(order.role)) {
     X509ExtensionPtr made(X509V3_EXT_conf_nid(nullptr, &ctx, ext.first, ext.second));
     if (!made || X509_add_ext(cert.get(), made.get(), -1) != 1) return nullptr;
   }
@@ -188,22 +188,22 @@ bool writeKey(const std::string& path, EVP_PKEY* key) {
 }
 
 CertAuthority::CertAuthority() : key_(generateKey(KeyKind::kRsa)) {
-  CertSpec spec;
-  spec.commonName = "clockette test CA";
-  spec.role = CertRole::kRootCa;
-  if (key_) cert_ = makeCertificate(spec, key_.get());
+  CertOrder order;
+  order.commonName = "clockette test CA";
+  order.role = CertRole::kRootCa;
+  if (key_) cert_ = makeCertificate(order, key_.get());
 }
 
 X509Ptr CertAuthority::issue(EVP_PKEY* subjectKey, const std::string& commonName, long from,
                              long to, bool timestamping) {
   if (!ok()) return nullptr;
-  CertSpec spec;
-  spec.commonName = commonName;
-  spec.role = timestamping ? CertRole::kTimestamping : CertRole::kSigner;
-  spec.serial = nextSerial_++;
-  spec.notBefore = from;
-  spec.notAfter = to;
-  return makeCertificate(spec, subjectKey, caCert(), caKey());
+  CertOrder order;
+  order.commonName = commonName;
+  order.role = timestamping ? CertRole::kTimestamping : CertRole::kSigner;
+  order.serial = nextSerial_++;
+  order.notBefore = from;
+  order.notAfter = to;
+  return makeCertificate(order, subjectKey, caCert(), caKey());
 }
 
 }  // namespace testtsa

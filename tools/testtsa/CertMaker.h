@@ -36,7 +36,9 @@ enum class CertRole {
   kTls,             // serverAuth for localhost, 127.0.0.1 and ::1
 };
 
-struct CertSpec {
+// What a certificate is to say: its name, its role (which sets its extensions),
+// its serial and its validity relative to now.
+struct CertOrder {
   std::string commonName;
   CertRole role = CertRole::kTimestamping;
   long serial = 1;
@@ -47,7 +49,7 @@ struct CertSpec {
 
 // A certificate for key named O=clockette test, CN=commonName, signed with
 // SHA-256 by issuer/issuerKey, or by key itself for a root CA.
-X509Ptr makeCertificate(const CertSpec& spec, EVP_PKEY* key, X509* issuer = nullptr,
+X509Ptr makeCertificate(const CertOrder& order, EVP_PKEY* key, X509* issuer = nullptr,
                         EVP_PKEY* issuerKey = nullptr);
 
 X509Ptr readCertificate(const std::string& path);

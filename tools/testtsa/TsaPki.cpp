@@ -46,12 +46,12 @@ bool loadOrCreateIntermediate(const TsaPki& pki, int serialBytes, X509Ptr* cert,
   if (loadPair(file, cert, key)) return *cert && *key;
   *key = generateKey(KeyKind::kEc384);
   if (!*key) return false;
-  CertSpec spec;
-  spec.commonName = "clockette test intermediate CA";
-  spec.role = CertRole::kIntermediateCa;
-  spec.serial = 4;
-  spec.serialBytes = serialBytes;
-  *cert = makeCertificate(spec, key->get(), pki.caCert.get(), pki.caKey.get());
+  CertOrder order;
+  order.commonName = "clockette test intermediate CA";
+  order.role = CertRole::kIntermediateCa;
+  order.serial = 4;
+  order.serialBytes = serialBytes;
+  *cert = makeCertificate(order, key->get(), pki.caCert.get(), pki.caKey.get());
   return *cert && writeCertsAndKey(file, {cert->get()}, key->get());
 }
 
@@ -60,9 +60,9 @@ bool createPki(TsaPki* pki) {
   pki->tsaKey = generateKey(KeyKind::kRsa);
   pki->tlsKey = generateKey(KeyKind::kRsa);
   if (!pki->caKey || !pki->tsaKey || !pki->tlsKey) return false;
-  CertSpec ca{"clockette test CA", CertRole::kRootCa, 1};
-  CertSpec tsa{"clockette test TSA", CertRole::kTimestamping, 2};
-  CertSpec tls{"localhost", CertRole::kTls, 3};
+  CertOrder ca{"clockette test CA", CertRole::kRootCa, 1};
+  CertOrder tsa{"clockette test TSA", CertRole::kTimestamping, 2};
+  CertOrder tls{"localhost", CertRole::kTls, 3};
   pki->caCert = makeCertificate(ca, pki->caKey.get());
   if (!pki->caCert) return false;
   pki->tsaCert = makeCertificate(tsa, pki->tsaKey.get(), pki->caCert.get(), pki->caKey.get());
@@ -96,18 +96,18 @@ bool loadOrCreateSigner(const TsaPki& pki, const SignerProfile& profile, Signer*
     signer->key.reset(EVP_PKEY_dup(pki.tsaKey.get()));
   } else if (!loadPair(signer->certFile, &signer->cert, &signer->key)) {
     signer->key = generateKey(profile.key);
-    CertSpec spec;
-    spec.commonName = "clockette test TSA";
-    spec.role = profile.timeStamping ? CertRole::kTimestamping : CertRole::kSigner;
-    spec.serial = 5;
-    spec.serialBytes = profile.serialBytes;
+    CertOrder order;
+    order.commonName = "clockette test TSA";
+    order.role = profile.timeStamping ? CertRole::kTimestamping : CertRole::kSigner;
+    order.serial = 5;
+    order.serialBytes = profile.serialBytes;
     if (profile.expired) {
-      spec.notBefore = -30L * 86400;
-      spec.notAfter = -86400;
+      order.notBefore = -30L * 86400;
+      order.notAfter = -86400;
     }
     X509* issuer = inter ? inter.get() : pki.caCert.get();
     EVP_PKEY* issuerKey = inter ? interKey.get() : pki.caKey.get();
-    if (signer->key) signer->cert = makeCertificate(spec, signer->key.get(), issuer, issuerKey);
+    if (signer->key) signer->cert = makeCertificate(order, signer->key.get(), issuer, issuerKey);
     if (signer->cert &&
         !writeCertsAndKey(signer->certFile, {signer->cert.get(), inter.get()}, signer->key.get())) {
       signer->cert.reset();
