@@ -58,30 +58,29 @@ class UniqueFd {
   int fd_;
 };
 
-struct FileCloser {
-  void operator()(FILE* f) const { std::fclose(f); }
+// The deleter of every owner below: hands a non-null pointer to the C call
+// that frees what it points to. Owners of other libraries' objects (libcurl's,
+// for example) are made with it too: std::unique_ptr<CURL, FreeWith<curl_easy_cleanup>>.
+template <auto Free>
+struct FreeWith {
+  template <typename T>
+  void operator()(T* p) const {
+    if (p != nullptr) Free(p);
+  }
 };
+
 // A stream that is closed when it goes away. Where the result of fclose()
 // matters (a file written), call fclose(p.release()) and check it.
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using FilePtr = std::unique_ptr<FILE, FreeWith<std::fclose>>;
 
-struct DirCloser {
-  void operator()(DIR* d) const { closedir(d); }
-};
 // A directory stream from opendir(), closed when it goes away.
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
+using DirPtr = std::unique_ptr<DIR, FreeWith<closedir>>;
 
-struct AddrInfoFree {
-  void operator()(addrinfo* a) const { freeaddrinfo(a); }
-};
 // getaddrinfo()'s list, freed from its head.
-using AddrInfoPtr = std::unique_ptr<addrinfo, AddrInfoFree>;
+using AddrInfoPtr = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
 
-struct MallocFree {
-  void operator()(void* p) const { std::free(p); }
-};
 // Memory from malloc(), strdup(), realpath(), posix_memalign() and the like.
 template <typename T = char>
-using MallocPtr = std::unique_ptr<T, MallocFree>;
+using MallocPtr = std::unique_ptr<T, FreeWith<std::free>>;
 
 #endif  // BASE_OWNERS_H_

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/Log.h"
+#include "base/Owners.h"
 #include "base/Stop.h"
 #include "tstl/TsSettings.h"
 
@@ -20,14 +21,8 @@ namespace {
 const char kComponent[] = "zpTrequest";
 constexpr long kKeptConnections = 64;  // at least the largest TS_PARALLEL
 
-struct CurlCleanup {
-  void operator()(CURL* c) const { curl_easy_cleanup(c); }
-};
-using CurlPtr = std::unique_ptr<CURL, CurlCleanup>;
-struct SlistFree {
-  void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
-using SlistPtr = std::unique_ptr<curl_slist, SlistFree>;
+using CurlPtr = std::unique_ptr<CURL, FreeWith<curl_easy_cleanup>>;
+using SlistPtr = std::unique_ptr<curl_slist, FreeWith<curl_slist_free_all>>;
 
 // What the exchanges of the process share through libcurl: open connections
 // (keep-alive), name lookups and TLS sessions (resumption). Exchanges run on
