@@ -15,19 +15,16 @@ using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
 
-class Argv {
- public:
-  Argv(std::initializer_list<const char*> args) {
-    for (const char* a : args) texts_.emplace_back(a);
-    for (std::string& t : texts_) ptrs_.push_back(t.data());
-    ptrs_.push_back(nullptr);
+// A NULL-terminated argument vector that owns its texts.
+struct Argv {
+  Argv(std::initializer_list<const char*> args) : texts(args.begin(), args.end()) {
+    for (std::string& t : texts) ptrs.push_back(t.data());
+    ptrs.push_back(nullptr);
   }
-  int argc() const { return static_cast<int>(texts_.size()); }
-  char** argv() { return ptrs_.data(); }
-
- private:
-  std::vector<std::string> texts_;
-  std::vector<char*> ptrs_;
+  int argc() const { return static_cast<int>(texts.size()); }
+  char** argv() { return ptrs.data(); }
+  std::vector<std::string> texts;
+  std::vector<char*> ptrs;
 };
 
 const char* const kVariables[] = {"TIMESTAMP_PROTOCOL",
@@ -76,40 +73,20 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
     const char *host, *protocol, *urlPath, *login, *password;
     int port;
   } cases[] = {
-      {{{"TIMESTAMP_HOST", "a"},
-        {"TIMESTAMP_PORT", "318"},
-        {"TIMESTAMP_PROTOCOL", "https"},
-        {"TIMESTAMP_URL_PATH", "/tsa"},
-        {"TIMESTAMP_LOGIN", "u"},
-        {"TIMESTAMP_PASSWORD", "p"}},
-       {"c"},
-       "a",
-       "https",
-       "/tsa",
-       "u",
-       "p",
-       318},
+      // clang-format off
+      {{{"TIMESTAMP_HOST", "a"}, {"TIMESTAMP_PORT", "318"}, {"TIMESTAMP_PROTOCOL", "https"},
+        {"TIMESTAMP_URL_PATH", "/tsa"}, {"TIMESTAMP_LOGIN", "u"}, {"TIMESTAMP_PASSWORD", "p"}},
+       {"c"}, "a", "https", "/tsa", "u", "p", 318},
       // The command line wins over the environment.
       {{{"TIMESTAMP_HOST", "a"}, {"TIMESTAMP_PORT", "318"}},
        {"c", "-host", "b", "-port", "70000", "-protocol", "x", "-url_path", "/p", "-login", "l",
-        "-password", "w"},
-       "b",
-       "x",
-       "/p",
-       "l",
-       "w",
-       70000},
+        "-password", "w"}, "b", "x", "/p", "l", "w", 70000},
       // A variable set to an empty value replaces the default; atoi decides the port.
       {{{"TIMESTAMP_HOST", ""}, {"TIMESTAMP_URL_PATH", ""}, {"TIMESTAMP_PORT", "http"}},
-       {"c"},
-       "",
-       "http",
-       "",
-       "",
-       "",
-       0},
+       {"c"}, "", "http", "", "", "", 0},
       // A value that looks like an option is still the value (no test mode).
       {{}, {"c", "-host", "-test"}, "-test", "http", "/", "", "", 8080},
+      // clang-format on
   };
   for (Case& c : cases) {
     for (const char* v : kVariables) unsetenv(v);

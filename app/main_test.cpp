@@ -40,16 +40,6 @@ class ProgramTest : public ::testing::Test {
   ChildOptions options_;
 };
 
-TEST_F(ProgramTest, WithoutConfigTheProgramDoesNotStart) {
-  for (const char* config : {kUnset, ""}) {
-    options_.env["CONFIG"] = config;
-    ChildResult r = run({"-h"});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err, "Environment variable CONFIG not set!\n");
-    EXPECT_EQ(r.out, "");
-  }
-}
-
 // Help, an unknown option, or an option without its value.
 TEST_F(ProgramTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {
   const std::string usage = readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/app/testdata/usage.txt");

@@ -26,19 +26,15 @@ class TestKavlet : public Kavlet {
 };
 
 // A NULL-terminated argument vector that owns its texts.
-class Argv {
- public:
-  Argv(std::initializer_list<const char*> args) {
-    for (const char* a : args) texts_.emplace_back(a);
-    for (std::string& t : texts_) ptrs_.push_back(t.data());
-    ptrs_.push_back(nullptr);
+struct Argv {
+  Argv(std::initializer_list<const char*> args) : texts(args.begin(), args.end()) {
+    for (std::string& t : texts) ptrs.push_back(t.data());
+    ptrs.push_back(nullptr);
   }
-  int argc() const { return static_cast<int>(texts_.size()); }
-  char** argv() { return ptrs_.data(); }
-
- private:
-  std::vector<std::string> texts_;
-  std::vector<char*> ptrs_;
+  int argc() const { return static_cast<int>(texts.size()); }
+  char** argv() { return ptrs.data(); }
+  std::vector<std::string> texts;
+  std::vector<char*> ptrs;
 };
 
 const char* const kVariables[] = {"KVHOST",   "KVPORT",      "KVDIR",   "LOGLEVEL",  "LOG_DEBUG",
@@ -179,24 +175,16 @@ TEST_F(KavletTest, KvDirIsEnteredOnlyOutsideTestMode) {
   std::string windowsStyle = config_.path() + "\\kv\\sub";
   std::string expected = config_.path() + "/kv/sub";
   setenv("KVDIR", windowsStyle.c_str(), 1);
-  char here[PATH_MAX];
-  {
+  Argv inTest{"w", "-test"}, outside{"w"};
+  for (Argv* a : {&inTest, &outside}) {
+    const bool test = a == &inTest;
     TestKavlet k;
-    Argv a{"w", "-test"};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
+    ASSERT_EQ(k.init(a->argc(), a->argv()), 1);
     EXPECT_EQ(k.kvDir, expected);
+    char here[PATH_MAX], real[PATH_MAX];
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
-    EXPECT_EQ(std::string(here), cwd_);
-  }
-  {
-    TestKavlet k;
-    Argv a{"w"};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    EXPECT_EQ(k.kvDir, expected);
-    ASSERT_NE(getcwd(here, sizeof here), nullptr);
-    char real[PATH_MAX];
     ASSERT_NE(realpath(expected.c_str(), real), nullptr);
-    EXPECT_EQ(std::string(here), real);
+    EXPECT_EQ(std::string(here), test ? cwd_ : std::string(real)) << test;
   }
 }
 

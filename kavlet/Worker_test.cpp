@@ -96,11 +96,6 @@ class WorkerProcessTest : public ::testing::Test {
     a.insert(a.end(), options.begin(), options.end());
     return a;
   }
-  std::vector<std::string> kvArgv(const KvMini& kv, std::vector<std::string> options = {}) const {
-    std::vector<std::string> a = argv({"-kvhost", "localhost", "-P", kv.portText()});
-    a.insert(a.end(), options.begin(), options.end());
-    return a;
-  }
 
   // A document directory under docs/ with the given COMMANDS text.
   std::string document(const std::string& name, const std::string& commands) const {
@@ -133,7 +128,8 @@ class WorkerProcessTest : public ::testing::Test {
     worker_.reset();
     kv_ = std::make_unique<KvMini>(std::move(kvArgs));
     if (kv_->port() < 0) return false;
-    worker_ = std::make_unique<BackgroundChild>(kvArgv(*kv_, options), env(extraEnv));
+    options.insert(options.begin(), {"-kvhost", "localhost", "-P", kv_->portText()});
+    worker_ = std::make_unique<BackgroundChild>(argv(options), env(extraEnv));
     std::string hi;
     if (!kv_->waitFor("HI ", &hi)) return false;
     to_ = "127.0.0.1:" + std::to_string(numberAfter(hi, "port"));
@@ -331,22 +327,6 @@ TEST_F(WorkerProcessTest, ARefusedReportEndsTheWorker) {
 }
 
 // ---- KV mode: control messages and the end of the process ------------------
-
-// How each word acts is ControlTest's; here a message crosses UDP and its
-// texts reach standard error and the log.
-TEST_F(WorkerProcessTest, ControlMessagesAreCarriedOut) {
-  ASSERT_TRUE(startRegistered());
-  EXPECT_EQ(control(13, "print usage version bogus"), "reply 1");
-  std::string printed = worker_->stderrText();
-  for (const char* text :
-       {"Global settings for Kavlet kavlet_testworker:\n", " Usage: kavlet_testworker [options...]",
-        "Version     >T< >E< >S< >T<\n"}) {
-    EXPECT_NE(printed.find(text), std::string::npos) << text << printed;
-  }
-  EXPECT_NE(logText().find("Cannot handle message 'print usage version bogus' for the moment"),
-            std::string::npos);
-  EXPECT_TRUE(worker_->running());
-}
 
 TEST_F(WorkerProcessTest, ExitOrderEndsTheWorkerWithZeroWithoutGoodbye) {
   ASSERT_TRUE(startRegistered());
