@@ -86,28 +86,20 @@ TEST_F(VerifyTest, VerdictsAgreeWithOpenSsl) {
     bool ok;
     const char* reason;  // in clockette-verify's line when it fails
   } cases[] = {
+      // clang-format off
       {"plain", {}, false, true, true, false, true, ""},
       {"pss-serial20-chain",
        {"--key", "rsa-pss", "--serial-bytes", "20", "--intermediate", "--ess", "both"},
-       true,
-       true,
-       false,
-       false,
-       true,
-       ""},
+       true, true, false, false, true, ""},
       {"ec384-v2-extras",
        {"--key", "ec384", "--intermediate", "--ess", "v2", "--unsigned-attr", "--tsa-name",
         "--time-digits", "3", "--ordering"},
-       true,
-       true,
-       false,
-       false,
-       true,
-       ""},
+       true, true, false, false, true, ""},
       {"changed-file", {}, true, true, false, true, false, "the token covers"},
       // Without anchors the signature is still checked, with a signer at hand.
       {"signature-only", {}, true, false, false, false, true, ""},
       {"no-signer-at-hand", {}, false, false, false, false, false, "no signer certificate"},
+      // clang-format on
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
