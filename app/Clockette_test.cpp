@@ -27,15 +27,9 @@ struct Argv {
   std::vector<char*> ptrs;
 };
 
-const char* const kVariables[] = {"TIMESTAMP_PROTOCOL",
-                                  "TIMESTAMP_HOST",
-                                  "TIMESTAMP_PORT",
-                                  "TIMESTAMP_URL_PATH",
-                                  "TIMESTAMP_LOGIN",
-                                  "TIMESTAMP_PASSWORD",
-                                  "KVHOST",
-                                  "KVPORT",
-                                  "LOGLEVEL"};
+const char* const kVariables[] = {"TIMESTAMP_PROTOCOL", "TIMESTAMP_HOST", "TIMESTAMP_PORT",
+                                  "TIMESTAMP_URL_PATH", "KVHOST",         "TIMESTAMP_LOGIN",
+                                  "TIMESTAMP_PASSWORD", "KVPORT",         "LOGLEVEL"};
 
 class ClocketteTest : public ::testing::Test {
  protected:

@@ -246,20 +246,33 @@ TEST_F(WorkerProcessTest, OrdersAreAcknowledgedAtOnceAndReportedWithTheirOutcome
 
   struct Case {
     const char* name;
+    const char* control;  // sent before the order, if any
     const char* commands;
     const char* status;
     const char* comment;
     const char* logLine;
   } cases[] = {
-      {"done", "TESTWORKER ok\n", "ok", "document has been processed",
+      // clang-format off
+      {"done", nullptr, "TESTWORKER ok\n", "ok", "document has been processed",
        "Document '%' processed well"},
-      {"failed", "TESTWORKER fail\n", "error", "could not process document",
+      {"failed", nullptr, "TESTWORKER fail\n", "error", "could not process document",
        "Error on document '%', 'error', 'could not process document'"},
-      {"extended", "TESTWORKER result 3\n", "ok", "document has been processed",
+      {"extended", nullptr, "TESTWORKER result 3\n", "ok", "document has been processed",
        "Document '%' processed well (service_return_value=3)"},
+      // Under kvTest every document is reported as an error.
+      {"done-kvtest", "kvTestOn", "TESTWORKER ok\n", "error", "document has been processed",
+       "TEST::Document '%' processed well"},
+      {"failed-kvtest", nullptr, "TESTWORKER fail\n", "error", "could not process document",
+       "TEST::Error on document '%'"},
+      {"done-after", "kvTestOff", "TESTWORKER ok\n", "ok", "document has been processed",
+       "Document '%' processed well"},
+      // clang-format on
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    if (c.control) {
+      EXPECT_EQ(control(13, c.control), "reply 1");
+    }
     std::string doc = document(c.name, c.commands);
     EXPECT_EQ(order(doc), "reply 1");
     EXPECT_NE(nextReport().find(report(doc, c.status, c.comment)), std::string::npos);
@@ -269,6 +282,8 @@ TEST_F(WorkerProcessTest, OrdersAreAcknowledgedAtOnceAndReportedWithTheirOutcome
     EXPECT_NE(log.find("StartWith '" + doc + "'"), std::string::npos);
     EXPECT_NE(log.find(logLine), std::string::npos) << logLine;
   }
+  // kvTestOff says the same as kvTestOn.
+  EXPECT_EQ(count(logText(), "turn kvTest on"), 2);
   EXPECT_TRUE(worker_->running());
 }
 
@@ -289,30 +304,6 @@ TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnError) {
   EXPECT_NE(nextReport().find(report(doc, "error", "can't write to COMMANDS")), std::string::npos);
   chmod(doc.c_str(), 0755);
   EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
-}
-
-TEST_F(WorkerProcessTest, KvTestReportsProcessedDocumentsAsErrors) {
-  ASSERT_TRUE(startRegistered());
-  std::string done = document("done", "TESTWORKER ok\n");
-  std::string failed = document("failed", "TESTWORKER fail\n");
-
-  EXPECT_EQ(control(13, "kvTestOn"), "reply 1");
-  EXPECT_EQ(order(done), "reply 1");
-  EXPECT_NE(nextReport().find(report(done, "error", "document has been processed")),
-            std::string::npos);
-  EXPECT_EQ(order(failed), "reply 1");
-  EXPECT_NE(nextReport().find(report(failed, "error", "could not process document")),
-            std::string::npos);
-  EXPECT_TRUE(waitForLog("Finished: '" + failed + "'"));
-  EXPECT_NE(logText().find("TEST::Document '" + done + "' processed well"), std::string::npos);
-  EXPECT_NE(logText().find("TEST::Error on document '" + failed + "'"), std::string::npos);
-
-  EXPECT_EQ(control(13, "kvTestOff"), "reply 1");
-  EXPECT_EQ(order(done), "reply 1");
-  EXPECT_NE(nextReport().find(report(done, "ok", "document has been processed")),
-            std::string::npos);
-  // kvTestOff says the same as kvTestOn.
-  EXPECT_EQ(count(logText(), "turn kvTest on"), 2);
 }
 
 TEST_F(WorkerProcessTest, ARefusedReportEndsTheWorker) {
