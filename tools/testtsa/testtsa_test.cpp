@@ -67,7 +67,6 @@ TEST_F(TestTsaShapes, RealServerShapesVerifyWithOpenSsl) {
       {{}, {"Serial number: 0x01\n", "Accuracy: 0x01 seconds", "Ordering: no", "TSA: unspecified"}},
       {{"--serial-bytes", "20", "--key", "rsa-pss", "--intermediate", "--ess", "both"},
        {"Serial number: 0x", "00000001\n"}},
-      {{"--key", "ec384", "--intermediate", "--ess", "v2", "--unsigned-attr"}, {}},
       {{"--key", "ec256", "--accuracy", "0,500,20", "--ordering", "--tsa-name", "--time-digits",
         "6"},
        {"Accuracy: unspecified seconds, 0x01F4 millis, 0x14 micros", "Ordering: yes",
