@@ -9,8 +9,7 @@
 
 namespace {
 
-using testing_support::readFile;
-using testing_support::TempDir;
+using namespace testing_support;
 
 class LogTest : public ::testing::Test {
  protected:

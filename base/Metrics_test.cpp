@@ -11,8 +11,7 @@
 
 namespace {
 
-using testing_support::readFile;
-using testing_support::TempDir;
+using namespace testing_support;
 
 // The counters are process-wide: each test looks at what it added.
 TEST(MetricsTest, CountsFromManyThreadsAllArrive) {

@@ -9,8 +9,7 @@
 
 namespace {
 
-using testing_support::readFile;
-using testing_support::TempDir;
+using namespace testing_support;
 
 TEST(NotifyTest, PlaceholdersTakeTheBracedArgumentsInOrder) {
   struct Case {

@@ -7,9 +7,7 @@
 
 #include "testing/TempDir.h"
 
-using testing_support::makeDir;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 TEST(SecretFile, ReadsTheFirstLineOfARegularFileOnlyItsOwnerMayRead) {
   TempDir dir;

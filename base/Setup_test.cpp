@@ -13,9 +13,7 @@ namespace {
 
 using namespace std::string_literals;
 
-using testing_support::makeDir;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // Variables a test sets; removed again after each test.
 const char* const kVariables[] = {

@@ -9,11 +9,7 @@
 
 namespace {
 
-using testing_support::ChildOptions;
-using testing_support::ChildResult;
-using testing_support::kUnset;
-using testing_support::kvprobePath;
-using testing_support::runChild;
+using namespace testing_support;
 
 TEST(HostIdentTest, ShortHostNameCutsAtTheFirstDotAndLowersAscii) {
   const struct {

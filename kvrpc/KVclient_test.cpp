@@ -11,20 +11,12 @@
 
 namespace {
 
-using testing_support::ChildOptions;
-using testing_support::ChildResult;
-using testing_support::KvMini;
-using testing_support::kvminiCall;
-using testing_support::kvprobePath;
-using testing_support::LinePeer;
-using testing_support::numberAfter;
-using testing_support::runChild;
+using namespace testing_support;
 
 ChildOptions probeEnv(std::map<std::string, std::string> extra = {}) {
   ChildOptions o;
-  o.env = {{"MY_HOST_NAME", "localhost"},           {"KLCTO", "3/1"},
-           {"KVPORT", testing_support::kUnset},     {"RPC_OFFSET", testing_support::kUnset},
-           {"kavletHOST", testing_support::kUnset}, {"kavletTYPE", testing_support::kUnset}};
+  o.env = {{"MY_HOST_NAME", "localhost"}, {"KLCTO", "3/1"},       {"KVPORT", kUnset},
+           {"RPC_OFFSET", kUnset},        {"kavletHOST", kUnset}, {"kavletTYPE", kUnset}};
   for (auto& kv : extra) o.env[kv.first] = kv.second;
   return o;
 }
@@ -35,27 +27,16 @@ ChildResult probe(const std::vector<std::string>& steps, const ChildOptions& opt
   return runChild(argv, options);
 }
 
-// The line of the probe's output that starts with step + " ".
-std::string stepLine(const ChildResult& r, const std::string& step) {
-  size_t pos = 0;
-  while (pos < r.out.size()) {
-    size_t nl = r.out.find('\n', pos);
-    std::string line = r.out.substr(pos, nl - pos);
-    if (line.compare(0, step.size() + 1, step + " ") == 0) return line;
-    if (nl == std::string::npos) break;
-    pos = nl + 1;
-  }
-  return "";
-}
+// The number after step (a pattern) at the start of a line of the probe's output.
 long stepResult(const ChildResult& r, const std::string& step) {
-  return numberAfter(stepLine(r, step), step);
+  return numberAfter("\n" + r.out, "\n" + step);
 }
 
-std::string lineStarting(KvMini& kv, const std::string& prefix) {
-  for (const auto& l : kv.drain(0)) {
-    if (l.compare(0, prefix.size(), prefix) == 0) return l;
-  }
-  return "";
+// Whether the KV logged a line that starts with prefix and holds part.
+bool kvLogged(KvMini& kv, const std::string& prefix, const std::string& part) {
+  for (const auto& l : kv.drain(0))
+    if (l.rfind(prefix, 0) == 0 && l.find(part) != std::string::npos) return true;
+  return false;
 }
 
 TEST(KVclientTest, RegistersReportsCreatesDocumentsAndSaysGoodbye) {
@@ -68,35 +49,26 @@ TEST(KVclientTest, RegistersReportsCreatesDocumentsAndSaysGoodbye) {
   ASSERT_EQ(r.exitCode, 0) << r.err;
   long sock = stepResult(r, "hi");
   EXPECT_GE(sock, 0) << r.out;
-  std::string servicePort = std::to_string(numberAfter(stepLine(r, "port"), "port"));
-  EXPECT_EQ(numberAfter(stepLine(r, "port"), "socket"), sock);
+  EXPECT_EQ(stepResult(r, "port [0-9]+ socket"), sock);
   EXPECT_EQ(stepResult(r, "op"), 0);
   EXPECT_EQ(stepResult(r, "crt2"), 0);
   EXPECT_EQ(stepResult(r, "crt"), 0);
   // The alive message waits for no answer.
-  EXPECT_LT(numberAfter(stepLine(r, "alive"), "ms"), 500);
+  EXPECT_LT(stepResult(r, "alive ms"), 500);
 
   kv.drain(1);
-  std::string me = "family=2 address=127.0.0.1 port=" + servicePort;
-  EXPECT_NE(lineStarting(kv, "HI ").find(me + " type=\"clockette\" -> 1"), std::string::npos);
-  EXPECT_NE(
-      lineStarting(kv, "OP ").find(me + " document=\"/docs/0001\" text2=\"ok\" text3=\"\" -> 0"),
-      std::string::npos);
+  std::string me = "family=2 address=127.0.0.1 port=" + std::to_string(stepResult(r, "port"));
+  EXPECT_TRUE(kvLogged(kv, "HI ", me + " type=\"clockette\" -> 1"));
+  EXPECT_TRUE(kvLogged(kv, "OP ", me + " document=\"/docs/0001\" text2=\"ok\" text3=\"\" -> 0"));
   // KVcrt2 goes with the registration; KVcrt with its own type and port 0.
-  EXPECT_NE(lineStarting(kv, "CRT ")
-                .find("type=\"clockette\" " + me +
-                      " path=\"/docs/new\" operation=\"split\" "
-                      "comment=\"from 0001\" -> 0"),
-            std::string::npos);
+  EXPECT_TRUE(kvLogged(kv, "CRT ",
+                       "type=\"clockette\" " + me +
+                           " path=\"/docs/new\" operation=\"split\" comment=\"from 0001\" -> 0"));
+  EXPECT_TRUE(kvLogged(kv, "CRT ",
+                       "type=\"splitter\" family=2 address=127.0.0.1 port=0 path=\"/docs/other\""));
   EXPECT_EQ(kv.countLines("CRT "), 2);
   EXPECT_EQ(kv.countLines("ALIVE "), 1);
-  EXPECT_NE(lineStarting(kv, "BYE ").find(me + " type=\"clockette\""), std::string::npos);
-  bool ownCrt = false;
-  for (const auto& l : kv.drain(0)) {
-    ownCrt |= l.find("type=\"splitter\" family=2 address=127.0.0.1 port=0 path=\"/docs/other\"") !=
-              std::string::npos;
-  }
-  EXPECT_TRUE(ownCrt);
+  EXPECT_TRUE(kvLogged(kv, "BYE ", me + " type=\"clockette\""));
 }
 
 TEST(KVclientTest, EnvironmentReplacesHostAndType) {
@@ -108,7 +80,7 @@ TEST(KVclientTest, EnvironmentReplacesHostAndType) {
             std::string::npos);
   EXPECT_NE(r.err.find("libkavlet: using type 'forced' and not 'given'"), std::string::npos);
   kv.drain(1);
-  EXPECT_NE(lineStarting(kv, "HI ").find("type=\"forced\""), std::string::npos);
+  EXPECT_TRUE(kvLogged(kv, "HI ", "type=\"forced\""));
 }
 
 struct FailureCase {
@@ -199,7 +171,7 @@ TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
     ChildResult r = probe({"setport", kv.portText(), "hi", "localhost", "tool"},
                           probeEnv({{"KLCTO", c.klcto}}));
     EXPECT_EQ(stepResult(r, "hi"), -3) << r.out;
-    long ms = numberAfter(stepLine(r, "hi"), "ms");
+    long ms = stepResult(r, "hi -?[0-9]+ ms");
     EXPECT_GE(ms, c.minMs);
     EXPECT_LE(ms, c.maxMs);
     EXPECT_NE(r.err.find("clnt timeout on FD"), std::string::npos) << r.err;
@@ -215,7 +187,7 @@ TEST(KVclientTest, DebugHostServesButSendsNothing) {
                         probeEnv());
   long sock = stepResult(r, "hi");
   EXPECT_GE(sock, 0) << r.out;
-  EXPECT_GT(numberAfter(stepLine(r, "port"), "port"), 0);
+  EXPECT_GT(stepResult(r, "port"), 0);
   EXPECT_EQ(stepResult(r, "op"), 0);
   EXPECT_EQ(stepResult(r, "crt"), 0);
   EXPECT_NE(r.err.find("KVhi: simulation: no connection to KV"), std::string::npos);
@@ -265,10 +237,9 @@ TEST(KVclientTest, ProgramOffsetShiftsTheKvProgramButNotTheToolProgram) {
 TEST(KVclientTest, KVcrtShortensTheTimeOutOfEveryLaterCall) {
   auto kv = std::make_unique<KvMini>();
   // No KLCTO: the registration would wait 60 s, but KVcrt has set 15 s for all.
-  ChildOptions env = probeEnv({{"KLCTO", testing_support::kUnset}});
   LinePeer p({kvprobePath(), "setport", kv->portText(), "crt", "localhost", "t", "/p", "o", "c",
               "hi", "localhost", "tool", "sleep", "1000", "op", "/d", "ok", ""},
-             env);
+             probeEnv({{"KLCTO", kUnset}}));
   ASSERT_TRUE(p.waitFor("hi "));
   kv.reset();
   std::string line;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,27 +11,25 @@
 #include "testing/Hex.h"
 #include "testing/LogCapture.h"
 
-using testing_support::fromHex;
-using testing_support::toHex;
+using namespace testing_support;
 
 namespace {
 
 const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/testing/kvprot_peer";
 
+// Hex without blanks, as the peer writes it.
 std::string compact(std::string hex) {
-  std::string out;
-  for (char c : hex)
-    if (c != ' ' && c != '\n') out += c;
-  return out;
+  hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+  return hex;
 }
 
 // Encodes a record with our routine; "FAIL" when it fails.
 template <typename T>
-std::string encode(bool_t (*fn)(XDR*, T*), T rec) {
+std::string encode(bool_t (*fn)(XDR*, T*), T* rec) {
   std::vector<char> buf(4096);
   XDR x;
   xdrmem_create(&x, buf.data(), static_cast<u_int>(buf.size()), XDR_ENCODE);
-  if (!fn(&x, &rec)) return "FAIL";
+  if (!fn(&x, rec)) return "FAIL";
   return compact(toHex(reinterpret_cast<uint8_t*>(buf.data()), xdr_getpos(&x)));
 }
 
@@ -46,6 +44,15 @@ bool decode(bool_t (*fn)(XDR*, T*), const std::string& hex, T* rec) {
   return fn(&x, rec) && xdr_getpos(&x) == b.size();
 }
 
+// Whether our routine decodes hex to a whole record (freed again).
+template <auto F>
+bool decodes(const std::string& hex) {
+  typename XdrRoutineArg<decltype(F)>::type rec;
+  const bool ok = decode(F, hex, &rec);
+  xdr_free(xdr_proc<F>, &rec);
+  return ok;
+}
+
 sockaddr_kl address(u_short family, u_short port, const std::string& hex) {
   sockaddr_kl a{};
   a.family = family;
@@ -58,57 +65,32 @@ sockaddr_kl address(u_short family, u_short port, const std::string& hex) {
 const sockaddr_kl kV4 = address(2, 0x1234, "7f 00 00 01");
 const sockaddr_kl kV6 = address(23, 4032, "20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01");
 
-std::string v4Wire(int port) {
-  char p[16];
-  snprintf(p, sizeof p, "%08x", port);
-  return std::string("00000002") + p + "7f000001" + std::string(64, '0');
-}
+const std::string kV4Wire = "0000000200001234" + std::string("7f000001") + std::string(64, '0');
 
 // Runs the peer; returns its standard output (without the last newline).
 std::string peer(std::vector<std::string> args) {
   args.insert(args.begin(), kPeer);
-  testing_support::ChildResult r = testing_support::runChild(args);
-  std::string out = r.out;
+  std::string out = runChild(args).out;
   while (!out.empty() && out.back() == '\n') out.pop_back();
   return out;
 }
 
-std::vector<std::string> addressArgs(const sockaddr_kl& a) {
+using Args = std::vector<std::string>;
+Args operator+(Args a, const Args& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+// An address as the peer takes it: family, port and its 16 bytes in hex.
+Args addressArgs(const sockaddr_kl& a) {
   return {std::to_string(a.family), std::to_string(a.port),
           compact(toHex(reinterpret_cast<const uint8_t*>(a.address), 16))};
 }
 
 u_short swapped(u_short p) { return static_cast<u_short>((p >> 8) | (p << 8)); }
 
-// The bytes of every family are compared in WireMatchesTheSystemLibrary.
-TEST(KVprot, ForeignIPv6FamiliesAreLoggedAndBecome23InTheRecord) {
-  testing_support::LogCapture log;
-  Log::setLevel(9, 1);
-  const struct {
-    u_short family, after;
-    const char* logged;
-  } cases[] = {
-      {10, 23, "us_family=10 (IPv6 Linux client)"}, {22, 23, "us_family=22 (IPv6 HP-UX client)"},
-      {24, 23, "us_family=24 (IPv6 AIX client)"},   {26, 23, "us_family=26 (IPv6 Solaris client)"},
-      {5, 5, "us_family=5 (unknown client)"},
-  };
-  for (const auto& c : cases) {
-    sockaddr_kl a = kV6;
-    a.family = c.family;
-    std::vector<char> buf(64);
-    XDR x;
-    xdrmem_create(&x, buf.data(), 64, XDR_ENCODE);
-    ASSERT_TRUE(xdr_sockaddr_kl(&x, &a));
-    EXPECT_EQ(c.after, a.family);
-    EXPECT_TRUE(log.contains(c.logged)) << c.family;
-  }
-  EXPECT_TRUE(log.contains("us_family changed to 23 (AF_INET6)"));
-  Log::setLevel(9, 0);
-}
-
 TEST(KVprot, DecodedRecordsOwnFreshStrings) {
   op_kl in{kV4, const_cast<char*>("/d"), const_cast<char*>("ok"), const_cast<char*>("fine")};
-  const std::string wire = encode(xdr_op_kl, in);
+  const std::string wire = encode(xdr_op_kl, &in);
   op_kl out;
   ASSERT_TRUE(decode(xdr_op_kl, wire, &out));
   EXPECT_STREQ("/d", out.document);
@@ -119,10 +101,7 @@ TEST(KVprot, DecodedRecordsOwnFreshStrings) {
   EXPECT_EQ(nullptr, out.document);
   EXPECT_EQ(nullptr, out.comment);
   // Every cut-short prefix fails, and what was decoded so far can be freed.
-  for (size_t n = 0; n < wire.size(); n += 8) {
-    ASSERT_FALSE(decode(xdr_op_kl, wire.substr(0, n), &out)) << n;
-    xdr_free(xdr_proc<xdr_op_kl>, &out);
-  }
+  for (size_t n = 0; n < wire.size(); n += 8) ASSERT_FALSE(decodes<xdr_op_kl>(wire.substr(0, n)));
 }
 
 // Wire bytes of a string of n 'x' (no bound applied).
@@ -136,121 +115,107 @@ std::string stringWire(size_t n) {
 }
 
 TEST(KVprot, BoundedStringsAreRefusedBeyondTheirBoundByBothImplementations) {
-  const std::string addr = v4Wire(0x1234);
+  const std::string addr = kV4Wire, s1 = stringWire(1);
   struct Case {
     const char* record;
+    bool (*ours)(const std::string&);
     std::string wire;
     bool ok;
   } cases[] = {
-      {"op_kl", addr + stringWire(128) + stringWire(60) + stringWire(128), true},
-      {"op_kl", addr + stringWire(1) + stringWire(61) + stringWire(1), false},
-      {"op_kl", addr + stringWire(129) + stringWire(1) + stringWire(1), false},
-      {"op_kl", addr + stringWire(1) + stringWire(1) + stringWire(129), false},
-      {"crt_kl", stringWire(25) + addr + stringWire(1) + stringWire(1) + stringWire(1), true},
-      {"crt_kl", stringWire(26) + addr + stringWire(1) + stringWire(1) + stringWire(1), false},
-      {"hello_kl", addr + stringWire(5000), true},
+      {"op_kl", decodes<xdr_op_kl>, addr + stringWire(128) + stringWire(60) + stringWire(128), 1},
+      {"op_kl", decodes<xdr_op_kl>, addr + s1 + stringWire(61) + s1, 0},
+      {"op_kl", decodes<xdr_op_kl>, addr + stringWire(129) + s1 + s1, 0},
+      {"op_kl", decodes<xdr_op_kl>, addr + s1 + s1 + stringWire(129), 0},
+      {"crt_kl", decodes<xdr_crt_kl>, stringWire(25) + addr + s1 + s1 + s1, 1},
+      {"crt_kl", decodes<xdr_crt_kl>, stringWire(26) + addr + s1 + s1 + s1, 0},
+      {"hello_kl", decodes<xdr_hello_kl>, addr + stringWire(5000), 1},
   };
   for (const Case& c : cases) {
-    const std::string rec = c.record;
-    bool ours = false;
-    if (rec == "op_kl") {
-      op_kl r;
-      ours = decode(xdr_op_kl, c.wire, &r);
-      xdr_free(xdr_proc<xdr_op_kl>, &r);
-    } else if (rec == "crt_kl") {
-      crt_kl r;
-      ours = decode(xdr_crt_kl, c.wire, &r);
-      xdr_free(xdr_proc<xdr_crt_kl>, &r);
-    } else {
-      hello_kl r;
-      ours = decode(xdr_hello_kl, c.wire, &r);
-      xdr_free(xdr_proc<xdr_hello_kl>, &r);
-    }
-    EXPECT_EQ(c.ok, ours) << rec << " " << c.wire.size();
-    EXPECT_EQ(c.ok, peer({"decode", rec, c.wire}) != "FAILED") << rec << " (libtirpc)";
+    SCOPED_TRACE(std::string(c.record) + " of " + std::to_string(c.wire.size() / 2) + " bytes");
+    EXPECT_EQ(c.ok, c.ours(c.wire));
+    EXPECT_EQ(c.ok, peer({"decode", c.record, c.wire}) != "FAILED") << "libtirpc";
   }
   // Neither side sends an over-long text either.
   op_kl tooLong{kV4, const_cast<char*>("/d"), nullptr, const_cast<char*>("c")};
   std::string status(61, 's');
   tooLong.status = status.data();
-  EXPECT_EQ("FAIL", encode(xdr_op_kl, tooLong));
+  EXPECT_EQ("FAIL", encode(xdr_op_kl, &tooLong));
   EXPECT_EQ("FAILED", peer({"encode", "op_kl", "2", "4660", "7f000001", "/d", status, "c"}));
   // Nor a null one.
   order_kl nullText{1, nullptr};
-  EXPECT_EQ("FAIL", encode(xdr_order_kl, nullText));
+  EXPECT_EQ("FAIL", encode(xdr_order_kl, &nullText));
 }
 
 // The same record through both implementations: identical bytes, and each
-// decodes what the other encoded.
+// decodes what the other encoded. Foreign IPv6 families go out as they are
+// and become 23 in the record.
 TEST(KVprot, WireMatchesTheSystemLibrary) {
+  LogCapture log;
+  Log::setLevel(9, 1);
   struct AddrCase {
     sockaddr_kl a;
     size_t bytes;
+    const char* logged;
   } addrs[] = {
-      {kV4, 44},
-      {kV6, 24},
-      {address(10, 5000, "fe800000000000000000000000000001"), 24},
-      {address(22, 1, "20010db8000000000000000000000002"), 24},
-      {address(24, 65535, "20010db8000000000000000000000003"), 24},
-      {address(26, 4032, "20010db8000000000000000000000004"), 24},
-      {address(5, 77, "0a000001"), 44},
+      {kV4, 44, nullptr},
+      {kV6, 24, nullptr},
+      {address(10, 5000, "fe800000000000000000000000000001"), 24, "10 (IPv6 Linux client)"},
+      {address(22, 1, "20010db8000000000000000000000002"), 24, "22 (IPv6 HP-UX client)"},
+      {address(24, 65535, "20010db8000000000000000000000003"), 24, "24 (IPv6 AIX client)"},
+      {address(26, 4032, "20010db8000000000000000000000004"), 24, "26 (IPv6 Solaris client)"},
+      {address(5, 77, "0a000001"), 44, "5 (unknown client)"},
   };
   for (const AddrCase& c : addrs) {
-    const std::string ours = encode(xdr_sockaddr_kl, c.a);
+    SCOPED_TRACE(c.a.family);
+    sockaddr_kl sent = c.a;
+    const std::string ours = encode(xdr_sockaddr_kl, &sent);
+    const bool v6 = c.bytes == 24;
+    EXPECT_EQ(v6 ? 23 : c.a.family, sent.family);
+    if (c.logged) {
+      EXPECT_TRUE(log.contains(std::string("us_family=") + c.logged));
+    }
     EXPECT_EQ(c.bytes * 2, ours.size());
-    std::vector<std::string> args = {"encode", "sockaddr_kl"};
-    for (auto& s : addressArgs(c.a)) args.push_back(s);
-    EXPECT_EQ(ours, peer(args)) << "family " << c.a.family;
+    EXPECT_EQ(ours, peer(Args{"encode", "sockaddr_kl"} + addressArgs(c.a)));
     // The system library reads family and port as sent: it writes the same bytes back.
     EXPECT_EQ(ours, peer({"decode", "sockaddr_kl", ours}));
     sockaddr_kl back;
     ASSERT_TRUE(decode(xdr_sockaddr_kl, ours, &back));
-    const bool v6 = c.bytes == 24;
     EXPECT_EQ(v6 ? 23 : c.a.family, back.family);
     EXPECT_EQ(swapped(c.a.port), back.port);
     EXPECT_EQ(0, memcmp(c.a.address, back.address, v6 ? 16 : 4));
   }
+  EXPECT_TRUE(log.contains("us_family changed to 23 (AF_INET6)"));
+  Log::setLevel(9, 0);
   // Filler bytes carry no meaning.
-  std::string dirty = v4Wire(0x1234);
+  std::string dirty = kV4Wire;
   dirty.replace(dirty.size() - 8, 8, "000000ff");
-  sockaddr_kl back;
-  EXPECT_TRUE(decode(xdr_sockaddr_kl, dirty, &back));
+  EXPECT_TRUE(decodes<xdr_sockaddr_kl>(dirty));
 
-  const std::string text200(200, 't');
   hello_kl h{const_cast<char*>("clockette"), kV6};
-  std::vector<std::string> hArgs = {"encode", "hello_kl"};
-  for (auto& s : addressArgs(kV6)) hArgs.push_back(s);
-  hArgs.push_back("clockette");
-  const std::string hWire = encode(xdr_hello_kl, h);
-  EXPECT_EQ(hWire, peer(hArgs));
+  const std::string hWire = encode(xdr_hello_kl, &h);
+  EXPECT_EQ(hWire, peer(Args{"encode", "hello_kl"} + addressArgs(kV6) + Args{"clockette"}));
   EXPECT_EQ(hWire, peer({"decode", "hello_kl", hWire}));
 
-  op_kl op{kV4, const_cast<char*>("/queue/doc 1"), const_cast<char*>("ok"),
-           const_cast<char*>("document has been processed")};
-  std::vector<std::string> opArgs = {"encode", "op_kl"};
-  for (auto& s : addressArgs(kV4)) opArgs.push_back(s);
-  for (const char* s : {"/queue/doc 1", "ok", "document has been processed"}) opArgs.push_back(s);
-  const std::string opWire = encode(xdr_op_kl, op);
-  EXPECT_EQ(opWire, peer(opArgs));
+  Args opText = {"/queue/doc 1", "ok", "document has been processed"};
+  op_kl op{kV4, opText[0].data(), opText[1].data(), opText[2].data()};
+  EXPECT_EQ(encode(xdr_op_kl, &op), peer(Args{"encode", "op_kl"} + addressArgs(kV4) + opText));
 
-  crt_kl crt{const_cast<char*>("clockette"), kV4, const_cast<char*>(text200.c_str()),
-             const_cast<char*>("stamp"), const_cast<char*>("")};
-  std::vector<std::string> crtArgs = {"encode", "crt_kl", "clockette"};
-  for (auto& s : addressArgs(kV4)) crtArgs.push_back(s);
-  for (const std::string& s : {text200, std::string("stamp"), std::string()}) crtArgs.push_back(s);
-  const std::string crtWire = peer(crtArgs);
-  EXPECT_EQ(encode(xdr_crt_kl, crt), crtWire);
+  Args crtText = {std::string(200, 't'), "stamp", ""};
+  const std::string crtWire =
+      peer(Args{"encode", "crt_kl", "clockette"} + addressArgs(kV4) + crtText);
+  crt_kl crt{const_cast<char*>("clockette"), kV4, crtText[0].data(), crtText[1].data(),
+             crtText[2].data()};
+  EXPECT_EQ(encode(xdr_crt_kl, &crt), crtWire);
   crt_kl crtBack;
   ASSERT_TRUE(decode(xdr_crt_kl, crtWire, &crtBack));
   EXPECT_STREQ("clockette", crtBack.type);
-  EXPECT_EQ(text200, crtBack.path);
+  EXPECT_EQ(crtText[0], crtBack.path);
   EXPECT_STREQ("stamp", crtBack.operation);
   EXPECT_STREQ("", crtBack.comment);
   xdr_free(xdr_proc<xdr_crt_kl>, &crtBack);
 
-  const std::string orderWire = peer({"encode", "order_kl", "-3", "/docs/a"});
   order_kl order;
-  ASSERT_TRUE(decode(xdr_order_kl, orderWire, &order));
+  ASSERT_TRUE(decode(xdr_order_kl, peer({"encode", "order_kl", "-3", "/docs/a"}), &order));
   EXPECT_EQ(-3, order.number);
   EXPECT_STREQ("/docs/a", order.text);
   xdr_free(xdr_proc<xdr_order_kl>, &order);

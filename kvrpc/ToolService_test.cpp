@@ -11,12 +11,7 @@
 
 namespace {
 
-using testing_support::ChildOptions;
-using testing_support::KvMini;
-using testing_support::kvminiCall;
-using testing_support::kvprobePath;
-using testing_support::LinePeer;
-using testing_support::numberAfter;
+using namespace testing_support;
 
 // kvprobe serving the callback program in simulation mode (no KV needed).
 class ServedProbe : public LinePeer {

@@ -13,12 +13,8 @@
 
 namespace {
 
-using testing_support::fileExists;
-using testing_support::LogCapture;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
+using Texts = std::vector<std::string>;
 
 class CommandsTest : public ::testing::Test {
  protected:
@@ -33,9 +29,11 @@ class CommandsTest : public ::testing::Test {
   TempDir dir_;
 };
 
-std::vector<std::string> values(const List<String>& list) {
-  std::vector<std::string> out;
-  for (const String& s : list) out.push_back(s.str());
+// Takes a null-ended array of texts and frees it, as its receiver must.
+Texts take(char** texts) {
+  Texts out;
+  for (char** p = texts; *p; ++p) out.push_back(*p), free(*p);
+  free(texts);
   return out;
 }
 
@@ -51,7 +49,9 @@ TEST_F(CommandsTest, LookupsFromMemoryLastMatchWins) {
   EXPECT_EQ(c->getValueFor1("comp", value), 0);
   List<String> comps;
   EXPECT_EQ(c->getValueFor3("COMP", comps), 2);
-  EXPECT_EQ(values(comps), (std::vector<std::string>{"a", "b"}));
+  ASSERT_EQ(comps.count(), 2u);
+  EXPECT_EQ(comps[0], "a");
+  EXPECT_EQ(comps[1], "b");
   EXPECT_EQ(c->findKey("BARE"), 1);
   // Once read, the file is not consulted again.
   writeFile(file(), "COMP z\n");
@@ -59,23 +59,12 @@ TEST_F(CommandsTest, LookupsFromMemoryLastMatchWins) {
 
   char** texts = nullptr;
   ASSERT_EQ(c->readAll(&texts), 4);
-  EXPECT_STREQ(texts[0], "COMP a");
-  EXPECT_STREQ(texts[1], "OTHER x y ");
-  EXPECT_STREQ(texts[3], "BARE");
-  EXPECT_EQ(texts[4], nullptr);
-  for (char** p = texts; *p; ++p) free(*p);
-  free(texts);
-  char** found = nullptr;
-  ASSERT_EQ(c->getValueFor("COMP", &found), 2);
-  EXPECT_STREQ(found[1], "b");
-  EXPECT_EQ(found[2], nullptr);
-  for (char** p = found; *p; ++p) free(*p);
-  free(found);
+  EXPECT_EQ(take(texts), (Texts{"COMP a", "OTHER x y ", "COMP b", "BARE"}));
+  ASSERT_EQ(c->getValueFor("COMP", &texts), 2);
+  EXPECT_EQ(take(texts), (Texts{"a", "b"}));
 
   List<String> keys;
-  keys.put("BARE");
-  keys.put("MISSING");
-  keys.put("COMP");
+  for (const char* k : {"BARE", "MISSING", "COMP"}) keys.put(k);
   List<CommandsEntries> first;
   EXPECT_EQ(c->read(keys, first), 1);
   ASSERT_EQ(first.count(), 2u);
@@ -96,9 +85,8 @@ TEST_F(CommandsTest, MissingFileReadsAsNoStatementsAndIsLookedForAgain) {
   EXPECT_EQ(c->findKey("A"), 1);
 }
 
-// What the file holds after the document's close and after a second close,
-// for appends, deletions and their integration. The backup always holds the
-// file as it was.
+// What the file holds after the document's close and after a second close.
+// The backup always holds the file as it was.
 TEST_F(CommandsTest, RewritesAfterAppendsAndDeletions) {
   const std::string big(200000, 'v');
   struct Case {
@@ -127,8 +115,7 @@ TEST_F(CommandsTest, RewritesAfterAppendsAndDeletions) {
        "B\ttwo  words \nBARE\t\nA\t2\n"},
       {"delete with long lines", "CR 1\r\nLONG " + big + "\r\nLF x\n",
        [](Commands& c) { c.deleteFromCommands1("CR", "1"); }, "LONG\t" + big + "\nLF\tx\n"},
-      // Without integration the added lines follow as given, until the next
-      // rewrite.
+      // Without integration the added lines follow as given, until the next rewrite.
       {"delete, then append", "X 1\nY 2\n",
        [](Commands& c) {
          c.deleteFromCommands1("Y", "2");
@@ -139,9 +126,7 @@ TEST_F(CommandsTest, RewritesAfterAppendsAndDeletions) {
       // second rewrite.
       {"integrate", "X 1\n\nY 2\n",
        [](Commands& c) {
-         c.appendToBuffer1("Z   3 ");
-         c.appendToBuffer1("   ");
-         c.appendToBuffer1("W");
+         for (const char* line : {"Z   3 ", "   ", "W"}) c.appendToBuffer1(line);
          c.deleteFromCommands1("X", "1");
          ASSERT_EQ(c.integrateChanges(), 1);
          c.appendToBuffer1("LATE one");
@@ -187,23 +172,17 @@ TEST_F(CommandsTest, MarkedStatementsStayVisibleUntilIntegrated) {
   ASSERT_EQ(c->integrateChanges(), 1);
   EXPECT_EQ(c->findKey("X"), 1);
   EXPECT_EQ(c->getValueFor2("X"), "3");
-}
 
-TEST_F(CommandsTest, DeletingAListStopsAtTheFirstMiss) {
-  writeFile(file(), "A 1\nB 2\nC 3\n");
-  auto c = open();
+  // A list is deleted up to its first miss; what was marked before it stays marked.
   List<CommandsEntries> list;
-  list.put(CommandsEntries("A", "1"));
-  list.put(CommandsEntries("B", "9"));
-  list.put(CommandsEntries("C", "3"));
+  for (const char* y : {"2", "9"}) list.put(CommandsEntries("Y", y));
+  list.put(CommandsEntries("X", "3"));
   EXPECT_EQ(c->deleteFromCommands2(list), 0);
-  List<CommandsEntries> hits;
-  hits.put(CommandsEntries("C", "3"));
-  hits.put(CommandsEntries("C", "3"));
-  EXPECT_EQ(c->deleteFromCommands2(hits), 2);
+  List<CommandsEntries> twice;
+  for (int i = 0; i < 2; ++i) twice.put(CommandsEntries("Y", "2"));
+  EXPECT_EQ(c->deleteFromCommands2(twice), 2);
   EXPECT_EQ(close(*c), 1);
-  // A was marked before the miss ended the run.
-  EXPECT_EQ(readFile(file()), "B\t2\n");
+  EXPECT_EQ(readFile(file()), "X\t3\n");
 }
 
 // A line ends at its first CR for every reader; what follows it in the same
@@ -231,8 +210,7 @@ TEST_F(CommandsTest, TextAfterACarriageReturnIsHiddenAndNeverLost) {
   d->appendToBuffer1("D 4");
   EXPECT_EQ(close(*d), 1);
   EXPECT_EQ(readFile(file()), original + "\nD 4\n");
-  Commands next(dir_.path().c_str(), "next");  // the next worker
-  EXPECT_EQ(next.getValueFor2("D"), "4");
+  EXPECT_EQ(Commands(dir_.path().c_str(), "next").getValueFor2("D"), "4");
 }
 
 TEST_F(CommandsTest, OpenCommandsCreatesOrOpensForUpdate) {

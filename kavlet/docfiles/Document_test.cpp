@@ -15,12 +15,7 @@
 
 namespace {
 
-using testing_support::fileExists;
-using testing_support::LogCapture;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // The protocol switch is read once per process: make sure this process sees
 // it on, whatever the environment of the test run says.
@@ -156,15 +151,12 @@ TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {
   EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
 }
 
-// Switches that are read once per process run in a probe process.
-testing_support::ChildResult probe(const std::vector<std::string>& steps,
-                                   const std::map<std::string, std::string>& env = {}) {
-  std::vector<std::string> argv = {DOCFILES_PROBE};
-  argv.insert(argv.end(), steps.begin(), steps.end());
-  testing_support::ChildOptions o;
-  o.env = env;
-  if (o.env.count("KV_PROTOCOL") == 0) o.env["KV_PROTOCOL"] = testing_support::kUnset;
-  return testing_support::runChild(argv, o);
+// The switch is read once per process: each run is a probe process.
+ChildResult probe(std::vector<std::string> steps, const char* value) {
+  steps.insert(steps.begin(), DOCFILES_PROBE);
+  ChildOptions o;
+  o.env["KV_PROTOCOL"] = value;
+  return runChild(steps, o);
 }
 
 TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
@@ -176,7 +168,7 @@ TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
   for (const Case& c : cases) {
     std::string d = file((std::string("v") + c.value).c_str());
     makeDir(d);
-    auto r = probe({"proto:" + d + ":1:text"}, {{"KV_PROTOCOL", c.value}});
+    auto r = probe({"proto:" + d + ":1:text"}, c.value);
     EXPECT_EQ(r.out, "proto 1\n") << c.value << r.err;
     EXPECT_EQ(fileExists(d + "/KVprotocol"), c.kept) << c.value;
   }
@@ -186,34 +178,29 @@ TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
   auto r =
       probe({"proto:" + file("d1") + ":0:x", "env:KV_PROTOCOL=on", "proto:" + file("d2") + ":1:y",
              "env:KV_PROTOCOL=off", "proto:" + file("d3") + ":1:z"},
-            {{"KV_PROTOCOL", "off"}});
+            "off");
   EXPECT_EQ(r.out, "proto 1\nproto 1\nproto 1\n") << r.err;
   EXPECT_FALSE(fileExists(file("d1/KVprotocol")));
   EXPECT_TRUE(fileExists(file("d2/KVprotocol")));
   EXPECT_TRUE(fileExists(file("d3/KVprotocol")));
 }
 
-std::string manyStatements(int n) {
-  std::string s;
-  for (int i = 0; i < n; ++i) {
-    s += "STATEMENT_" + std::to_string(i) + "  value number " + std::to_string(i) + "\n";
-    if (i % 100 == 0) s += "\n";
-  }
-  return s;
-}
-
 // A rewrite killed after some of its lines (or before its first one reached
 // the file) is repaired from the backup at the next read.
 TEST_F(DocumentTest, RewriteKilledHalfWayIsRepairedAtTheNextRead) {
+  std::string original;
+  for (int i = 0; i < 3000; ++i) {
+    original += "STATEMENT_" + std::to_string(i) + "  value number " + std::to_string(i) + "\n";
+    if (i % 100 == 0) original += "\n";
+  }
   for (int stopAt : {1500, 1}) {
     SCOPED_TRACE(stopAt);
-    const std::string original = manyStatements(3000);
     writeFile(file("COMMANDS"), original);
     unlink(file("COMMANDS.clockette").c_str());
     {
-      testing_support::ChildOptions o;
-      o.env["KV_PROTOCOL"] = testing_support::kUnset;
-      testing_support::BackgroundChild child(
+      ChildOptions o;
+      o.env["KV_PROTOCOL"] = kUnset;
+      BackgroundChild child(
           {DOCFILES_PROBE, "rewrite:" + dir_.path() + ":clockette:" + std::to_string(stopAt)}, o);
       std::string line;
       ASSERT_TRUE(child.readLine(&line, 30));

@@ -10,12 +10,7 @@
 
 namespace {
 
-using testing_support::fileExists;
-using testing_support::LogCapture;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 TEST(FileHOpen, TypesModesAndRefusals) {
   LogCapture log(LogCapture::kAllLevels);

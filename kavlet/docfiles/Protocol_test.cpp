@@ -11,19 +11,12 @@
 
 namespace {
 
-using testing_support::fileExists;
-using testing_support::LogCapture;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::string localStamp() {
   time_t now = time(nullptr);
-  struct tm local;
-  localtime_r(&now, &local);
-  char buf[100];
-  strftime(buf, sizeof buf, "%Y/%m/%d %H:%M:%S", &local);
+  char buf[32];
+  strftime(buf, sizeof buf, "%Y/%m/%d %H:%M:%S", localtime(&now));
   return buf;
 }
 
@@ -45,13 +38,10 @@ TEST(Protocol, StampedLinesFollowTheEarlierOnes) {
   std::string text = readFile(file);
   ASSERT_EQ(text.compare(0, earlier.size(), earlier), 0);
   std::smatch m;
-  std::string added = text.substr(earlier.size());
+  const std::string added = text.substr(earlier.size());
+  const std::string stamp = "(\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d) \\[clockette\\] ";
   ASSERT_TRUE(
-      std::regex_match(added, m,
-                       std::regex("(\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d) \\[clockette\\] "
-                                  "file stamped\n"
-                                  "(\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d) \\[clockette\\] "
-                                  "two\nlines\n")))
+      std::regex_match(added, m, std::regex(stamp + "file stamped\n" + stamp + "two\nlines\n")))
       << added;
   EXPECT_GE(m[1].str(), before);
   EXPECT_LE(m[2].str(), after);
@@ -60,15 +50,13 @@ TEST(Protocol, StampedLinesFollowTheEarlierOnes) {
   EXPECT_EQ(readFile(file), text);
 }
 
-TEST(Protocol, EmptyBufferCreatesNoFile) {
-  TempDir dir;
-  Protocol p(dir.path().c_str(), "clockette");
-  EXPECT_EQ(p.writeBuffer(), 1);
-  EXPECT_EQ(p.closeProtocol(), 1);
-  EXPECT_FALSE(fileExists(dir.file("KVprotocol")));
-}
+TEST(Protocol, EmptyBufferCreatesNoFileAndAFailedWriteDropsTheBuffer) {
+  TempDir empty;
+  Protocol nothing(empty.path().c_str(), "clockette");
+  EXPECT_EQ(nothing.writeBuffer(), 1);
+  EXPECT_EQ(nothing.closeProtocol(), 1);
+  EXPECT_FALSE(fileExists(empty.file("KVprotocol")));
 
-TEST(Protocol, FailedWriteDropsTheBufferAndReports) {
   LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   makeDir(dir.file("KVprotocol"));  // cannot be opened as a file, not even by root
