@@ -111,10 +111,15 @@ TEST_F(SetupTest, UnsetOrEmptyConfigEndsTheProcess) {
               "^Environment variable CONFIG not set!\n$");
 }
 
-// Collects what expandAndPut would store.
+// Collects what expandAndPut would store; refuses the refuseAt-th text (from 1).
+struct Stored {
+  std::vector<std::string> texts;
+  size_t refuseAt = 0;
+};
 int collect(void* context, const char* text) {
-  static_cast<std::vector<std::string>*>(context)->push_back(text);
-  return 0;
+  auto* stored = static_cast<Stored*>(context);
+  stored->texts.push_back(text);
+  return stored->texts.size() == stored->refuseAt ? 22 : 0;
 }
 
 TEST_F(SetupTest, ExpansionPasses) {
@@ -147,42 +152,38 @@ TEST_F(SetupTest, ExpansionPasses) {
       {"B=$ST_PCT", "B=C:\\u"},  // the system pass runs over the first pass's result
       {"$ST_HOME=1", "C:\\u=1"},
   };
-  std::vector<std::string> stored;
+  Stored stored;
   setEnvironmentSetter(collect, &stored);
   for (const Case& c : cases) {
-    stored.clear();
+    stored.texts.clear();
     EXPECT_EQ(expandAndPut(c.text), 0) << c.text;
-    ASSERT_EQ(stored.size(), 1u) << c.text;
-    EXPECT_EQ(stored[0], c.stored) << c.text;
+    EXPECT_EQ(stored.texts, std::vector<std::string>{c.stored}) << c.text;
   }
 }
 
 TEST_F(SetupTest, OverLongExpansionIsReportedAndStoredUnexpanded) {
   setenv("ST_BIG", std::string(kSetupBufferSize - 1, 'b').c_str(), 1);
   setenv("ST_MID", std::string(kSetupBufferSize - 10, 'm').c_str(), 1);
-  std::vector<std::string> stored;
+  Stored stored;
   setEnvironmentSetter(collect, &stored);
-
-  // A value that does not fit the buffer with its NUL is not substituted.
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(expandAndPut("B=$ST_BIG"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(expandAndPut("B=%ST_BIG%"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "String <<B=%ST_BIG%>> expands to 2050 = more than 2048 bytes!\n");
-
-  // The value fits, the whole text does not.
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(expandAndPut("B=$ST_MID/0123456789"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "String <<B=$ST_MID/0123456789>> expands to 2052 = more than 2048 bytes!\n");
-
-  ASSERT_EQ(stored.size(), 3u);
-  EXPECT_EQ(stored[0], "B=$ST_BIG");
-  EXPECT_EQ(stored[1], "B=%ST_BIG%");
-  EXPECT_EQ(stored[2], "B=$ST_MID/0123456789");
+  const struct {
+    const char* text;
+    const char* reported;
+  } cases[] = {
+      // A value that does not fit the buffer with its NUL is not substituted.
+      {"B=$ST_BIG", ""},
+      {"B=%ST_BIG%", "String <<B=%ST_BIG%>> expands to 2050 = more than 2048 bytes!\n"},
+      // The value fits, the whole text does not.
+      {"B=$ST_MID/0123456789",
+       "String <<B=$ST_MID/0123456789>> expands to 2052 = more than 2048 bytes!\n"},
+  };
+  for (const auto& c : cases) {
+    stored.texts.clear();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(expandAndPut(c.text), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.reported);
+    EXPECT_EQ(stored.texts, std::vector<std::string>{c.text});
+  }
 }
 
 TEST_F(SetupTest, TracesNameTheVariableButNeverShowItsValue) {
@@ -198,18 +199,13 @@ TEST_F(SetupTest, TracesNameTheVariableButNeverShowItsValue) {
   EXPECT_EQ(env("ST_REAL"), "secret-word");
 }
 
-int refuseSecond(void* context, const char* text) {
-  auto* seen = static_cast<std::vector<std::string>*>(context);
-  seen->push_back(text);
-  return seen->size() == 2 ? 22 : 0;
-}
-
 TEST_F(SetupTest, AFailedStoreStopsReading) {
   writePackage("P", "ST_1=a\nST_2=b\nST_3=c\n");
-  std::vector<std::string> seen;
-  setEnvironmentSetter(refuseSecond, &seen);
+  Stored seen;
+  seen.refuseAt = 2;
+  setEnvironmentSetter(collect, &seen);
   EXPECT_EQ(readSetup("P"), 0);
-  EXPECT_EQ(seen, (std::vector<std::string>{"ST_1=a", "ST_2=b"}));
+  EXPECT_EQ(seen.texts, (std::vector<std::string>{"ST_1=a", "ST_2=b"}));
 
   // The same with the process environment: an empty name, written so or
   // expanded to nothing, cannot be stored; what came before it stays.

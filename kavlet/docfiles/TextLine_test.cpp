@@ -85,21 +85,16 @@ TEST(TextLinePlain, BlanksOnlySeparate) {
 
 TEST(TextLine, ResetOtherModesAndNullText) {
   TextLine t("one two");
-  char* a = t.getNextToken(0);
+  TextLine::Token a(t.getNextToken(0));
   t.reset();
-  char* b = t.getNextToken(1);
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_STREQ(a, "one");
-  EXPECT_STREQ(b, "one");
-  TextLine::free(a);
-  TextLine::free(b);
-  TextLine::free(nullptr);
+  TextLine::Token b(t.getNextToken(1));
+  EXPECT_STREQ(a.get(), "one");
+  EXPECT_STREQ(b.get(), "one");
   EXPECT_EQ(t.getNextToken(2), nullptr);
   TextLine none(nullptr);
   EXPECT_EQ(none.length(), 0);
-  EXPECT_EQ(none.getNextToken(1), nullptr);
-  EXPECT_EQ(none.getNextToken(0), nullptr);
+  EXPECT_EQ(tokensOf(nullptr, 1), Tokens{});
+  EXPECT_EQ(tokensOf(nullptr, 0), Tokens{});
 }
 
 TEST(TextLine, TokensOfAnyLength) {
@@ -140,15 +135,13 @@ TEST(TextLineSwitch, EnvironmentChoosesTheRulesOncePerProcess) {
             plain + plain);
 }
 
-struct KeyValCase {
-  const char* line;
-  int result;
-  const char* key;
-  const char* value;
-};
-
 TEST(GetKeyAndVal, KeysAndValues) {
-  const KeyValCase cases[] = {
+  const struct {
+    const char* line;
+    int result;
+    const char* key;
+    const char* value;
+  } cases[] = {
       {"KEY", 1, "KEY", ""},
       {"KEY   value with  blanks ", 1, "KEY", "value with  blanks "},
       {"  KEY V", 1, "  KEY", "V"},
@@ -161,7 +154,7 @@ TEST(GetKeyAndVal, KeysAndValues) {
       {"\r\n", 0, "", ""},
       {" \t ", 0, "", ""},
   };
-  for (const KeyValCase& c : cases) {
+  for (const auto& c : cases) {
     String key = "old";
     String value = "old";
     EXPECT_EQ(getKeyAndVal(c.line, key, value), c.result) << c.line;
