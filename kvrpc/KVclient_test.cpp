@@ -94,11 +94,7 @@ struct FailureCase {
 TEST(KVclientTest, RegistrationFailuresGiveTheirCodesAndLeaveNoRegistration) {
   const FailureCase cases[] = {
       {"refused", {"--refuse"}, "localhost", -1, "answer 0"},
-      {"unknown host",
-       {},
-       "no-such-host.invalid",
-       -2,
-       "KVconnect: cannot get addess for 'no-such-host.invalid'"},
+      {"unknown host", {}, "no.invalid", -2, "KVconnect: cannot get addess for 'no.invalid'"},
       {"silent", {"--silent"}, "localhost", -3, "rpc(hello): RPC: Timed out"},
       {"other program", {"--offset", "3"}, "localhost", -3, "rpc(hello): RPC: Program unavailable"},
   };
@@ -154,18 +150,16 @@ TEST(KVclientTest, BoundsOfTheReportAreKeptOnTheClientSide) {
       << line;
 }
 
-struct TimeoutCase {
-  const char* klcto;
-  long minMs, maxMs;
-  int minSends, maxSends;
-};
-
 TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
-  const TimeoutCase cases[] = {
+  const struct {
+    const char* klcto;
+    long minMs, maxMs;
+    int minSends, maxSends;
+  } cases[] = {
       {"3/1", 2900, 4500, 3, 4},  // sent at 0, 1, 2 (and perhaps 3) s
       {"3", 2900, 4500, 2, 2},    // the retry interval stays 2 s: sent at 0 and 2 s
   };
-  for (const TimeoutCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.klcto);
     KvMini kv({"--silent"});
     ChildResult r = probe({"setport", kv.portText(), "hi", "localhost", "tool"},
