@@ -31,15 +31,9 @@ using Bytes = std::vector<uint8_t>;
 
 // One DER element: tag, definite length, contents.
 Bytes tlv(uint8_t tag, const Bytes& content) {
-  Bytes out{tag};
   const size_t n = content.size();
-  if (n < 128) {
-    out.push_back(static_cast<uint8_t>(n));
-  } else if (n < 256) {
-    out.insert(out.end(), {0x81, static_cast<uint8_t>(n)});
-  } else {
-    out.insert(out.end(), {0x82, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)});
-  }
+  Bytes out = n < 128 ? Bytes{tag} : n < 256 ? Bytes{tag, 0x81} : Bytes{tag, 0x82, uint8_t(n >> 8)};
+  out.push_back(static_cast<uint8_t>(n));
   out.insert(out.end(), content.begin(), content.end());
   return out;
 }
@@ -116,53 +110,56 @@ TEST(CAsn1signedData, KeepsTheLastDigestAlgorithmAndTheFirstSigner) {
   EXPECT_EQ(token.signedData()->certCount(), 1u);
 }
 
-TEST(CAsn1signedData, ReadsTwentyCertificatesAndRefusesMore) {
-  const TokenParts& parts = realParts();
-  for (unsigned int n : {0u, 1u, 20u, 21u}) {
+// Up to twenty certificates are read, other certificate choices and CRLs
+// skipped; with its certificates the token re-encodes byte for byte.
+TEST(CAsn1signedData, ReadsTwentyCertificatesAndSkipsOtherChoices) {
+  const Bytes& cert = realParts().cert;
+  const Bytes attributeCert = fromHex("A1 03 01 02 03");
+  const struct {
+    std::vector<Bytes> certs;
+    Bytes crls;
+    unsigned int read;
+    const char* refusal;  // logged; null: decodes
+  } cases[] = {
+      {{}, {}, 0, nullptr},
+      {{cert}, {}, 1, nullptr},
+      {std::vector<Bytes>(20, cert), {}, 20, nullptr},
+      {std::vector<Bytes>(21, cert), {}, 0, "Offset not reached. expected "},
+      {{attributeCert, cert, attributeCert}, fromHex("A1 02 30 00"), 1, nullptr},
+      {{tlv(0x30, fromHex("02 01 05"))}, {}, 0, "Parsing certificate with d2i_X509() failed."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.certs.size());
     LogCapture log;
-    const Bytes der =
-        signedToken(kSha256, std::vector<Bytes>(n, parts.cert), Bytes(), {parts.signer});
+    const Bytes der = signedToken(kSha256, c.certs, c.crls, {realParts().signer});
     CAsn1contentInfo token;
-    if (n <= 20) {
-      ASSERT_EQ(decode(token, der), 0) << n;
-      EXPECT_EQ(token.signedData()->certCount(), n);
-      // With its certificates the token re-encodes byte for byte.
-      EXPECT_EQ(encodeDER(token), der) << n;
-    } else {
+    if (c.refusal != nullptr) {
       EXPECT_EQ(decode(token, der), -1);
-      EXPECT_TRUE(log.contains("Offset not reached. expected ")) << log.text();
+      EXPECT_TRUE(log.contains(c.refusal)) << log.text();
+      continue;
     }
+    ASSERT_EQ(decode(token, der), 0);
+    ASSERT_EQ(token.signedData()->certCount(), c.read);
+    EXPECT_TRUE(c.read == 0 || token.signedData()->getCert(0)->der() == cert);
+    EXPECT_EQ(token.signedData()->getCert(c.read), nullptr);
+    EXPECT_EQ(encodeDER(token) == der, c.crls.empty());
   }
 }
 
-TEST(CAsn1signedData, SkipsOtherCertificateChoicesAndCrls) {
+// Copies are deep: the certificate survives its original. No cut of a
+// token decodes.
+TEST(CAsn1signedData, CopiesAreDeepAndTruncationsRefused) {
   const TokenParts& parts = realParts();
-  const Bytes attributeCert = fromHex("A1 03 01 02 03");
-  const Bytes der = signedToken(kSha256, {attributeCert, parts.cert, attributeCert},
-                                fromHex("A1 02 30 00"), {parts.signer});
+  const Bytes good = signedToken(kSha256, {parts.cert}, Bytes(), {parts.signer});
   CAsn1contentInfo token;
-  ASSERT_EQ(decode(token, der), 0);
-  ASSERT_EQ(token.signedData()->certCount(), 1u);
-  EXPECT_EQ(token.signedData()->getCert(0)->der(), parts.cert);
-  EXPECT_EQ(token.signedData()->getCert(1), nullptr);
-  // Copies are deep: the certificate survives its original.
+  ASSERT_EQ(decode(token, good), 0);
   CAsn1contentInfo copy(token);
   token = CAsn1contentInfo();
   EXPECT_EQ(copy.signedData()->getCert(0)->der(), parts.cert);
-}
-
-TEST(CAsn1signedData, RefusesBrokenCertificatesAndTruncation) {
-  const TokenParts& parts = realParts();
   LogCapture log;
-  CAsn1contentInfo notACert;
-  EXPECT_EQ(decode(notACert,
-                   signedToken(kSha256, {tlv(0x30, fromHex("02 01 05"))}, Bytes(), {parts.signer})),
-            -1);
-  EXPECT_TRUE(log.contains("Parsing certificate with d2i_X509() failed."));
-  const Bytes good = signedToken(kSha256, {parts.cert}, Bytes(), {parts.signer});
   for (size_t n = 0; n < good.size(); ++n) {
-    CAsn1contentInfo token;
-    EXPECT_EQ(decode(token, Bytes(good.begin(), good.begin() + static_cast<long>(n))), -1) << n;
+    CAsn1contentInfo cut;
+    EXPECT_EQ(decode(cut, Bytes(good.begin(), good.begin() + static_cast<long>(n))), -1) << n;
   }
 }
 

@@ -15,20 +15,17 @@ namespace {
 const unsigned char kAbc[] = {'a', 'b', 'c'};
 }
 
-TEST(CAsn1string, EncodesWithTheCallersTag) {
+// Written with the caller's tag; read with any tag, the bytes copied.
+TEST(CAsn1string, EncodesWithTheCallersTagAndDecodesAnyTag) {
   CAsn1string octets(0x04, kAbc, 3), printable(0x13, kAbc, 3), empty(0x05);
   EXPECT_EQ(derHex(octets), "04 03 61 62 63");
   EXPECT_EQ(derHex(printable), "13 03 61 62 63");
   EXPECT_EQ(derHex(empty), "05 00");
-}
-
-TEST(CAsn1string, DecodeTakesAnyTagAndCopiesTheBytes) {
-  CAsn1string s(0x04, kAbc, 3);
   unsigned int pos = 0;
-  ASSERT_EQ(setDerHex(s, "0c 02 68 69 ff", &pos), 0);
-  EXPECT_EQ(s.tag(), 0x0C);
-  ASSERT_EQ(s.length(), 2u);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(s.data())), "hi");  // NUL kept after
+  ASSERT_EQ(setDerHex(octets, "0c 02 68 69 ff", &pos), 0);
+  EXPECT_EQ(octets.tag(), 0x0C);
+  ASSERT_EQ(octets.length(), 2u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(octets.data())), "hi");  // NUL kept after
   EXPECT_EQ(pos, 4u);
 }
 
@@ -67,7 +64,9 @@ TEST(CAsn1string, GetValChecksTheDestinationSize) {
   Log::setLevel(9, 0);
 }
 
-TEST(CAsn1string, CompareIsByLengthThenUnsignedBytes) {
+// comp orders by length, then by unsigned bytes; getInteger reads up to four
+// bytes unsigned; logText shows the tag, the length and eight bytes.
+TEST(CAsn1string, CompareGetIntegerAndLogText) {
   const unsigned char lo[] = {0x01, 0x7F}, hi[] = {0x01, 0x80}, one[] = {0xFF};
   CAsn1string a(0x04, lo, 2), b(0x04, hi, 2), c(0x04, one, 1), a2(0x13, lo, 2);
   EXPECT_EQ(a.comp(b), -1);
@@ -75,17 +74,11 @@ TEST(CAsn1string, CompareIsByLengthThenUnsignedBytes) {
   EXPECT_EQ(c.comp(a), -1);
   EXPECT_EQ(a.comp(c), 1);
   EXPECT_EQ(a.comp(a2), 0);
-}
-
-TEST(CAsn1string, GetIntegerReadsUpToFourBytesUnsigned) {
-  const unsigned char five[] = {1, 2, 3, 4, 5}, ff[] = {0xFF}, four[] = {0x01, 0x02, 0x03, 0x04};
-  EXPECT_EQ(CAsn1string(0x02, ff, 1).getInteger(), 255);
+  const unsigned char five[] = {1, 2, 3, 4, 5}, four[] = {0x01, 0x02, 0x03, 0x04};
+  EXPECT_EQ(c.getInteger(), 255);
   EXPECT_EQ(CAsn1string(0x02, four, 4).getInteger(), 0x01020304);
   EXPECT_EQ(CAsn1string(0x02, five, 5).getInteger(), 0);
   EXPECT_EQ(CAsn1string(0x02).getInteger(), 0);
-}
-
-TEST(CAsn1string, LogTextShowsTagLengthAndEightBytes) {
   std::string text = "0123456789";
   CAsn1string s(0x04, reinterpret_cast<const unsigned char*>(text.data()), 10);
   EXPECT_EQ(s.logText(), "STRING[4](10 bytes) 30 31 32 33 34 35 36 37:01234567");

@@ -16,66 +16,50 @@
 
 namespace {
 
-using testing_support::TempDir;
+using Bytes = std::vector<unsigned char>;
 
-std::vector<unsigned char> derOf(X509* cert) {
+template <class T>
+Bytes i2dOf(const T* object, int (*i2d)(const T*, unsigned char**)) {
   unsigned char* out = nullptr;
-  int n = i2d_X509(cert, &out);
-  std::vector<unsigned char> der(out, out + (n > 0 ? n : 0));
+  const int n = i2d(object, &out);
+  Bytes der(out, out + (n > 0 ? n : 0));
   OPENSSL_free(out);
   return der;
 }
 
-// One CA and an RSA and a DSA certificate shared by all tests of this file:
-// key generation is the slow part.
-class CCertInfoTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    ca_ = new testtsa::CertAuthority();
-    rsaKey_ = testtsa::generateKey(testtsa::KeyKind::kRsa).release();
-    dsaKey_ = testtsa::generateKey(testtsa::KeyKind::kDsa).release();
-    rsaCert_ = ca_->issue(rsaKey_, "rsa signer", -3600, 86400).release();
-    dsaCert_ = ca_->issue(dsaKey_, "dsa signer", -3600, 86400).release();
-  }
-  static void TearDownTestSuite() {
-    X509_free(rsaCert_);
-    X509_free(dsaCert_);
-    EVP_PKEY_free(rsaKey_);
-    EVP_PKEY_free(dsaKey_);
-    delete ca_;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(ca_->ok());
-    ASSERT_NE(rsaCert_, nullptr);
-    ASSERT_NE(dsaCert_, nullptr);
-  }
+CCertInfo infoOf(const Bytes& der) {
+  return CCertInfo(der.data(), static_cast<unsigned>(der.size()));
+}
 
-  static testtsa::CertAuthority* ca_;
-  static EVP_PKEY* rsaKey_;
-  static EVP_PKEY* dsaKey_;
-  static X509* rsaCert_;
-  static X509* dsaCert_;
+// One CA, an RSA and a DSA certificate for all tests of this file: key
+// generation is the slow part.
+struct Pki {
+  testtsa::CertAuthority ca;
+  EvpPkeyPtr rsaKey = testtsa::generateKey(testtsa::KeyKind::kRsa);
+  EvpPkeyPtr dsaKey = testtsa::generateKey(testtsa::KeyKind::kDsa);
+  X509Ptr rsaCert = ca.issue(rsaKey.get(), "rsa signer", -3600, 86400);
+  X509Ptr dsaCert = ca.issue(dsaKey.get(), "dsa signer", -3600, 86400);
+  Bytes rsaDer = i2dOf(rsaCert.get(), i2d_X509), dsaDer = i2dOf(dsaCert.get(), i2d_X509);
 };
 
-testtsa::CertAuthority* CCertInfoTest::ca_ = nullptr;
-EVP_PKEY* CCertInfoTest::rsaKey_ = nullptr;
-EVP_PKEY* CCertInfoTest::dsaKey_ = nullptr;
-X509* CCertInfoTest::rsaCert_ = nullptr;
-X509* CCertInfoTest::dsaCert_ = nullptr;
+const Pki& pki() {
+  static const Pki* made = new Pki;
+  return *made;
+}
 
-TEST_F(CCertInfoTest, DecodesDerAndTakesOutTheFields) {
-  std::vector<unsigned char> der = derOf(rsaCert_);
-  CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
+TEST(CCertInfo, DecodesDerAndTakesOutTheFields) {
+  const Bytes& der = pki().rsaDer;
+  CCertInfo cert = infoOf(der);
   ASSERT_TRUE(cert.ok());
   EXPECT_EQ(cert.der(), der);
   EXPECT_EQ(cert.getSize(), der.size());
   EXPECT_EQ(cert.GetSubjectName(), "/O=clockette test/CN=rsa signer");
   EXPECT_EQ(cert.GetIssuerName(), "/O=clockette test/CN=clockette test CA");
-  EXPECT_EQ(cert.GetSerialNumber(), std::vector<unsigned char>({0x03, 0xE8}));  // 1000
+  EXPECT_EQ(cert.GetSerialNumber(), Bytes({0x03, 0xE8}));  // 1000
   time_t now = time(nullptr);
   EXPECT_NEAR(static_cast<double>(cert.GetNotBefore()), static_cast<double>(now - 3600), 60);
   EXPECT_NEAR(static_cast<double>(cert.GetNotAfter()), static_cast<double>(now + 86400), 60);
-  CAsn1time notAfter;
+  CAsn1time notAfter, notBefore;
   ASSERT_EQ(cert.GetTimeNotAfter(&notAfter), 0);
   struct tm tm = {};
   time_t expected = cert.GetNotAfter();
@@ -83,57 +67,43 @@ TEST_F(CCertInfoTest, DecodesDerAndTakesOutTheFields) {
   strftime(utcTime, sizeof utcTime, "%y%m%d%H%M%SZ", gmtime_r(&expected, &tm));
   EXPECT_EQ(notAfter.derText(), utcTime);
   EXPECT_EQ(cert.GetTimeNotAfterText(), notAfter.displayText());
-  CAsn1time notBefore;
   ASSERT_EQ(cert.GetTimeNotBefore(&notBefore), 0);
   EXPECT_EQ(cert.GetTimeNotBeforeText(), notBefore.displayText());
   EXPECT_EQ(cert.GetSignatureType(), NID_sha256WithRSAEncryption);
 
   // getDER writes the bytes as they came, at the position given.
-  std::vector<unsigned char> out(der.size() + 3, 0xEE);
+  Bytes out(der.size() + 3, 0xEE);
   unsigned int pos = 3;
   ASSERT_EQ(cert.getDER(out.data(), &pos), 0);
   EXPECT_EQ(pos, out.size());
   EXPECT_TRUE(std::equal(der.begin(), der.end(), out.begin() + 3));
 }
 
-TEST_F(CCertInfoTest, IssuerAndSerialEncodeAsInTheCertificate) {
-  std::vector<unsigned char> der = derOf(dsaCert_);
-  CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
+// SEQUENCE { issuer Name, serialNumber INTEGER } of OpenSSL's own encodings.
+TEST(CCertInfo, IssuerAndSerialEncodeAsInTheCertificate) {
+  CCertInfo cert = infoOf(pki().dsaDer), empty;
   CAsn1issuerSerial ref;
   ASSERT_EQ(cert.GetIssuerAndSerial(&ref), 0);
   EXPECT_EQ(ref.issuer.attributeCount(), 2);
-
-  // SEQUENCE { issuer Name, serialNumber INTEGER } from OpenSSL's own encodings.
-  unsigned char* name = nullptr;
-  int nameLength = i2d_X509_NAME(X509_get_issuer_name(dsaCert_), &name);
-  unsigned char* serial = nullptr;
-  int serialLength = i2d_ASN1_INTEGER(X509_get0_serialNumber(dsaCert_), &serial);
-  ASSERT_GT(nameLength, 0);
-  ASSERT_GT(serialLength, 0);
-  int total = nameLength + serialLength;
-  ASSERT_LT(total, 256);
-  std::vector<unsigned char> expected = {0x30};
-  if (total >= 128) expected.push_back(0x81);
-  expected.push_back(static_cast<unsigned char>(total));
-  expected.insert(expected.end(), name, name + nameLength);
-  expected.insert(expected.end(), serial, serial + serialLength);
-  OPENSSL_free(name);
-  OPENSSL_free(serial);
+  Bytes expected = i2dOf(X509_get_issuer_name(pki().dsaCert.get()), i2d_X509_NAME);
+  const Bytes serial = i2dOf(X509_get0_serialNumber(pki().dsaCert.get()), i2d_ASN1_INTEGER);
+  expected.insert(expected.end(), serial.begin(), serial.end());
+  ASSERT_LT(expected.size(), 256u);
+  expected.insert(expected.begin(), {0x30, 0x81, static_cast<unsigned char>(expected.size())});
+  if (expected[2] < 128) expected.erase(expected.begin() + 1);
   EXPECT_EQ(encodeDER(ref), expected);
-
-  CCertInfo empty;
   EXPECT_EQ(empty.GetIssuerAndSerial(&ref), -1);
 }
 
-TEST_F(CCertInfoTest, ReportsTheKeyOfEitherType) {
-  struct Case {
-    X509* cert;
+TEST(CCertInfo, ReportsTheKeyOfEitherType) {
+  const struct {
+    const Bytes& der;
     EVP_PKEY* key;
     int type;
-  } cases[] = {{rsaCert_, rsaKey_, kKeyTypeRsa}, {dsaCert_, dsaKey_, kKeyTypeDsa}};
-  for (const Case& c : cases) {
-    std::vector<unsigned char> der = derOf(c.cert);
-    CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
+  } cases[] = {{pki().rsaDer, pki().rsaKey.get(), kKeyTypeRsa},
+               {pki().dsaDer, pki().dsaKey.get(), kKeyTypeDsa}};
+  for (const auto& c : cases) {
+    CCertInfo cert = infoOf(c.der);
     EXPECT_EQ(cert.GetKeyType(), c.type);
     EXPECT_EQ(cert.GetKeyLength(), 256);
     EXPECT_EQ(cert.GetRSAPublicKey() != nullptr, c.type == kKeyTypeRsa);
@@ -142,15 +112,13 @@ TEST_F(CCertInfoTest, ReportsTheKeyOfEitherType) {
   }
 }
 
-TEST_F(CCertInfoTest, RefusesBrokenDer) {
-  std::vector<unsigned char> der = derOf(rsaCert_);
-  std::vector<unsigned char> truncated(der.begin(), der.end() - 10);
-  std::vector<unsigned char> flipped = der;
+TEST(CCertInfo, RefusesBrokenDer) {
+  const Bytes& der = pki().rsaDer;
+  Bytes flipped = der;
   flipped[1] ^= 0x01;  // a length that no longer fits
-  const std::vector<std::vector<unsigned char>> cases = {
-      {}, {0x30, 0x00}, {0x02, 0x01, 0x05}, truncated, flipped};
-  for (const auto& bytes : cases) {
-    CCertInfo cert(bytes.data(), static_cast<unsigned int>(bytes.size()));
+  for (const Bytes& bytes : {Bytes{}, Bytes{0x30, 0x00}, Bytes{0x02, 0x01, 0x05},
+                             Bytes(der.begin(), der.end() - 10), flipped}) {
+    CCertInfo cert = infoOf(bytes);
     EXPECT_FALSE(cert.ok()) << bytes.size();
     EXPECT_EQ(cert.GetKeyType(), -1);
     EXPECT_EQ(cert.GetRSAPublicKey(), nullptr);
@@ -163,64 +131,51 @@ TEST_F(CCertInfoTest, RefusesBrokenDer) {
   }
 }
 
-TEST_F(CCertInfoTest, FingerprintIsTheDigestOfTheDer) {
-  std::vector<unsigned char> der = derOf(rsaCert_);
-  CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
+TEST(CCertInfo, FingerprintIsTheDigestOfTheDer) {
+  const Bytes& der = pki().rsaDer;
+  CCertInfo cert = infoOf(der);
+  unsigned char md[EVP_MAX_MD_SIZE], expected[EVP_MAX_MD_SIZE];
+  unsigned int len = 0, expectedLen = 0;
   for (int nid : {NID_sha1, NID_sha256, NID_sha512}) {
-    unsigned char expected[EVP_MAX_MD_SIZE];
-    unsigned int expectedLen = 0;
     ASSERT_EQ(EVP_Digest(der.data(), der.size(), expected, &expectedLen, EVP_get_digestbynid(nid),
                          nullptr),
               1);
-    unsigned char md[EVP_MAX_MD_SIZE];
-    unsigned int len = 0;
     ASSERT_EQ(cert.GetFingerprint(nid, md, &len), 0);
-    EXPECT_EQ(std::vector<unsigned char>(md, md + len),
-              std::vector<unsigned char>(expected, expected + expectedLen));
+    EXPECT_EQ(Bytes(md, md + len), Bytes(expected, expected + expectedLen));
   }
   std::string text = cert.GetFingerprint(NID_sha1);
   EXPECT_EQ(text.size(), 20u * 3 - 1);
   EXPECT_EQ(text[2], ':');
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
   EXPECT_EQ(cert.GetFingerprint(NID_undef, md, &len), -1);
 }
 
-TEST_F(CCertInfoTest, SignatureVerifiesOnlyWithTheIssuersKey) {
-  std::vector<unsigned char> der = derOf(dsaCert_);
-  CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
-  std::vector<unsigned char> caDer = derOf(ca_->caCert());
-  CCertInfo ca(caDer.data(), static_cast<unsigned int>(caDer.size()));
+TEST(CCertInfo, SignatureVerifiesOnlyWithTheIssuersKey) {
+  CCertInfo cert = infoOf(pki().dsaDer), empty;
+  CCertInfo ca = infoOf(i2dOf(pki().ca.caCert(), i2d_X509));
   EXPECT_EQ(cert.VerifyCertSignature(ca), 0);
   EXPECT_EQ(ca.VerifyCertSignature(ca), 0);  // self-signed
-  EXPECT_EQ(cert.VerifyCertSignature(rsaKey_), -1);
-  CCertInfo empty;
+  EXPECT_EQ(cert.VerifyCertSignature(pki().rsaKey.get()), -1);
   EXPECT_EQ(empty.VerifyCertSignature(ca), -2);
   EXPECT_EQ(cert.VerifyCertSignature(empty), -2);
 }
 
-TEST_F(CCertInfoTest, PemRoundTripAndReadFailures) {
-  TempDir dir;
-  std::vector<unsigned char> der = derOf(rsaCert_);
-  CCertInfo cert(der.data(), static_cast<unsigned int>(der.size()));
+// A failed read keeps what was held before.
+TEST(CCertInfo, PemRoundTripAndReadFailures) {
+  testing_support::TempDir dir;
+  CCertInfo cert = infoOf(pki().rsaDer), back, empty;
   ASSERT_EQ(cert.writePEM(dir.file("cert.pem").c_str()), 0);
-
-  CCertInfo back;
   EXPECT_FALSE(back.ok());
   ASSERT_EQ(back.readPEM(dir.file("cert.pem").c_str()), 0);
   EXPECT_TRUE(back.ok());
-  EXPECT_EQ(back.der(), der);
+  EXPECT_EQ(back.der(), pki().rsaDer);
   EXPECT_EQ(back.GetSubjectName(), cert.GetSubjectName());
 
   testing_support::writeFile(dir.file("junk.pem"), "not a certificate\n");
   EXPECT_EQ(back.readPEM(dir.file("missing.pem").c_str()), -1);
   EXPECT_EQ(back.readPEM(dir.file("junk.pem").c_str()), -2);
   EXPECT_EQ(back.readPEM(nullptr), -1);
-  // A failed read keeps what was held before.
   EXPECT_TRUE(back.ok());
-
   EXPECT_EQ(cert.writePEM(dir.file("no/such/dir/cert.pem").c_str()), -1);
-  CCertInfo empty;
   EXPECT_EQ(empty.writePEM(dir.file("empty.pem").c_str()), -1);
 }
 

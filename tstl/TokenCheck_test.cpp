@@ -33,71 +33,12 @@ TokenExpectations imprintOf(int nid, const std::string& data) {
   return e;
 }
 
-Bytes serialOf(size_t octets, uint8_t first) {
-  Bytes s(octets, 0x5A);
-  s[0] = first;
-  return s;
-}
-
 TokenCheckResult check(const Bytes& der, const TokenExpectations* expect,
                        const TokenTrust* trust = nullptr) {
   return checkTimestampResponse(der.data(), der.size(), expect, trust);
 }
 
-TEST(TokenCheck, RealShapesVerify) {
-  struct Case {
-    const char* name;
-    SignerKey key;
-    int imprintNid;
-    int signerDigestNid;
-    Bytes serial;
-    bool essV1;
-    const char* serialHex;
-  } cases[] = {
-      {"rsa, 20-octet serial", SignerKey::kRsa, NID_sha256, NID_sha256, serialOf(20, 0x7F), false,
-       "7F5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A"},
-      {"rsa, 160-bit serial with sign octet", SignerKey::kRsa, NID_sha512, NID_sha256,
-       [] {
-         Bytes s = serialOf(21, 0x00);
-         s[1] = 0xC3;
-         return s;
-       }(),
-       false, "C35A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A"},
-      {"rsa-pss", SignerKey::kRsaPss, NID_sha256, NID_sha384, {0x01}, false, "01"},
-      {"ecdsa p-256, signingCertificate v1",
-       SignerKey::kEc256,
-       NID_sha1,
-       NID_sha256,
-       {0x02},
-       true,
-       "02"},
-      {"ecdsa p-384", SignerKey::kEc384, NID_sha384, NID_sha384, serialOf(16, 0x11), false,
-       "115A5A5A5A5A5A5A5A5A5A5A5A5A5A5A"},
-      {"ecdsa p-521", SignerKey::kEc521, NID_sha3_512, NID_sha512, {0x00, 0x80}, false, "80"},
-  };
-  for (const Case& c : cases) {
-    TokenShape shape;
-    shape.key = c.key;
-    shape.imprintNid = c.imprintNid;
-    shape.signerDigestNid = c.signerDigestNid;
-    shape.serial = c.serial;
-    shape.essV1 = c.essV1;
-    shape.tsaName = true;
-    const Bytes der = maker().response(shape);
-    ASSERT_FALSE(der.empty()) << c.name << ": " << maker().error();
-    const TokenExpectations expect = imprintOf(c.imprintNid, "clockette");
-    const TokenCheckResult r = check(der, &expect);
-    EXPECT_TRUE(r.ok) << c.name << ": " << r.reason;
-    EXPECT_TRUE(r.facts.signatureChecked) << c.name;
-    EXPECT_FALSE(r.facts.chainChecked) << c.name;
-    EXPECT_EQ(r.facts.serialHex, c.serialHex) << c.name;
-    EXPECT_EQ(r.facts.hashNid, c.imprintNid) << c.name;
-    EXPECT_EQ(r.facts.policyOid, "1.3.6.1.4.1.7359.1.2") << c.name;
-    EXPECT_NE(r.facts.tsaName.find("CN = Clockette Token Signer"), std::string::npos)
-        << r.facts.tsaName;
-  }
-}
-
+// Tokens that verify: CAsn1ietfTSResp_test.
 TEST(TokenCheck, TokensThatProveNothingAreRefused) {
   using Shape = void (*)(TokenShape*);
   using Expect = void (*)(TokenExpectations*);  // beyond the imprint of "clockette"
