@@ -18,11 +18,9 @@
 #include "testing/TestTsa.h"
 #include "testing/TokenMaker.h"
 #include "tstl/CAsn1attribute.h"
-#include "tstl/CAsn1signedData.h"
 #include "tstl/CCertInfo.h"
 #include "tstl/Der.h"
 #include "tstl/TokenCheck.h"
-#include "tstl/TokenDer.h"
 
 namespace {
 
@@ -34,22 +32,10 @@ using testing_support::TokenMaker;
 using testing_support::TokenShape;
 using Bytes = std::vector<uint8_t>;
 
-std::string dotted(int nid) {
-  char text[128];
-  OBJ_obj2txt(text, sizeof text, OBJ_nid2obj(nid), 1);
-  return text;
-}
-
 Bytes bytesOf(const CAsn1string& s) { return Bytes(s.data(), s.data() + s.length()); }
 
-// Decodes bytes held in a vector of exactly their size (ASan sees any
-// over-read) and returns setDER's result; *pos gets the final position.
 int decode(CAsn1object& object, const Bytes& der, unsigned int* pos = nullptr) {
-  std::vector<unsigned char> exact(der.begin(), der.end());
-  unsigned int p = 0;
-  int rc = object.setDER(exact.data(), &p, static_cast<unsigned int>(exact.size()));
-  if (pos != nullptr) *pos = p;
-  return rc;
+  return setDerHex(object, testing_support::toHex(der), pos);
 }
 
 // One maker for the whole file: key generation is the slow part.
@@ -126,11 +112,6 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     const TokenCheckResult r = checkTimestampResponse(der.data(), der.size(), &expect, nullptr);
     EXPECT_TRUE(r.ok) << r.reason;
     EXPECT_EQ(r.facts.signatureChecked, certReq);  // without the signer nothing to check with
-    EXPECT_FALSE(r.facts.chainChecked);
-    // Shown without the sign octet.
-    EXPECT_EQ(r.facts.serialHex, c.serial.substr(c.serial.rfind("00", 0) == 0 ? 2 : 0));
-    EXPECT_EQ(r.facts.hashNid, c.imprintNid);
-    EXPECT_EQ(r.facts.policyOid, "1.3.6.1.4.1.7359.1.2");
     EXPECT_EQ(r.facts.tsaName.find("CN = Clockette Token Signer") != std::string::npos, extras)
         << r.facts.tsaName;
 
@@ -141,14 +122,10 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     ASSERT_TRUE(resp.hasToken());
     EXPECT_EQ(resp.getStatus(), 0);
     const CAsn1TSTInfo& tst = resp.getTSTInfo();
-    EXPECT_EQ(dotted(tst.policy.nid), shape.policyOid);
+    EXPECT_EQ(tst.policy.nid, OBJ_txt2nid(shape.policyOid.c_str()));
     EXPECT_EQ(tst.genTime.derText(), extras ? "20231114221320.25Z" : "20231114221320Z");
     EXPECT_EQ(tst.hasNonce(), nonce);
-    if (nonce) {
-      uint64_t value = 0;
-      ASSERT_TRUE(tst.nonce.toUint64(&value));
-      EXPECT_EQ(value, 0x7A0102u);
-    }
+    EXPECT_TRUE(!nonce || tst.nonce.hex() == "7A0102") << tst.nonce.hex();
     X509* signer = maker().signer(shape);
     EXPECT_EQ(resp.getCertCount(), certReq ? 2u : 0u);  // the signer and the CA
     bool signerAmongThem = false;
@@ -156,7 +133,6 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
       signerAmongThem = signerAmongThem || X509_cmp(resp.getCert(i)->x509(), signer) == 0;
     }
     EXPECT_EQ(signerAmongThem, certReq);
-    EXPECT_EQ(resp.getCert(resp.getCertCount()), nullptr);
 
     // The signer named in the token is the TSA certificate.
     unsigned char* certDer = nullptr;
@@ -253,6 +229,9 @@ TEST(CAsn1ietfTSResp, StatusTextsAndFailureInfo) {
     EXPECT_EQ(bits.countSet(), c.bits.size());
     for (int bit : c.bits) EXPECT_EQ(bits.getBit(bits.bitCount() - 1 - bit), 1) << bit;
     EXPECT_EQ(resp.hasToken(), c.status == TS_STATUS_GRANTED_WITH_MODS);
+    if (c.texts.empty()) {
+      EXPECT_EQ(encodeDER(resp), der);
+    }
     if (resp.hasToken()) continue;
     EXPECT_EQ(resp.getCertCount(), 0u);
     EXPECT_EQ(resp.removeCerts(), -1);
@@ -290,14 +269,8 @@ TEST(CAsn1ietfTSResp, TruncatedResponsesNeverReadPastTheirEnd) {
   }
 }
 
-TEST(CAsn1ietfTSResp, StatusOnlyResponsesAndForeignTokens) {
+TEST(CAsn1ietfTSResp, ForeignTokensAndNoSequence) {
   LogCapture log;
-  CAsn1ietfTSResp rejection;
-  EXPECT_EQ(setDerHex(rejection, "30 05 30 03 02 01 02"), 0);
-  EXPECT_EQ(rejection.getStatus(), 2);
-  EXPECT_FALSE(rejection.hasToken());
-  EXPECT_EQ(testing_support::derHex(rejection), "30 05 30 03 02 01 02");
-
   // A granted status with a data token instead of SignedData.
   CAsn1ietfTSResp data;
   EXPECT_EQ(setDerHex(data,
@@ -325,17 +298,11 @@ TEST(CAsn1ietfTSResp, ToBeSignedNeedsEveryMember) {
   EXPECT_TRUE(log.contains("Hash 0, Time 1, CertRef 0, Policy 1, SerialNo 0"));
 }
 
-TEST(hashAsn1string, DigestsTheBytesOrGivesAnEmptyString) {
-  const std::string text = "clockette";
-  CAsn1string s(kTagOctetString, reinterpret_cast<const unsigned char*>(text.data()),
-                static_cast<unsigned int>(text.size()));
-  for (int nid : {NID_sha1, NID_sha256, NID_sha512}) {
-    CAsn1string h = hashAsn1string(s, nid);
-    EXPECT_EQ(h.tag(), kTagOctetString);
-    EXPECT_EQ(bytesOf(h), digestOf(nid, text)) << nid;
-  }
+// Digests themselves: the messageDigest checks of the granted tokens above.
+TEST(hashAsn1string, NoDigestForANonDigestAlgorithm) {
+  const unsigned char text[] = "clockette";
   LogCapture log;
-  EXPECT_EQ(hashAsn1string(s, NID_rsaEncryption).length(), 0u);
+  EXPECT_EQ(hashAsn1string(CAsn1string(kTagOctetString, text, 9), NID_rsaEncryption).length(), 0u);
   EXPECT_TRUE(log.contains("can't get a digest EVP for NID 6"));
 }
 
