@@ -28,8 +28,7 @@ TokenMaker& maker() {
 TokenExpectations imprintOf(int nid, const std::string& data) {
   TokenExpectations e;
   e.hashNid = nid;
-  const Bytes d = digestOf(nid, data);
-  e.digest.assign(d.begin(), d.end());
+  e.digest = digestOf(nid, data);
   return e;
 }
 
@@ -45,14 +44,18 @@ TEST(TokenCheck, TokensThatProveNothingAreRefused) {
   const Shape plain = [](TokenShape*) {};
   const Expect imprintOnly = [](TokenExpectations*) {};
   const Expect nonce1122 = [](TokenExpectations* e) { e->nonce = {0x11, 0x22}; };
+  const Bytes other = digestOf(NID_sha256, "another file"),
+              ours = digestOf(NID_sha256, "clockette");
   struct Case {
     const char* name;
     Shape shape;
     Expect expect;
-    const char* reason;  // part of the reason text
+    std::string reason;  // part of the reason text
   } cases[] = {
       {"another imprint", [](TokenShape* s) { s->digest = digestOf(NID_sha256, "another file"); },
-       imprintOnly, "the request asked for SHA256"},
+       imprintOnly,
+       "covers SHA256 " + hexOf(other.data(), other.size()) + ", the request asked for SHA256 " +
+           hexOf(ours.data(), ours.size())},
       {"another algorithm", [](TokenShape* s) { s->imprintNid = NID_sha512; }, imprintOnly,
        "the token covers SHA512"},
       {"flipped signature bit", [](TokenShape* s) { s->flipSignature = true; }, imprintOnly,
@@ -91,14 +94,6 @@ TEST(TokenCheck, TokensThatProveNothingAreRefused) {
     EXPECT_FALSE(r.ok) << c.name;
     EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
   }
-  // The imprint text names both digests.
-  const Bytes otherDigest = digestOf(NID_sha256, "another file");
-  TokenShape shape;
-  shape.digest = otherDigest;
-  const TokenExpectations expect = imprintOf(NID_sha256, "clockette");
-  const TokenCheckResult r = check(maker().response(shape), &expect);
-  EXPECT_NE(r.reason.find(hexOf(otherDigest.data(), otherDigest.size())), std::string::npos);
-  EXPECT_NE(r.reason.find(hexOf(expect.digest.data(), expect.digest.size())), std::string::npos);
 }
 
 TEST(TokenCheck, AnswersWithoutAGrantedTokenAreRefused) {
