@@ -134,15 +134,11 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     }
     EXPECT_EQ(signerAmongThem, certReq);
 
-    // The signer named in the token is the TSA certificate.
-    unsigned char* certDer = nullptr;
-    const int certLength = i2d_X509(signer, &certDer);
-    OpenSslBytesPtr owner(certDer);
-    CCertInfo tsaCert(certDer, static_cast<unsigned int>(certLength));
-    CAsn1issuerSerial expected;
-    ASSERT_EQ(tsaCert.GetIssuerAndSerial(&expected), 0);
-    CAsn1string signerSerial = resp.getSignerIssuerSerial().serial;
-    EXPECT_EQ(testing_support::derHex(signerSerial), testing_support::derHex(expected.serial));
+    // The signer named in the token is the TSA certificate (its serial has no sign octet).
+    const ASN1_INTEGER* serial = X509_get0_serialNumber(signer);
+    const unsigned char* serialBytes = ASN1_STRING_get0_data(serial);
+    EXPECT_EQ(bytesOf(resp.getSignerIssuerSerial().serial),
+              Bytes(serialBytes, serialBytes + ASN1_STRING_length(serial)));
 
     // The signed attributes and the signature fit together: messageDigest is
     // the hash of the TSTInfo, the signature covers the attributes as a SET.
