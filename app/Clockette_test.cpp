@@ -7,25 +7,15 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
 
 namespace {
 
+using testing_support::Argv;
 using testing_support::makeDir;
 using testing_support::readFile;
 using testing_support::TempDir;
-
-// A NULL-terminated argument vector that owns its texts.
-struct Argv {
-  Argv(std::initializer_list<const char*> args) : texts(args.begin(), args.end()) {
-    for (std::string& t : texts) ptrs.push_back(t.data());
-    ptrs.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(texts.size()); }
-  char** argv() { return ptrs.data(); }
-  std::vector<std::string> texts;
-  std::vector<char*> ptrs;
-};
 
 const char* const kVariables[] = {"TIMESTAMP_PROTOCOL", "TIMESTAMP_HOST", "TIMESTAMP_PORT",
                                   "TIMESTAMP_URL_PATH", "KVHOST",         "TIMESTAMP_LOGIN",

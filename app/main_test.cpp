@@ -63,6 +63,7 @@ TEST_F(ProgramTest, CommonPackageConfiguresTheLogWithTheEventPrefix) {
   std::string log = readFile(dir_.file("logs/stamper.log"));
   EXPECT_EQ(log.rfind(prefix, 0), 0u) << log;
   EXPECT_NE(log.find("clockette started, " + std::string(kBanner)), std::string::npos) << log;
+  EXPECT_EQ(log.find("only the environment"), std::string::npos) << log;  // no warning
 }
 
 }  // namespace

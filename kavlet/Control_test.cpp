@@ -28,12 +28,6 @@ class SleepyKavlet : public Kavlet {
   int sleepSeconds = 0;
 };
 
-int count(const std::string& text, const std::string& part) {
-  int n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
 // Levels 5 to 13 as a string of 0/1, level 5 first.
 std::string levels() {
   std::string s;
@@ -93,7 +87,7 @@ TEST_F(ControlTest, SetLogLevelTakesOnlyTheFourSpellingsOfItsSwitch) {
 TEST_F(ControlTest, WordsAreWalkedOneByOneAndUnknownOnesRefused) {
   struct Case {
     const char* text;
-    int refusals;
+    size_t refusals;
     int kvTest;
     int sleep;
   } cases[] = {
@@ -114,9 +108,8 @@ TEST_F(ControlTest, WordsAreWalkedOneByOneAndUnknownOnesRefused) {
     kavlet_.sleepSeconds = 0;
     EXPECT_EQ(kavlet_.control(13, c.text), 1) << c.text;
     std::string refused = std::string("Cannot handle message '") + c.text + "' for the moment";
-    EXPECT_EQ(count(log.text(), refused), c.refusals) << c.text;
-    EXPECT_EQ(count(log.text(), "                       'setLogLevel <level> <on/off>',"),
-              c.refusals);
+    EXPECT_EQ(log.count(refused), c.refusals) << c.text;
+    EXPECT_EQ(log.count("                       'setLogLevel <level> <on/off>',"), c.refusals);
     EXPECT_EQ(kavlet_.kvTest, c.kvTest) << c.text;
     EXPECT_EQ(kavlet_.sleepSeconds, c.sleep) << c.text;
   }

@@ -10,10 +10,12 @@
 
 #include "base/Log.h"
 #include "base/Setup.h"
+#include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
 
 namespace {
 
+using testing_support::Argv;
 using testing_support::fileExists;
 using testing_support::makeDir;
 using testing_support::readFile;
@@ -23,18 +25,6 @@ using testing_support::writeFile;
 class TestKavlet : public Kavlet {
  public:
   int service(const char*) override { return 1; }
-};
-
-// A NULL-terminated argument vector that owns its texts.
-struct Argv {
-  Argv(std::initializer_list<const char*> args) : texts(args.begin(), args.end()) {
-    for (std::string& t : texts) ptrs.push_back(t.data());
-    ptrs.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(texts.size()); }
-  char** argv() { return ptrs.data(); }
-  std::vector<std::string> texts;
-  std::vector<char*> ptrs;
 };
 
 const char* const kVariables[] = {"KVHOST",   "KVPORT",      "KVDIR",   "LOGLEVEL",  "LOG_DEBUG",

@@ -2,7 +2,6 @@
 // directories, and in KV mode against the KV emulator kvmini (libtirpc),
 // driven with orders and control messages over UDP and with signals.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,7 +9,6 @@
 
 #include <chrono>
 #include <map>
-#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -22,47 +20,25 @@
 
 namespace {
 
-using testing_support::BackgroundChild;
 using testing_support::ChildOptions;
 using testing_support::ChildResult;
+using testing_support::count;
 using testing_support::fileExists;
-using testing_support::kUnset;
 using testing_support::KvMini;
 using testing_support::kvminiCall;
 using testing_support::makeDir;
-using testing_support::numberAfter;
 using testing_support::readFile;
 using testing_support::runChild;
+using testing_support::ServedWorker;
 using testing_support::TempDir;
+using testing_support::unservedPort;
 using testing_support::writeFile;
-
-const char kProgram[] = "kavlet_testworker";
-
-// Occurrences of part in text.
-int count(const std::string& text, const std::string& part) {
-  int n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
 
 // Test-mode output with every leading "[YYYY/MM/DD hh:mm:ss] " stamp checked
 // and replaced by "T ".
 std::string withoutStamps(const std::string& out) {
   static const std::regex stamp(R"((^|\n)\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\] )");
   return std::regex_replace(out, stamp, "$1T ");
-}
-
-// A UDP port on the loopback that nobody listens on (just released).
-int closedUdpPort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
 }
 
 class WorkerProcessTest : public ::testing::Test {
@@ -76,16 +52,12 @@ class WorkerProcessTest : public ::testing::Test {
 
   ChildOptions env(const std::map<std::string, std::string>& extra = {}) const {
     ChildOptions o;
+    o.clearEnv = true;  // nothing of the calling shell's settings
     o.env = {{"CONFIG", dir_.file("config")},
              {"ZEPH_SRV_LOG", dir_.file("logs")},
              {"MY_HOST_NAME", "localhost"},
              // A long retry interval: the KV sees each call once.
              {"KLCTO", "10/5"}};
-    for (const char* v : {"KVHOST", "KVPORT", "KVDIR", "LOGLEVEL", "RPC_OFFSET", "kavletHOST",
-                          "kavletTYPE", "KV_PROTOCOL", "TESTWORKER_ACTION", "TESTWORKER_UID",
-                          "LOG_INFO", "LOG_DEBUG", "LOG_RPC", "LOG_ENTRY", "LOG_WARNING"}) {
-      o.env[v] = kUnset;
-    }
     for (const auto& kv : extra) o.env[kv.first] = kv.second;
     o.timeoutSeconds = 60;
     return o;
@@ -121,34 +93,24 @@ class WorkerProcessTest : public ::testing::Test {
     return false;
   }
 
-  // Starts kvmini (with kvArgs) and the worker registered with it; false
-  // when the registration was not seen.
-  bool startRegistered(std::vector<std::string> kvArgs = {}, std::vector<std::string> options = {},
+  bool startRegistered(std::vector<std::string> kvArgs = {},
                        const std::map<std::string, std::string>& extraEnv = {}) {
-    worker_.reset();
-    kv_ = std::make_unique<KvMini>(std::move(kvArgs));
-    if (kv_->port() < 0) return false;
-    options.insert(options.begin(), {"-kvhost", "localhost", "-P", kv_->portText()});
-    worker_ = std::make_unique<BackgroundChild>(argv(options), env(extraEnv));
-    std::string hi;
-    if (!kv_->waitFor("HI ", &hi)) return false;
-    to_ = "127.0.0.1:" + std::to_string(numberAfter(hi, "port"));
-    return true;
+    return served_.start(std::move(kvArgs), argv({}), env(extraEnv));
   }
   // Sends a work order to the worker; kvmini's reply line. The request is
   // sent once (no retransmission within the time-out), so that a slow
   // machine does not make the worker see it twice.
   std::string order(const std::string& directory) const {
-    return kvminiCall(to_, {"work", "--timeout", "20", "--retry", "20", directory});
+    return kvminiCall(served_.at, {"work", "--timeout", "20", "--retry", "20", directory});
   }
   std::string control(int code, const std::string& text) const {
-    return kvminiCall(to_,
+    return kvminiCall(served_.at,
                       {"ctrl", "--timeout", "20", "--retry", "20", std::to_string(code), text});
   }
   // The next result report the KV received, as kvmini logs it.
   std::string nextReport() {
     std::string line;
-    kv_->waitFor("OP ", &line);
+    served_.kv->waitFor("OP ", &line);
     return line;
   }
   static std::string report(const std::string& doc, const std::string& status,
@@ -158,9 +120,7 @@ class WorkerProcessTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::unique_ptr<KvMini> kv_;
-  std::unique_ptr<BackgroundChild> worker_;
-  std::string to_;
+  ServedWorker served_;
 };
 
 // ---- test mode -------------------------------------------------------------
@@ -231,18 +191,9 @@ TEST_F(WorkerProcessTest, TestModePathsThatAreOneDocumentOrNone) {
 
 // ---- KV mode: orders --------------------------------------------------------
 
-TEST_F(WorkerProcessTest, OrdersAreAcknowledgedAtOnceAndReportedWithTheirOutcome) {
+TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
   ASSERT_TRUE(startRegistered());
-  EXPECT_NE(kv_->drain(0).back().find("type=\"kavlet_testworker\" -> 1"), std::string::npos);
-
-  // The acknowledgement does not wait for the work.
-  std::string release = dir_.file("release");
-  std::string held = document("held", "TESTWORKER hold " + release + "\n");
-  EXPECT_EQ(order(held), "reply 1");
-  ASSERT_TRUE(waitForFile(release + ".entered"));
-  writeFile(release, "");
-  EXPECT_NE(nextReport().find(report(held, "ok", "document has been processed")),
-            std::string::npos);
+  EXPECT_NE(served_.kv->drain(0).back().find("type=\"kavlet_testworker\" -> 1"), std::string::npos);
 
   struct Case {
     const char* name;
@@ -284,10 +235,11 @@ TEST_F(WorkerProcessTest, OrdersAreAcknowledgedAtOnceAndReportedWithTheirOutcome
   }
   // kvTestOff says the same as kvTestOn.
   EXPECT_EQ(count(logText(), "turn kvTest on"), 2);
-  EXPECT_TRUE(worker_->running());
+  EXPECT_TRUE(served_.worker->running());
 }
 
-TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnError) {
+// The KV refuses the report here: that ends the worker.
+TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnErrorAndARefusedReportEndsTheWorker) {
   // The worker runs as "nobody" when the test runs as root, so that the
   // directory's permissions hold for it.
   chmod(dir_.path().c_str(), 0755);
@@ -298,23 +250,16 @@ TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnError) {
   std::string doc = document("readonly", original);
   chmod((doc + "/COMMANDS").c_str(), 0644);
   chmod(doc.c_str(), 0555);
-  ASSERT_TRUE(startRegistered({}, {}, {{"TESTWORKER_UID", "65534"}}));
+  ASSERT_TRUE(startRegistered({"--op-answer", "4"}, {{"TESTWORKER_UID", "65534"}}));
 
   EXPECT_EQ(order(doc), "reply 1");
-  EXPECT_NE(nextReport().find(report(doc, "error", "can't write to COMMANDS")), std::string::npos);
-  chmod(doc.c_str(), 0755);
-  EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
-}
-
-TEST_F(WorkerProcessTest, ARefusedReportEndsTheWorker) {
-  ASSERT_TRUE(startRegistered({"--op-answer", "4"}));
-  std::string doc = document("done", "TESTWORKER ok\n");
-  EXPECT_EQ(order(doc), "reply 1");
-  EXPECT_NE(nextReport().find(report(doc, "ok", "document has been processed", 4)),
+  EXPECT_NE(nextReport().find(report(doc, "error", "can't write to COMMANDS", 4)),
             std::string::npos);
-  EXPECT_EQ(worker_->wait(20), 1);
+  EXPECT_EQ(served_.worker->wait(20), 1);
   EXPECT_NE(logText().find("KVop did not succeed, error: KVOP_SYNCERR  ... exiting"),
             std::string::npos);
+  chmod(doc.c_str(), 0755);
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
 }
 
 // ---- KV mode: control messages and the end of the process ------------------
@@ -322,11 +267,11 @@ TEST_F(WorkerProcessTest, ARefusedReportEndsTheWorker) {
 TEST_F(WorkerProcessTest, ExitOrderEndsTheWorkerWithZeroWithoutGoodbye) {
   ASSERT_TRUE(startRegistered());
   // No reply: the worker is gone.
-  kvminiCall(to_, {"ctrl", "--timeout", "1", "0", ""});
-  EXPECT_EQ(worker_->wait(20), 0);
+  kvminiCall(served_.at, {"ctrl", "--timeout", "1", "0", ""});
+  EXPECT_EQ(served_.worker->wait(20), 0);
   EXPECT_NE(logText().find("That's it for me, I'm exiting \n"), std::string::npos);
-  kv_->drain(1);
-  EXPECT_EQ(kv_->countLines("BYE "), 0);
+  served_.kv->drain(1);
+  EXPECT_EQ(served_.kv->countLines("BYE "), 0);
 }
 
 TEST_F(WorkerProcessTest, StopSignalsEndTheWorkerWithOneAfterAGoodbyeAndHangupIsIgnored) {
@@ -343,11 +288,11 @@ TEST_F(WorkerProcessTest, StopSignalsEndTheWorkerWithOneAfterAGoodbyeAndHangupIs
     ASSERT_TRUE(startRegistered());
     // The signal thread takes the hang-up first (lower number, sent first):
     // were it a stop, it would show in the log below.
-    kill(worker_->pid(), SIGHUP);
+    kill(served_.worker->pid(), SIGHUP);
     EXPECT_EQ(control(13, "version"), "reply 1");
-    kill(worker_->pid(), c.signal);
-    EXPECT_EQ(worker_->wait(20), 1);
-    EXPECT_TRUE(kv_->waitFor("BYE "));
+    kill(served_.worker->pid(), c.signal);
+    EXPECT_EQ(served_.worker->wait(20), 1);
+    EXPECT_TRUE(served_.kv->waitFor("BYE "));
     std::string log = logText();
     EXPECT_NE(log.find(c.logged), std::string::npos);
     EXPECT_EQ(count(log, "Got signal "), 1);
@@ -361,24 +306,25 @@ TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
   ASSERT_TRUE(startRegistered());
   std::string release = dir_.file("release");
   std::string held = document("held", "TESTWORKER hold " + release + "\n");
-  EXPECT_EQ(order(held), "reply 1");
+  EXPECT_EQ(order(held), "reply 1");  // acknowledged while the work goes on
   ASSERT_TRUE(waitForFile(release + ".entered"));
-  kill(worker_->pid(), SIGTERM);
+  kill(served_.worker->pid(), SIGTERM);
   ASSERT_TRUE(waitForLog("Got signal 15, exiting ..."));
-  EXPECT_TRUE(worker_->running());
+  EXPECT_TRUE(served_.worker->running());
   writeFile(release, "");
   // The report first, then the goodbye.
   EXPECT_NE(nextReport().find(report(held, "ok", "document has been processed")),
             std::string::npos);
-  EXPECT_TRUE(kv_->waitFor("BYE "));
-  EXPECT_EQ(worker_->wait(20), 1);
+  EXPECT_TRUE(served_.kv->waitFor("BYE "));
+  EXPECT_EQ(served_.worker->wait(20), 1);
 }
 
 // ---- registration ------------------------------------------------------------
 
 TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
   KvMini refusing({"--refuse"});
-  std::string closedPort = std::to_string(closedUdpPort());
+  int silent;
+  std::string closedPort = std::to_string(unservedPort(SOCK_DGRAM, &silent));
   struct Case {
     const char* name;
     std::string host, port;
@@ -414,6 +360,7 @@ TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
       remove(logPath().c_str());
     }
   }
+  close(silent);
 }
 
 TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {

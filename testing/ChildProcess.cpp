@@ -113,11 +113,7 @@ ChildResult runChild(const std::vector<std::string>& argv, const ChildOptions& o
   int pid = spawn(argv, options, &inFd, &outFd, &errFd);
   if (pid < 0) return result;
   signal(SIGPIPE, SIG_IGN);
-  if (!options.stdinText.empty()) {
-    ssize_t ignored = write(inFd, options.stdinText.data(), options.stdinText.size());
-    (void)ignored;
-  }
-  close(inFd);
+  close(inFd);  // the child reads end-of-file
   long long deadline = nowMs() + options.timeoutSeconds * 1000LL;
   bool outOpen = true, errOpen = true;
   while (outOpen || errOpen) {

@@ -3,6 +3,7 @@
 #ifndef TESTING_CHILDPROCESS_H_
 #define TESTING_CHILDPROCESS_H_
 
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -10,7 +11,7 @@
 namespace testing_support {
 
 struct ChildResult {
-  int exitCode = -1;   // exit status, or 128 + signal number when killed
+  int exitCode = -1;  // exit status, or 128 + signal number when killed
   bool timedOut = false;
   std::string out;
   std::string err;
@@ -20,14 +21,26 @@ struct ChildOptions {
   // Variables set (or, with a null-like "\x01unset", removed) on top of the
   // test's own environment.
   std::map<std::string, std::string> env;
-  bool clearEnv = false;        // start from an empty environment (PATH kept)
-  std::string cwd;              // working directory; empty: the test's
-  std::string stdinText;        // written to the child's standard input
-  int timeoutSeconds = 60;      // killed with SIGKILL after this
+  bool clearEnv = false;    // start from an empty environment (PATH kept)
+  std::string cwd;          // working directory; empty: the test's
+  int timeoutSeconds = 60;  // killed with SIGKILL after this
 };
 
 // argv[0] is the program path. Never throws; failures show in the result.
 ChildResult runChild(const std::vector<std::string>& argv, const ChildOptions& options = {});
+
+// An argument vector for a main-like function in the test's own process:
+// NULL-terminated, owning its texts.
+struct Argv {
+  Argv(std::initializer_list<const char*> args) : texts(args.begin(), args.end()) {
+    for (std::string& t : texts) ptrs.push_back(t.data());
+    ptrs.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(texts.size()); }
+  char** argv() { return ptrs.data(); }
+  std::vector<std::string> texts;
+  std::vector<char*> ptrs;
+};
 
 // Marks a variable for removal in ChildOptions::env.
 inline const char* kUnset = "\x01unset";
@@ -45,7 +58,7 @@ class BackgroundChild {
   int pid() const { return pid_; }
   // Next line of standard output (without the newline); false on EOF or timeout.
   bool readLine(std::string* line, int timeoutSeconds = 20);
-  // Sends sig, waits up to timeoutSeconds, returns the exit code as ChildResult does (-1 on timeout).
+  // Sends sig and waits up to timeoutSeconds: the exit code as in ChildResult, -1 on timeout.
   int stop(int sig = 15, int timeoutSeconds = 10);
   // Waits for the child to end by itself; -1 on timeout.
   int wait(int timeoutSeconds);

@@ -1,32 +1,26 @@
 #include "testing/Hex.h"
 
+#include <gtest/gtest.h>
+
 #include <cctype>
 #include <cstdio>
-
-#include <gtest/gtest.h>
 
 namespace testing_support {
 
 std::vector<uint8_t> fromHex(const std::string& hex) {
-  std::vector<uint8_t> out;
-  int nibbles = 0;
-  unsigned value = 0;
+  std::string digits;
   for (char c : hex) {
-    if (isspace(static_cast<unsigned char>(c))) continue;
-    if (!isxdigit(static_cast<unsigned char>(c))) {
-      ADD_FAILURE() << "not a hex digit: " << c;
-      return out;
-    }
-    value = value * 16 + static_cast<unsigned>(isdigit(static_cast<unsigned char>(c))
-                                                   ? c - '0'
-                                                   : tolower(static_cast<unsigned char>(c)) - 'a' + 10);
-    if (++nibbles == 2) {
-      out.push_back(static_cast<uint8_t>(value));
-      nibbles = 0;
-      value = 0;
-    }
+    if (!isspace(static_cast<unsigned char>(c))) digits += c;
   }
-  if (nibbles != 0) ADD_FAILURE() << "odd number of hex digits in " << hex;
+  std::vector<uint8_t> out;
+  if (digits.size() % 2 != 0 ||
+      digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    ADD_FAILURE() << "not an even number of hex digits: " << hex;
+    return out;
+  }
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  }
   return out;
 }
 

@@ -4,6 +4,8 @@
 #define TESTING_KVPEERS_H_
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstdlib>
 #include <memory>
@@ -94,6 +96,41 @@ inline std::string kvminiCall(const std::string& to, std::vector<std::string> ar
   while (!out.empty() && out.back() == '\n') out.pop_back();
   return out;
 }
+
+// A loopback port bound by a socket of type (SOCK_STREAM or SOCK_DGRAM) that
+// nobody serves: connections are refused, datagrams never answered. The
+// socket stays open in *fd until the caller closes it.
+inline int unservedPort(int type, int* fd) {
+  *fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  bind(*fd, reinterpret_cast<sockaddr*>(&addr), len);
+  getsockname(*fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  return ntohs(addr.sin_port);
+}
+
+// A worker registered with a kvmini of its own.
+struct ServedWorker {
+  // Starts kvmini with kvArgs, then argv with KVHOST and KVPORT naming it;
+  // false when the registration was not seen.
+  bool start(std::vector<std::string> kvArgs, const std::vector<std::string>& argv,
+             ChildOptions options) {
+    worker.reset();
+    kv = std::make_unique<KvMini>(std::move(kvArgs));
+    options.env["KVHOST"] = "127.0.0.1";
+    options.env["KVPORT"] = kv->portText();
+    worker = std::make_unique<BackgroundChild>(argv, options);
+    std::string hi;
+    if (kv->port() < 0 || !kv->waitFor("HI ", &hi)) return false;
+    at = "127.0.0.1:" + std::to_string(numberAfter(hi, "port"));
+    return true;
+  }
+  std::unique_ptr<KvMini> kv;
+  std::unique_ptr<BackgroundChild> worker;
+  std::string at;  // the worker's callback service
+};
 
 }  // namespace testing_support
 

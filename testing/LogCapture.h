@@ -36,10 +36,7 @@ class LogCapture {
   }
   bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
   size_t count(const std::string& part) const {
-    std::string all = text();
-    size_t n = 0;
-    for (size_t p = all.find(part); p != std::string::npos; p = all.find(part, p + 1)) ++n;
-    return n;
+    return static_cast<size_t>(testing_support::count(text(), part));
   }
 
  private:

@@ -1,5 +1,6 @@
 // TempDir: a fresh directory under $TMPDIR (or /tmp), removed with its
-// contents when the object goes away. Plus small file helpers for tests.
+// contents when the object goes away. Plus small file and text helpers for
+// tests.
 #ifndef TESTING_TEMPDIR_H_
 #define TESTING_TEMPDIR_H_
 
@@ -27,6 +28,13 @@ void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
 void makeDir(const std::string& path);
+
+// Occurrences of part in text.
+inline int count(const std::string& text, const std::string& part) {
+  int n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
 
 }  // namespace testing_support
 

@@ -43,7 +43,6 @@ class TestTsa {
   int tcpPort() const { return port("tcp_port"); }
   std::string caFile() const { return value("ca_file"); }
   std::string tsaCertFile() const { return value("tsa_cert"); }
-  std::string dir() const { return value("dir"); }
   // Stops the server and returns its request log (standard error). Later
   // calls return the same text.
   std::string stop();
