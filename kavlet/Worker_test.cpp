@@ -125,35 +125,18 @@ class WorkerProcessTest : public ::testing::Test {
 
 // ---- test mode -------------------------------------------------------------
 
-TEST_F(WorkerProcessTest, TestModeRepeatsTheSortedSubdirectoriesAndNeverContactsTheKv) {
+// The sorted subdirectories are the documents, run as often as asked; a
+// directory without subdirectories is itself the document; paths that cannot
+// be used stop the run. The KV is never contacted.
+TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv) {
   KvMini kv;
   std::string docs = dir_.file("docs");
   document("b", "TESTWORKER fail\n");
   std::string a = document("a", "TESTWORKER append NEW line\n");
   writeFile(docs + "/plain-file", "not a document\n");
-  ChildOptions o = env({{"KVHOST", "localhost"}, {"KVPORT", kv.portText()}});
-
-  ChildResult r = runChild(argv({"-test", "3", "-testpath", docs}), o);
-  std::string expected = "T  --------- start test ...\n";
-  for (const char* rep : {"0001", "0002", "0003"}) {
-    expected += std::string("T  ") + rep + " 0001 op=ok         doc='" + docs + "/a'\n";
-    expected += std::string("T  ") + rep + " 0002 op=error      doc='" + docs + "/b'\n";
-  }
-  expected += "T  --------- finished test with error!\n";
-  EXPECT_EQ(withoutStamps(r.out), expected);
-  EXPECT_EQ(r.exitCode, 1) << r.err;  // a failed document fails the run
-  // The work cycle wrote the appended statement.
-  EXPECT_NE(readFile(a + "/COMMANDS").find("\nNEW line"), std::string::npos);
-
-  kv.drain(1);
-  EXPECT_EQ(kv.countLines("HI "), 0);
-  EXPECT_EQ(kv.countLines("OP "), 0);
-}
-
-// A directory without subdirectories is itself the document; paths that
-// cannot be used stop the run.
-TEST_F(WorkerProcessTest, TestModePathsThatAreOneDocumentOrNone) {
-  std::string single = document("single", "TESTWORKER ok\n");
+  std::string single = dir_.file("single");
+  makeDir(single);
+  writeFile(single + "/COMMANDS", "TESTWORKER ok\n");
   std::string broken = dir_.file("broken");
   makeDir(broken);
   makeDir(broken + "/a");
@@ -167,8 +150,13 @@ TEST_F(WorkerProcessTest, TestModePathsThatAreOneDocumentOrNone) {
   struct Case {
     std::string path;
     std::string out;
-    int exitCode = 1;
+    int exitCode = 1;  // a failed document fails the run
   } cases[] = {
+      {docs, "T  --------- start test ...\nT  0001 0001 op=ok         doc='" + a +
+                 "'\nT  0001 0002 op=error      doc='" + docs +
+                 "/b'\nT  0002 0001 op=ok         doc='" + a +
+                 "'\nT  0002 0002 op=error      doc='" + docs +
+                 "/b'\nT  --------- finished test with error!\n"},
       {single,
        "T  --------- start test ...\nT  0001 0001 op=ok         doc='" + single +
            "'\nT  0002 0001 op=ok         doc='" + single +
@@ -183,10 +171,16 @@ TEST_F(WorkerProcessTest, TestModePathsThatAreOneDocumentOrNone) {
       {dir_.file("file"), "path '" + dir_.file("file") + "' must be a directory\n"},
   };
   for (const Case& c : cases) {
-    ChildResult r = runChild(argv({"-test", "2", "-testpath", c.path}), env());
+    ChildResult r = runChild(argv({"-test", "2", "-testpath", c.path}),
+                             env({{"KVHOST", "localhost"}, {"KVPORT", kv.portText()}}));
     EXPECT_EQ(withoutStamps(r.out), c.out) << c.path;
-    EXPECT_EQ(r.exitCode, c.exitCode) << c.path;
+    EXPECT_EQ(r.exitCode, c.exitCode) << c.path << r.err;
   }
+  // The work cycle wrote the appended statement.
+  EXPECT_NE(readFile(a + "/COMMANDS").find("\nNEW line"), std::string::npos);
+  kv.drain(1);
+  EXPECT_EQ(kv.countLines("HI "), 0);
+  EXPECT_EQ(kv.countLines("OP "), 0);
 }
 
 // ---- KV mode: orders --------------------------------------------------------
