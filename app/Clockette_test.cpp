@@ -12,10 +12,7 @@
 
 namespace {
 
-using testing_support::Argv;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::TempDir;
+using namespace testing_support;
 
 const char* const kVariables[] = {"TIMESTAMP_PROTOCOL", "TIMESTAMP_HOST", "TIMESTAMP_PORT",
                                   "TIMESTAMP_URL_PATH", "KVHOST",         "TIMESTAMP_LOGIN",

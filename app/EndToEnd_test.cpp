@@ -33,24 +33,7 @@
 
 namespace {
 
-using testing_support::BackgroundChild;
-using testing_support::ChildOptions;
-using testing_support::ChildResult;
-using testing_support::count;
-using testing_support::fileExists;
-using testing_support::kvminiCall;
-using testing_support::makeDir;
-using testing_support::numberAfter;
-using testing_support::readFile;
-using testing_support::runChild;
-using testing_support::ServedWorker;
-using testing_support::TempDir;
-using testing_support::TestTsa;
-using testing_support::TestTsaOptions;
-using testing_support::testTsaProgram;
-using testing_support::unservedPort;
-using testing_support::verifyTimestampFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 const std::string kProgram = std::string(CLOCKETTE_BINARY_DIR) + "/app/clockette";
 

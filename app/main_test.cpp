@@ -8,14 +8,7 @@
 
 namespace {
 
-using testing_support::ChildOptions;
-using testing_support::ChildResult;
-using testing_support::kUnset;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::runChild;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 const std::string kProgram = std::string(CLOCKETTE_BINARY_DIR) + "/app/clockette";
 const char kBanner[] = "Kavane Core Kavlets CLOCKETTE 22.3.0 (Revision 22.3.0.127)";

@@ -15,12 +15,7 @@
 
 namespace {
 
-using testing_support::Argv;
-using testing_support::fileExists;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class TestKavlet : public Kavlet {
  public:

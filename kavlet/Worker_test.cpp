@@ -20,19 +20,7 @@
 
 namespace {
 
-using testing_support::ChildOptions;
-using testing_support::ChildResult;
-using testing_support::count;
-using testing_support::fileExists;
-using testing_support::KvMini;
-using testing_support::kvminiCall;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::runChild;
-using testing_support::ServedWorker;
-using testing_support::TempDir;
-using testing_support::unservedPort;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // Test-mode output with every leading "[YYYY/MM/DD hh:mm:ss] " stamp checked
 // and replaced by "T ".

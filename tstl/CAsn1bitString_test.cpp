@@ -6,8 +6,7 @@
 
 #include "testing/DerTest.h"
 
-using testing_support::derHex;
-using testing_support::setDerHex;
+using namespace testing_support;
 
 // Entry 0 is the last used bit, the last entry bit 7 of the first octet;
 // the count read is length * 8 - 8 - unused, also for an unused-bits octet

@@ -24,12 +24,7 @@
 
 namespace {
 
-using testing_support::digestOf;
-using testing_support::LogCapture;
-using testing_support::setDerHex;
-using testing_support::SignerKey;
-using testing_support::TokenMaker;
-using testing_support::TokenShape;
+using namespace testing_support;
 using Bytes = std::vector<uint8_t>;
 
 Bytes bytesOf(const CAsn1string& s) { return Bytes(s.data(), s.data() + s.length()); }

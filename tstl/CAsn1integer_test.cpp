@@ -7,9 +7,7 @@
 #include "tstl/CAsn1bigInteger.h"
 #include "tstl/CAsn1boolean.h"
 
-using testing_support::derHex;
-using testing_support::LogCapture;
-using testing_support::setDerHex;
+using namespace testing_support;
 
 // Minimal forms; negative values keep their lowest octet only, and nothing
 // is sign-extended when read. Refusals: Der_test.

@@ -9,8 +9,7 @@
 
 #include "testing/DerTest.h"
 
-using testing_support::derHex;
-using testing_support::setDerHex;
+using namespace testing_support;
 
 namespace {
 

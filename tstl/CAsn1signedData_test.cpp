@@ -24,9 +24,7 @@
 
 namespace {
 
-using testing_support::fromHex;
-using testing_support::LogCapture;
-using testing_support::toHex;
+using namespace testing_support;
 using Bytes = std::vector<uint8_t>;
 
 // One DER element: tag, definite length, contents.

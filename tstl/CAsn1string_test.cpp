@@ -7,9 +7,7 @@
 #include "testing/DerTest.h"
 #include "testing/LogCapture.h"
 
-using testing_support::derHex;
-using testing_support::LogCapture;
-using testing_support::setDerHex;
+using namespace testing_support;
 
 namespace {
 const unsigned char kAbc[] = {'a', 'b', 'c'};

@@ -9,9 +9,7 @@
 #include "testing/Hex.h"
 #include "testing/LogCapture.h"
 
-using testing_support::derHex;
-using testing_support::LogCapture;
-using testing_support::setDerHex;
+using namespace testing_support;
 
 namespace {
 

@@ -25,10 +25,7 @@
 #include "tstl/CAsn1time.h"
 #include "tstl/asn1request.h"
 
-using testing_support::derHex;
-using testing_support::fromHex;
-using testing_support::LogCapture;
-using testing_support::setDerHex;
+using namespace testing_support;
 
 namespace {
 

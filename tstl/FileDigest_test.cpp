@@ -17,10 +17,7 @@
 
 namespace {
 
-using testing_support::fromHex;
-using testing_support::runChild;
-using testing_support::TempDir;
-using testing_support::toHex;
+using namespace testing_support;
 
 // A file of size bytes that does not repeat with the block size.
 void writePattern(const std::string& path, size_t size) {

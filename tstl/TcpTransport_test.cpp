@@ -10,8 +10,7 @@
 
 namespace {
 
-using testing_support::fromHex;
-using testing_support::toHex;
+using namespace testing_support;
 
 TEST(TcpFramingTest, RequestFrameIsLengthFlagAndDer) {
   EXPECT_EQ(toHex(tcpRequestFrame(fromHex("3003020100"))), "00 00 00 06 00 30 03 02 01 00");

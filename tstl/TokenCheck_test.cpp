@@ -12,11 +12,7 @@
 
 namespace {
 
-using testing_support::digestOf;
-using testing_support::SignerKey;
-using testing_support::TempDir;
-using testing_support::TokenMaker;
-using testing_support::TokenShape;
+using namespace testing_support;
 using Bytes = std::vector<uint8_t>;
 
 // One maker for the whole file: key generation is the slow part.

@@ -16,11 +16,7 @@
 
 namespace {
 
-using testing_support::LogCapture;
-using testing_support::readFile;
-using testing_support::runChild;
-using testing_support::TempDir;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // Keys are generated once: DSA parameters take a while.
 class TsAsymKeyTest : public ::testing::Test {

@@ -16,9 +16,7 @@
 
 namespace {
 
-using testing_support::LogCapture;
-using testing_support::TempDir;
-using testing_support::toHex;
+using namespace testing_support;
 
 TEST(TsHashTest, DigestNamesAndTheirHashes) {
   TempDir dir;

@@ -15,9 +15,7 @@
 
 namespace {
 
-using testing_support::LogCapture;
-using testing_support::readFile;
-using testing_support::TempDir;
+using namespace testing_support;
 
 TEST(TsResultFileTest, TheTargetIsReplacedWholeAndNeverWrittenThroughALink) {
   TempDir dir;

@@ -13,11 +13,7 @@
 #include "testing/Hex.h"
 #include "testing/TokenMaker.h"
 
-using testing_support::derHex;
-using testing_support::digestOf;
-using testing_support::fromHex;
-using testing_support::setDerHex;
-using testing_support::toHex;
+using namespace testing_support;
 
 namespace {
 

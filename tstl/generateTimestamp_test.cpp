@@ -24,8 +24,7 @@
 
 namespace {
 
-using testing_support::LogCapture;
-using testing_support::writeFile;
+using namespace testing_support;
 using testtsa::KeyKind;
 using Bytes = std::vector<unsigned char>;
 

@@ -23,15 +23,7 @@
 
 namespace {
 
-using testing_support::fileExists;
-using testing_support::LogCapture;
-using testing_support::readFile;
-using testing_support::TempDir;
-using testing_support::TestTsa;
-using testing_support::TestTsaOptions;
-using testing_support::testTsaProgram;
-using testing_support::verifyTimestampFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // Sets (value nullptr: unsets) an environment variable for the life of the object.
 struct ScopedEnv {

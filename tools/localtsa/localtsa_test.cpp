@@ -13,13 +13,7 @@
 
 namespace {
 
-using testing_support::readFile;
-using testing_support::runChild;
-using testing_support::TempDir;
-using testing_support::TestTsa;
-using testing_support::TestTsaOptions;
-using testing_support::verifyTimestampResponse;
-using testing_support::writeFile;
+using namespace testing_support;
 
 const char kProgram[] = CLOCKETTE_BINARY_DIR "/tools/localtsa/localtsa";
 

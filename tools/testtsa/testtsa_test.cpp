@@ -13,15 +13,7 @@
 
 namespace {
 
-using testing_support::readFile;
-using testing_support::requestOverTcp;
-using testing_support::runChild;
-using testing_support::TempDir;
-using testing_support::TestTsa;
-using testing_support::TestTsaOptions;
-using testing_support::testTsaProgram;
-using testing_support::verifyTimestampResponse;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class TestTsaShapes : public ::testing::Test {
  protected:

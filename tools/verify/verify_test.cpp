@@ -13,17 +13,7 @@
 
 namespace {
 
-using testing_support::ChildResult;
-using testing_support::fileExists;
-using testing_support::makeDir;
-using testing_support::readFile;
-using testing_support::requestOverTcp;
-using testing_support::runChild;
-using testing_support::TempDir;
-using testing_support::TestTsa;
-using testing_support::TestTsaOptions;
-using testing_support::testTsaProgram;
-using testing_support::writeFile;
+using namespace testing_support;
 
 const std::string kVerify = std::string(CLOCKETTE_BINARY_DIR) + "/tools/verify/clockette-verify";
 
