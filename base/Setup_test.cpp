@@ -43,6 +43,8 @@ class SetupTest : public ::testing::Test {
   TempDir dir_;
 };
 
+// One package holds every line rule, an over-long line and a value that
+// the traces must not show.
 TEST_F(SetupTest, LineRules) {
   setenv("ST_KEEP", "old", 1);
   setenv("ST_EQ", "old", 1);
@@ -61,9 +63,23 @@ TEST_F(SetupTest, LineRules) {
                "no equals sign here\n"
                "\n"
                "ST_COMMENTED=1 # not a comment\n"
-               "ST_KEEP\0x=cleared\n"
-               "ST_NUL=a\0b\n"s);
+               "ST_PKG=secret-word\n"
+               "ST_LONG="s +
+                   std::string(2100, 'x') +
+                   "ST_TAIL=1\n"
+                   "ST_AFTER=1\n"
+                   "ST_KEEP\0x=cleared\n"
+                   "ST_NUL=a\0b\n"s);
+  Log::setLogFile("stderr");
+  Log::setLevel(Log::kRpc, 1);
+  testing::internal::CaptureStderr();
   EXPECT_EQ(readSetup("P"), 1);
+  std::string logged = testing::internal::GetCapturedStderr();
+  Log::init();
+  // Traces name the variable but never show its value.
+  EXPECT_NE(logged.find("put 'ST_PKG'"), std::string::npos) << logged;
+  EXPECT_EQ(logged.find("secret"), std::string::npos) << logged;
+  const std::string cut(kSetupBufferSize - 8, 'x');
   struct Case {
     const char* name;
     const char* value;
@@ -80,20 +96,13 @@ TEST_F(SetupTest, LineRules) {
       {"ST_REAL", "/home/u/bin"},  // expanded
       {"ST_HALFQ", "\"x"},         // one quote alone stays
       {"ST_COMMENTED", "1 # not a comment"},
-      {"ST_NUL", "a"},  // a NUL byte ends the line's text
+      {"ST_PKG", "secret-word"},
+      {"ST_LONG", cut.c_str()},  // an over-long line is cut, the rest dropped
+      {"ST_TAIL", "<unset>"},    //
+      {"ST_AFTER", "1"},         // and the next line still read
+      {"ST_NUL", "a"},           // a NUL byte ends the line's text
   };
   for (const Case& c : cases) EXPECT_EQ(env(c.name), c.value) << "'" << c.name << "'";
-}
-
-TEST_F(SetupTest, OverLongLineIsCutAndTheNextLineStillRead) {
-  std::string longLine = "ST_LONG=" + std::string(2100, 'x') + "ST_TAIL=1";
-  writePackage("P", longLine + "\nST_AFTER=1\n");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readSetup("P"), 1);
-  testing::internal::GetCapturedStderr();
-  EXPECT_EQ(env("ST_LONG"), std::string(kSetupBufferSize - 8, 'x'));
-  EXPECT_EQ(env("ST_TAIL"), "<unset>");
-  EXPECT_EQ(env("ST_AFTER"), "1");
 }
 
 TEST_F(SetupTest, MissingPackageReturnsZeroSilently) {
@@ -126,9 +135,12 @@ TEST_F(SetupTest, ExpansionPasses) {
   setenv("ST_HOME", "C:\\u", 1);
   setenv("ST_PCT", "%ST_HOME%", 1);
   unsetenv("ST_UNSET");
+  setenv("ST_BIG", std::string(kSetupBufferSize - 1, 'b').c_str(), 1);
+  setenv("ST_MID", std::string(kSetupBufferSize - 10, 'm').c_str(), 1);
   struct Case {
     const char* text;
     const char* stored;
+    const char* reported = "";
   } cases[] = {
       {"B=$ST_HOME/x", "B=C:\\u/x"},
       {"B=\\$ST_HOME", "B=$ST_HOME"},
@@ -151,52 +163,23 @@ TEST_F(SetupTest, ExpansionPasses) {
       {"B=50% off", "B=50% off"},
       {"B=$ST_PCT", "B=C:\\u"},  // the system pass runs over the first pass's result
       {"$ST_HOME=1", "C:\\u=1"},
+      // Over-long: a value that does not fit the buffer with its NUL is not
+      // substituted; a text that does not fit is reported and stored unexpanded.
+      {"B=$ST_BIG", "B=$ST_BIG"},
+      {"B=%ST_BIG%", "B=%ST_BIG%",
+       "String <<B=%ST_BIG%>> expands to 2050 = more than 2048 bytes!\n"},
+      {"B=$ST_MID/0123456789", "B=$ST_MID/0123456789",
+       "String <<B=$ST_MID/0123456789>> expands to 2052 = more than 2048 bytes!\n"},
   };
   Stored stored;
   setEnvironmentSetter(collect, &stored);
   for (const Case& c : cases) {
     stored.texts.clear();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(expandAndPut(c.text), 0) << c.text;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.reported) << c.text;
     EXPECT_EQ(stored.texts, std::vector<std::string>{c.stored}) << c.text;
   }
-}
-
-TEST_F(SetupTest, OverLongExpansionIsReportedAndStoredUnexpanded) {
-  setenv("ST_BIG", std::string(kSetupBufferSize - 1, 'b').c_str(), 1);
-  setenv("ST_MID", std::string(kSetupBufferSize - 10, 'm').c_str(), 1);
-  Stored stored;
-  setEnvironmentSetter(collect, &stored);
-  const struct {
-    const char* text;
-    const char* reported;
-  } cases[] = {
-      // A value that does not fit the buffer with its NUL is not substituted.
-      {"B=$ST_BIG", ""},
-      {"B=%ST_BIG%", "String <<B=%ST_BIG%>> expands to 2050 = more than 2048 bytes!\n"},
-      // The value fits, the whole text does not.
-      {"B=$ST_MID/0123456789",
-       "String <<B=$ST_MID/0123456789>> expands to 2052 = more than 2048 bytes!\n"},
-  };
-  for (const auto& c : cases) {
-    stored.texts.clear();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(expandAndPut(c.text), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.reported);
-    EXPECT_EQ(stored.texts, std::vector<std::string>{c.text});
-  }
-}
-
-TEST_F(SetupTest, TracesNameTheVariableButNeverShowItsValue) {
-  writePackage("P", "ST_REAL=secret-word\n");
-  Log::setLogFile("stderr");
-  Log::setLevel(Log::kRpc, 1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readSetup("P"), 1);
-  std::string logged = testing::internal::GetCapturedStderr();
-  Log::init();
-  EXPECT_NE(logged.find("put 'ST_REAL'"), std::string::npos) << logged;
-  EXPECT_EQ(logged.find("secret"), std::string::npos) << logged;
-  EXPECT_EQ(env("ST_REAL"), "secret-word");
 }
 
 TEST_F(SetupTest, AFailedStoreStopsReading) {
@@ -234,35 +217,29 @@ class ConfigDirectoryTest : public SetupTest {
   }
 };
 
+// The first directory of the sorted files wins; each is collected once.
 TEST_F(ConfigDirectoryTest, BareConfigNameIsLookedUpInSortedConfFiles) {
-  writeFile(dir_.file("conf/b.conf"), "CONFIG=" + dir_.file("two") + "\n");
+  writeFile(dir_.file("conf/b.conf"),
+            "CONFIG=" + dir_.file("two") + "\nCONFIG=" + dir_.file("one") + "\n");
   writeFile(dir_.file("conf/a.conf"),
             "#CONFIG=" + dir_.file("wrong") + "\nOTHER=x\nCONFIG=\"" + dir_.file("one") + "\"\n");
   writeFile(dir_.file("conf/0.txt"), "CONFIG=" + dir_.file("wrong") + "\n");
   setenv("CONFIG", "production", 1);
 
-  String first;
-  EXPECT_EQ(readConfigDirectory("production", &first), 0);
-  EXPECT_EQ(first.str(), dir_.file("one"));
-
-  EXPECT_EQ(readSetup("P"), 1);
-  EXPECT_EQ(env("ST_PKG"), "one");
-}
-
-TEST_F(ConfigDirectoryTest, DirectoriesAreCollectedOnce) {
-  writeFile(dir_.file("conf/a.conf"), "CONFIG=" + dir_.file("one") + "\n");
-  writeFile(dir_.file("conf/b.conf"),
-            "CONFIG=" + dir_.file("one") + "\nCONFIG=" + dir_.file("two") + "\n");
   Log::setLevel(9, 1);
   testing::internal::CaptureStderr();
   String first;
-  EXPECT_EQ(readConfigDirectory("x", &first), 0);
+  EXPECT_EQ(readConfigDirectory("production", &first), 0);
   std::string log = testing::internal::GetCapturedStderr();
+  Log::init();
   EXPECT_EQ(first.str(), dir_.file("one"));
   EXPECT_NE(log.find("ConfigDir[0] (key CONFIG)  = " + dir_.file("one")), std::string::npos);
   EXPECT_NE(log.find("Skip this path because found in list (key CONFIG) : " + dir_.file("one")),
             std::string::npos);
   EXPECT_NE(log.find("ConfigDir[1] (key CONFIG)  = " + dir_.file("two")), std::string::npos) << log;
+
+  EXPECT_EQ(readSetup("P"), 1);
+  EXPECT_EQ(env("ST_PKG"), "one");
 }
 
 TEST_F(ConfigDirectoryTest, PathsAndUnlistedNamesAreUsedAsTheyAre) {
