@@ -1,9 +1,9 @@
 #include "base/Log.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "testing/TempDir.h"
 
@@ -23,7 +23,7 @@ class LogTest : public ::testing::Test {
   }
 };
 
-TEST_F(LogTest, PresetsLevelsZeroToFourAndVariablesSwitchTheirLevel) {
+TEST_F(LogTest, PresetsLevelsZeroToFourAndVariablesOrNamesSwitchTheirLevel) {
   setenv("LOG_WARNING", "off", 1);
   setenv("LOG_DEBUG", "Yes", 1);
   setenv("LOG_RPC", "ja", 1);
@@ -34,10 +34,7 @@ TEST_F(LogTest, PresetsLevelsZeroToFourAndVariablesSwitchTheirLevel) {
   EXPECT_EQ(Log::getLevel(9), 1);
   EXPECT_EQ(Log::getLevel(10), 1);
   EXPECT_EQ(Log::getLevel(13), 0);
-}
-
-TEST_F(LogTest, NamedLevelsAndAll) {
-  Log::init();
+  // Levels by name, and all at once.
   EXPECT_EQ(Log::setLevel("INFO", 1), 1);
   EXPECT_EQ(Log::getLevel(8), 1);
   EXPECT_EQ(Log::setLevel("ENTRY", 1), 1);
