@@ -29,58 +29,58 @@ Tokens tokensOf(const char* line, int mode) {
   return out;
 }
 
-struct TokenCase {
-  const char* line;
-  Tokens expected;
-};
-
-TEST(TextLineQuoted, StateTableOutcomes) {
+TEST(TextLine, TokensUnderBothRules) {
   LogCapture log(LogCapture::kAllLevels);
-  const TokenCase cases[] = {
-      {"TIMESTAMP_FILE \"my file.pdf\" out.txt", {"TIMESTAMP_FILE", "my file.pdf", "out.txt"}},
-      {"  lead \t  trail  ", {"lead", "trail"}},
+  const std::string big(200000, 'x');
+  const std::string bigLine = "K \"" + big + " y\" " + big;
+  const struct {
+    std::string line;
+    int mode;  // 1: quotes group, 0: blanks only separate
+    Tokens expected;
+  } cases[] = {
+      {"TIMESTAMP_FILE \"my file.pdf\" out.txt", 1, {"TIMESTAMP_FILE", "my file.pdf", "out.txt"}},
+      {"  lead \t  trail  ", 1, {"lead", "trail"}},
       // Outside quotes a quote inside a word and a backslash are literal.
-      {"abc\"def x", {"abc\"def", "x"}},
-      {"a\\\"b", {"a\\\"b"}},
-      {"\\start", {"\\start"}},
+      {"abc\"def x", 1, {"abc\"def", "x"}},
+      {"a\\\"b", 1, {"a\\\"b"}},
+      {"\\start", 1, {"\\start"}},
       // Inside quotes blanks are kept.
-      {"\"tab\there  two\"", {"tab\there  two"}},
+      {"\"tab\there  two\"", 1, {"tab\there  two"}},
       // n backslashes before a quote: n-1 backslashes and a literal quote.
-      {"\"a\\\"b\"", {"a\"b"}},
-      {"\"a\\\\\\\"b\"", {"a\\\\\"b"}},
+      {"\"a\\\"b\"", 1, {"a\"b"}},
+      {"\"a\\\\\\\"b\"", 1, {"a\\\\\"b"}},
       // n backslashes before anything else: all n kept.
-      {"\"a\\b\"", {"a\\b"}},
-      {"\"a\\\\b\"", {"a\\\\b"}},
-      {"\"a\\ b\"", {"a\\ b"}},
-      {"\"x\"\ty", {"x", "y"}},
+      {"\"a\\b\"", 1, {"a\\b"}},
+      {"\"a\\\\b\"", 1, {"a\\\\b"}},
+      {"\"a\\ b\"", 1, {"a\\ b"}},
+      {"\"x\"\ty", 1, {"x", "y"}},
       // An empty quoted argument is null, but not the end.
-      {"\"\" next", {"<null>", "next"}},
+      {"\"\" next", 1, {"<null>", "next"}},
       // Text glued to a closing quote, a quote after a closing quote, an
       // unterminated quote and a backslash at the end inside quotes: errors
       // that end the line.
-      {"\"abc\"def next", {}},
-      {"\"abc\"\"def\"", {}},
-      {"ok \"abc", {"ok"}},
-      {"\"abc\\", {}},
+      {"\"abc\"def next", 1, {}},
+      {"\"abc\"\"def\"", 1, {}},
+      {"ok \"abc", 1, {"ok"}},
+      {"\"abc\\", 1, {}},
       // The line ends at its first CR or LF.
-      {"A B\r\nC", {"A", "B"}},
-      {"A\nB", {"A"}},
-      {"", {}},
+      {"A B\r\nC", 1, {"A", "B"}},
+      {"A\nB", 1, {"A"}},
+      {"", 1, {}},
+      {bigLine, 1, {"K", big + " y", big}},
+      // Without the quote rules blanks only separate.
+      {"\"a b\"", 0, {"\"a", "b\""}},
+      {"a\\ \"b\"\t\tc ", 0, {"a\\", "\"b\"", "c"}},
+      {"   ", 0, {}},
+      {"A B\r\nC", 0, {"A", "B"}},
+      {"single", 0, {"single"}},
+      {bigLine, 0, {"K", "\"" + big, "y\"", big}},
   };
-  for (const TokenCase& c : cases) EXPECT_EQ(tokensOf(c.line, 1), c.expected) << c.line;
+  for (const auto& c : cases) {
+    EXPECT_EQ(tokensOf(c.line.c_str(), c.mode), c.expected) << c.mode << c.line.substr(0, 40);
+  }
   EXPECT_TRUE(
       log.contains("error in parsing line for tokens at position -1 in line: '\"abc\"def next'"));
-}
-
-TEST(TextLinePlain, BlanksOnlySeparate) {
-  const TokenCase cases[] = {
-      {"\"a b\"", {"\"a", "b\""}},
-      {"a\\ \"b\"\t\tc ", {"a\\", "\"b\"", "c"}},
-      {"   ", {}},
-      {"A B\r\nC", {"A", "B"}},
-      {"single", {"single"}},
-  };
-  for (const TokenCase& c : cases) EXPECT_EQ(tokensOf(c.line, 0), c.expected) << c.line;
 }
 
 TEST(TextLine, ResetOtherModesAndNullText) {
@@ -95,13 +95,6 @@ TEST(TextLine, ResetOtherModesAndNullText) {
   EXPECT_EQ(none.length(), 0);
   EXPECT_EQ(tokensOf(nullptr, 1), Tokens{});
   EXPECT_EQ(tokensOf(nullptr, 0), Tokens{});
-}
-
-TEST(TextLine, TokensOfAnyLength) {
-  std::string big(200000, 'x');
-  std::string line = "K \"" + big + " y\" " + big;
-  EXPECT_EQ(tokensOf(line.c_str(), 1), (Tokens{"K", big + " y", big}));
-  EXPECT_EQ(tokensOf(line.c_str(), 0), (Tokens{"K", "\"" + big, "y\"", big}));
 }
 
 // The switch is process-wide and read once, so each case runs in a process
