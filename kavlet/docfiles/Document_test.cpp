@@ -56,33 +56,29 @@ TEST_F(DocumentTest, CommandsReadabilityLeavesTheFileClosed) {
   }
 }
 
-TEST_F(DocumentTest, CloseAllWritesCommandsProtocolAndFurtherFiles) {
-  writeFile(file("COMMANDS"), "A 1\n");
-  Document doc(dir_.path().c_str(), "clockette", 1);
-  doc.appendToCommands("B 2");
-  EXPECT_EQ(doc.appendToProtocol("done"), 1);
-  FileH* out = doc.getfileHPtr(file("out.txt").c_str());
-  EXPECT_EQ(doc.getFileH(file("out.txt").c_str()), out);
-  EXPECT_NE(doc.getfileHPtr(file("other.txt").c_str()), out);
-  ASSERT_EQ(out->openFile(FileH::kWriteText), 1);
-  out->writeLineToFile("payload");
-  EXPECT_EQ(doc.closeAll(), 1);
-  EXPECT_FALSE(out->isOpen());
-  EXPECT_EQ(readFile(file("COMMANDS")), "A 1\nB 2\n");
-  EXPECT_EQ(readFile(file("out.txt")), "payload\n");
-  std::string protocol = readFile(file("KVprotocol"));
-  EXPECT_EQ(protocol.substr(19), " [clockette] done\n");
-}
-
-TEST_F(DocumentTest, CloseAllAttemptsEverythingAfterAFailure) {
-  // No COMMANDS: the append cannot be made, but the protocol is still written.
-  Document doc(dir_.path().c_str(), "clockette", 1);
-  doc.appendToCommands("B 2");
-  doc.appendToProtocol("still recorded");
-  EXPECT_EQ(doc.closeAll(), 0);
-  EXPECT_FALSE(fileExists(file("COMMANDS")));
-  EXPECT_NE(readFile(file("KVprotocol")).find("still recorded"), std::string::npos);
-  EXPECT_EQ(doc.hasReadPermission(), 0);
+// Without COMMANDS the append cannot be made, but everything else is still
+// written.
+TEST_F(DocumentTest, CloseAllWritesCommandsProtocolAndFurtherFilesAndGoesOnAfterAFailure) {
+  for (bool commands : {true, false}) {
+    SCOPED_TRACE(commands);
+    TempDir dir;
+    if (commands) writeFile(dir.file("COMMANDS"), "A 1\n");
+    Document doc(dir.path().c_str(), "clockette", 1);
+    doc.appendToCommands("B 2");
+    EXPECT_EQ(doc.appendToProtocol("done"), 1);
+    FileH* out = doc.getfileHPtr(dir.file("out.txt").c_str());
+    EXPECT_EQ(doc.getFileH(dir.file("out.txt").c_str()), out);
+    EXPECT_NE(doc.getfileHPtr(dir.file("other.txt").c_str()), out);
+    ASSERT_EQ(out->openFile(FileH::kWriteText), 1);
+    out->writeLineToFile("payload");
+    EXPECT_EQ(doc.closeAll(), commands ? 1 : 0);
+    EXPECT_FALSE(out->isOpen());
+    if (commands) EXPECT_EQ(readFile(dir.file("COMMANDS")), "A 1\nB 2\n");
+    EXPECT_EQ(fileExists(dir.file("COMMANDS")), commands);
+    EXPECT_EQ(doc.hasReadPermission(), commands ? 1 : 0);
+    EXPECT_EQ(readFile(dir.file("out.txt")), "payload\n");
+    EXPECT_EQ(readFile(dir.file("KVprotocol")).substr(19), " [clockette] done\n");
+  }
 }
 
 TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
