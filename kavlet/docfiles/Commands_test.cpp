@@ -214,19 +214,16 @@ TEST_F(CommandsTest, TextAfterACarriageReturnIsHiddenAndNeverLost) {
 }
 
 TEST_F(CommandsTest, OpenCommandsCreatesOrOpensForUpdate) {
-  auto c = open();
-  ASSERT_EQ(c->openCommands(), 1);
-  EXPECT_EQ(c->openType(), FileH::kWriteText);
-  EXPECT_EQ(c->openCommands(), 1);
-  EXPECT_EQ(c->closeCommands(), 1);
-  EXPECT_EQ(readFile(file()), "");
-  writeFile(file(), "A 1\n");
-  auto d = open();
-  ASSERT_EQ(d->openCommands(), 1);
-  EXPECT_EQ(d->openType(), FileH::kAppendUpdate);
-  EXPECT_EQ(d->closeCommands(), 1);
-  EXPECT_EQ(d->closeCommands(), 1);
-  EXPECT_EQ(readFile(file()), "A 1\n");
+  for (bool existing : {false, true}) {
+    if (existing) writeFile(file(), "A 1\n");
+    auto c = open();
+    ASSERT_EQ(c->openCommands(), 1);
+    EXPECT_EQ(c->openType(), existing ? FileH::kAppendUpdate : FileH::kWriteText);
+    EXPECT_EQ(c->openCommands(), 1);
+    EXPECT_EQ(c->closeCommands(), 1);
+    EXPECT_EQ(c->closeCommands(), 1);
+    EXPECT_EQ(readFile(file()), existing ? "A 1\n" : "");
+  }
 }
 
 }  // namespace
