@@ -12,7 +12,7 @@ namespace {
 
 using namespace testing_support;
 
-TEST(FileHOpen, TypesModesAndRefusals) {
+TEST(FileHOpenAndWrite, TypesModesAndRefusals) {
   LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
   std::string name = dir.file("f");
@@ -42,34 +42,7 @@ TEST(FileHOpen, TypesModesAndRefusals) {
   EXPECT_TRUE(f == String(name.c_str()));
   EXPECT_TRUE(f == FileH(name, "other"));
   EXPECT_FALSE(f == FileH(name + "x", "tag"));
-}
-
-TEST(FileHRead, LinesOfAnyLengthWithTheirLineEnds) {
-  LogCapture log(LogCapture::kAllLevels);
-  TempDir dir;
-  std::string big(200000, 'L');
-  std::string withNul("a\0b", 3);
-  writeFile(dir.file("f"), big + "\n" + "crlf\r\n" + withNul + "\n\n" + "last");
-  FileH f(dir.file("f"), "tag");
-  ASSERT_EQ(f.openFile(FileH::kReadText), 1);
-  String line;
-  const std::string expected[] = {big + "\n", "crlf\r\n", withNul + "\n", "\n", "last"};
-  for (const std::string& e : expected) {
-    ASSERT_EQ(f.readNextLine(line), 1);
-    EXPECT_EQ(line.str(), e);
-  }
-  EXPECT_LT(f.readNextLine(line), 0);
-  EXPECT_LT(f.readNextLine(line), 0);
-  EXPECT_GE(log.count("read partstr="), 2u);
-  f.closeFile();
-  EXPECT_EQ(f.readNextLine(line), 0);
-}
-
-TEST(FileHWrite, StringsAndLinesExactlyAndRefusals) {
-  LogCapture log(LogCapture::kAllLevels);
-  TempDir dir;
-  std::string name = dir.file("f");
-  FileH f(name, "tag");
+  // Writing strings and lines exactly, and refusals.
   EXPECT_EQ(f.writeToFile("nothing open"), 0);
   EXPECT_TRUE(log.contains("can't write string 'nothing open' to file '" + name +
                            "'\n    because the file isn't open for writing."));
@@ -118,10 +91,10 @@ TEST(FileHBackup, FirstBackupOrRecovery) {
     TempDir dir;
     std::string name = dir.file("COMMANDS");
     if (std::string(c.file) != "-") writeFile(name, c.file);
-    if (std::string(c.backup) == "/") makeDir(name + ".t");
-    if (std::string(c.backup) != "-" && std::string(c.backup) != "/") {
+    if (std::string(c.backup) == "/")
+      makeDir(name + ".t");
+    else if (std::string(c.backup) != "-")
       writeFile(name + ".t", c.backup);
-    }
     FileH f(name, "t");
     EXPECT_EQ(c.recover ? f.recoverFromBackup() : f.makeBackupCopy(), c.result);
     EXPECT_EQ(state(name), c.fileAfter);
