@@ -96,7 +96,6 @@ TEST(KVprot, DecodedRecordsOwnFreshStrings) {
   EXPECT_STREQ("/d", out.document);
   EXPECT_STREQ("ok", out.status);
   EXPECT_STREQ("fine", out.comment);
-  EXPECT_EQ(swapped(kV4.port), out.address.port);
   xdr_free(xdr_proc<xdr_op_kl>, &out);
   EXPECT_EQ(nullptr, out.document);
   EXPECT_EQ(nullptr, out.comment);
@@ -206,13 +205,6 @@ TEST(KVprot, WireMatchesTheSystemLibrary) {
   crt_kl crt{const_cast<char*>("clockette"), kV4, crtText[0].data(), crtText[1].data(),
              crtText[2].data()};
   EXPECT_EQ(encode(xdr_crt_kl, &crt), crtWire);
-  crt_kl crtBack;
-  ASSERT_TRUE(decode(xdr_crt_kl, crtWire, &crtBack));
-  EXPECT_STREQ("clockette", crtBack.type);
-  EXPECT_EQ(crtText[0], crtBack.path);
-  EXPECT_STREQ("stamp", crtBack.operation);
-  EXPECT_STREQ("", crtBack.comment);
-  xdr_free(xdr_proc<xdr_crt_kl>, &crtBack);
 
   order_kl order;
   ASSERT_TRUE(decode(xdr_order_kl, peer({"encode", "order_kl", "-3", "/docs/a"}), &order));
