@@ -75,7 +75,6 @@ TEST_F(CommandsTest, LookupsFromMemoryLastMatchWins) {
 TEST_F(CommandsTest, MissingFileReadsAsNoStatementsAndIsLookedForAgain) {
   auto c = open();
   EXPECT_EQ(c->findKey("A"), 0);
-  EXPECT_EQ(c->findKey("A"), 0);
   EXPECT_EQ(c->deleteFromCommands1("A", "1"), -1);
   List<CommandsEntries> all;
   EXPECT_EQ(c->readAll(all), 1);
