@@ -60,6 +60,27 @@ TEST(FileHOpenAndWrite, TypesModesAndRefusals) {
   EXPECT_EQ(readFile(name), "a\tb \nsecond\n");
 }
 
+TEST(FileHRead, LinesOfAnyLengthWithTheirLineEnds) {
+  LogCapture log(LogCapture::kAllLevels);
+  TempDir dir;
+  std::string big(200000, 'L');
+  std::string withNul("a\0b", 3);
+  writeFile(dir.file("f"), big + "\n" + "crlf\r\n" + withNul + "\n\n" + "last");
+  FileH f(dir.file("f"), "tag");
+  ASSERT_EQ(f.openFile(FileH::kReadText), 1);
+  String line;
+  const std::string expected[] = {big + "\n", "crlf\r\n", withNul + "\n", "\n", "last"};
+  for (const std::string& e : expected) {
+    ASSERT_EQ(f.readNextLine(line), 1);
+    EXPECT_EQ(line.str(), e);
+  }
+  EXPECT_LT(f.readNextLine(line), 0);
+  EXPECT_LT(f.readNextLine(line), 0);
+  EXPECT_GE(log.count("read partstr="), 2u);
+  f.closeFile();
+  EXPECT_EQ(f.readNextLine(line), 0);
+}
+
 // What the first backup or recovery of an object leaves: a leftover backup
 // (of a run that broke off) is copied over the file by either; a backup that
 // is no file never costs the file. "-" stands for no file, "/" for a directory.
