@@ -19,20 +19,7 @@ std::string pattern(size_t n) {
   return s;
 }
 
-TEST(UtlCopy, KeepsTheTargetTailWhileCopyAndSyncTruncates) {
-  TempDir dir;
-  std::string from = dir.file("from");
-  writeFile(from, "0123456789");
-  std::string old(100, 'o');
-  writeFile(dir.file("plain"), old);
-  writeFile(dir.file("synced"), old);
-  EXPECT_EQ(utlCopy(from.c_str(), dir.file("plain").c_str()), 1);
-  EXPECT_EQ(utlCopyAndSync(from.c_str(), dir.file("synced").c_str()), 1);
-  EXPECT_EQ(readFile(dir.file("plain")), "0123456789" + old.substr(10));
-  EXPECT_EQ(readFile(dir.file("synced")), "0123456789");
-}
-
-TEST(UtlCopy, CopiesManyChunksExactlyAndCreatesTheTarget) {
+TEST(UtlCopy, CopiesManyChunksExactlyCreatesTheTargetAndKeepsOrCutsItsTail) {
   TempDir dir;
   std::string data = pattern(5 * 1024 + 17);
   writeFile(dir.file("from"), data);
@@ -43,8 +30,16 @@ TEST(UtlCopy, CopiesManyChunksExactlyAndCreatesTheTarget) {
     EXPECT_EQ(readFile(to), data);
   }
   // Even a link where it can be made is an independent copy.
-  writeFile(dir.file("from"), "changed afterwards");
+  const std::string changed = "changed afterwards";
+  writeFile(dir.file("from"), changed);
   EXPECT_EQ(readFile(dir.file("to")), data);
+  // Over a longer target plain copying keeps its tail; copy-and-sync truncates.
+  writeFile(dir.file("plain"), data);
+  writeFile(dir.file("synced"), data);
+  EXPECT_EQ(utlCopy(dir.file("from").c_str(), dir.file("plain").c_str()), 1);
+  EXPECT_EQ(utlCopyAndSync(dir.file("from").c_str(), dir.file("synced").c_str()), 1);
+  EXPECT_EQ(readFile(dir.file("plain")), changed + data.substr(changed.size()));
+  EXPECT_EQ(readFile(dir.file("synced")), changed);
 }
 
 TEST(UtlCopy, FailuresLeaveTheTargetAlone) {
