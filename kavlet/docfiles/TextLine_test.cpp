@@ -147,8 +147,7 @@ TEST(GetKeyAndVal, KeysAndValues) {
       {" \t ", 0, "", ""},
   };
   for (const auto& c : cases) {
-    String key = "old";
-    String value = "old";
+    String key = "old", value = "old";
     EXPECT_EQ(getKeyAndVal(c.line, key, value), c.result) << c.line;
     EXPECT_EQ(key.str(), c.key) << c.line;
     EXPECT_EQ(value.str(), c.value) << c.line;
