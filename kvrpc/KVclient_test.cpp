@@ -71,18 +71,6 @@ TEST(KVclientTest, RegistersReportsCreatesDocumentsAndSaysGoodbye) {
   EXPECT_TRUE(kvLogged(kv, "BYE ", me + " type=\"clockette\""));
 }
 
-TEST(KVclientTest, EnvironmentReplacesHostAndType) {
-  KvMini kv;
-  ChildResult r = probe({"setport", kv.portText(), "hi", "kv.invalid", "given"},
-                        probeEnv({{"kavletHOST", "localhost"}, {"kavletTYPE", "forced"}}));
-  EXPECT_GE(stepResult(r, "hi"), 0) << r.out << r.err;
-  EXPECT_NE(r.err.find("libkavlet: using hostname 'localhost' and not 'kv.invalid'"),
-            std::string::npos);
-  EXPECT_NE(r.err.find("libkavlet: using type 'forced' and not 'given'"), std::string::npos);
-  kv.drain(1);
-  EXPECT_TRUE(kvLogged(kv, "HI ", "type=\"forced\""));
-}
-
 struct FailureCase {
   const char* name;
   std::vector<std::string> kvArgs;
@@ -117,18 +105,23 @@ TEST(KVclientTest, RegistrationFailuresGiveTheirCodesAndLeaveNoRegistration) {
   }
 }
 
-// The KV's answers are returned. A report is always sent: texts beyond their
-// fields are shortened to fit.
-TEST(KVclientTest, KvAnswersAreReturnedAndBoundsOfTheReportKeptOnTheClientSide) {
+// The environment replaces host and type of the registration. The KV's
+// answers are returned. A report is always sent: texts beyond their fields
+// are shortened to fit.
+TEST(KVclientTest, EnvironmentOverridesKvAnswersAndBoundsOfTheReport) {
   KvMini kv({"--op-answer", "4", "--crt-answer", "3"});
   std::string status61(61, 's');
   // 253 bytes: the last 125 would start in the middle of the "é".
   std::string path = "/" + std::string(126, 'p') + "\xC3\xA9" + std::string(124, 'n');
-  ChildResult r = probe({"setport",   kv.portText(), "hi", "localhost", "tool", "op",
-                         path,        status61,      "",   "op",        "/d",   status61.substr(1),
-                         "",          "crt2",        "/n", "o",         "c",    "crt",
-                         "localhost", "t",           "/p", "o",         "c"},
-                        probeEnv());
+  ChildResult r =
+      probe({"setport",   kv.portText(), "hi", "kv.invalid", "given", "op",
+             path,        status61,      "",   "op",         "/d",    status61.substr(1),
+             "",          "crt2",        "/n", "o",          "c",     "crt",
+             "localhost", "t",           "/p", "o",          "c"},
+            probeEnv({{"kavletHOST", "localhost"}, {"kavletTYPE", "forced"}}));
+  EXPECT_NE(r.err.find("libkavlet: using hostname 'localhost' and not 'kv.invalid'"),
+            std::string::npos);
+  EXPECT_NE(r.err.find("libkavlet: using type 'forced' and not 'given'"), std::string::npos);
   EXPECT_EQ(r.out.find("op 1 "), std::string::npos) << r.out;
   EXPECT_EQ(stepResult(r, "op"), 4) << r.out;
   EXPECT_EQ(stepResult(r, "crt2"), 3);
@@ -143,6 +136,7 @@ TEST(KVclientTest, KvAnswersAreReturnedAndBoundsOfTheReportKeptOnTheClientSide) 
   ASSERT_TRUE(kv.waitFor("OP ", &line));
   EXPECT_NE(line.find("document=\"/d\" text2=\"" + status61.substr(1) + "\""), std::string::npos)
       << line;
+  EXPECT_TRUE(kvLogged(kv, "HI ", "type=\"forced\""));
 }
 
 TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
