@@ -77,10 +77,24 @@ TEST(CCertInfo, DecodesDerAndTakesOutTheFields) {
   ASSERT_EQ(cert.getDER(out.data(), &pos), 0);
   EXPECT_EQ(pos, out.size());
   EXPECT_TRUE(std::equal(der.begin(), der.end(), out.begin() + 3));
+  // The fingerprint is the digest of the DER.
+  unsigned char md[EVP_MAX_MD_SIZE], digest[EVP_MAX_MD_SIZE];
+  unsigned int len = 0, expectedLen = 0;
+  for (int nid : {NID_sha1, NID_sha256, NID_sha512}) {
+    ASSERT_EQ(
+        EVP_Digest(der.data(), der.size(), digest, &expectedLen, EVP_get_digestbynid(nid), nullptr),
+        1);
+    ASSERT_EQ(cert.GetFingerprint(nid, md, &len), 0);
+    EXPECT_EQ(Bytes(md, md + len), Bytes(digest, digest + expectedLen));
+  }
+  std::string text = cert.GetFingerprint(NID_sha1);
+  EXPECT_EQ(text.size(), 20u * 3 - 1);
+  EXPECT_EQ(text[2], ':');
+  EXPECT_EQ(cert.GetFingerprint(NID_undef, md, &len), -1);
 }
 
 // SEQUENCE { issuer Name, serialNumber INTEGER } of OpenSSL's own encodings.
-TEST(CCertInfo, IssuerAndSerialEncodeAsInTheCertificate) {
+TEST(CCertInfo, IssuerAndSerialEncodeAsInTheCertificateAndTheSignatureVerifies) {
   CCertInfo cert = infoOf(pki().dsaDer), empty;
   CAsn1issuerSerial ref;
   ASSERT_EQ(cert.GetIssuerAndSerial(&ref), 0);
@@ -93,6 +107,13 @@ TEST(CCertInfo, IssuerAndSerialEncodeAsInTheCertificate) {
   if (expected[2] < 128) expected.erase(expected.begin() + 1);
   EXPECT_EQ(encodeDER(ref), expected);
   EXPECT_EQ(empty.GetIssuerAndSerial(&ref), -1);
+  // The signature verifies only with the issuer's key.
+  CCertInfo ca = infoOf(i2dOf(pki().ca.caCert(), i2d_X509));
+  EXPECT_EQ(cert.VerifyCertSignature(ca), 0);
+  EXPECT_EQ(ca.VerifyCertSignature(ca), 0);  // self-signed
+  EXPECT_EQ(cert.VerifyCertSignature(pki().rsaKey.get()), -1);
+  EXPECT_EQ(empty.VerifyCertSignature(ca), -2);
+  EXPECT_EQ(cert.VerifyCertSignature(empty), -2);
 }
 
 TEST(CCertInfo, ReportsTheKeyOfEitherType) {
@@ -129,34 +150,6 @@ TEST(CCertInfo, RefusesBrokenDer) {
     EXPECT_EQ(cert.getDER(out, &pos), -1);
     EXPECT_EQ(pos, 0u);
   }
-}
-
-TEST(CCertInfo, FingerprintIsTheDigestOfTheDer) {
-  const Bytes& der = pki().rsaDer;
-  CCertInfo cert = infoOf(der);
-  unsigned char md[EVP_MAX_MD_SIZE], expected[EVP_MAX_MD_SIZE];
-  unsigned int len = 0, expectedLen = 0;
-  for (int nid : {NID_sha1, NID_sha256, NID_sha512}) {
-    ASSERT_EQ(EVP_Digest(der.data(), der.size(), expected, &expectedLen, EVP_get_digestbynid(nid),
-                         nullptr),
-              1);
-    ASSERT_EQ(cert.GetFingerprint(nid, md, &len), 0);
-    EXPECT_EQ(Bytes(md, md + len), Bytes(expected, expected + expectedLen));
-  }
-  std::string text = cert.GetFingerprint(NID_sha1);
-  EXPECT_EQ(text.size(), 20u * 3 - 1);
-  EXPECT_EQ(text[2], ':');
-  EXPECT_EQ(cert.GetFingerprint(NID_undef, md, &len), -1);
-}
-
-TEST(CCertInfo, SignatureVerifiesOnlyWithTheIssuersKey) {
-  CCertInfo cert = infoOf(pki().dsaDer), empty;
-  CCertInfo ca = infoOf(i2dOf(pki().ca.caCert(), i2d_X509));
-  EXPECT_EQ(cert.VerifyCertSignature(ca), 0);
-  EXPECT_EQ(ca.VerifyCertSignature(ca), 0);  // self-signed
-  EXPECT_EQ(cert.VerifyCertSignature(pki().rsaKey.get()), -1);
-  EXPECT_EQ(empty.VerifyCertSignature(ca), -2);
-  EXPECT_EQ(cert.VerifyCertSignature(empty), -2);
 }
 
 // A failed read keeps what was held before.
