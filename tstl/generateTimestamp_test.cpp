@@ -203,11 +203,8 @@ TEST(GenerateTimestamp, CertificateValidityDatesUnlessIgnored) {
   } cases[] = {{nullptr, true}, {"off", true},  {"YES", true}, {"true", true},
                {"on", false},   {"yes", false}, {"1", false}};
   for (const auto& c : cases) {
-    if (c.ignore != nullptr) {
-      setenv("IgnoreCertificateValidyDates", c.ignore, 1);
-    } else {
-      unsetenv("IgnoreCertificateValidyDates");
-    }
+    c.ignore != nullptr ? setenv("IgnoreCertificateValidyDates", c.ignore, 1)
+                        : unsetenv("IgnoreCertificateValidyDates");
     for (const std::string cert : {"expired", "future"}) {
       SCOPED_TRACE(cert + " " + (c.ignore ? c.ignore : "(unset)"));
       LogCapture log(LogCapture::kAllLevels);
