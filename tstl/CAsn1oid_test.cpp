@@ -9,17 +9,6 @@
 
 using namespace testing_support;
 
-TEST(CAsn1oid, UnsetIdentifierCannotBeEncoded) {
-  LogCapture log;
-  CAsn1oid oid;
-  EXPECT_EQ(oid.getSize(), 0u);
-  unsigned char buffer[16];
-  unsigned int pos = 0;
-  EXPECT_EQ(oid.getDER(buffer, &pos), -1);
-  EXPECT_EQ(pos, 0u);
-  EXPECT_TRUE(log.contains("Object not initialized"));
-}
-
 TEST(CAsn1oid, UnknownIdentifierIsRegisteredAndReencodes) {
   // 1.3.6.1.4.1.99999.42.7 is not one of OpenSSL's.
   const char* hex = "06 0a 2b 06 01 04 01 86 8d 1f 2a 07";
@@ -35,7 +24,7 @@ TEST(CAsn1oid, UnknownIdentifierIsRegisteredAndReencodes) {
 }
 
 // Refused input leaves no identifier behind; OpenSSL refuses an empty one.
-TEST(CAsn1oid, RefusesBadInput) {
+TEST(CAsn1oid, RefusesBadInputAndUnsetIdentifiers) {
   LogCapture log;
   for (const char* hex : {"04 03 55 04 03", "06 03 55 04", "06", "06 00", "06 02 80 80"}) {
     CAsn1oid oid(NID_sha1);
@@ -43,4 +32,12 @@ TEST(CAsn1oid, RefusesBadInput) {
     EXPECT_EQ(oid.nid, 0) << hex;
   }
   EXPECT_TRUE(log.contains("Expected 0x06, got 0x04"));
+  // An unset identifier cannot be encoded.
+  CAsn1oid oid;
+  EXPECT_EQ(oid.getSize(), 0u);
+  unsigned char buffer[16];
+  unsigned int pos = 0;
+  EXPECT_EQ(oid.getDER(buffer, &pos), -1);
+  EXPECT_EQ(pos, 0u);
+  EXPECT_TRUE(log.contains("Object not initialized"));
 }
