@@ -37,10 +37,6 @@ using namespace testing_support;
 
 const std::string kProgram = std::string(CLOCKETTE_BINARY_DIR) + "/app/clockette";
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 class EndToEndTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -324,12 +320,8 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
   EXPECT_EQ(r.exitCode, 1) << r.out << log();
   std::string text = log();
   std::string notes = notices();
-  auto withDoc = [](std::string pattern, const std::string& doc) {
-    for (size_t at = pattern.find("D/"); at != std::string::npos; at = pattern.find("D/", at)) {
-      pattern.replace(at, 1, doc);
-      at += doc.size();
-    }
-    return pattern;
+  auto withDoc = [](const std::string& pattern, const std::string& doc) {
+    return std::regex_replace(pattern, std::regex("D/"), doc + "/");
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -688,17 +680,11 @@ TEST_F(EndToEndTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
   std::map<std::string, std::string> firstSnapshot;
   for (const Run& run : runs) {
     SCOPED_TRACE(std::string("TS_PARALLEL=") + run.parallel + " -jobs " + run.jobs);
-    std::string root = dir_.file(std::string("docs-") + run.parallel);
+    const std::string root = docs_ = dir_.file(std::string("docs-") + run.parallel);
     makeDir(root);
-    for (const Case& c : cases) {
-      makeDir(root + "/" + c.name);
-      writeFile(root + "/" + c.name + "/COMMANDS", c.commands);
-      for (const auto& f : data) writeFile(root + "/" + c.name + "/" + f.first, f.second);
-    }
+    for (const Case& c : cases) addDocument(c.name, c.commands, data);
     options_.env["TS_PARALLEL"] = run.parallel;
-    ChildResult r = runChild(
-        {kProgram, "-test", "-testpath", root, "-jobs", run.jobs, "-logfile", "clockette.log"},
-        options_);
+    ChildResult r = runTest({"-jobs", run.jobs});
     EXPECT_EQ(r.exitCode, 1) << r.out << log();
     for (size_t i = 0; i < cases.size(); ++i) {
       const Case& c = cases[i];

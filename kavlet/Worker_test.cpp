@@ -75,7 +75,7 @@ class WorkerProcessTest : public ::testing::Test {
                           int timeoutSeconds = 20) {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
     while (std::chrono::steady_clock::now() < end) {
-      if (fileExists(path) && readFile(path).find(part) != std::string::npos) return true;
+      if (fileExists(path) && contains(readFile(path), part)) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
@@ -165,7 +165,7 @@ TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv
     EXPECT_EQ(r.exitCode, c.exitCode) << c.path << r.err;
   }
   // The work cycle wrote the appended statement.
-  EXPECT_NE(readFile(a + "/COMMANDS").find("\nNEW line"), std::string::npos);
+  EXPECT_TRUE(contains(readFile(a + "/COMMANDS"), "\nNEW line"));
   kv.drain(1);
   EXPECT_EQ(kv.countLines("HI "), 0);
   EXPECT_EQ(kv.countLines("OP "), 0);
@@ -175,7 +175,7 @@ TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv
 
 TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
   ASSERT_TRUE(startRegistered());
-  EXPECT_NE(served_.kv->drain(0).back().find("type=\"kavlet_testworker\" -> 1"), std::string::npos);
+  EXPECT_TRUE(contains(served_.kv->drain(0).back(), "type=\"kavlet_testworker\" -> 1"));
 
   struct Case {
     const char* name;
@@ -208,12 +208,12 @@ TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
     }
     std::string doc = document(c.name, c.commands);
     EXPECT_EQ(order(doc), "reply 1");
-    EXPECT_NE(nextReport().find(report(doc, c.status, c.comment)), std::string::npos);
+    EXPECT_TRUE(contains(nextReport(), report(doc, c.status, c.comment)));
     std::string logLine = std::regex_replace(c.logLine, std::regex("%"), doc);
     EXPECT_TRUE(waitForLog("Finished: '" + doc + "'"));
     std::string log = logText();
-    EXPECT_NE(log.find("StartWith '" + doc + "'"), std::string::npos);
-    EXPECT_NE(log.find(logLine), std::string::npos) << logLine;
+    EXPECT_TRUE(contains(log, "StartWith '" + doc + "'"));
+    EXPECT_TRUE(contains(log, logLine)) << logLine;
   }
   // kvTestOff says the same as kvTestOn.
   EXPECT_EQ(count(logText(), "turn kvTest on"), 2);
@@ -235,11 +235,9 @@ TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnErrorAndARefusedReport
   ASSERT_TRUE(startRegistered({"--op-answer", "4"}, {{"TESTWORKER_UID", "65534"}}));
 
   EXPECT_EQ(order(doc), "reply 1");
-  EXPECT_NE(nextReport().find(report(doc, "error", "can't write to COMMANDS", 4)),
-            std::string::npos);
+  EXPECT_TRUE(contains(nextReport(), report(doc, "error", "can't write to COMMANDS", 4)));
   EXPECT_EQ(served_.worker->wait(20), 1);
-  EXPECT_NE(logText().find("KVop did not succeed, error: KVOP_SYNCERR  ... exiting"),
-            std::string::npos);
+  EXPECT_TRUE(contains(logText(), "KVop did not succeed, error: KVOP_SYNCERR  ... exiting"));
   chmod(doc.c_str(), 0755);
   EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
 }
@@ -251,7 +249,7 @@ TEST_F(WorkerProcessTest, ExitOrderEndsTheWorkerWithZeroWithoutGoodbye) {
   // No reply: the worker is gone.
   kvminiCall(served_.at, {"ctrl", "--timeout", "1", "0", ""});
   EXPECT_EQ(served_.worker->wait(20), 0);
-  EXPECT_NE(logText().find("That's it for me, I'm exiting \n"), std::string::npos);
+  EXPECT_TRUE(contains(logText(), "That's it for me, I'm exiting \n"));
   served_.kv->drain(1);
   EXPECT_EQ(served_.kv->countLines("BYE "), 0);
 }
@@ -276,10 +274,10 @@ TEST_F(WorkerProcessTest, StopSignalsEndTheWorkerWithOneAfterAGoodbyeAndHangupIs
     EXPECT_EQ(served_.worker->wait(20), 1);
     EXPECT_TRUE(served_.kv->waitFor("BYE "));
     std::string log = logText();
-    EXPECT_NE(log.find(c.logged), std::string::npos);
+    EXPECT_TRUE(contains(log, c.logged));
     EXPECT_EQ(count(log, "Got signal "), 1);
-    EXPECT_NE(log.find(c.signal == SIGINT ? "Got signal 2," : "Got signal 15,"), std::string::npos);
-    EXPECT_NE(log.find("KVbye() ..."), std::string::npos);
+    EXPECT_TRUE(contains(log, c.signal == SIGINT ? "Got signal 2," : "Got signal 15,"));
+    EXPECT_TRUE(contains(log, "KVbye() ..."));
     remove(logPath().c_str());
   }
 }
@@ -295,8 +293,7 @@ TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
   EXPECT_TRUE(served_.worker->running());
   writeFile(release, "");
   // The report first, then the goodbye.
-  EXPECT_NE(nextReport().find(report(held, "ok", "document has been processed")),
-            std::string::npos);
+  EXPECT_TRUE(contains(nextReport(), report(held, "ok", "document has been processed")));
   EXPECT_TRUE(served_.kv->waitFor("BYE "));
   EXPECT_EQ(served_.worker->wait(20), 1);
 }
@@ -337,7 +334,7 @@ TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
       std::string next = log.substr(log.find('\n', at) + 1);
       next = next.substr(0, next.find('\n') + 1);
       if (!c.where.empty()) {
-        EXPECT_NE(next.find(c.where), std::string::npos) << next;
+        EXPECT_TRUE(contains(next, c.where)) << next;
       }
       remove(logPath().c_str());
     }
@@ -365,11 +362,10 @@ TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {
     EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
     EXPECT_TRUE(kv.waitFor("HI "));
     EXPECT_TRUE(kv.waitFor("BYE "));
-    EXPECT_NE(logText().find("registered with the KV at localhost port " + kv.portText() +
-                             " as type 'kavlet_testworker', orders to port "),
-              std::string::npos);
+    EXPECT_TRUE(contains(logText(), "registered with the KV at localhost port " + kv.portText() +
+                                        " as type 'kavlet_testworker', orders to port "));
   }
-  EXPECT_NE(logText().find("document '(none)': fail"), std::string::npos);
+  EXPECT_TRUE(contains(logText(), "document '(none)': fail"));
 }
 
 }  // namespace

@@ -29,6 +29,11 @@ std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
 void makeDir(const std::string& path);
 
+// Whether text holds part.
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 // Occurrences of part in text.
 inline int count(const std::string& text, const std::string& part) {
   int n = 0;

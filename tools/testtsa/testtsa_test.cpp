@@ -71,7 +71,7 @@ TEST_F(TestTsaShapes, RealServerShapesVerifyWithOpenSsl) {
     stamp(c.args, {"document " + args});
     EXPECT_EQ(verify(false), "");
     std::string shown = text();
-    for (const std::string& s : c.shown) EXPECT_NE(shown.find(s), std::string::npos) << shown;
+    for (const std::string& s : c.shown) EXPECT_TRUE(contains(shown, s)) << shown;
     if (!c.args.empty() && c.args[0] == "--serial-bytes") {
       size_t at = shown.find("Serial number: 0x") + 17;
       EXPECT_EQ(shown.find('\n', at) - at, 40u) << shown;
@@ -95,8 +95,8 @@ TEST_F(TestTsaShapes, FaultTokensFailWithOpenSslForTheirReason) {
     SCOPED_TRACE(c.fault);
     stamp({"--fault", c.fault}, {"first", "second"});
     const std::string why = verify(std::string(c.fault) != "nocert");
-    EXPECT_NE(why.find("Verification: FAILED"), std::string::npos) << why;
-    EXPECT_NE(why.find(c.reason), std::string::npos) << why;
+    EXPECT_TRUE(contains(why, "Verification: FAILED")) << why;
+    EXPECT_TRUE(contains(why, c.reason)) << why;
   }
 }
 

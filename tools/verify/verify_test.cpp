@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,10 +25,6 @@ std::string base64(const std::string& der) {
                           static_cast<int>(der.size()));
   out.resize(static_cast<size_t>(n));
   return out;
-}
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 class VerifyTest : public ::testing::Test {
@@ -123,10 +120,8 @@ TEST_F(VerifyTest, WalksATreeOfDocumentsAndLeavesThemAsTheyAre) {
   std::unique_ptr<TestTsa> tsa = startTsa({"--tsa-name"});
   ASSERT_TRUE(tsa->ready());
   std::string a = dir_.file("tree/a"), b = dir_.file("tree/sub/b");
-  makeDir(dir_.file("tree"));
-  makeDir(a);
-  makeDir(dir_.file("tree/sub"));
-  makeDir(b);
+  std::filesystem::create_directories(a);
+  std::filesystem::create_directories(b);
   const std::string commandsA =
       "TIMESTAMP_FILE \"first file.txt\" first.tst\n"
       "TIMESTAMP_FILE lonely.txt\n"
