@@ -51,12 +51,12 @@ TEST_F(ProgramTest, CommonPackageConfiguresTheLogWithTheEventPrefix) {
   options_.env["LOG_DEBUG"] = "on";
   ChildResult r = run({"-type", "stamper", "-test", "-testpath", dir_.file("docs")});
   std::string prefix = std::string(kBanner) + " [program=" + kProgram + "] : ";
-  EXPECT_NE(r.err.find(prefix), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("option -type: 'stamper'"), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, prefix)) << r.err;
+  EXPECT_TRUE(contains(r.err, "option -type: 'stamper'")) << r.err;
   std::string log = readFile(dir_.file("logs/stamper.log"));
   EXPECT_EQ(log.rfind(prefix, 0), 0u) << log;
-  EXPECT_NE(log.find("clockette started, " + std::string(kBanner)), std::string::npos) << log;
-  EXPECT_EQ(log.find("only the environment"), std::string::npos) << log;  // no warning
+  EXPECT_TRUE(contains(log, "clockette started, " + std::string(kBanner))) << log;
+  EXPECT_FALSE(contains(log, "only the environment")) << log;  // no warning
 }
 
 }  // namespace

@@ -63,11 +63,11 @@ TEST_F(LogTest, RelativeFileGoesUnderServerLogDirWithPrefixAndOnlyEnabledLevels)
   }
   Log::setLogFile("stderr");
   std::string text = readFile(dir.file("worker.log"));
-  EXPECT_NE(text.find("BANNER [program=/x/y] : "), std::string::npos) << text;
-  EXPECT_NE(text.find("Comp::func: shown 42"), std::string::npos) << text;
-  EXPECT_NE(text.find("continued here"), std::string::npos) << text;
-  EXPECT_EQ(text.find("hidden"), std::string::npos) << text;
-  EXPECT_EQ(text.find("entry"), std::string::npos) << "level 13 is off: " << text;
+  EXPECT_TRUE(contains(text, "BANNER [program=/x/y] : ")) << text;
+  EXPECT_TRUE(contains(text, "Comp::func: shown 42")) << text;
+  EXPECT_TRUE(contains(text, "continued here")) << text;
+  EXPECT_FALSE(contains(text, "hidden")) << text;
+  EXPECT_FALSE(contains(text, "entry")) << "level 13 is off: " << text;
   // A file that cannot be opened keeps the old destination.
   EXPECT_EQ(Log::setLogFile("/nonexistent-dir/x.log"), 0);
   EXPECT_STREQ(Log::logFileName(), "stderr");

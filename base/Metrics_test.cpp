@@ -42,10 +42,9 @@ TEST(MetricsTest, TheFileHoldsTheCountersAndAFailedWriteGivesItsErrno) {
   ASSERT_EQ(metrics::writePrometheusFile(path), 0);
   std::string text = readFile(path);
   EXPECT_EQ(text, metrics::prometheusText());
-  EXPECT_NE(text.find("clockette_timestamps_total{result=\"error_7\"} "), std::string::npos);
+  EXPECT_TRUE(contains(text, "clockette_timestamps_total{result=\"error_7\"} "));
   metrics::countTimestamp(-99);
-  EXPECT_NE(metrics::prometheusText().find("clockette_timestamps_total{result=\"other\"} "),
-            std::string::npos);
+  EXPECT_TRUE(contains(metrics::prometheusText(), "clockette_timestamps_total{result=\"other\"} "));
   EXPECT_EQ(metrics::writePrometheusFile(dir.file("missing/clockette.prom")), ENOENT);
 }
 
@@ -56,16 +55,16 @@ TEST(MetricsTest, ServersAreCountedByPositionOnceNamed) {
   metrics::countServer(1, metrics::ServerEvent::kOk);
   metrics::countServer(metrics::kMaxServers, metrics::ServerEvent::kOk);  // ignored
   std::string text = metrics::prometheusText();
-  EXPECT_NE(text.find("clockette_tsa_attempts_total{server=\"http://a:80\",result=\"failed\"} 1\n"
-                      "clockette_tsa_attempts_total{server=\"http://a:80\",result=\"other\"} 0\n"),
-            std::string::npos)
+  EXPECT_TRUE(contains(text,
+                       "clockette_tsa_attempts_total{server=\"http://a:80\",result=\"failed\"} 1\n"
+                       "clockette_tsa_attempts_total{server=\"http://a:80\",result=\"other\"} 0\n"))
       << text;
-  EXPECT_NE(text.find("clockette_tsa_holds_total{server=\"http://a:80\"} 1\n"), std::string::npos);
+  EXPECT_TRUE(contains(text, "clockette_tsa_holds_total{server=\"http://a:80\"} 1\n"));
   EXPECT_EQ(metrics::serverSummary(),
             "http://a:80 attempts=1 ok=0 failed=1 held=1, tcp://b:318 attempts=1 ok=1 failed=0 "
             "held=0");
   metrics::nameServers({});
-  EXPECT_EQ(metrics::prometheusText().find("clockette_tsa_attempts_total"), std::string::npos);
+  EXPECT_FALSE(contains(metrics::prometheusText(), "clockette_tsa_attempts_total"));
 }
 
 }  // namespace

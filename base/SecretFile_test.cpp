@@ -40,7 +40,7 @@ TEST(SecretFile, ReadsTheFirstLineOfARegularFileOnlyItsOwnerMayRead) {
     } else {
       EXPECT_EQ(secret, "") << c.name;
       EXPECT_EQ(problem.rfind("'" + path + "' ", 0), 0u) << problem;
-      EXPECT_NE(problem.find(c.problem), std::string::npos) << problem;
+      EXPECT_TRUE(contains(problem, c.problem)) << problem;
     }
   }
 }

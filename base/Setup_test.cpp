@@ -77,8 +77,8 @@ TEST_F(SetupTest, LineRules) {
   std::string logged = testing::internal::GetCapturedStderr();
   Log::init();
   // Traces name the variable but never show its value.
-  EXPECT_NE(logged.find("put 'ST_PKG'"), std::string::npos) << logged;
-  EXPECT_EQ(logged.find("secret"), std::string::npos) << logged;
+  EXPECT_TRUE(contains(logged, "put 'ST_PKG'")) << logged;
+  EXPECT_FALSE(contains(logged, "secret")) << logged;
   const std::string cut(kSetupBufferSize - 8, 'x');
   struct Case {
     const char* name;
@@ -234,10 +234,10 @@ TEST_F(ConfigDirectoryTest, BareConfigNameIsLookedUpInSortedConfFiles) {
   std::string log = testing::internal::GetCapturedStderr();
   Log::init();
   EXPECT_EQ(first.str(), dir_.file("one"));
-  EXPECT_NE(log.find("ConfigDir[0] (key CONFIG)  = " + dir_.file("one")), std::string::npos);
-  EXPECT_NE(log.find("Skip this path because found in list (key CONFIG) : " + dir_.file("one")),
-            std::string::npos);
-  EXPECT_NE(log.find("ConfigDir[1] (key CONFIG)  = " + dir_.file("two")), std::string::npos) << log;
+  EXPECT_TRUE(contains(log, "ConfigDir[0] (key CONFIG)  = " + dir_.file("one")));
+  EXPECT_TRUE(
+      contains(log, "Skip this path because found in list (key CONFIG) : " + dir_.file("one")));
+  EXPECT_TRUE(contains(log, "ConfigDir[1] (key CONFIG)  = " + dir_.file("two"))) << log;
 
   EXPECT_EQ(readSetup("P"), 1);
   EXPECT_EQ(env("ST_PKG"), "one");

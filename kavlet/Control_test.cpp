@@ -12,7 +12,7 @@
 
 namespace {
 
-using testing_support::LogCapture;
+using namespace testing_support;
 
 // Takes "sleep <n>" as a control command of its own.
 class SleepyKavlet : public Kavlet {
@@ -55,7 +55,7 @@ TEST_F(ControlTest, LoglevelSetsFiveUpToItsValueAndUnsetsTheRest) {
   EXPECT_EQ(kavlet_.control(13, "loglevel 7 print"), 1);
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(levels(), "111000000");
-  EXPECT_NE(err.find("Global settings for Kavlet"), std::string::npos);
+  EXPECT_TRUE(contains(err, "Global settings for Kavlet"));
   // Announced before switching: 10 to 13 are no longer heard.
   EXPECT_TRUE(log.contains("Setting loglevel '9'"));
   EXPECT_FALSE(log.contains("Setting loglevel '10'"));

@@ -216,7 +216,7 @@ TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
   }
   EXPECT_TRUE(fileExists(config_.file("logs/sub.log")));
   std::string text = readFile(config_.file("logs/stamper.log"));
-  EXPECT_NE(text.find("Kavlet::initLog"), std::string::npos) << text;
+  EXPECT_TRUE(contains(text, "Kavlet::initLog")) << text;
 }
 
 TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "testing/KvPeers.h"
+#include "testing/TempDir.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ TEST(HostIdentTest, HostNameComesFromTheEnvironmentOrTheSystem) {
     ChildResult r = runChild({kvprobePath(), "myname"}, o);
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "myname " + c.expected);
-    EXPECT_NE(r.out.find("\nmyaddr "), std::string::npos) << r.out;
+    EXPECT_TRUE(contains(r.out, "\nmyaddr ")) << r.out;
   }
 }
 
@@ -60,7 +61,7 @@ TEST(HostIdentTest, OwnAddressFallsBackWhenTheConfiguredNameDoesNotResolve) {
   o.env = {{"MY_HOST_NAME", "[::1"}, {"KVHOST", "127.0.0.1"}};
   ChildResult r = runChild({kvprobePath(), "-l", "8", "myname"}, o);
   EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_NE(r.err.find("myInetAddr="), std::string::npos) << r.err;
+  EXPECT_TRUE(contains(r.err, "myInetAddr=")) << r.err;
 }
 
 }  // namespace

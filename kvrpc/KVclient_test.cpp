@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "testing/KvPeers.h"
+#include "testing/TempDir.h"
 
 namespace {
 
@@ -93,7 +94,7 @@ TEST(KVclientTest, RegistrationFailuresGiveTheirCodesAndLeaveNoRegistration) {
         {"setport", kv.portText(), "hi", c.host, "tool", "op", "/d", "ok", "", "alive", "bye"},
         probeEnv({{"KLCTO", "1/1"}}));
     EXPECT_EQ(stepResult(r, "hi"), c.hiCode) << r.out;
-    EXPECT_NE(r.err.find(c.stderrPart), std::string::npos) << r.err;
+    EXPECT_TRUE(contains(r.err, c.stderrPart)) << r.err;
     if (c.hiCode != -3) {
       // Without a registration nothing further reaches the KV.
       EXPECT_EQ(stepResult(r, "op"), 1);
@@ -119,23 +120,20 @@ TEST(KVclientTest, EnvironmentOverridesKvAnswersAndBoundsOfTheReport) {
              "",          "crt2",        "/n", "o",          "c",     "crt",
              "localhost", "t",           "/p", "o",          "c"},
             probeEnv({{"kavletHOST", "localhost"}, {"kavletTYPE", "forced"}}));
-  EXPECT_NE(r.err.find("libkavlet: using hostname 'localhost' and not 'kv.invalid'"),
-            std::string::npos);
-  EXPECT_NE(r.err.find("libkavlet: using type 'forced' and not 'given'"), std::string::npos);
-  EXPECT_EQ(r.out.find("op 1 "), std::string::npos) << r.out;
+  EXPECT_TRUE(contains(r.err, "libkavlet: using hostname 'localhost' and not 'kv.invalid'"));
+  EXPECT_TRUE(contains(r.err, "libkavlet: using type 'forced' and not 'given'"));
+  EXPECT_FALSE(contains(r.out, "op 1 ")) << r.out;
   EXPECT_EQ(stepResult(r, "op"), 4) << r.out;
   EXPECT_EQ(stepResult(r, "crt2"), 3);
   EXPECT_EQ(stepResult(r, "crt"), 3);
-  EXPECT_NE(r.err.find("KV refuses document"), std::string::npos);
+  EXPECT_TRUE(contains(r.err, "KV refuses document"));
   std::string line;
   ASSERT_TRUE(kv.waitFor("OP ", &line));
-  EXPECT_NE(line.find("document=\"..." + std::string(124, 'n') + "\" text2=\"" +
-                      std::string(57, 's') + "...\""),
-            std::string::npos)
+  EXPECT_TRUE(contains(line, "document=\"..." + std::string(124, 'n') + "\" text2=\"" +
+                                 std::string(57, 's') + "...\""))
       << line;
   ASSERT_TRUE(kv.waitFor("OP ", &line));
-  EXPECT_NE(line.find("document=\"/d\" text2=\"" + status61.substr(1) + "\""), std::string::npos)
-      << line;
+  EXPECT_TRUE(contains(line, "document=\"/d\" text2=\"" + status61.substr(1) + "\"")) << line;
   EXPECT_TRUE(kvLogged(kv, "HI ", "type=\"forced\""));
 }
 
@@ -157,7 +155,7 @@ TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
     long ms = stepResult(r, "hi -?[0-9]+ ms");
     EXPECT_GE(ms, c.minMs);
     EXPECT_LE(ms, c.maxMs);
-    EXPECT_NE(r.err.find("clnt timeout on FD"), std::string::npos) << r.err;
+    EXPECT_TRUE(contains(r.err, "clnt timeout on FD")) << r.err;
     kv.drain(1);
     EXPECT_GE(kv.countLines("HI "), c.minSends);
     EXPECT_LE(kv.countLines("HI "), c.maxSends);
@@ -172,10 +170,10 @@ TEST(KVclientTest, DebugHostServesButSendsNothing) {
   EXPECT_GT(stepResult(r, "port"), 0);
   EXPECT_EQ(stepResult(r, "op"), 0);
   EXPECT_EQ(stepResult(r, "crt"), 0);
-  EXPECT_NE(r.err.find("KVhi: simulation: no connection to KV"), std::string::npos);
-  EXPECT_NE(r.err.find("KVop('/d','ok','fine')"), std::string::npos);
-  EXPECT_NE(r.err.find("KVcrt('kvhost', 't', '/p', 'o', 'c')"), std::string::npos);
-  EXPECT_EQ(r.err.find("clntudp_create"), std::string::npos);
+  EXPECT_TRUE(contains(r.err, "KVhi: simulation: no connection to KV"));
+  EXPECT_TRUE(contains(r.err, "KVop('/d','ok','fine')"));
+  EXPECT_TRUE(contains(r.err, "KVcrt('kvhost', 't', '/p', 'o', 'c')"));
+  EXPECT_FALSE(contains(r.err, "clntudp_create"));
 }
 
 TEST(KVclientTest, KvPortComesFromKVPORTUnlessSetPortWasCalled) {
@@ -227,7 +225,7 @@ TEST(KVclientTest, KVcrtShortensTheTimeOutOfEveryLaterCall) {
   std::string line;
   ASSERT_TRUE(p.waitFor("op ", &line, 40));
   EXPECT_EQ(numberAfter(line, "op"), 1);  // the KV went away
-  EXPECT_NE(p.child().stderrText().find("KVop: RPC:"), std::string::npos);
+  EXPECT_TRUE(contains(p.child().stderrText(), "KVop: RPC:"));
   long ms = numberAfter(line, "ms");
   EXPECT_GE(ms, 14500);
   EXPECT_LE(ms, 20000);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "testing/KvPeers.h"
+#include "testing/TempDir.h"
 
 namespace {
 
@@ -71,7 +72,7 @@ TEST(ToolServiceTest, WorkOrderOfMode2IsAcknowledgedWorkedAndEndsTheProcess) {
   EXPECT_EQ(kvminiCall(probe.v4(), {"work", "--mode", "2", "/docs/last"}), "reply 1");
   EXPECT_TRUE(probe.waitFor("WORK 2 /docs/last"));
   EXPECT_EQ(probe.child().wait(10), 0);
-  EXPECT_NE(probe.child().stderrText().find("worker returns"), std::string::npos);
+  EXPECT_TRUE(contains(probe.child().stderrText(), "worker returns"));
 }
 
 TEST(ToolServiceTest, InfoMessageReachesItsCallbackAndIsNotAnswered) {
@@ -98,8 +99,8 @@ TEST(ToolServiceTest, AfterGoodbyeWorkIsOnlyLoggedAndControlEndsTheProcess) {
   EXPECT_EQ(kvminiCall(to, {"ctrl", "5", "bye now"}).rfind("error RPC: ", 0), 0u);
   EXPECT_EQ(probe.child().wait(10), 0);
   std::string log = probe.child().stderrText();
-  EXPECT_NE(log.find("DefaultWorker(1, '/docs/late')"), std::string::npos) << log;
-  EXPECT_NE(log.find("DefaultCtrl(5,'bye now')"), std::string::npos) << log;
+  EXPECT_TRUE(contains(log, "DefaultWorker(1, '/docs/late')")) << log;
+  EXPECT_TRUE(contains(log, "DefaultCtrl(5,'bye now')")) << log;
   EXPECT_EQ(probe.countLines("WORK"), 0);
 }
 

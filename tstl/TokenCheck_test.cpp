@@ -88,7 +88,7 @@ TEST(TokenCheck, TokensThatProveNothingAreRefused) {
     ASSERT_FALSE(der.empty()) << c.name << ": " << maker().error();
     const TokenCheckResult r = check(der, &expect);
     EXPECT_FALSE(r.ok) << c.name;
-    EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
+    EXPECT_TRUE(contains(r.reason, c.reason)) << c.name << ": " << r.reason;
   }
 }
 
@@ -106,7 +106,7 @@ TEST(TokenCheck, AnswersWithoutAGrantedTokenAreRefused) {
   for (const Case& c : cases) {
     const TokenCheckResult r = check(c.der, nullptr);
     EXPECT_FALSE(r.ok) << c.name;
-    EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
+    EXPECT_TRUE(contains(r.reason, c.reason)) << c.name << ": " << r.reason;
   }
 }
 
@@ -169,7 +169,7 @@ TEST(TokenCheck, TrustAnchorsAndTheSignerCertificate) {
     EXPECT_EQ(r.ok, c.ok) << c.name << ": " << r.reason;
     EXPECT_EQ(r.facts.signatureChecked, c.signatureChecked) << c.name;
     EXPECT_EQ(r.facts.chainChecked, c.chainChecked) << c.name;
-    EXPECT_NE(r.reason.find(c.reason), std::string::npos) << c.name << ": " << r.reason;
+    EXPECT_TRUE(contains(r.reason, c.reason)) << c.name << ": " << r.reason;
   }
 }
 
@@ -189,7 +189,7 @@ TEST(TokenCheck, UnreadableTrustSettingsAreReported) {
     TokenTrust trust;
     std::string error;
     EXPECT_FALSE(trust.load(c.ca, c.certs, &error)) << c.ca << c.certs;
-    EXPECT_NE(error.find(c.ca.empty() ? c.certs : c.ca), std::string::npos) << error;
+    EXPECT_TRUE(contains(error, c.ca.empty() ? c.certs : c.ca)) << error;
   }
 }
 

@@ -85,11 +85,11 @@ TEST_F(TsAsymKeyTest, PemKeysRoundTripAndWrongPasswordFails) {
     std::string file = dir_.file("key.pem");
     ASSERT_EQ(key->saveKey(file.c_str(), "s3cret"), 0);
     std::string pem = readFile(file);
-    EXPECT_NE(pem.find("BEGIN ENCRYPTED PRIVATE KEY"), std::string::npos);
-    EXPECT_EQ(pem.find("s3cret"), std::string::npos);
+    EXPECT_TRUE(contains(pem, "BEGIN ENCRYPTED PRIVATE KEY"));
+    EXPECT_FALSE(contains(pem, "s3cret"));
     // OpenSSL itself reads it back with the password, and names the cipher.
     auto parsed = runChild({"/usr/bin/openssl", "asn1parse", "-in", file});
-    EXPECT_NE(parsed.out.find("des-ede3-cbc"), std::string::npos) << parsed.out;
+    EXPECT_TRUE(contains(parsed.out, "des-ede3-cbc")) << parsed.out;
 
     TsAsymKey loaded;
     ASSERT_EQ(loaded.loadKey(file.c_str(), "s3cret"), 0);
@@ -110,7 +110,7 @@ TEST_F(TsAsymKeyTest, EmptyPasswordWritesAPlainKey) {
   writeFile(file, "an older, world-readable file");
   chmod(file.c_str(), 0644);
   ASSERT_EQ(rsa_->saveKey(file.c_str(), ""), 0);
-  EXPECT_NE(readFile(file).find("BEGIN PRIVATE KEY"), std::string::npos);
+  EXPECT_TRUE(contains(readFile(file), "BEGIN PRIVATE KEY"));
   struct stat st {};
   ASSERT_EQ(stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u) << "a plain private key must not be readable by others";

@@ -133,7 +133,7 @@ TEST(GenerateTimestamp, LocalTokensVerifyInEveryForm) {
         EXPECT_EQ(signingTimeLength(der), c.signingTimeLength);
         const std::string verdict = opensslVerify(der, c.signerFromFile ? certFile : "");
         if (c.refusal != nullptr) {
-          EXPECT_NE(verdict.find(c.refusal), std::string::npos) << verdict;
+          EXPECT_TRUE(contains(verdict, c.refusal)) << verdict;
         } else {
           // The signer, named by its issuer and serial number, and the imprint hold.
           EXPECT_EQ(verdict, "");

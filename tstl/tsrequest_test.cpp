@@ -98,9 +98,8 @@ TEST_F(TsRequestTest, StampsOverEachTransportAndOpenSslVerifiesTheFile) {
     EXPECT_EQ(verifyTimestampFile(target_, source_, *tsa), "");
   }
   std::string requests = tsa->stop();
-  for (const auto& c : cases)
-    EXPECT_NE(requests.find(c.serverSees), std::string::npos) << c.serverSees;
-  EXPECT_NE(requests.find("content_type=application/timestamp-query"), std::string::npos);
+  for (const auto& c : cases) EXPECT_TRUE(contains(requests, c.serverSees)) << c.serverSees;
+  EXPECT_TRUE(contains(requests, "content_type=application/timestamp-query"));
 }
 
 TEST_F(TsRequestTest, BasicAuthorizationIsSentAndRequiredAndNeverLogged) {
@@ -128,19 +127,19 @@ TEST_F(TsRequestTest, BasicAuthorizationIsSentAndRequiredAndNeverLogged) {
     EXPECT_FALSE(fileExists(target_));
   }
   std::string requests = tsa->stop();
-  EXPECT_NE(requests.find("transport=https path=/</x bytes="), std::string::npos);
-  EXPECT_NE(requests.find("auth=ok"), std::string::npos);
-  EXPECT_NE(requests.find("auth=bad"), std::string::npos);
-  EXPECT_NE(requests.find("auth=none"), std::string::npos);
+  EXPECT_TRUE(contains(requests, "transport=https path=/</x bytes="));
+  EXPECT_TRUE(contains(requests, "auth=ok"));
+  EXPECT_TRUE(contains(requests, "auth=bad"));
+  EXPECT_TRUE(contains(requests, "auth=none"));
   const std::string text = log.text();
   for (const char* shown : {"Parameter is null", "HTTP error-code = 401 (login needed\n)",
                             "TimestampRequester Authentication credentials set: ********",
                             "HEADER_OUT", "Authorization: Basic ********"}) {
-    EXPECT_NE(text.find(shown), std::string::npos) << shown;
+    EXPECT_TRUE(contains(text, shown)) << shown;
   }
   // The plain secret, its BASE64 (c3RhbXAtdXNlcjpzM2NyZXQtcGFzcw==) and pieces of it.
   for (const char* secret : {"s3cret-pass", "c3RhbXAtdXNlcjpzM2NyZXQtcGFzcw", "zM2NyZXQtcGFzcw"}) {
-    EXPECT_EQ(text.find(secret), std::string::npos) << secret;
+    EXPECT_FALSE(contains(text, secret)) << secret;
   }
 }
 
@@ -151,7 +150,7 @@ TEST_F(TsRequestTest, EmptyLoginAndPasswordStillSendTheHeader) {
   initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "http", nullptr);
   ASSERT_EQ(initStamperAuth("", ""), 0);
   EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), 0);
-  EXPECT_NE(tsa->stop().find("auth=ok"), std::string::npos);
+  EXPECT_TRUE(contains(tsa->stop(), "auth=ok"));
 }
 
 struct FaultCase {
