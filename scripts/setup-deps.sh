@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libcurl4-openssl-dev libssl-dev openssl
+  libcurl4-openssl-dev libssl-dev openssl curl
   libgtest-dev libgmock-dev libbenchmark-dev
   libtirpc-dev
   clang libclang-rt-14-dev rpcsvc-proto
