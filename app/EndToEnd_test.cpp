@@ -85,8 +85,11 @@ class EndToEndTest : public ::testing::Test {
     return runChild(args, options_);
   }
   // The end of a document's line in the test-mode output.
-  static std::string resultLine(const std::string& status, const std::string& doc) {
-    return " op=" + status + std::string(10 - status.size(), ' ') + " doc='" + doc + "'\n";
+  // The result line of doc; with its number (from 1) where the order matters.
+  static std::string resultLine(const std::string& status, const std::string& doc, int number = 0) {
+    char head[32] = "";
+    if (number > 0) snprintf(head, sizeof head, "]  0001 %04d", number);
+    return head + (" op=" + status + std::string(10 - status.size(), ' ') + " doc='" + doc + "'\n");
   }
   // kvmini handing out the documents of docs_ and the worker serving it
   // (log level 10); false when the registration was not seen.
@@ -689,7 +692,8 @@ TEST_F(EndToEndTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
     for (size_t i = 0; i < cases.size(); ++i) {
       const Case& c = cases[i];
       std::string doc = root + "/" + c.name;
-      EXPECT_TRUE(contains(r.out, resultLine(c.status, doc))) << r.out;
+      // Numbered in the documents' sorted order, whatever -jobs says.
+      EXPECT_TRUE(contains(r.out, resultLine(c.status, doc, static_cast<int>(i + 1)))) << r.out;
       for (const std::string& f : c.present) EXPECT_TRUE(fileExists(doc + "/" + f)) << doc << f;
       for (const std::string& f : c.absent) EXPECT_FALSE(fileExists(doc + "/" + f)) << doc << f;
       if (firstSnapshot.count(c.name) == 0) {

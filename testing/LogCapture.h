@@ -34,7 +34,7 @@ class LogCapture {
     Log::flush();
     return fileExists(dir_.file("log")) ? readFile(dir_.file("log")) : std::string();
   }
-  bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
+  bool contains(const std::string& part) const { return testing_support::contains(text(), part); }
   size_t count(const std::string& part) const {
     return static_cast<size_t>(testing_support::count(text(), part));
   }
