@@ -84,26 +84,8 @@ X509* TokenMaker::signer(const TokenShape& shape) {
 std::vector<uint8_t> TokenMaker::response(const TokenShape& shape) {
   testtsa::Signer* s = signerFor(shape);
   if (s == nullptr) return {};
-  testtsa::TokenShape token;
-  token.policyOid = shape.policyOid;
-  token.serial = shape.serial;
-  token.genTime = shape.genTime;
-  token.genTimeMicros = shape.genTimeMicros;
-  token.fractionDigits = shape.fractionDigits;
-  token.accuracy = shape.accuracySeconds >= 0;
-  token.accuracySeconds = shape.accuracySeconds;
-  token.accuracyMillis = shape.accuracyMillis;
-  token.ordering = shape.ordering;
-  token.tsaName = shape.tsaName;
-  token.ess = shape.essV1 ? testtsa::EssCertId::kV1 : testtsa::EssCertId::kV2;
-  token.essNamesIssuer = shape.essNamesCa;
-  token.signerDigest = EVP_get_digestbynid(shape.signerDigestNid);
-  token.flipSignature = shape.flipSignature;
-  token.status = shape.status;
-  token.statusTexts = shape.statusTexts;
-  token.failureBits = shape.failureBits;
   const std::string request = requestFor(shape);
-  std::string der = testtsa::TokenMaker(token, s).answer(request, &error_);
+  std::string der = testtsa::TokenMaker(shape, s).answer(request, &error_);
   if (request.empty() || der.empty()) {
     error_ += " " + takeOpenSslErrors();
     return {};

@@ -13,43 +13,35 @@
 #include <openssl/obj_mac.h>
 
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "tools/testtsa/CertMaker.h"
+#include "tools/testtsa/TokenMaker.h"
 #include "tools/testtsa/TsaPki.h"
 
 namespace testing_support {
 
 using SignerKey = testtsa::KeyKind;
 
-struct TokenShape {
+// The server's shape with the request side added, and defaults that the
+// tests compare against: a fixed serial 01 00, no accuracy, signingCertificateV2.
+struct TokenShape : testtsa::TokenShape {
+  TokenShape() {
+    policyOid = "1.3.6.1.4.1.7359.1.2";
+    serial = {0x01, 0x00};  // INTEGER content octets
+    accuracy = false;
+    ess = testtsa::EssCertId::kV2;
+  }
   SignerKey key = SignerKey::kRsa;
   int imprintNid = NID_sha256;
-  std::vector<uint8_t> digest;                 // empty: the digest of "clockette"
-  std::vector<uint8_t> serial = {0x01, 0x00};  // INTEGER content octets
-  std::vector<uint8_t> nonce;                  // INTEGER content octets; empty: none
-  std::string policyOid = "1.3.6.1.4.1.7359.1.2";
-  time_t genTime = 0;  // 0: now
-  long genTimeMicros = 0;
-  int fractionDigits = 0;    // of a second in genTime
-  int accuracySeconds = -1;  // -1: no accuracy
-  int accuracyMillis = 0;
-  bool ordering = false;
-  bool tsaName = false;
-  int signerDigestNid = NID_sha256;
-  bool essV1 = false;         // signingCertificate (SHA-1) instead of signingCertificateV2
-  bool essNamesCa = false;    // the ESS attribute names the CA certificate, not the signer
-  bool includeSigner = true;  // certReq: the token carries the signer and the CA
-  bool flipSignature = false;
+  std::vector<uint8_t> digest;    // empty: the digest of "clockette"
+  std::vector<uint8_t> nonce;     // INTEGER content octets; empty: none
+  bool includeSigner = true;      // certReq: the token carries the signer and the CA
   bool timestampingUsage = true;  // the signer certificate's extendedKeyUsage
   long signerFrom = -86400;       // signer validity, seconds from now
   long signerTo = 365L * 86400;
-  int status = 0;  // PKIStatus; above 1 the answer has no token
-  std::vector<std::string> statusTexts;
-  std::vector<int> failureBits;
 };
 
 class TokenMaker {

@@ -84,14 +84,14 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     TokenShape shape;
     shape.key = c.key;
     shape.imprintNid = c.imprintNid;
-    shape.signerDigestNid = c.signerDigestNid;
+    shape.signerDigest = EVP_get_digestbynid(c.signerDigestNid);
     shape.serial = testing_support::fromHex(c.serial);
-    shape.essV1 = has(c.flags, "essV1");
+    if (has(c.flags, "essV1")) shape.ess = testtsa::EssCertId::kV1;
     shape.includeSigner = certReq;
     if (nonce) shape.nonce = {0x7A, 0x01, 0x02};
     shape.genTime = 1700000000;
     if (extras) {
-      shape.accuracySeconds = 1;
+      shape.accuracy = true;
       shape.accuracyMillis = 500;
       shape.ordering = true;
       shape.tsaName = true;
@@ -229,6 +229,7 @@ TEST(CAsn1ietfTSResp, TruncatedResponsesNeverReadPastTheirEnd) {
   TokenShape shape;
   shape.key = SignerKey::kEc256;
   shape.nonce = {0x01, 0x02};
+  shape.accuracy = true;
   shape.accuracySeconds = 2;
   shape.tsaName = true;
   const Bytes der = maker().response(shape);

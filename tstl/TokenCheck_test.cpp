@@ -62,12 +62,12 @@ TEST(TokenCheck, TokensThatProveNothingAreRefused) {
          s->flipSignature = true;
        },
        imprintOnly, "signature does not hold"},
-      {"ESS names another certificate", [](TokenShape* s) { s->essNamesCa = true; }, imprintOnly,
-       "ESS certificate hash does not name the signer"},
+      {"ESS names another certificate", [](TokenShape* s) { s->essNamesIssuer = true; },
+       imprintOnly, "ESS certificate hash does not name the signer"},
       {"ESS v1 names another certificate",
        [](TokenShape* s) {
-         s->essV1 = true;
-         s->essNamesCa = true;
+         s->ess = testtsa::EssCertId::kV1;
+         s->essNamesIssuer = true;
        },
        imprintOnly, "ESS certificate hash does not name the signer"},
       {"nonce not echoed", plain, nonce1122, "carries no nonce, the request sent 1122"},
