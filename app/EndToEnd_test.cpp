@@ -78,11 +78,13 @@ class EndToEndTest : public ::testing::Test {
   }
 
   // clockette -test over docs_, logging to logs/clockette.log.
+  std::vector<std::string> testArgs(std::vector<std::string> extra = {}) const {
+    extra.insert(extra.begin(),
+                 {kProgram, "-test", "-testpath", docs_, "-logfile", "clockette.log"});
+    return extra;
+  }
   ChildResult runTest(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {kProgram, "-test",    "-testpath",
-                                     docs_,    "-logfile", "clockette.log"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    return runChild(args, options_);
+    return runChild(testArgs(std::move(extra)), options_);
   }
   // The end of a document's line in the test-mode output.
   // The result line of doc; with its number (from 1) where the order matters.
@@ -100,16 +102,10 @@ class EndToEndTest : public ::testing::Test {
     return served_.start(kv, {kProgram, "-logfile", "clockette.log", "-loglevel", "10"}, options_);
   }
   bool waitForLog(const std::string& part) const {
-    for (int i = 0; i < 1000 && !contains(log(), part); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return contains(log(), part);
+    return waitForText(dir_.file("logs/clockette.log"), part);
   }
   std::string log() const { return readIfThere(dir_.file("logs/clockette.log")); }
   std::string notices() const { return readIfThere(notices_); }
-  static std::string readIfThere(const std::string& path) {
-    return fileExists(path) ? readFile(path) : std::string();
-  }
   static std::string verify(const std::string& tst, const std::string& data) {
     return verifyTimestampFile(tst, data, *tsa_);
   }
@@ -314,7 +310,7 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
         c.name, "TIMESTAMP_FILE first.txt first.tst\nTIMESTAMP_FILE " + c.statement + "\n",
         {{"first.txt", "first"}, {"data.txt", "data"}});
     if (c.prepare) c.prepare(doc);
-    before[c.name] = fileExists(doc + "/COMMANDS") ? readFile(doc + "/COMMANDS") : "";
+    before[c.name] = readIfThere(doc + "/COMMANDS");
   }
 
   ChildResult r = runTest();
@@ -365,8 +361,7 @@ TEST_F(EndToEndTest, RunsKilledAtRandomLeaveEveryDocumentWhole) {
     docs.push_back(addDocument("d" + std::to_string(1000 + i), commands,
                                {{"data.txt", "data " + std::to_string(i)}, {"c.txt", "c"}}));
   }
-  std::vector<std::string> args = {kProgram, "-test",    "-testpath",
-                                   docs_,    "-logfile", "clockette.log"};
+  const std::vector<std::string> args = testArgs();
   std::uniform_int_distribution<int> delayMs(50, 1500);
   for (int k = 0; k < kKills; ++k) {
     BackgroundChild worker(args, options_);
@@ -793,9 +788,7 @@ TEST_F(EndToEndTest, FailuresThatMayPassAreRetriedOrSentOnAndAnswersAreNot) {
           o.faultCount = atol(peer.c_str() + peer.find('*') + 1);
         servers.emplace_back(startTsa(o));
         ASSERT_TRUE(servers.back()->ready());
-        port = protocol == "http"    ? servers.back()->httpPort()
-               : protocol == "https" ? servers.back()->httpsPort()
-                                     : servers.back()->tcpPort();
+        port = servers.back()->portFor(protocol);
       }
       std::string url = protocol + "://127.0.0.1:" + std::to_string(port);
       if (servers.size() == 1) {

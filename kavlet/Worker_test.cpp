@@ -7,11 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <map>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "testing/ChildProcess.h"
@@ -66,20 +64,8 @@ class WorkerProcessTest : public ::testing::Test {
   }
 
   std::string logPath() const { return dir_.file("logs/worker.log"); }
-  std::string logText() const { return fileExists(logPath()) ? readFile(logPath()) : ""; }
-  // Waits until the log holds part; false after timeoutSeconds.
-  bool waitForLog(const std::string& part, int timeoutSeconds = 20) const {
-    return waitForFile(logPath(), part, timeoutSeconds);
-  }
-  static bool waitForFile(const std::string& path, const std::string& part = "",
-                          int timeoutSeconds = 20) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-    while (std::chrono::steady_clock::now() < end) {
-      if (fileExists(path) && contains(readFile(path), part)) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-  }
+  std::string logText() const { return readIfThere(logPath()); }
+  bool waitForLog(const std::string& part) const { return waitForText(logPath(), part); }
 
   bool startRegistered(std::vector<std::string> kvArgs = {},
                        const std::map<std::string, std::string>& extraEnv = {}) {
@@ -287,7 +273,7 @@ TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
   std::string release = dir_.file("release");
   std::string held = document("held", "TESTWORKER hold " + release + "\n");
   EXPECT_EQ(order(held), "reply 1");  // acknowledged while the work goes on
-  ASSERT_TRUE(waitForFile(release + ".entered"));
+  ASSERT_TRUE(waitForText(release + ".entered"));
   kill(served_.worker->pid(), SIGTERM);
   ASSERT_TRUE(waitForLog("Got signal 15, exiting ..."));
   EXPECT_TRUE(served_.worker->running());

@@ -17,7 +17,7 @@ namespace {
 
 const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/testing/kvprot_peer";
 
-// Hex without blanks, as the peer writes it.
+// Hex without blanks.
 std::string compact(std::string hex) {
   hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
   return hex;
@@ -71,8 +71,7 @@ const std::string kV4Wire = "0000000200001234" + std::string("7f000001") + std::
 std::string peer(std::vector<std::string> args) {
   args.insert(args.begin(), kPeer);
   std::string out = runChild(args).out;
-  while (!out.empty() && out.back() == '\n') out.pop_back();
-  return out;
+  return compact(out.substr(0, out.find('\n')));
 }
 
 using Args = std::vector<std::string>;

@@ -1,15 +1,16 @@
 #include "testing/TempDir.h"
 
 #include <ftw.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-
-#include <gtest/gtest.h>
+#include <thread>
 
 namespace testing_support {
 
@@ -49,6 +50,19 @@ std::string readFile(const std::string& path) {
 bool fileExists(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0;
+}
+
+std::string readIfThere(const std::string& path) {
+  return fileExists(path) ? readFile(path) : std::string();
+}
+
+bool waitForText(const std::string& path, const std::string& part, int timeoutSeconds) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  while (!fileExists(path) || !contains(readFile(path), part)) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
 }
 
 void makeDir(const std::string& path) { ASSERT_EQ(mkdir(path.c_str(), 0755), 0) << path; }

@@ -27,6 +27,10 @@ class TempDir {
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
+// The file's text; "" when there is no such file.
+std::string readIfThere(const std::string& path);
+// Waits until the file holds part; false after timeoutSeconds.
+bool waitForText(const std::string& path, const std::string& part = "", int timeoutSeconds = 20);
 void makeDir(const std::string& path);
 
 // Whether text holds part.

@@ -41,6 +41,7 @@ class TestTsa {
   int httpPort() const { return port("http_port"); }
   int httpsPort() const { return port("https_port"); }
   int tcpPort() const { return port("tcp_port"); }
+  int portFor(const std::string& protocol) const { return port(protocol + "_port"); }
   std::string caFile() const { return value("ca_file"); }
   std::string tsaCertFile() const { return value("tsa_cert"); }
   // Stops the server and returns its request log (standard error). Later

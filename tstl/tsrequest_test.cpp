@@ -34,12 +34,6 @@ struct ScopedEnv {
   const char* name;
 };
 
-int portFor(const TestTsa& tsa, const std::string& protocol) {
-  if (protocol == "http") return tsa.httpPort();
-  if (protocol == "https") return tsa.httpsPort();
-  return tsa.tcpPort();
-}
-
 class TsRequestTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -93,7 +87,7 @@ TEST_F(TsRequestTest, StampsOverEachTransportAndOpenSslVerifiesTheFile) {
     for (size_t i = 0; i < c.dataSize; ++i) data += static_cast<char>('a' + i % 23);
     writeFile(source_, data);
     unlink(target_.c_str());
-    initTsServer(c.host, static_cast<uint16_t>(portFor(*tsa, c.protocol)), c.protocol, c.path);
+    initTsServer(c.host, static_cast<uint16_t>(tsa->portFor(c.protocol)), c.protocol, c.path);
     ASSERT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), 0);
     EXPECT_EQ(verifyTimestampFile(target_, source_, *tsa), "");
   }
@@ -112,7 +106,7 @@ TEST_F(TsRequestTest, BasicAuthorizationIsSentAndRequiredAndNeverLogged) {
   LogCapture log(LogCapture::kAllLevels);
   for (const char* protocol : {"http", "https"}) {
     SCOPED_TRACE(protocol);
-    initTsServer("127.0.0.1", static_cast<uint16_t>(portFor(*tsa, protocol)), protocol, "x");
+    initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->portFor(protocol)), protocol, "x");
     ASSERT_EQ(initStamperAuth("stamp-user", "s3cret-pass"), 0);
     EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), 0);
     EXPECT_EQ(verifyTimestampFile(target_, source_, *tsa), "");
@@ -183,8 +177,7 @@ TEST_F(TsRequestTest, BrokenServersAndAnswerLimitsGiveTheirResultCodes) {
     TestTsaOptions options;
     options.fault = c.fault;
     auto tsa = startTsa(options);
-    initTsServer("127.0.0.1", static_cast<uint16_t>(portFor(*tsa, c.protocol)), c.protocol,
-                 nullptr);
+    initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->portFor(c.protocol)), c.protocol, nullptr);
     LogCapture log;
     CAsn1messageImprint imprint;
     ASSERT_EQ(computeHash(source_.c_str(), getDigest(), &imprint), 0);

@@ -15,24 +15,12 @@
 #include <vector>
 
 #include "kvprot.h"
+#include "testing/Hex.h"
 
 namespace {
 
-std::string toHex(const char* p, size_t n) {
-  static const char digits[] = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) {
-    s += digits[(p[i] >> 4) & 15];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
-
-std::vector<char> fromHex(const std::string& h) {
-  std::vector<char> v;
-  for (size_t i = 0; i + 1 < h.size(); i += 2) v.push_back(std::stoi(h.substr(i, 2), nullptr, 16));
-  return v;
-}
+using testing_support::fromHex;
+using testing_support::toHex;
 
 // Reads the arguments one by one.
 struct Args {
@@ -51,7 +39,7 @@ struct Args {
   void address(sockaddr_kl* a) {
     a->family = static_cast<u_short>(atoi(next()));
     a->port = static_cast<u_short>(atoi(next()));
-    std::vector<char> b = fromHex(next());
+    std::vector<uint8_t> b = fromHex(next());
     memset(a->address, 0, sizeof a->address);
     memcpy(a->address, b.data(), b.size() < 16 ? b.size() : 16);
   }
@@ -73,8 +61,8 @@ int run(const Record<T>& rec, bool encode, Args& args) {
   if (encode) {
     rec.fill(args, &obj);
   } else {
-    std::vector<char> in = fromHex(args.next());
-    xdrmem_create(&x, in.data(), in.size(), XDR_DECODE);
+    std::vector<uint8_t> in = fromHex(args.next());
+    xdrmem_create(&x, reinterpret_cast<char*>(in.data()), in.size(), XDR_DECODE);
     bool decoded = rec.proc(&x, &obj) && xdr_getpos(&x) == in.size();
     if (!decoded) {
       xdr_free(rec.proc, reinterpret_cast<char*>(&obj));  // what was decoded before the failure
@@ -89,7 +77,7 @@ int run(const Record<T>& rec, bool encode, Args& args) {
     puts("FAILED");
     return 1;
   }
-  puts(toHex(buf.data(), xdr_getpos(&x)).c_str());
+  puts(toHex(reinterpret_cast<uint8_t*>(buf.data()), xdr_getpos(&x)).c_str());
   return 0;
 }
 
