@@ -86,8 +86,8 @@ class EndToEndTest : public ::testing::Test {
   ChildResult runTest(std::vector<std::string> extra = {}) {
     return runChild(testArgs(std::move(extra)), options_);
   }
-  // The end of a document's line in the test-mode output.
-  // The result line of doc; with its number (from 1) where the order matters.
+  // The end of doc's line in the test-mode output; with its number (from 1)
+  // where the order matters.
   static std::string resultLine(const std::string& status, const std::string& doc, int number = 0) {
     char head[32] = "";
     if (number > 0) snprintf(head, sizeof head, "]  0001 %04d", number);

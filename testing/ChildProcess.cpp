@@ -28,12 +28,11 @@ int decodeStatus(int status) {
   return -1;
 }
 
-// Forks and execs argv with pipes for stdin/stdout/stderr. Returns the pid.
-int spawn(const std::vector<std::string>& argv, const ChildOptions& o, int* inFd, int* outFd,
-          int* errFd) {
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-    return -1;
+// Forks and execs argv with pipes for stdout and stderr; standard input is
+// /dev/null, so a child that reads it sees its end at once. Returns the pid.
+int spawn(const std::vector<std::string>& argv, const ChildOptions& o, int* outFd, int* errFd) {
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return -1;
   // Everything the child needs is prepared before fork: no allocation after it.
   std::vector<std::string> envStrings;
   if (!o.clearEnv) {
@@ -57,7 +56,7 @@ int spawn(const std::vector<std::string>& argv, const ChildOptions& o, int* inFd
 
   int pid = fork();
   if (pid == 0) {
-    dup2(in[0], 0);
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
     dup2(out[1], 1);
     dup2(err[1], 2);
     if (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0) _exit(126);
@@ -67,16 +66,13 @@ int spawn(const std::vector<std::string>& argv, const ChildOptions& o, int* inFd
     execve(args[0], args.data(), envp.data());
     _exit(127);
   }
-  close(in[0]);
   close(out[1]);
   close(err[1]);
   if (pid < 0) {
-    close(in[1]);
     close(out[0]);
     close(err[0]);
     return -1;
   }
-  *inFd = in[1];
   *outFd = out[0];
   *errFd = err[0];
   return pid;
@@ -109,11 +105,10 @@ int waitPid(int pid, int timeoutSeconds) {
 
 ChildResult runChild(const std::vector<std::string>& argv, const ChildOptions& options) {
   ChildResult result;
-  int inFd, outFd, errFd;
-  int pid = spawn(argv, options, &inFd, &outFd, &errFd);
+  int outFd, errFd;
+  int pid = spawn(argv, options, &outFd, &errFd);
   if (pid < 0) return result;
   signal(SIGPIPE, SIG_IGN);
-  close(inFd);  // the child reads end-of-file
   long long deadline = nowMs() + options.timeoutSeconds * 1000LL;
   bool outOpen = true, errOpen = true;
   while (outOpen || errOpen) {
@@ -141,9 +136,7 @@ ChildResult runChild(const std::vector<std::string>& argv, const ChildOptions& o
 
 BackgroundChild::BackgroundChild(const std::vector<std::string>& argv,
                                  const ChildOptions& options) {
-  int inFd;
-  pid_ = spawn(argv, options, &inFd, &outFd_, &errFd_);
-  if (pid_ > 0) close(inFd);
+  pid_ = spawn(argv, options, &outFd_, &errFd_);
 }
 
 BackgroundChild::~BackgroundChild() {

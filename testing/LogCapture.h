@@ -32,7 +32,7 @@ class LogCapture {
   // Everything logged so far.
   std::string text() const {
     Log::flush();
-    return fileExists(dir_.file("log")) ? readFile(dir_.file("log")) : std::string();
+    return readIfThere(dir_.file("log"));
   }
   bool contains(const std::string& part) const { return testing_support::contains(text(), part); }
   size_t count(const std::string& part) const {

@@ -8,7 +8,8 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
+
+#include "testing/TempDir.h"
 
 namespace testing_support {
 
@@ -76,37 +77,24 @@ int TestTsa::port(const std::string& key) const {
 
 std::string verifyTimestampResponse(const std::string& responseDer, const std::string& dataFile,
                                     const std::string& caFile, const std::string& untrustedFile) {
-  char name[] = "/tmp/clockette-tsr-XXXXXX";
-  int fd = mkstemp(name);
-  if (fd < 0) return "cannot create a temporary file";
-  close(fd);
-  {
-    std::ofstream out(name, std::ios::binary | std::ios::trunc);
-    out << responseDer;
-  }
+  TempDir dir;
+  const std::string name = dir.file("response.tsr");
+  writeFile(name, responseDer);
   std::vector<std::string> argv = {"/usr/bin/openssl", "ts",      "-verify", "-in", name, "-data",
                                    dataFile,           "-CAfile", caFile};
   if (!untrustedFile.empty()) argv.insert(argv.end(), {"-untrusted", untrustedFile});
   ChildResult r = runChild(argv);
-  unlink(name);
   if (r.exitCode == 0 && r.out.find("Verification: OK") != std::string::npos) return "";
   return "openssl ts -verify exit " + std::to_string(r.exitCode) + ": " + r.out + r.err;
 }
 
 std::string requestOverTcp(const TestTsa& tsa, const std::string& dataFile, bool certReq) {
-  char name[] = "/tmp/clockette-tsq-XXXXXX";
-  int fd = mkstemp(name);
-  if (fd < 0) return std::string();
-  close(fd);
+  TempDir dir;
+  const std::string name = dir.file("request.tsq");
   std::vector<std::string> query = {"/usr/bin/openssl", "ts",      "-query", "-data",
                                     dataFile,           "-sha256", "-out",   name};
   if (certReq) query.push_back("-cert");
-  std::string request;
-  if (runChild(query).exitCode == 0) {
-    std::ifstream in(name, std::ios::binary);
-    request.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  unlink(name);
+  const std::string request = runChild(query).exitCode == 0 ? readFile(name) : std::string();
   if (request.empty()) return std::string();
 
   std::string frame;
@@ -119,7 +107,7 @@ std::string requestOverTcp(const TestTsa& tsa, const std::string& dataFile, bool
   addr.sin_port = htons(static_cast<uint16_t>(tsa.tcpPort()));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   std::string answer;
-  fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
       send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size())) {
     char buf[4096];
