@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <openssl/objects.h>
 
-#include <cstdio>
 #include <string>
 
 #include "testing/ChildProcess.h"
@@ -19,18 +18,11 @@ namespace {
 
 using namespace testing_support;
 
-// A file of size bytes that does not repeat with the block size.
-void writePattern(const std::string& path, size_t size) {
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  std::string chunk(65521, '\0');  // a prime length
-  for (size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>((i * 131 + 7) % 251);
-  for (size_t done = 0; done < size;) {
-    size_t n = std::min(chunk.size(), size - done);
-    ASSERT_EQ(fwrite(chunk.data(), 1, n, f), n);
-    done += n;
-  }
-  fclose(f);
+// size bytes that do not repeat with the block size: the pattern's period is prime.
+std::string pattern(size_t size) {
+  std::string out(size, '\0');
+  for (size_t i = 0; i < size; ++i) out[i] = static_cast<char>((i % 65521 * 131 + 7) % 251);
+  return out;
 }
 
 TEST(FileDigestTest, DigestEqualsOpenSslAtEverySize) {
@@ -44,7 +36,7 @@ TEST(FileDigestTest, DigestEqualsOpenSslAtEverySize) {
   TempDir dir;
   for (size_t size : sizes) {
     std::string path = dir.file("data-" + std::to_string(size));
-    writePattern(path, size);
+    writeFile(path, pattern(size));
     for (const auto& d : digests) {
       SCOPED_TRACE(std::to_string(size) + " bytes " + d.option);
       CAsn1messageImprint imprint;
