@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "testing/TempDir.h"
+#include "testing/TokenMaker.h"
 #include "tools/testtsa/CertMaker.h"
 #include "tstl/KeyType.h"
 
@@ -24,7 +25,6 @@ class TsSecInfoTest : public ::testing::Test {
   static void SetUpTestSuite() {
     dir_ = new TempDir();
     testtsa::CertAuthority ca;
-    ASSERT_TRUE(ca.ok());
     for (int type : {kKeyTypeRsa, kKeyTypeDsa}) {
       TsAsymKey key;
       ASSERT_EQ(key.generateKey(type, 2048), 0);
@@ -67,19 +67,15 @@ TEST_F(TsSecInfoTest, SignaturesOverDataAndOverHashesAgree) {
         TsSecInfo sec;
         std::string cert = withCert ? file(std::string(name) + ".pem") : "";
         ASSERT_EQ(sec.init(file(std::string(name) + ".key").c_str(), "pw", cert.c_str()), 0);
-        unsigned char hash[EVP_MAX_MD_SIZE];
-        unsigned int hashLength = 0;
-        ASSERT_EQ(EVP_Digest(data.data(), data.size(), hash, &hashLength, EVP_get_digestbynid(nid),
-                             nullptr),
-                  1);
+        const auto hash = testing_support::digestOf(nid, std::string(data.begin(), data.end()));
 
         std::vector<unsigned char> overData, overHash;
         ASSERT_EQ(sec.signData(data.data(), data.size(), nid, &overData), 0);
-        ASSERT_EQ(sec.signHash(hash, hashLength, nid, &overHash), 0);
+        ASSERT_EQ(sec.signHash(hash.data(), hash.size(), nid, &overHash), 0);
         // Either signature verifies either way.
         for (const auto& sig : {overData, overHash}) {
           EXPECT_EQ(sec.verifyData(data.data(), data.size(), nid, sig.data(), sig.size()), 0);
-          EXPECT_EQ(sec.verifyHash(hash, hashLength, nid, sig.data(), sig.size()), 0);
+          EXPECT_EQ(sec.verifyHash(hash.data(), hash.size(), nid, sig.data(), sig.size()), 0);
         }
         if (std::string(name) == "rsa") {
           EXPECT_EQ(overData, overHash);  // PKCS#1 v1.5 is deterministic
@@ -89,7 +85,7 @@ TEST_F(TsSecInfoTest, SignaturesOverDataAndOverHashesAgree) {
         other[0] ^= 1;
         EXPECT_EQ(sec.verifyData(other.data(), other.size(), nid, overData.data(), overData.size()),
                   -1);
-        EXPECT_EQ(sec.signHash(hash, hashLength - 1, nid, &overHash), -2);
+        EXPECT_EQ(sec.signHash(hash.data(), hash.size() - 1, nid, &overHash), -2);
       }
     }
   }
