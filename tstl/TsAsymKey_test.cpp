@@ -120,16 +120,13 @@ TEST_F(TsAsymKeyTest, EmptyPasswordWritesAPlainKey) {
 }
 
 TEST_F(TsAsymKeyTest, ProprietaryKeysLoadAndWrongPasswordFails) {
-  struct Case {
-    TsAsymKey* key;
-    bool traditional;
-  };
-  for (const Case& c : {Case{rsa_, false}, Case{dsa_, true}, Case{dsa_, false}}) {
-    SCOPED_TRACE(c.key->getKeyType() * 10 + c.traditional);
-    std::string file = proprietaryFile(*c.key, "pw", c.traditional);
+  for (const auto& [key, traditional] :
+       {std::pair{rsa_, false}, std::pair{dsa_, true}, std::pair{dsa_, false}}) {
+    SCOPED_TRACE(key->getKeyType() * 10 + traditional);
+    std::string file = proprietaryFile(*key, "pw", traditional);
     TsAsymKey loaded;
     ASSERT_EQ(loaded.loadKey(file.c_str(), "pw"), 0);
-    EXPECT_EQ(loaded.comparePublicKey(c.key->pkey()), 0);
+    EXPECT_EQ(loaded.comparePublicKey(key->pkey()), 0);
     EXPECT_TRUE(log_.contains("Loaded key from proprietary file \"" + file + "\""));
 
     // A failed load keeps the key held before.
@@ -180,7 +177,6 @@ TEST_F(TsAsymKeyTest, ImportExportRoundTrip) {
 
 TEST_F(TsAsymKeyTest, PublicKeyComparison) {
   EvpPkeyPtr pub = rsa_->getPublicKey();
-  ASSERT_NE(pub, nullptr);
   EXPECT_EQ(rsa_->comparePublicKey(pub.get()), 0);
   EXPECT_EQ(dsa_->comparePublicKey(pub.get()), 1);
   TsAsymKey other;
@@ -206,10 +202,9 @@ TEST_F(TsAsymKeyTest, SignAndVerify) {
       // Verified by OpenSSL with the public key alone.
       EvpPkeyPtr pub = key->getPublicKey();
       EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-      ASSERT_EQ(
-          EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_get_digestbynid(nid), nullptr, pub.get()),
-          1);
-      EXPECT_EQ(EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), data, n), 1);
+      EXPECT_TRUE(EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_get_digestbynid(nid), nullptr,
+                                       pub.get()) == 1 &&
+                  EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), data, n) == 1);
 
       sig[sig.size() / 2] ^= 0x01;
       EXPECT_EQ(key->verifyData(data, n, nid, sig.data(), static_cast<unsigned>(sig.size())), -1);
