@@ -99,13 +99,11 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
       shape.genTimeMicros = 250000;
     }
     const Bytes der = maker().response(shape);
-    ASSERT_FALSE(der.empty()) << maker().error();
-
     TokenExpectations expect;
     expect.hashNid = c.imprintNid;
     expect.digest = digestOf(c.imprintNid, "clockette");
     const TokenCheckResult r = checkTimestampResponse(der.data(), der.size(), &expect, nullptr);
-    EXPECT_TRUE(r.ok) << r.reason;
+    EXPECT_TRUE(r.ok) << r.reason << maker().error();
     EXPECT_EQ(r.facts.signatureChecked, certReq);  // without the signer nothing to check with
     EXPECT_EQ(r.facts.tsaName.find("CN = Clockette Token Signer") != std::string::npos, extras)
         << r.facts.tsaName;
@@ -124,9 +122,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     X509* signer = maker().signer(shape);
     EXPECT_EQ(resp.getCertCount(), certReq ? 2u : 0u);  // the signer and the CA
     bool signerAmongThem = false;
-    for (unsigned int i = 0; i < resp.getCertCount(); ++i) {
+    for (unsigned int i = 0; i < resp.getCertCount(); ++i)
       signerAmongThem = signerAmongThem || X509_cmp(resp.getCert(i)->x509(), signer) == 0;
-    }
     EXPECT_EQ(signerAmongThem, certReq);
 
     // The signer named in the token is the TSA certificate (its serial has no sign octet).
@@ -170,13 +167,12 @@ TEST(CAsn1ietfTSResp, RemovedCertificatesAreGoneFromTheEncodedToken) {
   CAsn1ietfTSResp again;
   ASSERT_EQ(decode(again, stripped), 0);
   EXPECT_EQ(again.getCertCount(), 0u);
-  testing_support::TempDir dir;
-  testing_support::writeFile(dir.file("data"), "clockette");
+  TempDir dir;
+  writeFile(dir.file("data"), "clockette");
   ASSERT_TRUE(maker().ca().writeCaPem(dir.file("ca.pem")));
   ASSERT_TRUE(testtsa::writeCertificates(dir.file("signer.pem"), {maker().signer(shape)}));
-  EXPECT_EQ(testing_support::verifyTimestampResponse(std::string(stripped.begin(), stripped.end()),
-                                                     dir.file("data"), dir.file("ca.pem"),
-                                                     dir.file("signer.pem")),
+  EXPECT_EQ(verifyTimestampResponse(std::string(stripped.begin(), stripped.end()), dir.file("data"),
+                                    dir.file("ca.pem"), dir.file("signer.pem")),
             "");
 }
 
@@ -247,9 +243,7 @@ TEST(CAsn1ietfTSResp, TruncatedResponsesNeverReadPastTheirEnd) {
       CAsn1ietfTSResp shrunk;
       const int rc = decode(shrunk, cut);
       EXPECT_FALSE(shrunk.hasToken()) << n;
-      if (rc == 0) {
-        EXPECT_EQ(shrunk.getStatus(), 0);
-      }
+      EXPECT_TRUE(rc != 0 || shrunk.getStatus() == 0) << n;
     }
   }
 }
