@@ -96,8 +96,7 @@ TEST(CAsn1IETFrequest, DecodedOptionalsKeepTheirFlags) {
 
 TEST(CAsn1IETFrequest, SkipsAnOptionalThatRunsPastTheRequest) {
   // The nonce claims 5 octets; only 3 are left inside the request.
-  const std::string imprint = "30 09 30 05 06 03 2b 0e 03 04 00 ";
-  std::string hex = "30 11 02 01 01 " + imprint + "02 05 01 02 03 04 05";
+  const char* hex = "30 11 02 01 01 30 09 30 05 06 03 2b 0e 03 04 00 02 05 01 02 03 04 05";
   CAsn1IETFrequest req;
   unsigned int pos = 0;
   ASSERT_EQ(setDerHex(req, hex, &pos), 0);
