@@ -6,7 +6,6 @@
 #include <climits>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "base/Log.h"
 #include "base/Setup.h"
@@ -22,8 +21,9 @@ class TestKavlet : public Kavlet {
   int service(const char*) override { return 1; }
 };
 
-const char* const kVariables[] = {"KVHOST",   "KVPORT",      "KVDIR",   "LOGLEVEL",  "LOG_DEBUG",
-                                  "LOG_INFO", "LOG_WARNING", "LOG_RPC", "LOG_ENTRY", "KT_ORDER"};
+const char* const kVariables[] = {"KVHOST",    "KVPORT",   "KVDIR",       "LOGLEVEL",
+                                  "LOG_DEBUG", "LOG_INFO", "LOG_WARNING", "LOG_RPC",
+                                  "LOG_ENTRY", "KT_ORDER", "CONFIG",      "ZEPH_SRV_LOG"};
 
 // Each test gets a configuration directory ($CONFIG/setup) and a log
 // directory (ZEPH_SRV_LOG), and leaves the environment, the current
@@ -43,8 +43,6 @@ class KavletTest : public ::testing::Test {
   void TearDown() override {
     ASSERT_EQ(chdir(cwd_.c_str()), 0);
     for (const char* v : kVariables) unsetenv(v);
-    unsetenv("CONFIG");
-    unsetenv("ZEPH_SRV_LOG");
     Log::setLogFile("stderr");
     Log::init();
   }
@@ -173,29 +171,27 @@ TEST_F(KavletTest, KvDirIsEnteredOnlyOutsideTestMode) {
   }
 }
 
-TEST_F(KavletTest, NumericLogLevelSwitchesFiveUpToItsValue) {
-  struct Case {
-    const char* level;
-    int highestOn;
-  } cases[] = {{"7", 7}, {"13", 13}, {"2", 4}, {"0", 4}};
-  for (const Case& c : cases) {
-    TestKavlet k;
-    Argv a{"w", "-loglevel", c.level};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    for (int level = 0; level <= 13; ++level)
-      EXPECT_EQ(Log::getLevel(level), level <= c.highestOn ? 1 : 0)
-          << "loglevel " << c.level << ", level " << level;
-  }
-}
-
-TEST_F(KavletTest, ParameterPackageSwitchesNamedLevels) {
+// A numeric level switches levels 5 up to its value on, the parameter
+// package switches levels by name.
+TEST_F(KavletTest, LogLevelOptionAndParameterPackageSwitchLevels) {
   writePackage("logging", "LOG_DEBUG=on\nLOG_WARNING=off\n");
-  TestKavlet k;
-  Argv a{"w", "-parafile", "logging"};
-  ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-  EXPECT_EQ(Log::getLevel(9), 1);
-  EXPECT_EQ(Log::getLevel(4), 0);
-  EXPECT_EQ(Log::getLevel(8), 0);
+  struct Case {
+    Argv args;
+    const char* levels;  // 0 to 13
+  } cases[] = {
+      {{"w", "-loglevel", "7"}, "11111111000000"},
+      {{"w", "-loglevel", "13"}, "11111111111111"},
+      {{"w", "-loglevel", "2"}, "11111000000000"},
+      {{"w", "-loglevel", "0"}, "11111000000000"},
+      {{"w", "-parafile", "logging"}, "11110000010000"},
+  };
+  for (Case& c : cases) {
+    TestKavlet k;
+    ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
+    for (int level = 0; level <= 13; ++level)
+      EXPECT_EQ(Log::getLevel(level), c.levels[level] - '0')
+          << c.args.texts[2] << ", level " << level;
+  }
 }
 
 TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
@@ -236,19 +232,13 @@ TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {
   }
 }
 
-TEST_F(KavletTest, UsageText) {
+TEST_F(KavletTest, UsageSettingsAndVersionTexts) {
   TestKavlet k;
   k.setProgname("/bin/worker");
   k.type = "stamper";
   testing::internal::CaptureStderr();
   k.printUsage();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), golden("usage.txt"));
-}
-
-TEST_F(KavletTest, SettingsAndVersionTexts) {
-  TestKavlet k;
-  k.setProgname("/bin/worker");
-  k.type = "stamper";
   k.kvDir = "/kv";
   k.kvHost = "kvhost";
   k.kvPort = 4711;
