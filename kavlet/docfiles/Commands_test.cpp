@@ -49,9 +49,7 @@ TEST_F(CommandsTest, LookupsFromMemoryLastMatchWins) {
   EXPECT_EQ(c->getValueFor1("comp", value), 0);
   List<String> comps;
   EXPECT_EQ(c->getValueFor3("COMP", comps), 2);
-  ASSERT_EQ(comps.count(), 2u);
-  EXPECT_EQ(comps[0], "a");
-  EXPECT_EQ(comps[1], "b");
+  EXPECT_EQ(std::vector<String>(comps.begin(), comps.end()), (std::vector<String>{"a", "b"}));
   EXPECT_EQ(c->findKey("BARE"), 1);
   // Once read, the file is not consulted again.
   writeFile(file(), "COMP z\n");
@@ -67,9 +65,8 @@ TEST_F(CommandsTest, LookupsFromMemoryLastMatchWins) {
   for (const char* k : {"BARE", "MISSING", "COMP"}) keys.put(k);
   List<CommandsEntries> first;
   EXPECT_EQ(c->read(keys, first), 1);
-  ASSERT_EQ(first.count(), 2u);
-  EXPECT_EQ(first[0], CommandsEntries("BARE", ""));
-  EXPECT_EQ(first[1], CommandsEntries("COMP", "a"));
+  EXPECT_EQ(std::vector<CommandsEntries>(first.begin(), first.end()),
+            (std::vector<CommandsEntries>{{"BARE", ""}, {"COMP", "a"}}));
 }
 
 TEST_F(CommandsTest, MissingFileReadsAsNoStatementsAndIsLookedForAgain) {

@@ -52,7 +52,6 @@ TEST(FileHOpenAndWrite, TypesModesAndRefusals) {
   EXPECT_EQ(f.writeLineToFile(""), 1);
   EXPECT_EQ(f.writeLineToFile("second"), 1);
   EXPECT_EQ(f.closeFile(), 1);
-  EXPECT_EQ(readFile(name), "a\tb \nsecond\n");
   ASSERT_EQ(f.openFile(FileH::kReadText), 1);
   EXPECT_EQ(f.writeLineToFile("to a read stream"), 0);
   EXPECT_TRUE(log.contains("can`t write string 'to a read stream' to '" + name + "': errno = '"));

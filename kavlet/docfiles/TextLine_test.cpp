@@ -99,12 +99,11 @@ TEST(TextLine, ResetOtherModesAndNullText) {
 
 // The switch is process-wide and read once, so each case runs in a process
 // of its own.
-std::string probeTokens(const std::vector<std::string>& steps, const char* value) {
-  std::vector<std::string> argv = {DOCFILES_PROBE};
-  argv.insert(argv.end(), steps.begin(), steps.end());
+std::string probeTokens(std::vector<std::string> steps, const char* value) {
+  steps.insert(steps.begin(), DOCFILES_PROBE);
   ChildOptions o;
   o.env["DOUBLE_QUOTED_COMMANDS_ARGUMENTS"] = value ? value : kUnset;
-  ChildResult r = runChild(argv, o);
+  ChildResult r = runChild(steps, o);
   EXPECT_EQ(r.exitCode, 0) << r.err;
   return r.out;
 }
@@ -155,12 +154,11 @@ TEST(GetKeyAndVal, KeysAndValues) {
 }
 
 TEST(SplitString, KeepsEmptyPieces) {
-  struct Case {
+  const struct {
     const char* text;
     char sep;
     std::vector<std::string> parts;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"a,,b", ',', {"a", "", "b"}},
       {"a,", ',', {"a", ""}},
       {",", ',', {"", ""}},
@@ -168,7 +166,7 @@ TEST(SplitString, KeepsEmptyPieces) {
       {"loglevel  9", ' ', {"loglevel", "", "9"}},
       {"", ',', {}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::vector<String> parts(5, String("stale"));
     ASSERT_EQ(SplitString::split(c.text, parts, c.sep), static_cast<int>(c.parts.size())) << c.text;
     for (size_t i = 0; i < c.parts.size(); ++i) EXPECT_EQ(parts[i].str(), c.parts[i]) << c.text;

@@ -52,7 +52,6 @@ TEST(UtlCopy, FailuresLeaveTheTargetAlone) {
     // A directory as source must not truncate the target before failing.
     EXPECT_EQ(copy(dir.file("adir").c_str(), dir.file("target").c_str()), 0);
     EXPECT_EQ(readFile(dir.file("target")), "keep me");
-    EXPECT_FALSE(fileExists(dir.file("new")));
     EXPECT_EQ(copy(dir.file("missing").c_str(), dir.file("new").c_str()), 0);
     EXPECT_FALSE(fileExists(dir.file("new")));
   }
