@@ -13,12 +13,10 @@
 //                             and closes; after statement n of the rewrite
 //                             it prints "STOPPED" and waits to be killed.
 //                             Prints "done <result>" if it gets to the end.
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "base/List.h"
@@ -37,12 +35,11 @@ void stopHere(int written) {
   for (;;) pause();
 }
 
-// Splits "a:b:c..." into at most n fields; the last keeps the rest.
-std::string field(const std::string& s, int index, int n) {
+// Field index (0 to 2) of "a:b:c"; the third keeps the rest, colons and all.
+std::string field(const std::string& s, int index) {
   size_t start = 0;
   for (int i = 0; i < index; ++i) start = s.find(':', start) + 1;
-  if (index == n - 1) return s.substr(start);
-  return s.substr(start, s.find(':', start) - start);
+  return s.substr(start, index == 2 ? std::string::npos : s.find(':', start) - start);
 }
 
 void tokens(const std::string& line) {
@@ -56,14 +53,14 @@ void tokens(const std::string& line) {
 }
 
 int proto(const std::string& args) {
-  Document doc(field(args, 0, 3).c_str(), "probe", atoi(field(args, 1, 3).c_str()));
-  doc.appendToProtocol(field(args, 2, 3).c_str());
+  Document doc(field(args, 0).c_str(), "probe", atoi(field(args, 1).c_str()));
+  doc.appendToProtocol(field(args, 2).c_str());
   return doc.closeAll();
 }
 
 int rewrite(const std::string& args) {
-  Document doc(field(args, 0, 3).c_str(), field(args, 1, 3).c_str(), 0);
-  g_stopAt = atoi(field(args, 2, 3).c_str());
+  Document doc(field(args, 0).c_str(), field(args, 1).c_str(), 0);
+  g_stopAt = atoi(field(args, 2).c_str());
   Commands::rewriteProbe = stopHere;
   List<CommandsEntries> all;
   doc.getAllValuesFromCommands(all);

@@ -30,11 +30,6 @@ namespace {
 
 constexpr int kHoldSeconds = 60;
 
-bool exists(const String& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
-
 class TestWorker : public Kavlet {
  public:
   bool oneShot = false;
@@ -59,10 +54,7 @@ class TestWorker : public Kavlet {
     log.msg(__LINE__, 8, "document '%s': %s", directory ? directory : "(none)", action.c_str());
     if (verb == "fail") return 0;
     if (verb == "result") return atoi(arg.c_str());
-    if (verb == "append") {
-      if (document == nullptr) return 0;
-      return document->appendToCommands(arg);
-    }
+    if (verb == "append") return document != nullptr ? document->appendToCommands(arg) : 0;
     if (verb == "hold") return hold(arg);
     return 1;
   }
@@ -71,7 +63,8 @@ class TestWorker : public Kavlet {
   static int hold(const String& file) {
     if (FILE* f = fopen((file + ".entered").c_str(), "w")) fclose(f);
     time_t end = time(nullptr) + kHoldSeconds;
-    while (!exists(file)) {
+    struct stat st;
+    while (stat(file.c_str(), &st) != 0) {
       if (time(nullptr) > end) return 0;
       usleep(10000);
     }
