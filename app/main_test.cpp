@@ -16,14 +16,10 @@ const char kBanner[] = "Kavane Core Kavlets CLOCKETTE 22.3.0 (Revision 22.3.0.12
 class ProgramTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    makeDir(dir_.file("setup"));
-    makeDir(dir_.file("logs"));
-    makeDir(dir_.file("docs"));
+    for (const char* d : {"setup", "logs", "docs"}) makeDir(dir_.file(d));
     options_.cwd = dir_.path();
     options_.env["CONFIG"] = dir_.path();
-    options_.env["ZEPH_SRV_LOG"] = kUnset;
-    options_.env["KVDIR"] = kUnset;
-    options_.env["ECM_CONF_DIRS"] = kUnset;
+    for (const char* v : {"ZEPH_SRV_LOG", "KVDIR", "ECM_CONF_DIRS"}) options_.env[v] = kUnset;
   }
   ChildResult run(std::vector<std::string> args) {
     args.insert(args.begin(), kProgram);

@@ -191,8 +191,7 @@ TEST_F(SetupTest, AFailedStoreStopsReading) {
   setEnvironmentSetter(nullptr, nullptr);
   setenv("ST_UNSET", "", 1);
   for (const char* line : {"$ST_UNSET=b", "=b", "  = b"}) {
-    unsetenv("ST_1");
-    unsetenv("ST_3");
+    for (const char* v : {"ST_1", "ST_3"}) unsetenv(v);
     writePackage("P", std::string("ST_1=a\n") + line + "\nST_3=c\n");
     EXPECT_EQ(readSetup("P"), 0) << line;
     EXPECT_EQ(env("ST_1"), "a") << line;

@@ -35,8 +35,7 @@ class KavletTest : public ::testing::Test {
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     cwd_ = cwd;
     for (const char* v : kVariables) unsetenv(v);
-    makeDir(config_.file("setup"));
-    makeDir(config_.file("logs"));
+    for (const char* d : {"setup", "logs"}) makeDir(config_.file(d));
     setenv("CONFIG", config_.path().c_str(), 1);
     setenv("ZEPH_SRV_LOG", config_.file("logs").c_str(), 1);
   }
@@ -153,11 +152,9 @@ TEST_F(KavletTest, TestModeOption) {
 }
 
 TEST_F(KavletTest, KvDirIsEnteredOnlyOutsideTestMode) {
-  makeDir(config_.file("kv"));
-  makeDir(config_.file("kv/sub"));
-  std::string windowsStyle = config_.path() + "\\kv\\sub";
+  for (const char* d : {"kv", "kv/sub"}) makeDir(config_.file(d));
+  setenv("KVDIR", (config_.path() + "\\kv\\sub").c_str(), 1);  // Windows style
   std::string expected = config_.path() + "/kv/sub";
-  setenv("KVDIR", windowsStyle.c_str(), 1);
   Argv inTest{"w", "-test"}, outside{"w"};
   for (Argv* a : {&inTest, &outside}) {
     const bool test = a == &inTest;
@@ -208,7 +205,6 @@ TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
     Argv a{"/bin/w", "-type", "", "-logfile", "sub.log"};
     ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
     EXPECT_EQ(k.logFile, "sub.log");
-    Log::setLogFile("stderr");
   }
   EXPECT_TRUE(fileExists(config_.file("logs/sub.log")));
   std::string text = readFile(config_.file("logs/stamper.log"));
