@@ -122,8 +122,9 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     X509* signer = maker().signer(shape);
     EXPECT_EQ(resp.getCertCount(), certReq ? 2u : 0u);  // the signer and the CA
     bool signerAmongThem = false;
-    for (unsigned int i = 0; i < resp.getCertCount(); ++i)
+    for (unsigned int i = 0; i < resp.getCertCount(); ++i) {
       signerAmongThem = signerAmongThem || X509_cmp(resp.getCert(i)->x509(), signer) == 0;
+    }
     EXPECT_EQ(signerAmongThem, certReq);
 
     // The signer named in the token is the TSA certificate (its serial has no sign octet).
