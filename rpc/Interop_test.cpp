@@ -2,7 +2,6 @@
 // our service, and our client calls a libtirpc server (tirpc_peer).
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "rpc/Clnt.h"
@@ -10,9 +9,9 @@
 #include "testing/rpcpeer/ServiceLoop.h"
 #include "testing/rpcpeer/TestProg.h"
 
+using rpc_test::callAdd;
 using rpc_test::ServiceLoop;
 using rpc_test::UdpSocket;
-using rpc_test::xdrPair;
 
 namespace {
 
@@ -67,9 +66,8 @@ TEST(Interop, OurClientCallsATirpcServer) {
   ASSERT_TRUE(cl);
   EXPECT_EQ(RPC_SUCCESS, clnt_call(cl.get(), TESTPROC_NULL, xdr_proc<xdr_void>, nullptr,
                                    xdr_proc<xdr_void>, nullptr, total));
-  int ab[2] = {-5, 47}, sum = 0;
-  EXPECT_EQ(RPC_SUCCESS, clnt_call(cl.get(), TESTPROC_ADD, xdr_proc<xdrPair>, ab, xdr_proc<xdr_int>,
-                                   &sum, total));
+  int sum = 0;
+  EXPECT_EQ(RPC_SUCCESS, callAdd(cl.get(), -5, 47, &sum, total));
   EXPECT_EQ(42, sum);
   char* in = const_cast<char*>("odd length");
   char* out = nullptr;

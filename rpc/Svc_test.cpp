@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <random>
 #include <thread>
 
@@ -18,21 +17,14 @@
 #include "testing/rpcpeer/ServiceLoop.h"
 #include "testing/rpcpeer/TestProg.h"
 
+using rpc_test::callAdd;
 using rpc_test::ServiceLoop;
 using rpc_test::UdpSocket;
 using rpc_test::words;
-using rpc_test::xdrPair;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-const timeval kTotal = {3, 0};
-
-clnt_stat add(CLIENT* cl, int a, int b, int* sum) {
-  int args[2] = {a, b};
-  return clnt_call(cl, TESTPROC_ADD, xdr_proc<xdrPair>, args, xdr_proc<xdr_int>, sum, kTotal);
-}
 
 // Sends one datagram from a plain socket and returns the reply (empty when
 // none came within timeoutMs).
@@ -40,8 +32,7 @@ Bytes exchange(int port, const Bytes& request, int timeoutMs = 1000) {
   UdpSocket s;
   s.sendTo(request, UdpSocket::loopback(port));
   Bytes reply;
-  sockaddr_in from;
-  if (!s.receive(&reply, &from, timeoutMs)) reply.clear();
+  if (!s.receive(&reply, timeoutMs)) reply.clear();
   return reply;
 }
 
@@ -82,7 +73,7 @@ TEST(Svc, KeepsServingAfterGarbageDatagrams) {
   EXPECT_TRUE(exchange(svc.port(), big, 300).empty());
   ClientPtr cl(svc.client());
   int sum = 0;
-  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 40, 2, &sum));
+  EXPECT_EQ(RPC_SUCCESS, callAdd(cl.get(), 40, 2, &sum));
   EXPECT_EQ(42, sum);
 }
 
@@ -104,7 +95,7 @@ TEST(Svc, NeitherASignalNorTerminateCutsTheWaitShort) {
   // The request that wakes it is still served, and then the loop ends.
   ClientPtr cl(svc.client());
   int sum = 0;
-  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 1, 1, &sum));
+  EXPECT_EQ(RPC_SUCCESS, callAdd(cl.get(), 1, 1, &sum));
   for (int i = 0; i < 100 && !svc.done(); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_TRUE(svc.done());
@@ -179,7 +170,7 @@ TEST(Svc, IPv4AndIPv6ServicesShareAPort) {
   ClientPtr cl(clntudp_create(&loop6, TESTPROG, TESTVERS, {1, 0}, &sock));
   ASSERT_TRUE(cl);
   int sum = 0;
-  EXPECT_EQ(RPC_SUCCESS, add(cl.get(), 6, 7, &sum));
+  EXPECT_EQ(RPC_SUCCESS, callAdd(cl.get(), 6, 7, &sum));
   EXPECT_EQ(13, sum);
   svc.stop();
   svc_destroy(v6);
@@ -194,13 +185,13 @@ TEST(Svc, DispatchesADatagramHandedInWithoutTheLoop) {
                   sizeof from);
   Bytes reply;
   sockaddr_in replyFrom;
-  ASSERT_TRUE(caller.receive(&reply, &replyFrom, 1000));
+  ASSERT_TRUE(caller.receive(&reply, 1000, &replyFrom));
   EXPECT_EQ(words({5, 1, 0, 0, 0, 0, 3}), reply);
   EXPECT_EQ(svc.port(), ntohs(replyFrom.sin_port)) << "answered from the service's socket";
   // Too short to be a call: nothing is answered.
   svcudp_dispatch(svc.xprt(), call.data(), 12, reinterpret_cast<const sockaddr*>(&from),
                   sizeof from);
-  EXPECT_FALSE(caller.receive(&reply, &replyFrom, 200));
+  EXPECT_FALSE(caller.receive(&reply, 200));
 }
 
 }  // namespace

@@ -18,6 +18,12 @@ namespace rpc_test {
 
 inline bool_t xdrPair(XDR* x, int* p) { return xdr_int(x, &p[0]) && xdr_int(x, &p[1]); }
 
+// Asks the service behind cl for a + b.
+inline clnt_stat callAdd(CLIENT* cl, int a, int b, int* sum, timeval total = {3, 0}) {
+  int ab[2] = {a, b};
+  return clnt_call(cl, TESTPROC_ADD, xdr_proc<xdrPair>, ab, xdr_proc<xdr_int>, sum, total);
+}
+
 // NULL, ADD (int, int -> sum), ECHO (string -> string), 3: SYSTEM_ERR, else PROC_UNAVAIL.
 inline void testDispatch(svc_req* rq, SVCXPRT* xprt) {
   switch (rq->rq_proc) {

@@ -58,14 +58,15 @@ class UdpSocket {
   int port() const { return port_; }
   sockaddr_in address() const { return loopback(port_); }
 
-  // Next datagram within timeoutMs; false when none came.
-  bool receive(std::vector<uint8_t>* data, sockaddr_in* from, int timeoutMs) {
+  // Next datagram within timeoutMs, and its sender in *from if given; false
+  // when none came.
+  bool receive(std::vector<uint8_t>* data, int timeoutMs, sockaddr_in* from = nullptr) {
     pollfd p{fd_, POLLIN, 0};
     if (poll(&p, 1, timeoutMs) <= 0) return false;
     data->resize(65536);
     socklen_t len = sizeof *from;
-    ssize_t n =
-        recvfrom(fd_, data->data(), data->size(), 0, reinterpret_cast<sockaddr*>(from), &len);
+    ssize_t n = recvfrom(fd_, data->data(), data->size(), 0, reinterpret_cast<sockaddr*>(from),
+                         from ? &len : nullptr);
     if (n < 0) return false;
     data->resize(static_cast<size_t>(n));
     return true;
