@@ -58,27 +58,22 @@ int run(const Record<T>& rec, bool encode, Args& args) {
   memset(&obj, 0, sizeof obj);
   std::vector<char> buf(65536);
   XDR x;
+  bool ok = true;
   if (encode) {
     rec.fill(args, &obj);
   } else {
     std::vector<uint8_t> in = fromHex(args.next());
     xdrmem_create(&x, reinterpret_cast<char*>(in.data()), in.size(), XDR_DECODE);
-    bool decoded = rec.proc(&x, &obj) && xdr_getpos(&x) == in.size();
-    if (!decoded) {
-      xdr_free(rec.proc, reinterpret_cast<char*>(&obj));  // what was decoded before the failure
-      puts("FAILED");
-      return 1;
-    }
+    ok = rec.proc(&x, &obj) && xdr_getpos(&x) == in.size();
   }
-  xdrmem_create(&x, buf.data(), buf.size(), XDR_ENCODE);
-  bool encoded = rec.proc(&x, &obj);
+  if (ok) {
+    xdrmem_create(&x, buf.data(), buf.size(), XDR_ENCODE);
+    ok = rec.proc(&x, &obj);
+  }
+  // Decoded strings, also those decoded before a failure, are ours to free.
   if (!encode) xdr_free(rec.proc, reinterpret_cast<char*>(&obj));
-  if (!encoded) {
-    puts("FAILED");
-    return 1;
-  }
-  puts(toHex(reinterpret_cast<uint8_t*>(buf.data()), xdr_getpos(&x)).c_str());
-  return 0;
+  puts(ok ? toHex(reinterpret_cast<uint8_t*>(buf.data()), xdr_getpos(&x)).c_str() : "FAILED");
+  return ok ? 0 : 1;
 }
 
 const Record<sockaddr_kl> kSockaddr = {(xdrproc_t)xdr_sockaddr_kl,

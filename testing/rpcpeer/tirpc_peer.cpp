@@ -124,22 +124,18 @@ int call(int argc, char** argv) {
     res = &text;
   }
   const clnt_stat st = clnt_call(cl, proc, (xdrproc_t)encodeArgs, nullptr, xres, (char*)res, total);
-  if (st != RPC_SUCCESS) {
+  if (st != RPC_SUCCESS)
     printf("ERR %s\n", clnt_sperror(cl, "call"));
-    fflush(stdout);
-    clnt_destroy(cl);
-    return 1;
-  }
-  if (result == "int")
+  else if (result == "int")
     printf("OK %d\n", number);
   else if (result == "str")
     printf("OK %s\n", text);
   else
     printf("OK\n");
   fflush(stdout);
-  clnt_freeres(cl, xres, (char*)res);
+  if (st == RPC_SUCCESS) clnt_freeres(cl, xres, (char*)res);
   clnt_destroy(cl);
-  return 0;
+  return st == RPC_SUCCESS ? 0 : 1;
 }
 
 }  // namespace
