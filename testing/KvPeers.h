@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdlib>
 #include <memory>
 #include <regex>
 #include <string>
@@ -79,9 +78,8 @@ class KvMini : public LinePeer {
 
  private:
   static std::vector<std::string> argv(std::vector<std::string> extra) {
-    std::vector<std::string> a = {kvminiPath(), "serve", "--port", "0"};
-    a.insert(a.end(), extra.begin(), extra.end());
-    return a;
+    extra.insert(extra.begin(), {kvminiPath(), "serve", "--port", "0"});
+    return extra;
   }
   int port_ = -1;
 };
