@@ -109,8 +109,7 @@ TEST(Svc, RefusesDescriptorsFromNofileOn) {
     setrlimit(RLIMIT_NOFILE, &lim);
   }
   if (lim.rlim_cur <= NOFILE) GTEST_SKIP() << "descriptor limit too low";
-  testing_support::LogCapture log;
-  Log::setLevel(10, 1);
+  testing_support::LogCapture log(testing_support::LogCapture::kAllLevels);
   const int s = socket(AF_INET, SOCK_DGRAM, 0);
   ASSERT_EQ(NOFILE - 1, dup2(s, NOFILE - 1));
   ASSERT_EQ(NOFILE, dup2(s, NOFILE));
@@ -127,7 +126,6 @@ TEST(Svc, RefusesDescriptorsFromNofileOn) {
   EXPECT_EQ(NOFILE, svc_maxsock);
   svc_destroy(last);
   EXPECT_LT(svc_maxsock, NOFILE);
-  Log::setLevel(10, 0);
 }
 
 TEST(Svc, SelectFailureEndsTheLoop) {
