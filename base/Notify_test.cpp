@@ -26,7 +26,7 @@ TEST(NotifyTest, PlaceholdersTakeTheBracedArgumentsInOrder) {
       // Balanced braces stay inside an argument; an open one runs to the end.
       {"'%1' '%2'", "{a{b}c} {open", "SRV BASE 700 ERR: 'a{b}c' 'open'"},
       // A notification stays one line whatever the arguments hold.
-      {"'%1'", "{line\none\rtwo}", "SRV BASE 700 ERR: 'line one two'"},
+      {"'%1'", "{line\none\rtwo\177three\tfour}", "SRV BASE 700 ERR: 'line one two three four'"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(formatNotification("SRV", "BASE", 700, "ERR", c.messageTemplate, c.arguments).str(),

@@ -123,6 +123,8 @@ TEST(KVclientTest, EnvironmentOverridesKvAnswersAndBoundsOfTheReport) {
   EXPECT_EQ(stepResult(r, "crt2"), 3);
   EXPECT_EQ(stepResult(r, "crt"), 3);
   EXPECT_TRUE(contains(r.err, "KV refuses document"));
+  EXPECT_TRUE(contains(r.err, "document path '" + path + "' is longer than the 128 bytes of a " +
+                                  "report: reported as '..." + std::string(124, 'n') + "'"));
   std::string line;
   ASSERT_TRUE(kv.waitFor("OP ", &line));
   EXPECT_TRUE(contains(line, "document=\"..." + std::string(124, 'n') + "\" text2=\"" +

@@ -68,6 +68,7 @@ TEST(CAsn1string, CompareGetIntegerAndLogText) {
   EXPECT_EQ(CAsn1string(0x02, four, 4).getInteger(), 0x01020304);
   EXPECT_EQ(CAsn1string(0x02, five, 5).getInteger(), 0);
   EXPECT_EQ(CAsn1string(0x02).getInteger(), 0);
-  CAsn1string s(0x04, reinterpret_cast<const unsigned char*>("0123456789"), 10);
-  EXPECT_EQ(s.logText(), "STRING[4](10 bytes) 30 31 32 33 34 35 36 37:01234567");
+  // Only printable ASCII is shown as it is: DEL is a dot too.
+  CAsn1string s(0x04, reinterpret_cast<const unsigned char*>("012345\177789"), 10);
+  EXPECT_EQ(s.logText(), "STRING[4](10 bytes) 30 31 32 33 34 35 7F 37:012345.7");
 }

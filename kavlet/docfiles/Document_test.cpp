@@ -51,7 +51,11 @@ TEST_F(DocumentTest, CommandsReadabilityLeavesTheFileClosed) {
     makeDir(doc);
     c.make(doc + "/COMMANDS");
     Document document(doc.c_str(), "clockette", 0);
+    LogCapture log;
     EXPECT_EQ(document.commandsReadable(), c.readable) << c.name;
+    EXPECT_EQ(log.contains("COMMANDS file '" + doc + "/COMMANDS' exists but cannot be read"),
+              c.readable == 0)
+        << log.text();
     EXPECT_EQ(document.hasReadPermission(), c.openable) << c.name;
   }
 }
