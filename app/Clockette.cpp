@@ -25,13 +25,13 @@
 #include "base/SideThread.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
-#include "kavlet/docfiles/Document.h"
-#include "kavlet/docfiles/TextLine.h"
-#include "kavlet/docfiles/utl.h"
-#include "tstl/CAsn1messageImprint.h"
-#include "tstl/CAsn1string.h"
-#include "tstl/Der.h"
-#include "tstl/tsrequest.h"
+#include "docfiles/Document.h"
+#include "docfiles/TextLine.h"
+#include "docfiles/utl.h"
+#include "der/CAsn1messageImprint.h"
+#include "der/CAsn1string.h"
+#include "der/Der.h"
+#include "tsclient/tsrequest.h"
 
 namespace {
 

@@ -20,8 +20,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "tstl/CAsn1messageImprint.h"
-#include "tstl/tsrequest.h"
+#include "der/CAsn1messageImprint.h"
+#include "tsclient/tsrequest.h"
 
 namespace {
 

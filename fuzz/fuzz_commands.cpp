@@ -18,9 +18,9 @@
 #include "base/List.h"
 #include "base/Log.h"
 #include "base/String.h"
-#include "kavlet/docfiles/Commands.h"
-#include "kavlet/docfiles/CommandsEntries.h"
-#include "kavlet/docfiles/TextLine.h"
+#include "docfiles/Commands.h"
+#include "docfiles/CommandsEntries.h"
+#include "docfiles/TextLine.h"
 
 namespace {
 

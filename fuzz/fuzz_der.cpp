@@ -11,19 +11,19 @@
 #include <vector>
 
 #include "base/Log.h"
-#include "tstl/CAsn1algorithmIdentifier.h"
-#include "tstl/CAsn1bitString.h"
-#include "tstl/CAsn1boolean.h"
-#include "tstl/CAsn1integer.h"
-#include "tstl/CAsn1issuerSerial.h"
-#include "tstl/CAsn1messageImprint.h"
-#include "tstl/CAsn1name.h"
-#include "tstl/CAsn1nameAttribute.h"
-#include "tstl/CAsn1oid.h"
-#include "tstl/CAsn1size.h"
-#include "tstl/CAsn1string.h"
-#include "tstl/CAsn1time.h"
-#include "tstl/asn1request.h"
+#include "der/CAsn1algorithmIdentifier.h"
+#include "der/CAsn1bitString.h"
+#include "der/CAsn1boolean.h"
+#include "der/CAsn1integer.h"
+#include "der/CAsn1issuerSerial.h"
+#include "der/CAsn1messageImprint.h"
+#include "der/CAsn1name.h"
+#include "der/CAsn1nameAttribute.h"
+#include "der/CAsn1oid.h"
+#include "der/CAsn1size.h"
+#include "der/CAsn1string.h"
+#include "der/CAsn1time.h"
+#include "der/asn1request.h"
 
 namespace {
 

@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "base/Log.h"
-#include "tstl/CAsn1contentInfo.h"
-#include "tstl/CAsn1ietfTSResp.h"
-#include "tstl/CAsn1string.h"
-#include "tstl/CCertInfo.h"
-#include "tstl/Der.h"
-#include "tstl/TokenCheck.h"
+#include "der/CAsn1contentInfo.h"
+#include "der/CAsn1ietfTSResp.h"
+#include "der/CAsn1string.h"
+#include "der/CCertInfo.h"
+#include "der/Der.h"
+#include "tsclient/TokenCheck.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "base/Log.h"
 #include "kavlet/Kavlet.h"
-#include "kavlet/docfiles/SplitString.h"
+#include "docfiles/SplitString.h"
 
 namespace {
 

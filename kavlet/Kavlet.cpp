@@ -13,7 +13,7 @@
 #include "base/SettingsLine.h"
 #include "base/Setup.h"
 #include "base/SystemError.h"
-#include "kavlet/docfiles/Document.h"
+#include "docfiles/Document.h"
 
 Kavlet* theKavlet = nullptr;
 

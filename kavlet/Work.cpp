@@ -8,8 +8,8 @@
 #include "base/Metrics.h"
 #include "base/Stop.h"
 #include "kavlet/Kavlet.h"
-#include "kavlet/docfiles/Document.h"
-#include "kavlet/docfiles/DocumentLock.h"
+#include "docfiles/Document.h"
+#include "docfiles/DocumentLock.h"
 #include "kvrpc/KVclient.h"
 
 namespace {

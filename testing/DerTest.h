@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "testing/Hex.h"
-#include "tstl/CAsn1object.h"
-#include "tstl/Der.h"
+#include "der/CAsn1object.h"
+#include "der/Der.h"
 
 namespace testing_support {
 

@@ -3,7 +3,7 @@
 #include <openssl/ts.h>
 
 #include "tools/testtsa/TokenMaker.h"
-#include "tstl/OpenSslErrors.h"
+#include "ossl/OpenSslErrors.h"
 
 namespace testing_support {
 namespace {

@@ -21,8 +21,8 @@
 
 #include "base/List.h"
 #include "base/String.h"
-#include "kavlet/docfiles/Document.h"
-#include "kavlet/docfiles/TextLine.h"
+#include "docfiles/Document.h"
+#include "docfiles/TextLine.h"
 
 namespace {
 

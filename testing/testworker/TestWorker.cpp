@@ -24,7 +24,7 @@
 #include "base/Setup.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
-#include "kavlet/docfiles/Document.h"
+#include "docfiles/Document.h"
 
 namespace {
 

@@ -15,10 +15,10 @@
 #include <memory>
 
 #include "base/Owners.h"
-#include "tstl/CAsn1messageImprint.h"
-#include "tstl/CAsn1string.h"
-#include "tstl/OpenSslPtr.h"
-#include "tstl/generateTimestamp.h"
+#include "der/CAsn1messageImprint.h"
+#include "der/CAsn1string.h"
+#include "ossl/OpenSslPtr.h"
+#include "tssign/generateTimestamp.h"
 
 namespace localtsa {
 

@@ -13,9 +13,9 @@
 
 #include "tools/localtsa/LocalTsaServer.h"
 #include "tools/testtsa/CertMaker.h"
-#include "tstl/KeyType.h"
-#include "tstl/OpenSslErrors.h"
-#include "tstl/TsAsymKey.h"
+#include "ossl/KeyType.h"
+#include "ossl/OpenSslErrors.h"
+#include "tssign/TsAsymKey.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <initializer_list>
 #include <string>
 
-#include "tstl/OpenSslPtr.h"
+#include "ossl/OpenSslPtr.h"
 
 namespace testtsa {
 

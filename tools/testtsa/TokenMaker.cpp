@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "tstl/OpenSslErrors.h"
+#include "ossl/OpenSslErrors.h"
 
 namespace testtsa {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "tstl/OpenSslErrors.h"
+#include "ossl/OpenSslErrors.h"
 
 namespace testtsa {
 namespace {

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <thread>
 
-#include "tstl/OpenSslErrors.h"
+#include "ossl/OpenSslErrors.h"
 
 namespace testtsa {
 namespace {

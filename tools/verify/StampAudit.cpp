@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "base/Owners.h"
-#include "tstl/OpenSslPtr.h"
-#include "tstl/zpcryptbase.h"
+#include "ossl/OpenSslPtr.h"
+#include "encoding/Base64Crc.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "tools/verify/StampedFiles.h"
-#include "tstl/TokenCheck.h"
+#include "tsclient/TokenCheck.h"
 
 struct StampAudit {
   bool ok = false;

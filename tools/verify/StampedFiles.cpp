@@ -10,8 +10,8 @@
 #include "base/List.h"
 #include "base/Owners.h"
 #include "base/String.h"
-#include "kavlet/docfiles/Commands.h"
-#include "kavlet/docfiles/TextLine.h"
+#include "docfiles/Commands.h"
+#include "docfiles/TextLine.h"
 
 namespace {
 

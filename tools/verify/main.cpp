@@ -13,7 +13,7 @@
 #include "base/Log.h"
 #include "tools/verify/StampAudit.h"
 #include "tools/verify/StampedFiles.h"
-#include "tstl/TokenCheck.h"
+#include "tsclient/TokenCheck.h"
 
 namespace {
 

@@ -1,0 +1,48 @@
+// CAsn1name: an X.509 name of at most 10 relative distinguished names.
+// ASN.1: Name ::= SEQUENCE OF RelativeDistinguishedName
+//
+// Two limits on purpose: decoding reads up to 10 attributes (an 11th is left
+// unread), addVal stops at 9. Keep both.
+#ifndef DER_CASN1NAME_H_
+#define DER_CASN1NAME_H_
+
+#include "der/CAsn1nameAttribute.h"
+#include "der/CAsn1object.h"
+#include "der/CAsn1size.h"
+#include "der/CAsn1string.h"
+
+class CAsn1name : public CAsn1object {
+ public:
+  static constexpr int kMaxAttributes = 10;
+  static constexpr int kMaxAddedAttributes = 9;
+
+  CAsn1name() = default;
+
+  // 30, length, the attributes in order.
+  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  // 0x30 required (else -1 without a message); attributes while the octets
+  // consumed are fewer than the length and fewer than 10 were read.
+  int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
+  // Also stores the content length in length.
+  unsigned int getSize() override;
+
+  // Appends an attribute of one element (nid, value); -1 when 9 are present.
+  int addVal(int nid, const CAsn1string& value);
+  // The name as OpenSSL's one-line text ("/C=DE/O=Org/CN=Name") in buffer,
+  // at most size characters with the NUL; empty for an empty name. Entries
+  // OpenSSL refuses are logged and skipped. 0, or -1 when no OpenSSL name
+  // could be made (buffer then empty).
+  int getString(char* buffer, unsigned int size) const;
+
+  int attributeCount() const { return count_; }
+  // i in 0..attributeCount()-1.
+  const CAsn1nameAttribute& attribute(int i) const { return attributes_[i]; }
+
+  CAsn1size length;  // content length, set by getSize and setDER
+
+ private:
+  CAsn1nameAttribute attributes_[kMaxAttributes];
+  int count_ = 0;
+};
+
+#endif  // DER_CASN1NAME_H_

@@ -1,0 +1,43 @@
+// Known identifiers: Der_test, CAsn1algorithmIdentifier_test, CAsn1name_test.
+#include "der/CAsn1oid.h"
+
+#include <gtest/gtest.h>
+#include <openssl/objects.h>
+
+#include "testing/DerTest.h"
+#include "testing/LogCapture.h"
+
+using namespace testing_support;
+
+TEST(CAsn1oid, UnknownIdentifierIsRegisteredAndReencodes) {
+  // 1.3.6.1.4.1.99999.42.7 is not one of OpenSSL's.
+  const char* hex = "06 0a 2b 06 01 04 01 86 8d 1f 2a 07";
+  CAsn1oid oid;
+  ASSERT_EQ(setDerHex(oid, hex), 0);
+  EXPECT_NE(oid.nid, 0);
+  EXPECT_STREQ(OBJ_nid2sn(oid.nid), "1.3.6.1.4.1.99999.42.7");
+  EXPECT_EQ(derHex(oid), hex);
+  // A second decoding finds the registered NID again.
+  CAsn1oid again;
+  ASSERT_EQ(setDerHex(again, hex), 0);
+  EXPECT_EQ(again.nid, oid.nid);
+}
+
+// Refused input leaves no identifier behind; OpenSSL refuses an empty one.
+TEST(CAsn1oid, RefusesBadInputAndUnsetIdentifiers) {
+  LogCapture log;
+  for (const char* hex : {"04 03 55 04 03", "06 03 55 04", "06", "06 00", "06 02 80 80"}) {
+    CAsn1oid oid(NID_sha1);
+    EXPECT_EQ(setDerHex(oid, hex), -1) << hex;
+    EXPECT_EQ(oid.nid, 0) << hex;
+  }
+  EXPECT_TRUE(log.contains("Expected 0x06, got 0x04"));
+  // An unset identifier cannot be encoded.
+  CAsn1oid oid;
+  EXPECT_EQ(oid.getSize(), 0u);
+  unsigned char buffer[16];
+  unsigned int pos = 0;
+  EXPECT_EQ(oid.getDER(buffer, &pos), -1);
+  EXPECT_EQ(pos, 0u);
+  EXPECT_TRUE(log.contains("Object not initialized"));
+}

@@ -1,0 +1,47 @@
+// CAsn1signerInfo: the one SignerInfo of a timestamp token.
+// ASN.1: SignerInfo ::= SEQUENCE { version INTEGER, sid IssuerAndSerialNumber,
+//   digestAlgorithm AlgorithmIdentifier, signedAttrs [0] IMPLICIT Attributes
+//   OPTIONAL, signatureAlgorithm AlgorithmIdentifier, signature OCTET STRING,
+//   unsignedAttrs [1] IMPLICIT OPTIONAL }
+//
+// Unsigned attributes are neither read nor written. A value type.
+#ifndef DER_CASN1SIGNERINFO_H_
+#define DER_CASN1SIGNERINFO_H_
+
+#include "der/CAsn1algorithmIdentifier.h"
+#include "der/CAsn1attributes.h"
+#include "der/CAsn1integer.h"
+#include "der/CAsn1issuerSerial.h"
+#include "der/CAsn1object.h"
+#include "der/CAsn1string.h"
+#include "der/Der.h"
+
+class CAsn1signerInfo : public CAsn1object {
+ public:
+  CAsn1signerInfo() = default;
+
+  // 30, length, the members; the signed attributes only when there are any.
+  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
+  unsigned int getSize() override;
+
+  // Stores a signature made with a key of OpenSSL type pkeyType (the
+  // EVP_PKEY base id) over digestNid: the signature algorithm becomes
+  // rsaEncryption (with NULL parameters) for RSA keys, else the OpenSSL
+  // signature algorithm for digest and key (dsa_with_SHA256, ecdsa-with-SHA256).
+  // 0, or -1 when there is no such algorithm.
+  int setSignature(int pkeyType, const unsigned char* signature, unsigned int length,
+                   int digestNid);
+
+  CAsn1integer version{1};
+  CAsn1issuerSerial issuerSerial;
+  CAsn1algorithmIdentifier digestAlgorithm;
+  CAsn1attributes signedAttributes;
+  CAsn1algorithmIdentifier signatureAlgorithm;
+  CAsn1string signature{kTagOctetString};
+
+ private:
+  unsigned int contentSize();
+};
+
+#endif  // DER_CASN1SIGNERINFO_H_

@@ -1,0 +1,118 @@
+#include "der/CAsn1string.h"
+
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+
+#include "base/Log.h"
+#include "der/Der.h"
+
+namespace {
+constexpr unsigned int kLogBytes = 8;
+}
+
+CAsn1string::CAsn1string(unsigned char tag, const unsigned char* bytes, unsigned int length)
+    : tag_(tag) {
+  setVal(bytes, length);
+}
+
+void CAsn1string::setVal(unsigned char tag, const unsigned char* bytes, unsigned int length) {
+  tag_ = tag;
+  setVal(bytes, length);
+}
+
+void CAsn1string::setVal(const unsigned char* bytes, unsigned int length) {
+  Log log("CAsn1string", "setVal", __FILE__, __LINE__, 13);
+  bytes_.assign(static_cast<size_t>(length) + 1, 0);
+  if (length > 0 && bytes != nullptr) memcpy(bytes_.data(), bytes, length);
+  length_ = length;
+}
+
+int CAsn1string::getDER(unsigned char* buffer, unsigned int* pos) {
+  Log log("CAsn1string", "getDER", __FILE__, __LINE__, 13);
+  unsigned int start = *pos;
+  DerWriter out(buffer, pos);
+  out.octet(tag_);
+  out.length(static_cast<int>(length_));
+  out.bytes(data(), length_);
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized %s", logText().c_str());
+  assert(*pos - start == getSize());
+  (void)start;
+  return 0;
+}
+
+int CAsn1string::setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) {
+  Log log("CAsn1string", "setDER", __FILE__, __LINE__, 13);
+  bytes_.clear();
+  length_ = 0;
+  DerReader in(buffer, pos, end);
+  unsigned int length = 0;
+  if (!in.readOctet(&tag_) || !in.readLength(&length)) return -1;
+  setVal(in.here(), length);
+  in.skip(length);
+  // The text is built only for a log that takes it: answers are decoded on
+  // every exchange.
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "deserialized %s", logText().c_str());
+  return 0;
+}
+
+unsigned int CAsn1string::getSize() {
+  Log log("CAsn1string", "getSize", __FILE__, __LINE__, 13);
+  return 1 + derLengthSize(static_cast<int>(length_)) + length_;
+}
+
+void CAsn1string::getVal(unsigned char* dest, unsigned int* size) const {
+  Log log("CAsn1string", "getVal", __FILE__, __LINE__, 13);
+  if (size != nullptr && *size < length_) {
+    log.msg(__LINE__, 9, "destination too small: %u < %u", *size, length_);
+    *size = 0;
+    dest[0] = 0;
+    return;
+  }
+  if (length_ > 0) memcpy(dest, bytes_.data(), length_);
+  if (size != nullptr) *size = length_;
+}
+
+int CAsn1string::getVal(unsigned char* dest, unsigned int offset, unsigned int count) const {
+  Log log("CAsn1string", "getVal", __FILE__, __LINE__, 13);
+  if (static_cast<unsigned long long>(length_) < static_cast<unsigned long long>(offset) + count) {
+    return -1;
+  }
+  unsigned int n = count != 0 ? count : length_ - offset;
+  if (n > 0) memcpy(dest, bytes_.data() + offset, n);
+  return 0;
+}
+
+int CAsn1string::comp(const CAsn1string& other) const {
+  Log log("CAsn1string", "comp", __FILE__, __LINE__, 13);
+  if (length_ < other.length_) return -1;
+  if (length_ > other.length_) return 1;
+  int r = length_ == 0 ? 0 : memcmp(bytes_.data(), other.bytes_.data(), length_);
+  return r < 0 ? -1 : (r > 0 ? 1 : 0);
+}
+
+int CAsn1string::getInteger() const {
+  Log log("CAsn1string", "getInteger", __FILE__, __LINE__, 13);
+  if (length_ == 0 || length_ > 4) return 0;
+  unsigned int v = 0;
+  for (unsigned int i = 0; i < length_; ++i) v = (v << 8) | bytes_[i];
+  int value = static_cast<int>(v);
+  log.msg(__LINE__, 9, "returning %d", value);
+  return value;
+}
+
+std::string CAsn1string::logText() const {
+  char head[64];
+  snprintf(head, sizeof head, "STRING[%d](%d bytes) ", tag_, static_cast<int>(length_));
+  return head + derHexText(data(), length_, kLogBytes);
+}
+
+void CAsn1string::printHex() const {
+  Log log("CAsn1string", "printHex", __FILE__, __LINE__, 13);
+  for (unsigned int i = 0; i < length_; ++i) printf("%02X ", bytes_[i]);
+}
+
+void CAsn1string::printChars() const {
+  Log log("CAsn1string", "printChars", __FILE__, __LINE__, 13);
+  for (unsigned int i = 0; i < length_; ++i) printf("%c", bytes_[i] < 32 ? '.' : bytes_[i]);
+}

@@ -1,0 +1,221 @@
+#include "docfiles/Document.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "testing/ChildProcess.h"
+#include "testing/LogCapture.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+using namespace testing_support;
+
+// The protocol switch is read once per process: make sure this process sees
+// it on, whatever the environment of the test run says.
+class ProtocolSwitchOn : public ::testing::Environment {
+ public:
+  void SetUp() override { unsetenv("KV_PROTOCOL"); }
+};
+const auto* const kProtocolOn = ::testing::AddGlobalTestEnvironment(new ProtocolSwitchOn);
+
+class DocumentTest : public ::testing::Test {
+ protected:
+  std::string file(const char* name) const { return dir_.file(name); }
+  TempDir dir_;
+};
+
+// Only a missing COMMANDS means "no statements"; the check leaves the file
+// closed, so the tool's service opens it as before.
+TEST_F(DocumentTest, CommandsReadabilityLeavesTheFileClosed) {
+  const struct {
+    const char* name;
+    void (*make)(const std::string& commands);
+    int readable;
+    int openable;  // hasReadPermission afterwards
+  } cases[] = {
+      {"regular", [](const std::string& c) { writeFile(c, "A 1\n"); }, 1, 1},
+      {"empty", [](const std::string& c) { writeFile(c, ""); }, 1, 1},
+      {"missing", [](const std::string&) {}, 1, 0},
+      {"directory", [](const std::string& c) { makeDir(c); }, 0, 0},
+      {"link", [](const std::string& c) { symlink("/etc/hostname", c.c_str()); }, 0, 0},
+  };
+  for (const auto& c : cases) {
+    std::string doc = file(c.name);
+    makeDir(doc);
+    c.make(doc + "/COMMANDS");
+    Document document(doc.c_str(), "clockette", 0);
+    LogCapture log;
+    EXPECT_EQ(document.commandsReadable(), c.readable) << c.name;
+    EXPECT_EQ(log.contains("COMMANDS file '" + doc + "/COMMANDS' exists but cannot be read"),
+              c.readable == 0)
+        << log.text();
+    EXPECT_EQ(document.hasReadPermission(), c.openable) << c.name;
+  }
+}
+
+// Without COMMANDS the append cannot be made, but everything else is still
+// written.
+TEST_F(DocumentTest, CloseAllWritesCommandsProtocolAndFurtherFilesAndGoesOnAfterAFailure) {
+  for (bool commands : {true, false}) {
+    SCOPED_TRACE(commands);
+    TempDir dir;
+    if (commands) writeFile(dir.file("COMMANDS"), "A 1\n");
+    Document doc(dir.path().c_str(), "clockette", 1);
+    doc.appendToCommands("B 2");
+    EXPECT_EQ(doc.appendToProtocol("done"), 1);
+    FileH* out = doc.getfileHPtr(dir.file("out.txt").c_str());
+    EXPECT_EQ(doc.getFileH(dir.file("out.txt").c_str()), out);
+    EXPECT_NE(doc.getfileHPtr(dir.file("other.txt").c_str()), out);
+    ASSERT_EQ(out->openFile(FileH::kWriteText), 1);
+    out->writeLineToFile("payload");
+    EXPECT_EQ(doc.closeAll(), commands ? 1 : 0);
+    EXPECT_FALSE(out->isOpen());
+    EXPECT_EQ(readIfThere(dir.file("COMMANDS")), commands ? "A 1\nB 2\n" : "");
+    EXPECT_EQ(fileExists(dir.file("COMMANDS")), commands);
+    EXPECT_EQ(doc.hasReadPermission(), commands ? 1 : 0);
+    EXPECT_EQ(readFile(dir.file("out.txt")), "payload\n");
+    EXPECT_EQ(readFile(dir.file("KVprotocol")).substr(19), " [clockette] done\n");
+  }
+}
+
+TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
+  LogCapture log(LogCapture::kAllLevels);
+  Log scope("test", "DocMessage", __FILE__, __LINE__, 13);
+  Document doc(dir_.path().c_str(), "clockette", 1);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 2, "failed %s", "file.pdf"), 1);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 5, "at five"), 1);
+  EXPECT_EQ(doc.docMessage(scope, __LINE__, 6, "fine %d", 6), 1);
+  std::string longText(4000, 'm');
+  doc.docMessage(scope, __LINE__, 8, "%s", longText.c_str());
+  EXPECT_EQ(doc.closeProtocol(), 1);
+  std::string text = readFile(file("KVprotocol"));
+  EXPECT_TRUE(contains(text, "] ERROR: failed file.pdf\n"));
+  EXPECT_TRUE(contains(text, "] ERROR: at five\n"));
+  EXPECT_TRUE(contains(text, "] fine 6\n"));
+  EXPECT_TRUE(contains(text, "] " + std::string(2999, 'm') + "\n"));
+  EXPECT_TRUE(log.contains("test::DocMessage: failed file.pdf"));
+}
+
+// Runs body as an unprivileged user when the test runs as root, so that
+// directory permissions apply. Returns body's result (the child's exit code).
+int runUnprivileged(int (*body)(const std::string&), const std::string& dir) {
+  if (geteuid() != 0) return body(dir);
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(99);
+    _exit(body(dir));
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
+}
+
+TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {
+  std::string doc = file("doc");
+  makeDir(doc);
+  const std::string original = "A 1\nB 2\n";
+  writeFile(doc + "/COMMANDS", original);
+  chmod(dir_.path().c_str(), 0755);
+  chmod((doc + "/COMMANDS").c_str(), 0644);
+  chmod(doc.c_str(), 0555);
+  auto body = [](const std::string& d) -> int {
+    LogCapture log(LogCapture::kAllLevels);
+    Document document(d.c_str(), "clockette", 1);
+    if (document.findKeyInCommands("A") != 1) return 10;
+    document.deleteFromCommands3("A", "1");
+    document.appendToCommands("C 3");
+    document.appendToProtocol("line");
+    if (document.closeCommands() != 0) return 11;
+    if (document.closeAll() != 0) return 12;
+    const std::string tmp = d + "/COMMANDS.clockette.tmp";
+    if (!log.contains("open64('" + tmp +
+                      "',O_WRONLY|O_CREAT|O_TRUNC|_O_BINARY,0666) failed: "
+                      "'Permission denied'"))
+      return 13;
+    if (!log.contains("cannot open file " + d + "/KVprotocol: errno=Permission denied")) return 14;
+    return 0;
+  };
+  EXPECT_EQ(runUnprivileged(body, doc), 0);
+  chmod(doc.c_str(), 0755);
+  EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
+  EXPECT_FALSE(fileExists(doc + "/COMMANDS.clockette"));
+  EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
+}
+
+// The switch is read once per process: each run is a probe process.
+ChildResult probe(std::vector<std::string> steps, const char* value) {
+  steps.insert(steps.begin(), DOCFILES_PROBE);
+  ChildOptions o;
+  o.env["KV_PROTOCOL"] = value;
+  return runChild(steps, o);
+}
+
+TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
+  const struct {
+    const char* value;
+    bool kept;
+  } cases[] = {{"On", true}, {"oN", true}, {"yes", false}, {"", false}, {"1", false}};
+  for (const auto& c : cases) {
+    std::string d = file((std::string("v") + c.value).c_str());
+    makeDir(d);
+    auto r = probe({"proto:" + d + ":1:text"}, c.value);
+    EXPECT_EQ(r.out, "proto 1\n") << c.value << r.err;
+    EXPECT_EQ(fileExists(d + "/KVprotocol"), c.kept) << c.value;
+  }
+  // A document without a protocol does not read the switch; the next one
+  // with a protocol does, and the value then holds for the process.
+  for (const char* name : {"d1", "d2", "d3"}) makeDir(file(name));
+  auto r =
+      probe({"proto:" + file("d1") + ":0:x", "env:KV_PROTOCOL=on", "proto:" + file("d2") + ":1:y",
+             "env:KV_PROTOCOL=off", "proto:" + file("d3") + ":1:z"},
+            "off");
+  EXPECT_EQ(r.out, "proto 1\nproto 1\nproto 1\n") << r.err;
+  EXPECT_FALSE(fileExists(file("d1/KVprotocol")));
+  EXPECT_TRUE(fileExists(file("d2/KVprotocol")));
+  EXPECT_TRUE(fileExists(file("d3/KVprotocol")));
+}
+
+// A rewrite killed after some of its lines (or before its first one reached
+// the file) is repaired from the backup at the next read.
+TEST_F(DocumentTest, RewriteKilledHalfWayIsRepairedAtTheNextRead) {
+  std::string original;
+  for (int i = 0; i < 3000; ++i) {
+    original += "STATEMENT_" + std::to_string(i) + "  value number " + std::to_string(i) + "\n";
+    if (i % 100 == 0) original += "\n";
+  }
+  for (int stopAt : {1500, 1}) {
+    SCOPED_TRACE(stopAt);
+    writeFile(file("COMMANDS"), original);
+    unlink(file("COMMANDS.clockette").c_str());
+    {
+      ChildOptions o;
+      o.env["KV_PROTOCOL"] = kUnset;
+      BackgroundChild child(
+          {DOCFILES_PROBE, "rewrite:" + dir_.path() + ":clockette:" + std::to_string(stopAt)}, o);
+      std::string line;
+      ASSERT_TRUE(child.readLine(&line, 30));
+      ASSERT_EQ(line, "STOPPED");
+      EXPECT_EQ(child.stop(SIGKILL), 128 + SIGKILL);
+    }
+    // Cut short: the file on disk is neither the old nor the new content.
+    EXPECT_LT(readFile(file("COMMANDS")).size(), original.size());
+    EXPECT_EQ(readFile(file("COMMANDS.clockette")), original);
+
+    Document doc(dir_.path().c_str(), "clockette", 0);
+    List<CommandsEntries> entries;
+    ASSERT_EQ(doc.getAllValuesFromCommands(entries), 1);
+    ASSERT_EQ(entries.count(), 3000u);
+    EXPECT_EQ(entries[2999], CommandsEntries("STATEMENT_2999", "value number 2999"));
+    EXPECT_EQ(readFile(file("COMMANDS")), original);
+    EXPECT_EQ(readFile(file("COMMANDS.clockette")), original);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// FileH: a file of a document directory, with a per-worker backup copy.
+//
+// Opens its file in one of twelve numbered modes, reads it line by line
+// without a length limit, writes strings and lines, and on close forces data
+// written in the plain write and append modes (types 3 to 6) to disk.
+//
+// Crash safety: makeBackupCopy() is called before the file is changed. It
+// copies the file to "<file>.<suffix>" (complete and on disk before it takes
+// that name), so the backup holds the content from before this worker's
+// first change. recoverFromBackup() is called before the file is read: a
+// backup left by an interrupted run of the same worker (same suffix) is
+// copied over the file. Backups are never deleted. Within one object a
+// backup is made or restored at most once. A backup is trusted only when it
+// is a regular file of this process's user; the file itself and backups are
+// never opened through a symbolic link.
+//
+// Results: 1 for success, 0 for failure; failures are logged. The object
+// stays usable after any failure. Not thread-safe.
+#ifndef DOCFILES_FILEH_H_
+#define DOCFILES_FILEH_H_
+
+#include "base/Owners.h"
+#include "base/String.h"
+
+class FileH {
+ public:
+  // Open types and their fopen modes.
+  enum OpenType {
+    kReadBinary = 1,           // "rb"
+    kReadText = 2,             // "rt"
+    kWriteBinary = 3,          // "wb"
+    kWriteText = 4,            // "wt"
+    kAppendBinary = 5,         // "ab"
+    kAppendText = 6,           // "at"
+    kUpdate = 7,               // "r+"
+    kCreateUpdate = 8,         // "w+"
+    kAppendUpdate = 9,         // "a+"
+    kUpdateBinary = 10,        // "r+b"
+    kCreateUpdateBinary = 11,  // "w+b"
+    kAppendUpdateBinary = 12,  // "a+b"
+  };
+
+  // fileName: full path; suffix: the worker tag that names the backup.
+  FileH(const String& fileName, const String& suffix);
+  virtual ~FileH();
+  FileH(const FileH&) = delete;
+  FileH& operator=(const FileH&) = delete;
+
+  // Closes the file: 1, or 0 when flushing, syncing or closing failed (it is
+  // closed anyway). Nothing open: 1.
+  virtual int closeFile();
+  // Opens the file with the mode of type. Fails (0) when a file is already
+  // open or the type is unknown, and refuses (level 2) a symbolic link at the
+  // last component or anything but a regular file, without blocking on a
+  // FIFO. A failed open logs at level 3 + flag.
+  virtual int openFile(int type, int flag = 0);
+
+  // Reads the next whole line, line end included, into line: 1 for a line,
+  // -1 at the end of the file, 0 on a read error or when nothing is open.
+  int readNextLine(String& line);
+  // Writes s as it stands: 1, or 0 on a write error or when nothing is open.
+  int writeToFile(const String& s);
+  // Writes line and a line feed: 1 or 0.
+  int writeLineToFile(const String& line);
+
+  // Both refuse (level 2, result 0) a backup that is no regular file owned
+  // by this process's user: it is neither kept nor restored.
+  int makeBackupCopy();
+  int recoverFromBackup();
+  // Why the last openFile failed: its errno (ENOENT for a missing file,
+  // ELOOP for a symbolic link, EINVAL for no regular file), EPERM after a
+  // refused backup, 0 after a successful open.
+  int openError() const { return openError_; }
+
+  const String& fileName() const { return fileName_; }
+  String backupName() const { return fileName_ + "." + suffix_; }
+  bool isOpen() const { return stream_ != nullptr; }
+  int openType() const { return type_; }
+
+  bool operator==(const FileH& other) const { return fileName_ == other.fileName_; }
+  bool operator==(const String& name) const { return fileName_ == name; }
+
+ private:
+  FilePtr stream_;
+  String fileName_;
+  String suffix_;
+  int type_ = 0;
+  int copied_ = 0;
+  int checked_ = 0;
+  int openError_ = 0;
+};
+
+#endif  // DOCFILES_FILEH_H_

@@ -1,0 +1,31 @@
+// CurlTransport: the HTTP and HTTPS exchange through libcurl. The request is
+// POSTed as application/timestamp-query to
+// "<protocol>://<host>:<port>/</<path>", with HTTP Basic authorization when
+// credentials are set and a client certificate when one is set.
+//
+// Every exchange has an easy handle of its own; all of them share one libcurl
+// share handle for the life of the process (open connections, name lookups,
+// TLS sessions), so keep-alive and TLS session resumption work across
+// exchanges and threads. A stop of the worker (base/Stop.h) abandons a
+// transfer within about a second.
+#ifndef TSCLIENT_CURLTRANSPORT_H_
+#define TSCLIENT_CURLTRANSPORT_H_
+
+#include "tsclient/TsTransport.h"
+
+struct TsSettings;
+
+class CurlTransport : public TsTransport {
+ public:
+  // settings is borrowed and must outlive the transport.
+  explicit CurlTransport(const TsSettings* settings) : settings_(settings) {}
+
+  int exchange(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
+               long long timeoutMs, ResponseBuffer* answer, unsigned int* offset,
+               TsAttempt* outcome) const override;
+
+ private:
+  const TsSettings* settings_;
+};
+
+#endif  // TSCLIENT_CURLTRANSPORT_H_

@@ -1,0 +1,241 @@
+#include "tssign/generateTimestamp.h"
+
+#include <openssl/ess.h>
+#include <openssl/objects.h>
+#include <openssl/rand.h>
+
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+#include "base/Log.h"
+#include "der/CAsn1attribute.h"
+#include "der/CAsn1attributes.h"
+#include "der/CAsn1contentInfo.h"
+#include "der/CAsn1ietfTSResp.h"
+#include "der/CAsn1messageImprint.h"
+#include "der/CAsn1signedData.h"
+#include "der/CAsn1signerInfo.h"
+#include "der/CAsn1string.h"
+#include "der/CCertInfo.h"
+#include "der/Der.h"
+#include "ossl/KeyType.h"
+#include "ossl/OpenSslErrors.h"
+#include "ossl/OpenSslPtr.h"
+#include "tssign/TsAsymKey.h"
+
+namespace {
+
+// The to-be-signed attributes and the response are built in one buffer of
+// this size; the response must fit in it.
+constexpr unsigned int kBufferSize = 4096;
+
+// TSTInfo serial numbers must differ between timestamps of one authority;
+// 31 random bits keep them positive for the INTEGER encoder.
+int newSerialNumber() {
+  unsigned int r = 0;
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(&r), sizeof(r)) != 1) {
+    r = static_cast<unsigned int>(time(nullptr));
+  }
+  r &= 0x7FFFFFFFu;
+  return r == 0 ? 1 : static_cast<int>(r);
+}
+
+// The timestamp policy, registered under the same names as initTimeStamper
+// does, so that it works whether or not the requester was initialised.
+int policyNid() {
+  const char kPolicyOid[] = "1.3.6.1.4.1.7359.1.2";
+  int nid = OBJ_txt2nid(kPolicyOid);
+  return nid != NID_undef ? nid : OBJ_create(kPolicyOid, "tsPol", "Timestamper Policy");
+}
+
+// OpenSSL 3.0 knows the object identifiers of DSA with SHA-384, SHA-512 and
+// SHA-3 but has no signature-algorithm entry joining them to their digest and
+// key, so a DSA signer with such a digest would find no signature algorithm.
+// Adds the missing entries once per process.
+void registerDsaSignatureIds() {
+  static const bool registered = [] {
+    const int ids[][2] = {
+        {NID_dsa_with_SHA384, NID_sha384},     {NID_dsa_with_SHA512, NID_sha512},
+        {NID_dsa_with_SHA3_224, NID_sha3_224}, {NID_dsa_with_SHA3_256, NID_sha3_256},
+        {NID_dsa_with_SHA3_384, NID_sha3_384}, {NID_dsa_with_SHA3_512, NID_sha3_512}};
+    for (const auto& id : ids) {
+      int known = NID_undef;
+      if (OBJ_find_sigid_by_algs(&known, id[1], NID_dsa) != 1) OBJ_add_sigid(id[0], id[1], NID_dsa);
+    }
+    return true;
+  }();
+  (void)registered;
+}
+
+// Appends the signingCertificateV2 attribute for cert: SigningCertificateV2
+// with one ESSCertIDv2 (SHA-256, the default algorithm, so not written) that
+// names the certificate by issuer and serial number as well.
+bool addSigningCertificate(const CCertInfo& cert, CAsn1attributes* attributes) {
+  Log log("zpTrequest", "addSigningCertificate", __FILE__, __LINE__, 13);
+  std::unique_ptr<ESS_SIGNING_CERT_V2, decltype(&ESS_SIGNING_CERT_V2_free)> essCert(
+      OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), cert.x509(), nullptr, 1),
+      ESS_SIGNING_CERT_V2_free);
+  unsigned char* der = nullptr;
+  int n = essCert ? i2d_ESS_SIGNING_CERT_V2(essCert.get(), &der) : -1;
+  if (n <= 0) {
+    logOpenSslErrorQueue("zpTrequest", "addSigningCertificate");
+    return false;
+  }
+  OpenSslBytesPtr owner(der);
+  // The attribute's value object holds the SEQUENCE's contents under its tag.
+  const unsigned char* p = der;
+  long length = 0;
+  int tag = 0, cls = 0;
+  if ((ASN1_get_object(&p, &length, &tag, &cls, n) & 0x80) != 0 || tag != V_ASN1_SEQUENCE) {
+    return false;
+  }
+  CAsn1string value(kTagSequence, p, static_cast<unsigned int>(length));
+  if (attributes->add(CAsn1attribute::stringValue(NID_id_smime_aa_signingCertificateV2, value)) !=
+      0) {
+    log.msg(__LINE__, 2, "no room for the signing certificate attribute");
+    return false;
+  }
+  return true;
+}
+
+// Replaces the signing time attribute by one whose UTCTime carries the zone
+// designator 'Z'.
+void zoneSigningTime(time_t when, CAsn1attributes* attributes) {
+  struct tm t = {};
+  gmtime_r(&when, &t);
+  char text[64];
+  snprintf(text, sizeof(text), "%02d%02d%02d%02d%02d%02dZ", (t.tm_year + 1900) % 100, t.tm_mon + 1,
+           t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+  CAsn1attributes rebuilt;
+  for (unsigned int i = 0; i < attributes->count(); ++i) {
+    const CAsn1attribute& a = attributes->at(i);
+    rebuilt.add(a.type.nid != NID_pkcs9_signingTime
+                    ? a
+                    : CAsn1attribute::stringValue(
+                          NID_pkcs9_signingTime,
+                          CAsn1string(kTagUtcTime, reinterpret_cast<unsigned char*>(text), 13)));
+  }
+  *attributes = rebuilt;
+}
+
+}  // namespace
+
+int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, const char* certFile,
+                      CAsn1string* response, const LocalTimestampOptions& options) {
+  Log log("zpTrequest", "generateTimestamp", __FILE__, __LINE__, 13);
+  CCertInfo cert;
+  if (certFile == nullptr || cert.readPEM(certFile) != 0) {
+    log.msg(__LINE__, 2, "Can't read certificate from %s", certFile != nullptr ? certFile : "");
+    return -1;
+  }
+  TsAsymKey key;
+  if (key.loadKey(keyFile, "") != 0) {
+    log.msg(__LINE__, 2, "Can't read signature key from %s", keyFile != nullptr ? keyFile : "");
+    return -2;
+  }
+
+  switch (key.getKeyType()) {
+    case kKeyTypeRsa: {
+      EvpPkeyPtr pub = cert.GetRSAPublicKey();
+      if (!pub) {
+        log.msg(__LINE__, 2, "Can't retrive public RSA key from certificate");
+        return -3;
+      }
+      if (key.comparePublicKey(pub.get()) != 0) {
+        log.msg(__LINE__, 2, "RSA key doesn't match certificate");
+        return -4;
+      }
+      break;
+    }
+    case kKeyTypeDsa: {
+      EvpPkeyPtr pub = cert.GetDSApublicKey();
+      if (!pub) {
+        log.msg(__LINE__, 2, "Can't retrive public DSA key from certificate");
+        return -3;
+      }
+      if (key.comparePublicKey(pub.get()) != 0) {
+        log.msg(__LINE__, 2, "DSA key doesn't match certificate");
+        return -4;
+      }
+      break;
+    }
+    default:
+      break;  // other key types are signed with as they are
+  }
+
+  registerDsaSignatureIds();
+  CAsn1ietfTSResp resp;
+  time_t now = time(nullptr);
+  resp.setGenTime(now);  // also the signing time
+  resp.setMessageImprint(imprint);
+  resp.setPolicy(policyNid());
+  resp.setSerialNumber(newSerialNumber());
+  if (resp.addRefFromCert(cert) != 0) {
+    log.msg(__LINE__, 2, "Error adding certificate reference");
+    return -5;
+  }
+  int digestNid = imprint.hashAlgorithm.algorithm.nid;
+  resp.setDigestNid(digestNid);
+
+  // Checks that every member is configured and adds contentType, signingTime
+  // and messageDigest to the signed attributes.
+  std::vector<unsigned char> buffer(kBufferSize);
+  unsigned int size = kBufferSize;
+  if (resp.getTBSbuf(buffer.data(), &size) != 0) {
+    log.msg(__LINE__, 2, "Can't retrieve to-be-signed data");
+    return -6;
+  }
+  // Assembles the token around the signer information; the signature is made
+  // below, once the attributes are complete.
+  if (resp.setSignature(key.getPKeyType(), nullptr, 0, digestNid) != 0) {
+    log.msg(__LINE__, 2, "Error signing timestamp");
+    return -7;
+  }
+  CAsn1contentInfo token = resp.getToken();
+  CAsn1signedData* signedData = token.signedData();
+  if (signedData == nullptr) {
+    log.msg(__LINE__, 2, "Error signing timestamp");
+    return -7;
+  }
+  CAsn1signerInfo& signer = signedData->signerInfo;
+  if (options.signingTimeWithZone) zoneSigningTime(now, &signer.signedAttributes);
+  CAsn1string toBeSigned(kTagOctetString);
+  if ((options.signingCertificate && !addSigningCertificate(cert, &signer.signedAttributes)) ||
+      signer.signedAttributes.getToBeHashedSequence(&toBeSigned) != 0) {
+    log.msg(__LINE__, 2, "Can't retrieve to-be-signed data");
+    return -6;
+  }
+  std::vector<unsigned char> signature;
+  if (key.signData(toBeSigned.data(), toBeSigned.length(), digestNid, &signature) != 0 ||
+      signer.setSignature(key.getPKeyType(), signature.data(),
+                          static_cast<unsigned int>(signature.size()), digestNid) != 0) {
+    log.msg(__LINE__, 2, "Error signing timestamp");
+    return -7;
+  }
+  if (options.includeCertificate && signedData->addCert(cert) != 0) {
+    log.msg(__LINE__, 2, "Error serializing timestamp to DER");
+    return -8;
+  }
+
+  // TimeStampResp ::= SEQUENCE { status PKIStatusInfo, timeStampToken }
+  unsigned int contents = resp.statusInfo.getSize() + token.getSize();
+  unsigned int total = 1 + derLengthSize(static_cast<int>(contents)) + contents;
+  unsigned int pos = 0;
+  if (total > kBufferSize) {
+    log.msg(__LINE__, 2, "Error serializing timestamp to DER");
+    return -8;
+  }
+  DerWriter out(buffer.data(), &pos);
+  out.octet(kTagSequence);
+  out.length(static_cast<int>(contents));
+  if (resp.statusInfo.getDER(buffer.data(), &pos) != 0 || token.getDER(buffer.data(), &pos) != 0 ||
+      pos != total) {
+    log.msg(__LINE__, 2, "Error serializing timestamp to DER");
+    return -8;
+  }
+  response->setVal(kTagOctetString, buffer.data(), pos);
+  log.msg(__LINE__, 8, "local timestamp of %u bytes signed by %s", pos,
+          cert.GetSubjectName().c_str());
+  return 0;
+}
