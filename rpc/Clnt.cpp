@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,7 +38,8 @@ struct CLIENT {
   bool totalSet = false;
   u_long prog = 0;
   u_long vers = 0;
-  uint32_t xid = 0;
+  uint32_t xid = 0;       // of the last call
+  bool xidGiven = false;  // CLSET_XID: the next call uses xid + 1
   rpc_err err{};
   std::vector<char> sendBuf;
   std::vector<char> recvBuf;
@@ -167,10 +169,6 @@ CLIENT* clntudp_bufcreate(const sockaddr* raddr, u_long prog, u_long vers, timev
   cl->vers = vers;
   cl->sendBuf.resize(sendsz ? sendsz : CLNTUDP_SENDSZ);
   cl->recvBuf.resize(recvsz ? recvsz : CLNTUDP_RECVSZ);
-  timeval now;
-  gettimeofday(&now, nullptr);
-  cl->xid = static_cast<uint32_t>(getpid()) ^ static_cast<uint32_t>(now.tv_sec) ^
-            static_cast<uint32_t>(now.tv_usec);
 
   int sock = sockp ? *sockp : RPC_ANYSOCK;
   if (sock < 0) {
@@ -196,6 +194,136 @@ CLIENT* clntudp_create(const sockaddr* raddr, u_long prog, u_long vers, timeval 
   return clntudp_bufcreate(raddr, prog, vers, wait, sockp, CLNTUDP_SENDSZ, CLNTUDP_RECVSZ);
 }
 
+namespace {
+
+// A fresh xid for every call: a sender that cannot see the call cannot guess it.
+bool randomXid(uint32_t* xid) {
+  for (;;) {
+    const ssize_t n = getrandom(xid, sizeof *xid, 0);
+    if (n == static_cast<ssize_t>(sizeof *xid)) return true;
+    if (n < 0 && errno != EINTR) return false;
+  }
+}
+
+// Encodes the call into the send buffer; its length, or 0 when it does not fit.
+size_t encodeCall(CLIENT* cl, uint32_t xid, u_long proc, xdrproc_t xargs, void* argsp) {
+  XDR out;
+  xdrmem_create(&out, cl->sendBuf.data(), static_cast<u_int>(cl->sendBuf.size()), XDR_ENCODE);
+  if (!rpcmsg_encode_call(&out, xid, static_cast<u_int>(cl->prog), static_cast<u_int>(cl->vers),
+                          static_cast<u_int>(proc)) ||
+      (xargs != nullptr && !xargs(&out, argsp))) {
+    return 0;
+  }
+  return xdr_getpos(&out);
+}
+
+// Whether a datagram came from the address the calls go to: replies are
+// taken from the server only, whatever xid another sender puts in.
+bool fromServer(const CLIENT* cl, const sockaddr_storage& from, socklen_t fromLen) {
+  if (fromLen < cl->rlen || from.ss_family != cl->raddr.ss_family) return false;
+  if (from.ss_family == AF_INET6) {
+    const auto& a = reinterpret_cast<const sockaddr_in6&>(from);
+    const auto& b = reinterpret_cast<const sockaddr_in6&>(cl->raddr);
+    return a.sin6_port == b.sin6_port &&
+           memcmp(&a.sin6_addr, &b.sin6_addr, sizeof a.sin6_addr) == 0;
+  }
+  const auto& a = reinterpret_cast<const sockaddr_in&>(from);
+  const auto& b = reinterpret_cast<const sockaddr_in&>(cl->raddr);
+  return a.sin_port == b.sin_port && a.sin_addr.s_addr == b.sin_addr.s_addr;
+}
+
+// One call in progress: what its datagrams are checked against.
+struct PendingCall {
+  uint32_t xid;
+  xdrproc_t xres;
+  void* resp;
+  bool strangerLogged;  // a datagram of another sender was logged for this call
+};
+
+// Reads one datagram. True when it ends the call, with the status in *stat:
+// the reply, or a failed receive. False when the call waits on: nothing was
+// there, or the datagram came from another sender, answers another call or
+// does not decode (none of them can be the server's answer to this call).
+bool readReply(CLIENT* cl, PendingCall* call, clnt_stat* stat) {
+  const sockaddr* raddr = reinterpret_cast<const sockaddr*>(&cl->raddr);
+  c_logmsg(kComponent, 10, "clnt read sock=FD%d buf=%x len=%x", cl->sock,
+           static_cast<unsigned>(reinterpret_cast<uintptr_t>(cl->recvBuf.data())),
+           static_cast<unsigned>(cl->recvBuf.size()));
+  sockaddr_storage from{};
+  socklen_t fromLen = sizeof from;
+  const ssize_t n = recvfrom(cl->sock, cl->recvBuf.data(), cl->recvBuf.size(), 0,
+                             reinterpret_cast<sockaddr*>(&from), &fromLen);
+  c_logmsg(kComponent, 10, "returns %d", static_cast<int>(n));
+  if (n < 0) {
+    const int e = errno;
+    if (e == EINTR || e == EAGAIN || e == EWOULDBLOCK) return false;
+    c_logmsg(kComponent, 2, "read on FD%d, addr %s returns %d, errno %d", cl->sock,
+             addrText(raddr).c_str(), static_cast<int>(n), e);
+    *stat = setErrno(cl, RPC_CANTRECV, e);
+    return true;
+  }
+  if (!fromServer(cl, from, fromLen)) {
+    if (!call->strangerLogged) {
+      call->strangerLogged = true;
+      c_logmsg(kComponent, 2, "datagram from %s dropped: the call went to %s",
+               addrText(reinterpret_cast<const sockaddr*>(&from)).c_str(), addrText(raddr).c_str());
+    }
+    return false;
+  }
+  XDR in;
+  xdrmem_create(&in, cl->recvBuf.data(), static_cast<u_int>(n), XDR_DECODE);
+  uint32_t rxid = 0;
+  u_int type = 0;
+  // Too short for an xid, or a late reply to an earlier call.
+  if (!xdr_u_int(&in, &rxid) || rxid != call->xid) return false;
+  rpc_reply_parts parts;
+  rpc_err err{};
+  if (xdr_u_int(&in, &type) && type == REPLY && rpcmsg_decode_reply_body(&in, &parts)) {
+    replyToError(parts, &err);
+    if (err.re_status != RPC_SUCCESS || call->xres == nullptr || call->xres(&in, call->resp)) {
+      cl->err = err;
+      cl->replyLen = static_cast<u_int>(n);
+      *stat = err.re_status;
+      return true;
+    }
+    xdr_free(call->xres, call->resp);  // what the broken results left behind
+  }
+  c_logmsg(kComponent, 2, "reply from %s with xid %x does not decode (%d bytes), dropped",
+           addrText(raddr).c_str(), call->xid, static_cast<int>(n));
+  return false;
+}
+
+// Waits for the reply until resendAt. True when the call has ended (status
+// in *stat): replied, failed, or past the deadline; false when it is to be sent again.
+bool awaitReply(CLIENT* cl, PendingCall* call, int64_t resendAt, int64_t deadline,
+                const timeval& total, clnt_stat* stat) {
+  for (;;) {
+    const int64_t now = nowMicros();
+    if (now >= deadline) {
+      c_logmsg(kComponent, 2, "clnt timeout on FD%d, addr %s  was %d,%d", cl->sock,
+               addrText(reinterpret_cast<const sockaddr*>(&cl->raddr)).c_str(),
+               static_cast<int>(total.tv_sec), static_cast<int>(total.tv_usec));
+      *stat = setStatus(cl, RPC_TIMEDOUT);
+      return true;
+    }
+    if (now >= resendAt) return false;
+    int64_t waitUs = (resendAt < deadline ? resendAt : deadline) - now;
+    if (waitUs > kMaxWaitUs) waitUs = kMaxWaitUs;  // poll takes an int of milliseconds
+    pollfd pfd{cl->sock, POLLIN, 0};
+    const int ready = poll(&pfd, 1, static_cast<int>((waitUs + 999) / 1000));
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      const int e = errno;
+      c_logmsg(kComponent, 2, "select on FD%d failed, errno=%d", cl->sock, e);
+      *stat = setErrno(cl, RPC_CANTRECV, e);
+      return true;
+    }
+    if (ready > 0 && readReply(cl, call, stat)) return true;
+  }
+}
+
+}  // namespace
+
 clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrproc_t xres,
                     void* resp, timeval utimeout) {
   cl->err = rpc_err{};
@@ -203,20 +331,22 @@ clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrpr
   const int64_t totalUs = toMicros(total);
   const int64_t retryUs = toMicros(cl->retry) > 0 ? toMicros(cl->retry) : totalUs;
 
-  XDR out;
-  xdrmem_create(&out, cl->sendBuf.data(), static_cast<u_int>(cl->sendBuf.size()), XDR_ENCODE);
-  const uint32_t xid = ++cl->xid;
-  if (!rpcmsg_encode_call(&out, xid, static_cast<u_int>(cl->prog), static_cast<u_int>(cl->vers),
-                          static_cast<u_int>(proc)) ||
-      (xargs != nullptr && !xargs(&out, argsp))) {
+  uint32_t xid = cl->xid + 1;
+  if (!cl->xidGiven && !randomXid(&xid)) {
+    const int e = errno;
+    c_logmsg(kComponent, 2, "getrandom failed, errno=%d(%s)", e, strerror(e));
+    return setErrno(cl, RPC_SYSTEMERROR, e);
+  }
+  cl->xid = xid;
+  cl->xidGiven = false;
+  const size_t outLen = encodeCall(cl, xid, proc, xargs, argsp);
+  if (outLen == 0) {
     c_logmsg(kComponent, 2, "error RPC_CANTENCODEARGS");
     return setStatus(cl, RPC_CANTENCODEARGS);
   }
-  const size_t outLen = xdr_getpos(&out);
   const sockaddr* raddr = reinterpret_cast<const sockaddr*>(&cl->raddr);
-
-  const int64_t start = nowMicros();
-  const int64_t deadline = start + totalUs;
+  PendingCall call{xid, xres, resp, false};
+  const int64_t deadline = nowMicros() + totalUs;
   for (;;) {
     const ssize_t sent = sendto(cl->sock, cl->sendBuf.data(), outLen, 0, raddr, cl->rlen);
     if (sent != static_cast<ssize_t>(outLen)) {
@@ -225,61 +355,8 @@ clnt_stat clnt_call(CLIENT* cl, u_long proc, xdrproc_t xargs, void* argsp, xdrpr
       return setErrno(cl, RPC_CANTSEND, e);
     }
     if (totalUs == 0) return setStatus(cl, RPC_TIMEDOUT);  // a message without reply
-    const int64_t resendAt = nowMicros() + retryUs;
-
-    for (;;) {
-      const int64_t now = nowMicros();
-      if (now >= deadline) {
-        c_logmsg(kComponent, 2, "clnt timeout on FD%d, addr %s  was %d,%d", cl->sock,
-                 addrText(raddr).c_str(), static_cast<int>(total.tv_sec),
-                 static_cast<int>(total.tv_usec));
-        return setStatus(cl, RPC_TIMEDOUT);
-      }
-      if (now >= resendAt) break;
-      int64_t waitUs = (resendAt < deadline ? resendAt : deadline) - now;
-      if (waitUs > kMaxWaitUs) waitUs = kMaxWaitUs;  // poll takes an int of milliseconds
-      pollfd pfd{cl->sock, POLLIN, 0};
-      const int ready = poll(&pfd, 1, static_cast<int>((waitUs + 999) / 1000));
-      if (ready < 0) {
-        if (errno == EINTR) continue;
-        const int e = errno;
-        c_logmsg(kComponent, 2, "select on FD%d failed, errno=%d", cl->sock, e);
-        return setErrno(cl, RPC_CANTRECV, e);
-      }
-      if (ready == 0) continue;
-
-      c_logmsg(kComponent, 10, "clnt read sock=FD%d buf=%x len=%x", cl->sock,
-               static_cast<unsigned>(reinterpret_cast<uintptr_t>(cl->recvBuf.data())),
-               static_cast<unsigned>(cl->recvBuf.size()));
-      sockaddr_storage from;
-      socklen_t fromLen = sizeof from;
-      const ssize_t n = recvfrom(cl->sock, cl->recvBuf.data(), cl->recvBuf.size(), 0,
-                                 reinterpret_cast<sockaddr*>(&from), &fromLen);
-      c_logmsg(kComponent, 10, "returns %d", static_cast<int>(n));
-      if (n < 0) {
-        const int e = errno;
-        if (e == EINTR || e == EAGAIN || e == EWOULDBLOCK) continue;
-        c_logmsg(kComponent, 2, "read on FD%d, addr %s returns %d, errno %d", cl->sock,
-                 addrText(raddr).c_str(), static_cast<int>(n), e);
-        return setErrno(cl, RPC_CANTRECV, e);
-      }
-      if (n < 4) continue;  // not even an xid
-
-      XDR in;
-      xdrmem_create(&in, cl->recvBuf.data(), static_cast<u_int>(n), XDR_DECODE);
-      uint32_t rxid = 0;
-      u_int type = 0;
-      xdr_u_int(&in, &rxid);
-      if (rxid != xid) continue;  // a late reply to an earlier call
-      rpc_reply_parts parts;
-      if (!xdr_u_int(&in, &type) || type != REPLY || !rpcmsg_decode_reply_body(&in, &parts))
-        return setStatus(cl, RPC_CANTDECODERES);
-      replyToError(parts, &cl->err);
-      if (cl->err.re_status != RPC_SUCCESS) return cl->err.re_status;
-      cl->replyLen = static_cast<u_int>(n);
-      if (xres != nullptr && !xres(&in, resp)) return setStatus(cl, RPC_CANTDECODERES);
-      return RPC_SUCCESS;
-    }
+    clnt_stat stat;
+    if (awaitReply(cl, &call, nowMicros() + retryUs, deadline, total, &stat)) return stat;
   }
 }
 
@@ -328,6 +405,7 @@ bool_t clnt_control(CLIENT* cl, u_int request, void* info) {
       return TRUE;
     case CLSET_XID:
       cl->xid = *static_cast<uint32_t*>(info) - 1;
+      cl->xidGiven = true;
       return TRUE;
     case CLGET_VERS:
       *static_cast<u_long*>(info) = cl->vers;

@@ -8,6 +8,11 @@
 // once, without waiting for a reply. Nothing is registered with or asked of a
 // port mapper: the address must carry the port.
 //
+// Each call has a fresh random xid. Only a datagram from the server's address
+// and port with that xid is taken as the reply; one whose body does not decode
+// is dropped (and logged), and the call waits on, as it does for datagrams of
+// other senders: a local process that cannot see the call cannot answer it.
+//
 // A CLIENT is used by one thread at a time. The creation error is kept in the
 // process-wide rpc_createerr, as in ONC RPC.
 #ifndef RPC_CLNT_H_
@@ -120,7 +125,7 @@ using ClientPtr = std::unique_ptr<CLIENT, ClientDestroy>;
 #define CLSET_FD_CLOSE 8       // close the socket on destroy
 #define CLSET_FD_NCLOSE 9      // leave it open
 #define CLGET_XID 10           // u_int32_t: xid of the last call
-#define CLSET_XID 11           // u_int32_t: the next call uses this + 1
+#define CLSET_XID 11           // u_int32_t: the xid of the next call
 #define CLGET_VERS 12          // u_long
 #define CLSET_VERS 13          // u_long
 #define CLGET_PROG 14          // u_long

@@ -32,12 +32,20 @@ inline std::vector<uint8_t> words(std::initializer_list<uint32_t> ws) {
   return b;
 }
 
-// A datagram socket bound to 127.0.0.1 on an ephemeral port.
+// Word i of a message (its xid for i = 0); the message must hold it.
+inline uint32_t wordAt(const std::vector<uint8_t>& b, size_t i) {
+  return (uint32_t{b[4 * i]} << 24) | (uint32_t{b[4 * i + 1]} << 16) |
+         (uint32_t{b[4 * i + 2]} << 8) | b[4 * i + 3];
+}
+
+// A datagram socket bound to 127.0.0.1 (or another loopback address, host
+// order) on an ephemeral port.
 class UdpSocket {
  public:
-  UdpSocket() {
+  explicit UdpSocket(uint32_t host = INADDR_LOOPBACK) {
     fd_ = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in a = loopback(0);
+    a.sin_addr.s_addr = htonl(host);
     bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
     socklen_t len = sizeof a;
     getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
