@@ -1,16 +1,20 @@
 #include "tools/verify/StampAudit.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "base/Owners.h"
-#include "ossl/OpenSslPtr.h"
+#include "base/SystemError.h"
 #include "encoding/Base64Crc.h"
+#include "ossl/OpenSslPtr.h"
+#include "tsclient/TsSettings.h"
 
 namespace {
 
@@ -21,11 +25,55 @@ StampAudit refuse(std::string reason, const TokenFacts& facts = TokenFacts()) {
   return audit;
 }
 
-bool readWhole(const std::string& path, std::string* text) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad();
+// A timestamp file holds one BASE64 line of an answer no larger than the
+// worker ever takes from a Timestamp Server.
+constexpr size_t kMaxTimestampFile = (kMaxResponseLimit + 2) / 3 * 4;
+
+// Opens path for reading when it is a regular file; *why says otherwise.
+// O_NONBLOCK: a FIFO or a device is refused at once, never waited on.
+UniqueFd openRegular(const std::string& path, struct stat* st, std::string* why) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd.valid() || fstat(fd.get(), st) != 0) {
+    *why = systemError(errno).c_str();
+    return UniqueFd();
+  }
+  if (!S_ISREG(st->st_mode)) {
+    *why = "no regular file";
+    return UniqueFd();
+  }
+  return fd;
+}
+
+// Reads from fd until its end, handing each piece to take; false (errno
+// set) on a read error.
+template <typename Take>
+bool readAll(int fd, Take take) {
+  char buf[64 * 1024];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n == 0;
+    if (!take(buf, static_cast<size_t>(n))) return true;
+  }
+}
+
+bool readTimestampFile(const std::string& path, std::string* text, std::string* why) {
+  struct stat st;
+  UniqueFd fd = openRegular(path, &st, why);
+  if (!fd.valid()) return false;
+  bool tooLarge = static_cast<uint64_t>(st.st_size) > kMaxTimestampFile;
+  // The size may grow while the file is read; what is read is bounded too.
+  bool ok = tooLarge || readAll(fd.get(), [&](const char* data, size_t n) {
+              tooLarge = text->size() + n > kMaxTimestampFile;
+              if (!tooLarge) text->append(data, n);
+              return !tooLarge;
+            });
+  if (!ok) {
+    *why = systemError(errno).c_str();
+    return false;
+  }
+  if (tooLarge) *why = "larger than " + std::to_string(kMaxTimestampFile) + " bytes";
+  return !tooLarge;
 }
 
 // BASE64 in the strict form the worker writes: the standard alphabet,
@@ -44,22 +92,30 @@ bool isBase64Line(const std::string& text) {
 }
 
 // The digest of the file's bytes now, with the algorithm of the NID.
-bool digestOfFile(const std::string& path, int nid, std::vector<unsigned char>* digest) {
+bool digestOfFile(const std::string& path, int nid, std::vector<unsigned char>* digest,
+                  std::string* why) {
   const EVP_MD* md = EVP_get_digestbynid(nid);
-  FilePtr f(md ? fopen(path.c_str(), "rb") : nullptr);
-  if (!f) return false;
+  if (md == nullptr) {
+    *why = "unknown digest algorithm";
+    return false;
+  }
+  struct stat st;
+  UniqueFd fd = openRegular(path, &st, why);
+  if (!fd.valid()) return false;
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   bool ok = ctx && EVP_DigestInit_ex(ctx.get(), md, nullptr) == 1;
-  unsigned char buf[64 * 1024];
-  size_t n;
-  while (ok && (n = fread(buf, 1, sizeof buf, f.get())) > 0) {
-    ok = EVP_DigestUpdate(ctx.get(), buf, n) == 1;
+  if (ok && !readAll(fd.get(), [&](const char* data, size_t n) {
+        ok = EVP_DigestUpdate(ctx.get(), data, n) == 1;
+        return ok;
+      })) {
+    *why = systemError(errno).c_str();
+    return false;
   }
-  ok = ok && !ferror(f.get());
   unsigned int size = 0;
   digest->resize(EVP_MAX_MD_SIZE);
   ok = ok && EVP_DigestFinal_ex(ctx.get(), digest->data(), &size) == 1;
   digest->resize(size);
+  if (!ok) *why = "digest failed";
   return ok;
 }
 
@@ -67,8 +123,10 @@ bool digestOfFile(const std::string& path, int nid, std::vector<unsigned char>* 
 
 StampAudit auditStamp(const StampedFile& stamp, const TokenTrust& trust) {
   if (!stamp.problem.empty()) return refuse(stamp.problem);
-  std::string text;
-  if (!readWhole(stamp.timestamp, &text)) return refuse("cannot read the timestamp file");
+  std::string text, why;
+  if (!readTimestampFile(stamp.timestamp, &text, &why)) {
+    return refuse("cannot read the timestamp file: " + why);
+  }
   if (!isBase64Line(text)) return refuse("the timestamp file is no one-line BASE64 text");
   std::vector<unsigned char> der(text.size() / 4 * 3);
   int length = 0;
@@ -83,8 +141,8 @@ StampAudit auditStamp(const StampedFile& stamp, const TokenTrust& trust) {
   if (!read.ok) return refuse(read.reason, read.facts);
   TokenExpectations expect;
   expect.hashNid = read.facts.hashNid;
-  if (!digestOfFile(stamp.source, expect.hashNid, &expect.digest)) {
-    return refuse("cannot hash " + stamp.source, read.facts);
+  if (!digestOfFile(stamp.source, expect.hashNid, &expect.digest, &why)) {
+    return refuse("cannot hash " + stamp.source + ": " + why, read.facts);
   }
   TokenCheckResult checked =
       checkTimestampResponse(der.data(), static_cast<size_t>(length), &expect, &trust);

@@ -1,6 +1,9 @@
 // StampAudit: does a timestamp file still prove its file?
 //
-// The timestamp file must hold one line of BASE64 of a DER TimeStampResp;
+// The timestamp file must be a regular file (so must the file it proves: a
+// FIFO or a device is refused, never waited on or read) of at most the
+// BASE64 size of the largest answer a worker takes (TS_RESPONSE_LIMIT's
+// maximum), and hold one line of BASE64 of a DER TimeStampResp;
 // its token is checked by checkTimestampResponse (status, imprint against a
 // digest of the file as it is now, signature, and the chain when trust has
 // anchors). A token whose signature could not be checked because no signer

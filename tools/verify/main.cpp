@@ -7,6 +7,7 @@
 // files that cannot be read, or directories without any document.
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -127,7 +128,12 @@ int main(int argc, char** argv) {
   int failed = 0;
   std::string records;
   for (const StampedFile& stamp : stamps) {
-    StampAudit audit = auditStamp(stamp, trust);
+    StampAudit audit;
+    try {
+      audit = auditStamp(stamp, trust);
+    } catch (const std::exception& e) {  // one file's trouble is not the others'
+      audit.reason = std::string("cannot check: ") + e.what();
+    }
     if (!audit.ok) ++failed;
     if (options.json) {
       records += (records.empty() ? "\n  " : ",\n  ") + jsonRecord(stamp, audit);

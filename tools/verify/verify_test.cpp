@@ -3,8 +3,11 @@
 // -verify" on the same files.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -170,6 +173,34 @@ TEST_F(VerifyTest, WalksATreeOfDocumentsAndLeavesThemAsTheyAre) {
                                                {"--ca", dir_.file("missing.pem"), a},
                                                {}}) {
     EXPECT_EQ(verify(args).exitCode, 2) << args.size();
+  }
+}
+
+// What is no regular file, or too large, is refused unread, and the next file checked.
+TEST_F(VerifyTest, RefusesWhatIsNoRegularFileOrTooLargeAndGoesOn) {
+  std::unique_ptr<TestTsa> tsa = startTsa({});
+  ASSERT_TRUE(tsa->ready());
+  std::string doc = dir_.file("odd");
+  makeDir(doc);
+  stamp(*tsa, doc, "data.txt", "data", "data.tst", true);
+  for (const char* fifo : {"/pipe", "/fifo.tst"}) ASSERT_EQ(mkfifo((doc + fifo).c_str(), 0600), 0);
+  makeDir(doc + "/dir.tst");
+  writeFile(doc + "/big.tst", "");
+  ASSERT_EQ(truncate((doc + "/big.tst").c_str(), 1398105), 0);  // BASE64 of 1 MiB, and one byte
+  writeFile(doc + "/COMMANDS",
+            "TIMESTAMP_FILE data.txt fifo.tst\nTIMESTAMP_FILE data.txt dir.tst\n"
+            "TIMESTAMP_FILE data.txt big.tst\nTIMESTAMP_FILE /dev/zero data.tst\n"
+            "TIMESTAMP_FILE pipe data.tst\nTIMESTAMP_FILE data.txt data.tst\n");
+  ChildResult r = verify({"--ca", ca(), "--certs", tsa->tsaCertFile(), doc});
+  EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+  for (const std::string& line :
+       {"FAILED " + doc + "/fifo.tst .* reason=\"cannot read the timestamp file: no regular file\"",
+        "FAILED " + doc + "/dir.tst .*: no regular file\"",
+        "FAILED " + doc + "/big.tst .*: larger than 1398104 bytes\"",
+        "FAILED " + doc + "/data.tst .* reason=\"cannot hash /dev/zero: no regular file\"",
+        "FAILED " + doc + "/data.tst .* reason=\"cannot hash " + doc + "/pipe: no regular file\"",
+        std::string("6 timestamps in 1 document: 1 ok, 5 failed")}) {
+    EXPECT_TRUE(std::regex_search(r.out, std::regex(line))) << line << "\n" << r.out;
   }
 }
 
