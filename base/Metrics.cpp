@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -219,9 +220,20 @@ std::string prometheusText() {
 
 int writePrometheusFile(const std::string& path) {
   std::string text = prometheusText();
-  std::string temporary = path + ".tmp." + std::to_string(getpid());
-  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-  if (fd < 0) return errno;
+  // A name of our own, created afresh: whatever another user placed beside
+  // the file (a file, a link) is never written through, only avoided.
+  std::string temporary;
+  int fd = -1;
+  for (int attempt = 0; fd < 0 && attempt < 8; ++attempt) {
+    uint64_t random = 0;
+    if (getrandom(&random, sizeof random, GRND_NONBLOCK) != sizeof random) return EAGAIN;
+    char suffix[40];
+    snprintf(suffix, sizeof suffix, ".tmp.%d.%016" PRIx64, static_cast<int>(getpid()), random);
+    temporary = path + suffix;
+    fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0 && errno != EEXIST) return errno;
+  }
+  if (fd < 0) return EEXIST;
   size_t done = 0;
   int err = 0;
   while (done < text.size()) {

@@ -53,7 +53,9 @@ Totals totals();
 std::string prometheusText();
 
 // Writes prometheusText() to path atomically: a temporary file in the same
-// directory, renamed over path, so a reader never sees half a file. Returns
+// directory, renamed over path, so a reader never sees half a file. The
+// temporary file has a random name and is created afresh (O_EXCL,
+// O_NOFOLLOW): nothing placed there beforehand is written through. Returns
 // 0, or the errno of the step that failed (the temporary file is removed).
 int writePrometheusFile(const std::string& path);
 

@@ -1,6 +1,7 @@
 #include "base/Metrics.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -39,7 +40,10 @@ TEST(MetricsTest, TheFileHoldsTheCountersAndAFailedWriteGivesItsErrno) {
   TempDir dir;
   metrics::countTimestamp(-7);
   std::string path = dir.file("clockette.prom");
+  std::string planted = path + ".tmp." + std::to_string(getpid());
+  writeFile(planted, "planted");
   ASSERT_EQ(metrics::writePrometheusFile(path), 0);
+  EXPECT_EQ(readFile(planted), "planted") << "a file planted beside it is left alone";
   std::string text = readFile(path);
   EXPECT_EQ(text, metrics::prometheusText());
   EXPECT_TRUE(contains(text, "clockette_timestamps_total{result=\"error_7\"} "));

@@ -97,7 +97,7 @@ int openSocketBefore(const char* host, uint16_t port, long connectTimeoutS, long
   if (port == 0) return -1;
   HostAddressList addresses;
   if (resolveHost(host, &addresses) != 0) {
-    log.msg(__LINE__, 2, "timestamp server host %s unknown", host);
+    log.msg(__LINE__, 2, "timestamp server host %s unknown", maskCredentials(host).c_str());
     return -1;
   }
   HostAddress address = addresses.front();
@@ -131,8 +131,9 @@ int openSocketBefore(const char* host, uint16_t port, long connectTimeoutS, long
   if (fd < 0) {
     char text[NI_MAXHOST + 2];
     log.msg(__LINE__, 2,
-            "cannot connect to timestamp server host %s, port %d, addr %s, errno=%d(%s)", host,
-            port, addressText(address.sa(), 0, text, sizeof text), err, systemError(err).c_str());
+            "cannot connect to timestamp server host %s, port %d, addr %s, errno=%d(%s)",
+            maskCredentials(host).c_str(), port, addressText(address.sa(), 0, text, sizeof text),
+            err, systemError(err).c_str());
     return -1;
   }
   sockaddr_storage local{};
@@ -204,14 +205,14 @@ int TcpTransport::exchange(Log& log, const TsServer& server,
   answer->used = receiveAll(sock.get(), answer->data, answer->capacity, deadline);
   if (stopRequested()) {
     log.msg(__LINE__, 2, "exchange with timestamp server %s given up: the worker is stopping",
-            server.host.c_str());
+            maskCredentials(server.host).c_str());
     *outcome = {-4, false, "stopped"};
     return -4;
   }
   const TcpReply reply = readTcpReply(answer->data, answer->used, answer->capacity);
   if (reply.result != 0) {
     log.msg(__LINE__, 2, "timestamp server %s did not respond with a valid timestamp",
-            server.host.c_str());
+            maskCredentials(server.host).c_str());
     *outcome = {-10, false, "no valid timestamp"};
     return -10;
   }

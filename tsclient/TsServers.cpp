@@ -9,6 +9,7 @@
 #include "base/Log.h"
 #include "base/Metrics.h"
 #include "base/Stop.h"
+#include "tsclient/TsSettings.h"
 
 namespace {
 
@@ -62,8 +63,16 @@ bool isHttp(const std::string& protocol) { return protocol == "http" || protocol
 
 }  // namespace
 
+std::string maskCredentials(const std::string& text) {
+  const size_t scheme = text.find("://");
+  const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
+  const size_t at = text.rfind('@');
+  if (at == std::string::npos || at < start) return text;
+  return text.substr(0, start) + kSecretMask + text.substr(at);
+}
+
 std::string TsServer::name() const {
-  std::string text = protocol + "://" + host + ":" + std::to_string(port);
+  std::string text = protocol + "://" + maskCredentials(host) + ":" + std::to_string(port);
   if (isHttp(protocol) && path != "/") text += "/" + path;
   return text;
 }
@@ -145,7 +154,7 @@ void TsServers::configureFromEnvironment(Log& log, const TsServer& primary, long
       log.msg(__LINE__, 2,
               "TIMESTAMP_FALLBACK entry '%s' is no <protocol>://<host>:<port>[/<path>] with "
               "protocol http, https or tcp, left out",
-              entry.c_str());
+              maskCredentials(entry).c_str());
     }
   }
   configure(primary, fallbacks, policy);

@@ -39,7 +39,7 @@ struct TsServer {
   std::string path = "/";  // as TIMESTAMP_URL_PATH: the URL's text after "/</"
 
   // protocol://host:port, with "/path" for HTTP(S) unless the path is the
-  // default: the server as TIMESTAMP_FALLBACK names it.
+  // default: the server as TIMESTAMP_FALLBACK names it (credentials masked).
   std::string name() const;
 };
 
@@ -48,6 +48,11 @@ struct TsServer {
 // TIMESTAMP_URL_PATH would hold; missing or empty, it is "/". false (and
 // server unchanged) for anything else.
 bool parseTsServer(const std::string& text, TsServer* server);
+
+// text (a URL, a server entry or a host) with the user information before
+// its last "@" ("user:password@") shown as "********": for every message and
+// label that names a server.
+std::string maskCredentials(const std::string& text);
 
 // What one attempt with one server came to.
 struct TsAttempt {

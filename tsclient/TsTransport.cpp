@@ -6,9 +6,7 @@
 #include "tsclient/TsSettings.h"
 
 std::string serverName(const TsServer& server) {
-  std::string host = server.host;
-  size_t at = host.rfind('@');
-  if (at != std::string::npos) host.replace(0, at, kSecretMask);
+  const std::string host = maskCredentials(server.host);
   char text[64];
   if (isHttpServer(server)) {
     snprintf(text, sizeof text, ":%d/</", server.port);

@@ -22,16 +22,16 @@
 #include "der/CAsn1ietfTSResp.h"
 #include "der/CAsn1messageImprint.h"
 #include "der/CAsn1string.h"
-#include "tsclient/CurlTransport.h"
 #include "der/Der.h"
+#include "der/asn1request.h"
+#include "encoding/Base64Crc.h"
 #include "ossl/OpenSslErrors.h"
+#include "tsclient/CurlTransport.h"
 #include "tsclient/TcpTransport.h"
 #include "tsclient/TokenCheck.h"
 #include "tsclient/TsServers.h"
 #include "tsclient/TsSettings.h"
 #include "tsclient/TsTransport.h"
-#include "der/asn1request.h"
-#include "encoding/Base64Crc.h"
 
 namespace {
 
@@ -100,7 +100,8 @@ TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsig
     return {-8, true, "no data received"};
   }
   if (rb.used == 2 && rb.data[0] == 0x05 && rb.data[1] == 0x00) {
-    log.msg(__LINE__, 2, "timestamp server %s is currently not working", server.host.c_str());
+    log.msg(__LINE__, 2, "timestamp server %s is currently not working",
+            maskCredentials(server.host).c_str());
     return {-9, true, "currently not working"};
   }
   response->setVal(kTagOctetString, rb.data + offset, static_cast<unsigned int>(rb.used - offset));
@@ -165,7 +166,8 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   s.responseLimit = responseLimitFromEnv(log);
   const bool settingsOk = readTokenSettings(log, &s);
   log.msg(__LINE__, 9, "TimestampRequester initialized. Host: %s Port: %d Protocol: %s Path: %s",
-          primary.host.c_str(), primary.port, primary.protocol.c_str(), primary.path.c_str());
+          maskCredentials(primary.host).c_str(), primary.port, primary.protocol.c_str(),
+          primary.path.c_str());
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
   tsServers().configureFromEnvironment(log, primary, s.totalTimeoutS);
