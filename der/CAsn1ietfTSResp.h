@@ -27,7 +27,6 @@
 #include "der/CAsn1issuerSerial.h"
 #include "der/CAsn1messageImprint.h"
 #include "der/CAsn1signerInfo.h"
-#include "der/CAsn1size.h"
 #include "der/CAsn1string.h"
 #include "der/CAsn1tsToken.h"
 
@@ -40,13 +39,12 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   CAsn1ietfTSResp() = default;
 
   // 30, length, the status info, then the token when one is present.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // 0 for a status info with or without a well-formed token; -1 for a broken
   // status info, a broken token, or a token that is no SignedData over a
   // TSTInfo ("Sub contentType = %d(%s), expected %d(%s)"). A token whose
   // length runs past the response is ignored.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // PKIStatus and the first status text.
   int getStatus() const { return statusInfo.status.value; }
@@ -110,11 +108,8 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   CAsn1ietfStatusInfo statusInfo;
 
  private:
-  unsigned int computeContentLength();
-
   CAsn1contentInfo token_;
   bool tokenPresent_ = false;
-  CAsn1size contentLength_;
   CAsn1TSTInfo tstInfo_;
   CAsn1signerInfo signerInfo_;
   CAsn1issuerSerial issuerSerial_;

@@ -2,7 +2,6 @@
 
 #include <openssl/x509.h>
 
-#include <cassert>
 #include <memory>
 
 #include "base/Log.h"
@@ -30,28 +29,14 @@ int CAsn1name::addVal(int nid, const CAsn1string& value) {
   return 0;
 }
 
-unsigned int CAsn1name::getSize() {
-  Log log("CAsn1name", "getSize", __FILE__, __LINE__, 13);
-  unsigned int content = 0;
-  for (int i = 0; i < count_; ++i) content += attributes_[i].getSize();
-  length.value = static_cast<int>(content);
-  return 1 + length.getSize() + content;
-}
-
-int CAsn1name::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1name::getDER(DerWriter& out) const {
   Log log("CAsn1name", "getDER", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "serializing Name with %d attributes", count_);
-  unsigned int start = *pos;
-  unsigned int size = getSize();
-  DerWriter out(buffer, pos);
-  out.octet(kTagSequence);
-  if (length.getDER(buffer, pos) != 0) return -1;
+  const size_t sequence = out.open(kTagSequence);
   for (int i = 0; i < count_; ++i) {
-    if (attributes_[i].getDER(buffer, pos) != 0) return -1;
+    if (attributes_[i].getDER(out) != 0) return -1;
   }
-  assert(*pos - start == size);
-  (void)start;
-  (void)size;
+  out.close(sequence);
   return 0;
 }
 
@@ -61,7 +46,6 @@ int CAsn1name::setDER(const unsigned char* buffer, unsigned int* pos, unsigned i
   DerReader in(buffer, pos, end);
   unsigned int content = 0;
   if (!in.expectTagQuiet(kTagSequence) || !in.readLength(&content)) return -1;
-  length.value = static_cast<int>(content);
   unsigned long long consumed = 0;
   while (consumed < content && count_ < kMaxAttributes) {
     // The attribute's own length, read ahead, says how far it reaches.

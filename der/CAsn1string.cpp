@@ -1,6 +1,5 @@
 #include "der/CAsn1string.h"
 
-#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -28,16 +27,12 @@ void CAsn1string::setVal(const unsigned char* bytes, unsigned int length) {
   length_ = length;
 }
 
-int CAsn1string::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1string::getDER(DerWriter& out) const {
   Log log("CAsn1string", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
   out.octet(tag_);
   out.length(static_cast<int>(length_));
   out.bytes(data(), length_);
   if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized %s", logText().c_str());
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 
@@ -56,7 +51,7 @@ int CAsn1string::setDER(const unsigned char* buffer, unsigned int* pos, unsigned
   return 0;
 }
 
-unsigned int CAsn1string::getSize() {
+unsigned int CAsn1string::getSize() const {
   Log log("CAsn1string", "getSize", __FILE__, __LINE__, 13);
   return 1 + derLengthSize(static_cast<int>(length_)) + length_;
 }

@@ -16,12 +16,12 @@ class CAsn1string : public CAsn1object {
   CAsn1string(unsigned char tag, const unsigned char* bytes, unsigned int length);
 
   // Tag, length, bytes. Logs "serialized STRING[%d](%d bytes) %s" at level 9.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Takes whatever identifier octet it finds as the new tag (no check), then
   // the length and that many bytes; fails when they were not all received.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
   // 1 + size of the length field + length.
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   // Replace the bytes (a copy of length bytes, plus a NUL kept after them).
   void setVal(unsigned char tag, const unsigned char* bytes, unsigned int length);

@@ -1,6 +1,5 @@
 #include "der/CAsn1time.h"
 
-#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -73,25 +72,21 @@ std::string CAsn1time::displayText() const {
   return std::string(b) + fractionText(fraction) + " GMT" + zoneText(tzHours, tzMinutes);
 }
 
-unsigned int CAsn1time::getSize() {
+unsigned int CAsn1time::getSize() const {
   Log log("CAsn1time", "getSize", __FILE__, __LINE__, 13);
   if (type != kUtcTime && type != kGeneralizedTime) return 0;
-  textLength.value = static_cast<int>(derText().size());
-  return 1 + textLength.getSize() + static_cast<unsigned int>(textLength.value);
+  const unsigned int length = static_cast<unsigned int>(derText().size());
+  return 1 + derLengthSize(static_cast<int>(length)) + length;
 }
 
-int CAsn1time::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1time::getDER(DerWriter& out) const {
   Log log("CAsn1time", "getDER", __FILE__, __LINE__, 13);
   if (type != kUtcTime && type != kGeneralizedTime) return -1;
-  unsigned int start = *pos;
   std::string text = derText();
-  DerWriter out(buffer, pos);
   out.octet(static_cast<unsigned char>(type));
   out.length(static_cast<int>(text.size()));
   out.bytes(reinterpret_cast<const unsigned char*>(text.data()),
             static_cast<unsigned int>(text.size()));
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 

@@ -69,9 +69,8 @@ TEST(CAsn1time, GeneralizedTimeIsWrittenInGmtWhateverTheOffset) {
   EXPECT_EQ(t.derText(), "240229010203+0500");
   t.type = 0;
   EXPECT_EQ(t.getSize(), 0u);
-  unsigned char buffer[64];
-  unsigned int pos = 0;
-  EXPECT_EQ(t.getDER(buffer, &pos), -1);
+  DerWriter out;
+  EXPECT_EQ(t.getDER(out), -1);
 }
 
 TEST(CAsn1time, ConvertsToGmt) {

@@ -18,6 +18,7 @@
 #include "ossl/OpenSslPtr.h"
 
 class CAsn1issuerSerial;
+class DerWriter;
 class CAsn1time;
 
 class CCertInfo {
@@ -45,9 +46,8 @@ class CCertInfo {
   const std::vector<unsigned char>& der() const { return der_; }
   // Octets that getDER writes (0 when nothing is held).
   unsigned int getSize() const { return static_cast<unsigned int>(der_.size()); }
-  // Writes the DER at buffer[*pos] and advances *pos; the caller sized the
-  // buffer from getSize(). 0, or -1 when nothing is held.
-  int getDER(unsigned char* buffer, unsigned int* pos) const;
+  // Appends the DER to out. 0, or -1 when nothing is held.
+  int getDER(DerWriter& out) const;
   // The OpenSSL certificate, owned by this object (null when !ok()).
   X509* x509() const { return cert_.get(); }
 

@@ -103,26 +103,3 @@ TEST(CAsn1IETFrequest, SkipsAnOptionalThatRunsPastTheRequest) {
   EXPECT_EQ(req.nonce.length(), 0u);
   EXPECT_EQ(pos, 2u + 3u + 11u);  // the element stays unread; one inside is read: above
 }
-
-// The other forms around the same imprint; their round trips and
-// refusals: Der_test.
-TEST(CAsn1Request, OtherFormsWrapTheImprint) {
-  CAsn1sigIA4request sigIA4;  // version 99 and a BIT STRING hash
-  sigIA4.messageImprint.hashAlgorithm = CAsn1algorithmIdentifier(NID_sha1, false);
-  EXPECT_EQ(derHex(sigIA4), "a0 15 30 13 02 01 63 a2 0e 30 0c 30 07 06 05 2b 0e 03 02 1a 03 01 00");
-  CAsn1Pkcs7request pkcs7;
-  pkcs7.messageImprint.hashAlgorithm = CAsn1algorithmIdentifier(NID_sha1, false);
-  const unsigned char h[] = {0xAB};
-  pkcs7.messageImprint.hashedMessage.setVal(h, 1);
-  EXPECT_EQ(derHex(pkcs7), "a3 13 30 11 02 01 00 30 0c 30 07 06 05 2b 0e 03 02 1a 04 01 ab");
-
-  CAsn1CertRequest cert;
-  const unsigned char a[] = {0x0A}, b[] = {0x0B};
-  cert.first.setVal(a, 1);
-  cert.second.setVal(b, 1);
-  EXPECT_EQ(derHex(cert), "a2 0a 30 08 02 01 01 a0 03 04 01 0a");  // mode 1
-  cert.mode = 2;
-  EXPECT_EQ(derHex(cert), "a2 0d 30 0b 02 01 01 30 06 04 01 0a 04 01 0b");
-  cert.mode = 3;
-  EXPECT_EQ(derHex(cert), "getDER failed");
-}

@@ -22,16 +22,16 @@
 #include "der/CAsn1ietfTSResp.h"
 #include "der/CAsn1messageImprint.h"
 #include "der/CAsn1string.h"
-#include "tsclient/CurlTransport.h"
 #include "der/Der.h"
+#include "der/asn1request.h"
+#include "encoding/Base64Crc.h"
 #include "ossl/OpenSslErrors.h"
+#include "tsclient/CurlTransport.h"
 #include "tsclient/TcpTransport.h"
 #include "tsclient/TokenCheck.h"
 #include "tsclient/TsServers.h"
 #include "tsclient/TsSettings.h"
 #include "tsclient/TsTransport.h"
-#include "der/asn1request.h"
-#include "encoding/Base64Crc.h"
 
 namespace {
 
@@ -62,10 +62,8 @@ bool encodeRequest(CAsn1messageImprint* imprint, const std::vector<unsigned char
   if (digestLen > kMaxDigest) digestLen = kMaxDigest;
   request.messageImprint.hashedMessage.setVal(kTagOctetString, imprint->hashedMessage.data(),
                                               digestLen);
-  unsigned int size = request.getSize();
-  der->assign(size, 0);
-  unsigned int pos = 0;
-  return size > 0 && request.getDER(der->data(), &pos) == 0 && pos == size;
+  *der = encodeDER(request);
+  return !der->empty();
 }
 
 // One exchange with server for the DER request, within timeoutMs: the

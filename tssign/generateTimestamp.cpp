@@ -219,23 +219,19 @@ int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, c
   }
 
   // TimeStampResp ::= SEQUENCE { status PKIStatusInfo, timeStampToken }
-  unsigned int contents = resp.statusInfo.getSize() + token.getSize();
-  unsigned int total = 1 + derLengthSize(static_cast<int>(contents)) + contents;
-  unsigned int pos = 0;
-  if (total > kBufferSize) {
+  DerWriter out;
+  const size_t sequence = out.open(kTagSequence);
+  if (resp.statusInfo.getDER(out) != 0 || token.getDER(out) != 0) {
     log.msg(__LINE__, 2, "Error serializing timestamp to DER");
     return -8;
   }
-  DerWriter out(buffer.data(), &pos);
-  out.octet(kTagSequence);
-  out.length(static_cast<int>(contents));
-  if (resp.statusInfo.getDER(buffer.data(), &pos) != 0 || token.getDER(buffer.data(), &pos) != 0 ||
-      pos != total) {
+  out.close(sequence);
+  if (out.size() > kBufferSize) {
     log.msg(__LINE__, 2, "Error serializing timestamp to DER");
     return -8;
   }
-  response->setVal(kTagOctetString, buffer.data(), pos);
-  log.msg(__LINE__, 8, "local timestamp of %u bytes signed by %s", pos,
+  response->setVal(kTagOctetString, out.data().data(), out.size());
+  log.msg(__LINE__, 8, "local timestamp of %u bytes signed by %s", out.size(),
           cert.GetSubjectName().c_str());
   return 0;
 }
