@@ -31,17 +31,6 @@ std::string gmtText(time_t t) {
   return text;
 }
 
-// Copies string into dest when *size leaves room; *size receives the length.
-int copyOut(const CAsn1string& string, unsigned char* dest, unsigned int* size) {
-  if (*size < string.length()) {
-    *size = 0;
-    return -1;
-  }
-  if (string.length() > 0) memcpy(dest, string.data(), string.length());
-  *size = string.length();
-  return 0;
-}
-
 // The date check can be switched off for tests with old certificates; only
 // these exact texts count (not the usual truth-value rule).
 bool ignoreValidityDates() {
@@ -127,10 +116,6 @@ int CAsn1ietfTSResp::removeCerts() {
   return 0;
 }
 
-int CAsn1ietfTSResp::getSignature(unsigned char* dest, unsigned int* size) const {
-  return copyOut(signerInfo_.signature, dest, size);
-}
-
 int CAsn1ietfTSResp::setSignature(int pkeyType, const unsigned char* signature, unsigned int length,
                                   int digestNid) {
   Log log("CAsn1ietfTSResp", "setSignature", __FILE__, __LINE__, 13);
@@ -177,12 +162,6 @@ int CAsn1ietfTSResp::getTBSbuf(CAsn1string* out) {
     attributesPending_ = false;
   }
   return signerInfo_.signedAttributes.getToBeHashedSequence(out);
-}
-
-int CAsn1ietfTSResp::getTBSbuf(unsigned char* dest, unsigned int* size) {
-  CAsn1string tbs;
-  if (getTBSbuf(&tbs) != 0) return -1;
-  return copyOut(tbs, dest, size);
 }
 
 int CAsn1ietfTSResp::addRefFromCert(const CCertInfo& cert) {

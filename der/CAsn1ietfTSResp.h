@@ -66,9 +66,6 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
 
   // The signature of the signer information.
   CAsn1string getSignature() const { return signerInfo_.signature; }
-  // The same into dest; *size holds dest's room and receives the length
-  // (0 and -1 when it does not fit).
-  int getSignature(unsigned char* dest, unsigned int* size) const;
   const CAsn1algorithmIdentifier& getSignAlg() const { return signerInfo_.signatureAlgorithm; }
   // Stores the signature made with a key of OpenSSL type pkeyType over
   // digestNid, and assembles the token (SignedData over the TSTInfo with this
@@ -87,8 +84,6 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   // must be configured and the contentType, signingTime and messageDigest
   // attributes are added first. 0 or -1.
   int getTBSbuf(CAsn1string* out);
-  // The same copied into dest; *size holds dest's room and receives the length.
-  int getTBSbuf(unsigned char* dest, unsigned int* size);
 
   // Records the signer certificate's issuer and serial number after checking
   // that the generation time lies within its validity (unless
