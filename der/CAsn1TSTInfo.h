@@ -37,9 +37,6 @@ class CAsn1TSTInfo : public CAsn1object {
 
   // Raw DER of the optional members after genTime.
   const std::vector<unsigned char>& rest() const { return rest_; }
-  void setRest(const unsigned char* bytes, unsigned int length) {
-    rest_.assign(bytes, bytes + length);
-  }
   // True when the rest held an INTEGER (the nonce).
   bool hasNonce() const { return hasNonce_; }
 

@@ -66,7 +66,6 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
 
   // The signature of the signer information.
   CAsn1string getSignature() const { return signerInfo_.signature; }
-  const CAsn1algorithmIdentifier& getSignAlg() const { return signerInfo_.signatureAlgorithm; }
   // Stores the signature made with a key of OpenSSL type pkeyType over
   // digestNid, and assembles the token (SignedData over the TSTInfo with this
   // signer) so that getDER writes it. 0 or -1.
@@ -98,7 +97,6 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   void setSerialNumber(int serial);
   // Digest of the signed attributes and of the signature.
   void setDigestNid(int nid) { digestNid_ = nid; }
-  int getDigestNid() const { return digestNid_; }
 
   CAsn1ietfStatusInfo statusInfo;
 

@@ -43,7 +43,6 @@ class CAsn1string : public CAsn1object {
   int getInteger() const;
 
   unsigned char tag() const { return tag_; }
-  void setTag(unsigned char tag) { tag_ = tag; }
   // The bytes, followed by a NUL; nullptr when empty.
   const unsigned char* data() const { return bytes_.empty() ? nullptr : bytes_.data(); }
   unsigned int length() const { return length_; }

@@ -54,8 +54,7 @@ class CCertInfo {
   // Issuer and subject in OpenSSL's one-line form ("/C=DE/O=.../CN=...").
   std::string GetIssuerName() const;
   std::string GetSubjectName() const;
-  // DER of the issuer Name and the serial number's INTEGER contents.
-  const std::vector<unsigned char>& GetIssuerDER() const { return issuerDer_; }
+  // The serial number's INTEGER contents.
   const std::vector<unsigned char>& GetSerialNumber() const { return serial_; }
   // Fills an IssuerAndSerialNumber: the issuer Name and the serial number as
   // an INTEGER-tagged string. 0, or -1 when nothing is held or the issuer

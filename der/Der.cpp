@@ -92,13 +92,6 @@ bool DerReader::peekLength(unsigned int* length, unsigned int* lengthOctets) con
   return true;
 }
 
-bool DerReader::readBytes(unsigned char* dest, unsigned int n) {
-  if (!need(n)) return false;
-  if (n > 0) memcpy(dest, buffer_ + *pos_, n);
-  *pos_ += n;
-  return true;
-}
-
 bool DerReader::skip(unsigned int n) {
   if (!need(n)) return false;
   *pos_ += n;

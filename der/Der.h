@@ -57,7 +57,6 @@ class DerReader {
 
   const unsigned char* buffer() const { return buffer_; }
   unsigned int pos() const { return *pos_; }
-  unsigned int* posPtr() const { return pos_; }
   unsigned int end() const { return end_; }
   unsigned int left() const { return *pos_ < end_ ? end_ - *pos_ : 0; }
   bool atEnd() const { return *pos_ >= end_; }
@@ -84,7 +83,6 @@ class DerReader {
   bool readLength(unsigned int* length);
   // Reads a length field at the position without moving it.
   bool peekLength(unsigned int* length, unsigned int* lengthOctets) const;
-  bool readBytes(unsigned char* dest, unsigned int n);
   bool skip(unsigned int n);
 
  private:
