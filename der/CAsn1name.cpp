@@ -1,23 +1,7 @@
 #include "der/CAsn1name.h"
 
-#include <openssl/x509.h>
-
-#include <memory>
-
 #include "base/Log.h"
 #include "der/Der.h"
-#include "ossl/OpenSslErrors.h"
-#include "ossl/OpenSslPtr.h"
-
-namespace {
-
-// Longest value text handed to OpenSSL for one entry.
-constexpr unsigned int kMaxValueText = 1024;
-
-using X509NameEntryPtr =
-    std::unique_ptr<X509_NAME_ENTRY, ossl::Deleter<X509_NAME_ENTRY, X509_NAME_ENTRY_free>>;
-
-}  // namespace
 
 int CAsn1name::addVal(int nid, const CAsn1string& value) {
   Log log("CAsn1name", "addVal", __FILE__, __LINE__, 13);
@@ -63,35 +47,3 @@ int CAsn1name::setDER(const unsigned char* buffer, unsigned int* pos, unsigned i
   return 0;
 }
 
-int CAsn1name::getString(char* buffer, unsigned int size) const {
-  Log log("CAsn1name", "getString", __FILE__, __LINE__, 13);
-  if (size == 0) return -1;
-  buffer[0] = '\0';
-  X509NamePtr name(X509_NAME_new());
-  if (!name) return -1;
-  for (int i = 0; i < count_; ++i) {
-    const CAsn1nameAttribute& attribute = attributes_[i];
-    for (int j = 0; j < attribute.elementCount(); ++j) {
-      const CAsn1string& value = attribute.value(j);
-      int textLength =
-          static_cast<int>(value.length() < kMaxValueText ? value.length() : kMaxValueText);
-      // The value's tag doubles as OpenSSL's string type.
-      X509NameEntryPtr entry(X509_NAME_ENTRY_create_by_NID(nullptr, attribute.type(j).nid,
-                                                           value.tag(), value.data(), textLength));
-      if (!entry) {
-        log.msg(__LINE__, 2, "X509_NAME_ENTRY_create_by_NID() failed");
-        logOpenSslErrorQueue("CAsn1name", "getString");
-        continue;
-      }
-      if (X509_NAME_add_entry(name.get(), entry.get(), -1, 0) != 1) {
-        log.msg(__LINE__, 2, "X509_NAME_add_entry() failed");
-        logOpenSslErrorQueue("CAsn1name", "getString");
-      }
-    }
-  }
-  if (X509_NAME_entry_count(name.get()) > 0) {
-    X509_NAME_oneline(name.get(), buffer, static_cast<int>(size));
-  }
-  log.msg(__LINE__, 6, "X.509 name: %s", buffer);
-  return 0;
-}

@@ -25,11 +25,6 @@ class CAsn1name : public CAsn1object {
 
   // Appends an attribute of one element (nid, value); -1 when 9 are present.
   int addVal(int nid, const CAsn1string& value);
-  // The name as OpenSSL's one-line text ("/C=DE/O=Org/CN=Name") in buffer,
-  // at most size characters with the NUL; empty for an empty name. Entries
-  // OpenSSL refuses are logged and skipped. 0, or -1 when no OpenSSL name
-  // could be made (buffer then empty).
-  int getString(char* buffer, unsigned int size) const;
 
   int attributeCount() const { return count_; }
   // i in 0..attributeCount()-1.

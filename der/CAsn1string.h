@@ -27,21 +27,6 @@ class CAsn1string : public CAsn1object {
   void setVal(unsigned char tag, const unsigned char* bytes, unsigned int length);
   void setVal(const unsigned char* bytes, unsigned int length);
 
-  // Copies all bytes to dest (no terminator). When size is given and holds
-  // less than the length, logs "destination too small: %u < %u" at level 9,
-  // sets *size to 0 and dest[0] to 0; otherwise stores the length in *size.
-  void getVal(unsigned char* dest, unsigned int* size) const;
-  // Copies count bytes from offset (count 0: everything from offset on).
-  // -1 when length < offset + count.
-  int getVal(unsigned char* dest, unsigned int offset, unsigned int count) const;
-
-  // Shorter is smaller (-1), longer greater (1); equal lengths compare the
-  // bytes as unsigned values; equal strings 0.
-  int comp(const CAsn1string& other) const;
-  // 1 to 4 bytes read as an unsigned big-endian number; 0 for an empty
-  // string and for anything longer than 4 bytes.
-  int getInteger() const;
-
   unsigned char tag() const { return tag_; }
   // The bytes, followed by a NUL; nullptr when empty.
   const unsigned char* data() const { return bytes_.empty() ? nullptr : bytes_.data(); }

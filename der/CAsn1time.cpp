@@ -173,35 +173,6 @@ int CAsn1time::setVal(const char* text, unsigned int length) {
   return 0;
 }
 
-int CAsn1time::toGMT() {
-  Log log("CAsn1time", "toGMT", __FILE__, __LINE__, 13);
-  if (tzHours != 0 || tzMinutes != 0) {
-    if (month < 1 || month > 12) return -1;
-    if (second == -1) second = 0;
-    hour -= tzHours;
-    minute -= tzMinutes;
-    long long days = static_cast<long long>(year) * 365 - 719067 + (year - 1901) / 4 +
-                     kDaysBeforeMonth[month - 1] + day - 1;
-    if (month > 2 && year % 4 == 0) ++days;
-    long long seconds = ((days * 24 + hour) * 60 + minute) * 60 + second;
-    time_t t = static_cast<time_t>(seconds);
-    struct tm g;
-    if (gmtime_r(&t, &g) == nullptr) return -1;
-    year = g.tm_year + 1900;
-    month = g.tm_mon + 1;
-    day = g.tm_mday;
-    hour = g.tm_hour;
-    minute = g.tm_min;
-    second = g.tm_sec;
-    tzHours = 0;
-    tzMinutes = 0;
-  }
-  if (second == -1) second = 0;
-  fraction = 0;
-  type = kGeneralizedTime;
-  return 0;
-}
-
 void CAsn1time::print() const {
   Log log("CAsn1time", "print", __FILE__, __LINE__, 13);
   printf("%s\n", displayText().c_str());

@@ -33,9 +33,6 @@ class CAsn1time : public CAsn1object {
   // Parses a time text; the type follows from the number of digits, not
   // from any identifier. 0, or -1 when the text is not a time.
   int setVal(const char* text, unsigned int length);
-  // Moves the time to GMT: no absent second, no fraction, no offset, type
-  // GeneralizedTime. -1 (unchanged) when the month is not 1..12.
-  int toGMT();
   // The DER text ("991231235959Z"); empty for an unknown type.
   std::string derText() const;
   // "1999-12-31 23:59:59 GMT", "2004-01-02 03:04 GMT+0130".

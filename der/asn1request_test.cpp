@@ -84,7 +84,7 @@ TEST(CAsn1IETFrequest, DecodedOptionalsKeepTheirFlags) {
   ASSERT_EQ(setDerHex(req, toHex(der), &pos), 0);
   EXPECT_EQ(pos, der.size());
   EXPECT_EQ(OBJ_obj2nid(OBJ_txt2obj("1.2.3.4.5", 1)), req.reqPolicy.nid);
-  EXPECT_EQ(req.nonce.getInteger(), 0x1234567);
+  EXPECT_EQ(toHex(req.nonce.data(), req.nonce.length()), "01 23 45 67");
   EXPECT_EQ(req.certReq.value, 1);
   EXPECT_FALSE(req.policyPresent || req.noncePresent || req.certReqPresent);
   // Re-encoding writes only what was flagged: version and imprint.
