@@ -1,36 +1,26 @@
 #include "der/CAsn1TSTInfo.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/TokenDer.h"
 
-unsigned int CAsn1TSTInfo::sequenceContentSize() {
-  return version.getSize() + policy.getSize() + messageImprint.getSize() + serialNumber.getSize() +
-         genTime.getSize() + static_cast<unsigned int>(rest_.size());
-}
-
-unsigned int CAsn1TSTInfo::getSize() {
-  Log log("CAsn1TSTInfo", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(derElementSize(derElementSize(sequenceContentSize())));
-}
-
-int CAsn1TSTInfo::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1TSTInfo::getDER(DerWriter& out) const {
   Log log("CAsn1TSTInfo", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  const unsigned int content = sequenceContentSize();
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagContext0, derElementSize(derElementSize(content)));
-  derHeader(out, kTagOctetString, derElementSize(content));
-  derHeader(out, kTagSequence, content);
-  if (version.getDER(buffer, pos) != 0 || policy.getDER(buffer, pos) != 0 ||
-      messageImprint.getDER(buffer, pos) != 0 || serialNumber.getDER(buffer, pos) != 0 ||
-      genTime.getDER(buffer, pos) != 0) {
+  const size_t explicit0 = out.open(kTagContext0);
+  const size_t octets = out.open(kTagOctetString);
+  if (getSequenceDER(out) != 0) return -1;
+  out.close(octets);
+  out.close(explicit0);
+  return 0;
+}
+
+int CAsn1TSTInfo::getSequenceDER(DerWriter& out) const {
+  const size_t sequence = out.open(kTagSequence);
+  if (version.getDER(out) != 0 || policy.getDER(out) != 0 || messageImprint.getDER(out) != 0 ||
+      serialNumber.getDER(out) != 0 || genTime.getDER(out) != 0) {
     return -1;
   }
-  out.bytes(rest_.data(), static_cast<unsigned int>(rest_.size()));
-  assert(*pos - start == getSize());
-  (void)start;
+  out.bytes(rest_);
+  out.close(sequence);
   return 0;
 }
 
@@ -75,15 +65,10 @@ int CAsn1TSTInfo::setDER(const unsigned char* buffer, unsigned int* pos, unsigne
   return 0;
 }
 
-int CAsn1TSTInfo::toBeHashedBuf(CAsn1string* out) {
+int CAsn1TSTInfo::toBeHashedBuf(CAsn1string* out) const {
   Log log("CAsn1TSTInfo", "toBeHashedBuf", __FILE__, __LINE__, 13);
-  std::vector<unsigned char> der = encodeDER(*this);
-  if (der.empty()) return -1;
-  // Drop the [0] and OCTET STRING headers in front of the SEQUENCE.
-  const unsigned int sequence = derElementSize(sequenceContentSize());
-  const unsigned int octetString = derElementSize(sequence);
-  const unsigned int skip = 1 + derLengthSize(static_cast<int>(octetString)) + 1 +
-                            derLengthSize(static_cast<int>(sequence));
-  out->setVal(kTagOctetString, der.data() + skip, static_cast<unsigned int>(der.size()) - skip);
+  DerWriter der;
+  if (getSequenceDER(der) != 0) return -1;
+  out->setVal(kTagOctetString, der.data().data(), der.size());
   return 0;
 }

@@ -26,21 +26,17 @@ class CAsn1TSTInfo : public CAsn1object {
   CAsn1TSTInfo() = default;
 
   // A0, length, 04, length, 30, length, the members, the raw rest.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Starts at the [0] of the eContent and ends after it. Every INTEGER in the
   // rest is read as the nonce: with two, the later one wins.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // The DER of the TSTInfo SEQUENCE alone (no [0], no OCTET STRING): what the
   // messageDigest attribute is computed over. 0, or -1 when it cannot be encoded.
-  int toBeHashedBuf(CAsn1string* out);
+  int toBeHashedBuf(CAsn1string* out) const;
 
   // Raw DER of the optional members after genTime.
   const std::vector<unsigned char>& rest() const { return rest_; }
-  void setRest(const unsigned char* bytes, unsigned int length) {
-    rest_.assign(bytes, bytes + length);
-  }
   // True when the rest held an INTEGER (the nonce).
   bool hasNonce() const { return hasNonce_; }
 
@@ -52,7 +48,8 @@ class CAsn1TSTInfo : public CAsn1object {
   CAsn1bigInteger nonce;
 
  private:
-  unsigned int sequenceContentSize();
+  // The TSTInfo SEQUENCE alone.
+  int getSequenceDER(DerWriter& out) const;
 
   std::vector<unsigned char> rest_;
   bool hasNonce_ = false;

@@ -1,6 +1,5 @@
 #include "der/CAsn1algorithmIdentifier.h"
 
-#include <cassert>
 #include <string>
 
 #include "base/Log.h"
@@ -14,30 +13,16 @@ void CAsn1algorithmIdentifier::setParameters(const unsigned char* bytes, unsigne
   parm_.assign(bytes, bytes + length);
 }
 
-unsigned int CAsn1algorithmIdentifier::contentLength() {
-  return algorithm.getSize() + parameterLength();
-}
-
-unsigned int CAsn1algorithmIdentifier::getSize() {
-  Log log("CAsn1algorithmIdentifier", "getSize", __FILE__, __LINE__, 13);
-  unsigned int length = contentLength();
-  return 1 + derLengthSize(static_cast<int>(length)) + length;
-}
-
-int CAsn1algorithmIdentifier::getDER(unsigned char* buffer, unsigned int* pos, unsigned char tag) {
+int CAsn1algorithmIdentifier::getDER(DerWriter& out, unsigned char tag) const {
   Log log("CAsn1algorithmIdentifier", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  out.octet(tag);
-  out.length(static_cast<int>(contentLength()));
-  if (algorithm.getDER(buffer, pos) != 0) return -1;
+  const size_t element = out.open(tag);
+  if (algorithm.getDER(out) != 0) return -1;
   if (!parm_.empty()) {
-    out.bytes(parm_.data(), parameterLength());
+    out.bytes(parm_);
     log.msg(__LINE__, 9, "serialized %d bytes opaque CAsn1algorithmIdentifier.parm: %s",
             static_cast<int>(parm_.size()), derHexBytes(parm_.data(), parameterLength()).c_str());
   }
-  assert(*pos - start == getSize());
-  (void)start;
+  out.close(element);
   return 0;
 }
 

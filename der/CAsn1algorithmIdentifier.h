@@ -20,16 +20,13 @@ class CAsn1algorithmIdentifier : public CAsn1object {
 
   // The forms with an identifier octet also encode and decode implicitly
   // tagged algorithm identifiers; the virtual slots use 0x30.
-  int getDER(unsigned char* buffer, unsigned int* pos) override {
-    return getDER(buffer, pos, kTagSequence);
-  }
+  int getDER(DerWriter& out) const override { return getDER(out, kTagSequence); }
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override {
     return setDER(buffer, pos, end, kTagSequence);
   }
-  int getDER(unsigned char* buffer, unsigned int* pos, unsigned char tag);
+  int getDER(DerWriter& out, unsigned char tag) const;
   // A different identifier octet gives -1 without a message.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end, unsigned char tag);
-  unsigned int getSize() override;
 
   // Replaces the parameter bytes (none when length is 0).
   void setParameters(const unsigned char* bytes, unsigned int length);
@@ -39,8 +36,6 @@ class CAsn1algorithmIdentifier : public CAsn1object {
   CAsn1oid algorithm;
 
  private:
-  unsigned int contentLength();
-
   std::vector<unsigned char> parm_;
 };
 

@@ -24,10 +24,9 @@ TEST(CAsn1algorithmIdentifier, KeepsParametersAsOpaqueBytesUnderAnyTag) {
   ASSERT_EQ(id.setDER(bytes.data(), &pos, static_cast<unsigned int>(bytes.size()), 0xA1), 0);
   EXPECT_EQ(id.algorithm.nid, NID_sha1);
   EXPECT_EQ(testing_support::toHex(id.parameters(), id.parameterLength()), "30 05 02 01 07 05 00");
-  std::vector<unsigned char> out(id.getSize());
-  pos = 0;
-  ASSERT_EQ(id.getDER(out.data(), &pos, 0xA1), 0);
-  EXPECT_EQ(testing_support::toHex(out), hex);
+  DerWriter out;
+  ASSERT_EQ(id.getDER(out, 0xA1), 0);
+  EXPECT_EQ(testing_support::toHex(out.data()), hex);
   // Through the virtual slot the identifier must be 0x30.
   EXPECT_EQ(setDerHex(id, hex), -1);
 }

@@ -2,7 +2,6 @@
 
 #include <openssl/objects.h>
 
-#include <cassert>
 #include <cstdio>
 
 #include "base/Log.h"
@@ -75,29 +74,18 @@ const CAsn1string* CAsn1attribute::stringValue() const {
   return dynamic_cast<const CAsn1string*>(value_.get());
 }
 
-unsigned int CAsn1attribute::contentSize() {
-  return type.getSize() + derElementSize(value_ ? value_->getSize() : 0);
-}
-
-unsigned int CAsn1attribute::getSize() {
-  Log log("CAsn1attribute", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(contentSize());
-}
-
-int CAsn1attribute::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1attribute::getDER(DerWriter& out) const {
   Log log("CAsn1attribute", "getDER", __FILE__, __LINE__, 13);
   if (!value_) {
     log.msg(__LINE__, 2, "Attribute %d has no value", type.nid);
     return -1;
   }
-  const unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagSequence, contentSize());
-  if (type.getDER(buffer, pos) != 0) return -1;
-  derHeader(out, kTagSet, value_->getSize());
-  if (value_->getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  const size_t sequence = out.open(kTagSequence);
+  if (type.getDER(out) != 0) return -1;
+  const size_t set = out.open(kTagSet);
+  if (value_->getDER(out) != 0) return -1;
+  out.close(set);
+  out.close(sequence);
   return 0;
 }
 

@@ -33,10 +33,9 @@ class CAsn1attribute : public CAsn1object {
   static CAsn1attribute stringValue(int nid, const CAsn1string& value);
 
   // 30, length, type, 31, length, the value. -1 without a value.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Any value after the first in the SET is not read.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // The value object (CAsn1oid, CAsn1time or CAsn1string); null before a
   // value was set or decoded.
@@ -47,8 +46,6 @@ class CAsn1attribute : public CAsn1object {
   CAsn1oid type;
 
  private:
-  unsigned int contentSize();
-
   std::unique_ptr<CAsn1object> value_;
 };
 

@@ -1,31 +1,15 @@
 #include "der/CAsn1attributes.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/TokenDer.h"
 
-unsigned int CAsn1attributes::contentSize() {
-  unsigned int size = 0;
-  for (CAsn1attribute& a : attributes_) size += a.getSize();
-  return size;
-}
-
-unsigned int CAsn1attributes::getSize() {
-  Log log("CAsn1attributes", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(contentSize());
-}
-
-int CAsn1attributes::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1attributes::getDER(DerWriter& out) const {
   Log log("CAsn1attributes", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagContext0, contentSize());
-  for (CAsn1attribute& a : attributes_) {
-    if (a.getDER(buffer, pos) != 0) return -1;
+  const size_t implicit0 = out.open(kTagContext0);
+  for (const CAsn1attribute& a : attributes_) {
+    if (a.getDER(out) != 0) return -1;
   }
-  assert(*pos - start == getSize());
-  (void)start;
+  out.close(implicit0);
   return 0;
 }
 
@@ -44,7 +28,7 @@ int CAsn1attributes::setDER(const unsigned char* buffer, unsigned int* pos, unsi
   return 0;
 }
 
-int CAsn1attributes::getToBeHashedSequence(CAsn1string* out) {
+int CAsn1attributes::getToBeHashedSequence(CAsn1string* out) const {
   Log log("CAsn1attributes", "getToBeHashedSequence", __FILE__, __LINE__, 13);
   std::vector<unsigned char> der = encodeDER(*this);
   if (der.empty()) return -1;

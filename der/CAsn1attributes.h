@@ -18,14 +18,13 @@ class CAsn1attributes : public CAsn1object {
   CAsn1attributes() = default;
 
   // A0, length, the attributes.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Reads attributes until the end of the [0], at most 10.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // What the signature of the signed attributes covers: their encoding with
   // the [0] replaced by a SET tag (31), as an OCTET STRING object. 0 or -1.
-  int getToBeHashedSequence(CAsn1string* out);
+  int getToBeHashedSequence(CAsn1string* out) const;
 
   // Appends an attribute; -1 when 10 are there already.
   int add(const CAsn1attribute& attribute);
@@ -36,8 +35,6 @@ class CAsn1attributes : public CAsn1object {
   void clear() { attributes_.clear(); }
 
  private:
-  unsigned int contentSize();
-
   std::vector<CAsn1attribute> attributes_;
 };
 

@@ -1,7 +1,5 @@
 #include "der/CAsn1bigInteger.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/Der.h"
 
@@ -44,21 +42,17 @@ bool CAsn1bigInteger::toUint64(uint64_t* value) const {
   return true;
 }
 
-unsigned int CAsn1bigInteger::getSize() {
+unsigned int CAsn1bigInteger::getSize() const {
   const unsigned int n = static_cast<unsigned int>(octets_.size());
   return 1 + derLengthSize(static_cast<int>(n)) + n;
 }
 
-int CAsn1bigInteger::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1bigInteger::getDER(DerWriter& out) const {
   Log log("CAsn1bigInteger", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  DerWriter out(buffer, pos);
   out.octet(kTagInteger);
   out.length(static_cast<int>(octets_.size()));
-  out.bytes(octets_.data(), static_cast<unsigned int>(octets_.size()));
+  out.bytes(octets_);
   if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized INTEGER 0x%s", hex().c_str());
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 

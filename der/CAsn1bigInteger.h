@@ -22,11 +22,11 @@ class CAsn1bigInteger : public CAsn1object {
   explicit CAsn1bigInteger(uint64_t value) { setValue(value); }
 
   // 02, length, the content octets.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Identifier 0x02 and 1 to 21 content octets, else -1 ("Size of integer
   // value > %d bytes" with 21 for more, "INTEGER without content octets" for none).
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   // The minimal two's complement octets of a non-negative value.
   void setValue(uint64_t value);

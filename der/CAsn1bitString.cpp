@@ -1,6 +1,5 @@
 #include "der/CAsn1bitString.h"
 
-#include <cassert>
 #include <cstdio>
 
 #include "base/Log.h"
@@ -15,36 +14,30 @@ unsigned int CAsn1bitString::contentLength() const {
   return n == 0 ? 0 : (n + 7) / 8 + 1;
 }
 
-unsigned int CAsn1bitString::getSize() {
+unsigned int CAsn1bitString::getSize() const {
   Log log("CAsn1bitString", "getSize", __FILE__, __LINE__, 13);
   unsigned int length = contentLength();
   return 1 + derLengthSize(static_cast<int>(length)) + length;
 }
 
-int CAsn1bitString::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1bitString::getDER(DerWriter& out) const {
   Log log("CAsn1bitString", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
   unsigned int n = bitCount();
   unsigned int length = contentLength();
-  DerWriter out(buffer, pos);
   out.octet(kTagBitString);
   out.length(static_cast<int>(length));
   if (n > 0) {
     out.octet(static_cast<unsigned char>((8 - n % 8) % 8));
-    unsigned char* data = out.here();
-    for (unsigned int k = 0; k + 1 < length; ++k) data[k] = 0;
+    unsigned char* data = out.zeros(length - 1);
     // Reversed order: entry n-1 is bit 7 of the first data octet.
     for (unsigned int i = 0; i < n; ++i) {
       unsigned int p = n - 1 - i;
       if (bits_[i]) data[p / 8] |= static_cast<unsigned char>(0x80 >> (p % 8));
     }
-    out.advance(length - 1);
   }
   if (Log::getLevel(Log::kDebug)) {
     log.msg(__LINE__, 9, "serialized BITSTRING %s", logText().c_str());
   }
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 

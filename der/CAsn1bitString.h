@@ -19,11 +19,11 @@ class CAsn1bitString : public CAsn1object {
   explicit CAsn1bitString(unsigned int n) : bits_(n, 0) {}
 
   // 03, length, unused-bits octet, data; 03 00 when there are no bits.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Identifier 0x03 required; length 0 gives no bits; more unused bits than
   // there are data bits fails.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   unsigned int bitCount() const { return static_cast<unsigned int>(bits_.size()); }
   int getBit(unsigned int i) const { return i < bits_.size() ? bits_[i] : 0; }

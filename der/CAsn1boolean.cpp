@@ -3,9 +3,8 @@
 #include "base/Log.h"
 #include "der/Der.h"
 
-int CAsn1boolean::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1boolean::getDER(DerWriter& out) const {
   Log log("CAsn1boolean", "getDER", __FILE__, __LINE__, 13);
-  DerWriter out(buffer, pos);
   out.octet(kTagBoolean);
   out.octet(0x01);
   out.octet(value > 0 ? 0xFF : 0x00);
@@ -24,7 +23,7 @@ int CAsn1boolean::setDER(const unsigned char* buffer, unsigned int* pos, unsigne
   return 0;
 }
 
-unsigned int CAsn1boolean::getSize() {
+unsigned int CAsn1boolean::getSize() const {
   Log log("CAsn1boolean", "getSize", __FILE__, __LINE__, 13);
   return 3;
 }

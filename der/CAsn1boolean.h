@@ -11,12 +11,12 @@ class CAsn1boolean : public CAsn1object {
   explicit CAsn1boolean(int v) : value(v) {}
 
   // FF when value > 0, else 00.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Identifier 0x01 and a length octet of exactly 0x01 required; any
   // non-zero content octet is true.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
   // Always 3.
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   int value = 0;  // 0 = false
 };

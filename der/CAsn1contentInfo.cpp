@@ -2,7 +2,6 @@
 
 #include <openssl/objects.h>
 
-#include <cassert>
 #include <new>
 
 #include "base/Log.h"
@@ -54,20 +53,12 @@ CAsn1TSTInfo* CAsn1contentInfo::tstInfo() const {
 }
 CAsn1data* CAsn1contentInfo::data() const { return dynamic_cast<CAsn1data*>(content_.get()); }
 
-unsigned int CAsn1contentInfo::getSize() {
-  Log log("CAsn1contentInfo", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(contentType.getSize() + (content_ ? content_->getSize() : 0));
-}
-
-int CAsn1contentInfo::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1contentInfo::getDER(DerWriter& out) const {
   Log log("CAsn1contentInfo", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagSequence, contentType.getSize() + (content_ ? content_->getSize() : 0));
-  if (contentType.getDER(buffer, pos) != 0) return -1;
-  if (content_ && content_->getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  const size_t sequence = out.open(kTagSequence);
+  if (contentType.getDER(out) != 0) return -1;
+  if (content_ && content_->getDER(out) != 0) return -1;
+  out.close(sequence);
   return 0;
 }
 

@@ -27,11 +27,10 @@ class CAsn1contentInfo : public CAsn1object {
   ~CAsn1contentInfo() override;
 
   // 30, length, contentType, then the content when there is one.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // "Invalid contentType: %d" for a type other than data, signedData and
   // TSTInfo. Data without a [0] decodes to no content.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // Sets the content type and takes the content (which may be null).
   void setContent(int nid, std::unique_ptr<CAsn1object> content);

@@ -3,16 +3,12 @@
 #include "base/Log.h"
 #include "der/TokenDer.h"
 
-unsigned int CAsn1data::getSize() {
-  Log log("CAsn1data", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(octets.getSize());
-}
-
-int CAsn1data::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1data::getDER(DerWriter& out) const {
   Log log("CAsn1data", "getDER", __FILE__, __LINE__, 13);
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagContext0, octets.getSize());
-  return octets.getDER(buffer, pos);
+  const size_t explicit0 = out.open(kTagContext0);
+  if (octets.getDER(out) != 0) return -1;
+  out.close(explicit0);
+  return 0;
 }
 
 int CAsn1data::setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) {

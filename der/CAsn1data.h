@@ -15,10 +15,9 @@ class CAsn1data : public CAsn1contentInfo {
   CAsn1data() = default;
 
   // A0, length, the OCTET STRING.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Starts at the [0]; the string keeps whatever tag it has.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   CAsn1string octets{kTagOctetString};
 };

@@ -1,7 +1,5 @@
 #include "der/CAsn1ietfStatusInfo.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/TokenDer.h"
 
@@ -27,32 +25,14 @@ std::string CAsn1ietfStatusInfo::statusText() const {
   return std::string(reinterpret_cast<const char*>(statusString.data()), statusString.length());
 }
 
-unsigned int CAsn1ietfStatusInfo::computeContentLength() {
-  unsigned int content = status.getSize();
-  if (statusString.length() > 0) content += statusString.getSize();
-  if (failInfo.bitCount() > 0) content += failInfo.getSize();
-  contentLength.value = static_cast<int>(content);
-  return content;
-}
-
-unsigned int CAsn1ietfStatusInfo::getSize() {
-  Log log("CAsn1ietfStatusInfo", "getSize", __FILE__, __LINE__, 13);
-  const unsigned int content = computeContentLength();
-  return 1 + contentLength.getSize() + content;
-}
-
-int CAsn1ietfStatusInfo::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1ietfStatusInfo::getDER(DerWriter& out) const {
   Log log("CAsn1ietfStatusInfo", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  computeContentLength();
-  DerWriter out(buffer, pos);
-  out.octet(kTagSequence);
-  if (contentLength.getDER(buffer, pos) != 0 || status.getDER(buffer, pos) != 0) return -1;
+  const size_t sequence = out.open(kTagSequence);
+  if (status.getDER(out) != 0) return -1;
   // The text goes out as one bare string, not as a PKIFreeText SEQUENCE.
-  if (statusString.length() > 0 && statusString.getDER(buffer, pos) != 0) return -1;
-  if (failInfo.bitCount() > 0 && failInfo.getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  if (statusString.length() > 0 && statusString.getDER(out) != 0) return -1;
+  if (failInfo.bitCount() > 0 && failInfo.getDER(out) != 0) return -1;
+  out.close(sequence);
   return 0;
 }
 
@@ -67,7 +47,6 @@ int CAsn1ietfStatusInfo::setDER(const unsigned char* buffer, unsigned int* pos, 
     log.msg(__LINE__, 2, "failed to parse PKIStatusInfo size");
     return -1;
   }
-  contentLength.value = static_cast<int>(length);
   const unsigned int infoEnd = *pos + length;
   if (status.setDER(buffer, pos, infoEnd) != 0) {
     log.msg(__LINE__, 2, "failed to parse PKIStatus object");

@@ -14,7 +14,6 @@
 #include "der/CAsn1bitString.h"
 #include "der/CAsn1integer.h"
 #include "der/CAsn1object.h"
-#include "der/CAsn1size.h"
 #include "der/CAsn1string.h"
 #include "der/Der.h"
 
@@ -24,11 +23,10 @@ class CAsn1ietfStatusInfo : public CAsn1object {
 
   // 30, length, status, the status string when not empty, the failure info
   // when it has bits.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Ends after the PKIStatusInfo. A fault in the first PKIFreeText element
   // fails; a fault in a later one only ends the text list.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // The status string as text (empty when there is none).
   std::string statusText() const;
@@ -36,13 +34,11 @@ class CAsn1ietfStatusInfo : public CAsn1object {
   CAsn1integer status;
   CAsn1string statusString{kTagUtf8String};
   CAsn1bitString failInfo;
-  CAsn1size contentLength;
 
  private:
   int readFreeText(const unsigned char* buffer, unsigned int* pos, unsigned int end);
   int readPrintableString(const unsigned char* buffer, unsigned int* pos, unsigned int end);
   int readFailureInfo(const unsigned char* buffer, unsigned int* pos, unsigned int end);
-  unsigned int computeContentLength();
 };
 
 #endif  // DER_CASN1IETFSTATUSINFO_H_

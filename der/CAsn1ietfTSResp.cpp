@@ -3,7 +3,6 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
-#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -12,9 +11,9 @@
 #include "der/CAsn1attribute.h"
 #include "der/CAsn1signedData.h"
 #include "der/CCertInfo.h"
+#include "der/TokenDer.h"
 #include "ossl/OpenSslErrors.h"
 #include "ossl/OpenSslPtr.h"
-#include "der/TokenDer.h"
 
 namespace {
 
@@ -32,17 +31,6 @@ std::string gmtText(time_t t) {
   return text;
 }
 
-// Copies string into dest when *size leaves room; *size receives the length.
-int copyOut(const CAsn1string& string, unsigned char* dest, unsigned int* size) {
-  if (*size < string.length()) {
-    *size = 0;
-    return -1;
-  }
-  if (string.length() > 0) memcpy(dest, string.data(), string.length());
-  *size = string.length();
-  return 0;
-}
-
 // The date check can be switched off for tests with old certificates; only
 // these exact texts count (not the usual truth-value rule).
 bool ignoreValidityDates() {
@@ -53,28 +41,12 @@ bool ignoreValidityDates() {
 
 }  // namespace
 
-unsigned int CAsn1ietfTSResp::computeContentLength() {
-  const unsigned int content = statusInfo.getSize() + (tokenPresent_ ? token_.getSize() : 0);
-  contentLength_.value = static_cast<int>(content);
-  return content;
-}
-
-unsigned int CAsn1ietfTSResp::getSize() {
-  Log log("CAsn1ietfTSResp", "getSize", __FILE__, __LINE__, 13);
-  const unsigned int content = computeContentLength();
-  return 1 + contentLength_.getSize() + content;
-}
-
-int CAsn1ietfTSResp::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1ietfTSResp::getDER(DerWriter& out) const {
   Log log("CAsn1ietfTSResp", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  computeContentLength();
-  DerWriter out(buffer, pos);
-  out.octet(kTagSequence);
-  if (contentLength_.getDER(buffer, pos) != 0 || statusInfo.getDER(buffer, pos) != 0) return -1;
-  if (tokenPresent_ && token_.getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  const size_t sequence = out.open(kTagSequence);
+  if (statusInfo.getDER(out) != 0) return -1;
+  if (tokenPresent_ && token_.getDER(out) != 0) return -1;
+  out.close(sequence);
   return 0;
 }
 
@@ -84,7 +56,6 @@ int CAsn1ietfTSResp::setDER(const unsigned char* buffer, unsigned int* pos, unsi
   DerReader in(buffer, pos, end);
   unsigned int length = 0;
   if (!in.expectTag(kTagSequence) || !readTokenLength(in, &length)) return -1;
-  contentLength_.value = static_cast<int>(length);
   const unsigned int responseEnd = *pos + length;
   if (statusInfo.setDER(buffer, pos, responseEnd) != 0) return -1;
 
@@ -145,10 +116,6 @@ int CAsn1ietfTSResp::removeCerts() {
   return 0;
 }
 
-int CAsn1ietfTSResp::getSignature(unsigned char* dest, unsigned int* size) const {
-  return copyOut(signerInfo_.signature, dest, size);
-}
-
 int CAsn1ietfTSResp::setSignature(int pkeyType, const unsigned char* signature, unsigned int length,
                                   int digestNid) {
   Log log("CAsn1ietfTSResp", "setSignature", __FILE__, __LINE__, 13);
@@ -195,12 +162,6 @@ int CAsn1ietfTSResp::getTBSbuf(CAsn1string* out) {
     attributesPending_ = false;
   }
   return signerInfo_.signedAttributes.getToBeHashedSequence(out);
-}
-
-int CAsn1ietfTSResp::getTBSbuf(unsigned char* dest, unsigned int* size) {
-  CAsn1string tbs;
-  if (getTBSbuf(&tbs) != 0) return -1;
-  return copyOut(tbs, dest, size);
 }
 
 int CAsn1ietfTSResp::addRefFromCert(const CCertInfo& cert) {

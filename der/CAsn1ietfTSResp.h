@@ -27,7 +27,6 @@
 #include "der/CAsn1issuerSerial.h"
 #include "der/CAsn1messageImprint.h"
 #include "der/CAsn1signerInfo.h"
-#include "der/CAsn1size.h"
 #include "der/CAsn1string.h"
 #include "der/CAsn1tsToken.h"
 
@@ -40,13 +39,12 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   CAsn1ietfTSResp() = default;
 
   // 30, length, the status info, then the token when one is present.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // 0 for a status info with or without a well-formed token; -1 for a broken
   // status info, a broken token, or a token that is no SignedData over a
   // TSTInfo ("Sub contentType = %d(%s), expected %d(%s)"). A token whose
   // length runs past the response is ignored.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // PKIStatus and the first status text.
   int getStatus() const { return statusInfo.status.value; }
@@ -68,10 +66,6 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
 
   // The signature of the signer information.
   CAsn1string getSignature() const { return signerInfo_.signature; }
-  // The same into dest; *size holds dest's room and receives the length
-  // (0 and -1 when it does not fit).
-  int getSignature(unsigned char* dest, unsigned int* size) const;
-  const CAsn1algorithmIdentifier& getSignAlg() const { return signerInfo_.signatureAlgorithm; }
   // Stores the signature made with a key of OpenSSL type pkeyType over
   // digestNid, and assembles the token (SignedData over the TSTInfo with this
   // signer) so that getDER writes it. 0 or -1.
@@ -89,8 +83,6 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   // must be configured and the contentType, signingTime and messageDigest
   // attributes are added first. 0 or -1.
   int getTBSbuf(CAsn1string* out);
-  // The same copied into dest; *size holds dest's room and receives the length.
-  int getTBSbuf(unsigned char* dest, unsigned int* size);
 
   // Records the signer certificate's issuer and serial number after checking
   // that the generation time lies within its validity (unless
@@ -105,16 +97,12 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   void setSerialNumber(int serial);
   // Digest of the signed attributes and of the signature.
   void setDigestNid(int nid) { digestNid_ = nid; }
-  int getDigestNid() const { return digestNid_; }
 
   CAsn1ietfStatusInfo statusInfo;
 
  private:
-  unsigned int computeContentLength();
-
   CAsn1contentInfo token_;
   bool tokenPresent_ = false;
-  CAsn1size contentLength_;
   CAsn1TSTInfo tstInfo_;
   CAsn1signerInfo signerInfo_;
   CAsn1issuerSerial issuerSerial_;

@@ -12,13 +12,13 @@ class CAsn1integer : public CAsn1object {
 
   // 02, length, the low getSize() - 2 octets of the value. A negative value
   // is written as its lowest octet alone: only -128..-1 come out right.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Identifier 0x02 required; 5 or more content octets fail. The octets are
   // shifted in without sign extension: 02 01 FF reads as 255.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
   // 3 below 128, 4 below 32768, 5 below 0x800000, else 6 (signed: every
   // negative value gets 3).
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   int value = 0;
 };

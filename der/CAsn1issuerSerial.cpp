@@ -1,24 +1,12 @@
 #include "der/CAsn1issuerSerial.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 
-unsigned int CAsn1issuerSerial::getSize() {
-  Log log("CAsn1issuerSerial", "getSize", __FILE__, __LINE__, 13);
-  unsigned int length = issuer.getSize() + serial.getSize();
-  return 1 + derLengthSize(static_cast<int>(length)) + length;
-}
-
-int CAsn1issuerSerial::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1issuerSerial::getDER(DerWriter& out) const {
   Log log("CAsn1issuerSerial", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  out.octet(kTagSequence);
-  out.length(static_cast<int>(issuer.getSize() + serial.getSize()));
-  if (issuer.getDER(buffer, pos) != 0 || serial.getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  const size_t sequence = out.open(kTagSequence);
+  if (issuer.getDER(out) != 0 || serial.getDER(out) != 0) return -1;
+  out.close(sequence);
   return 0;
 }
 

@@ -12,11 +12,10 @@ class CAsn1issuerSerial : public CAsn1object {
  public:
   CAsn1issuerSerial() = default;
 
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // 0x30 required (else -1 without a message), then issuer and serial. The
   // serial keeps whatever tag it was read with.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   CAsn1name issuer;
   CAsn1string serial{kTagInteger};

@@ -1,24 +1,12 @@
 #include "der/CAsn1messageImprint.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 
-unsigned int CAsn1messageImprint::getSize() {
-  Log log("CAsn1messageImprint", "getSize", __FILE__, __LINE__, 13);
-  unsigned int length = hashAlgorithm.getSize() + hashedMessage.getSize();
-  return 1 + derLengthSize(static_cast<int>(length)) + length;
-}
-
-int CAsn1messageImprint::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1messageImprint::getDER(DerWriter& out) const {
   Log log("CAsn1messageImprint", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  out.octet(kTagSequence);
-  out.length(static_cast<int>(hashAlgorithm.getSize() + hashedMessage.getSize()));
-  if (hashAlgorithm.getDER(buffer, pos) != 0 || hashedMessage.getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  const size_t sequence = out.open(kTagSequence);
+  if (hashAlgorithm.getDER(out) != 0 || hashedMessage.getDER(out) != 0) return -1;
+  out.close(sequence);
   return 0;
 }
 

@@ -14,11 +14,10 @@ class CAsn1messageImprint : public CAsn1object {
   CAsn1messageImprint() = default;
 
   // 30, length, hashAlgorithm, hashedMessage.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // 0x30 required (else -1 without a message), then the algorithm and the
   // hash in that order. The hash keeps whatever tag it was read with.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   CAsn1string hashedMessage{kTagOctetString};
   CAsn1algorithmIdentifier hashAlgorithm;

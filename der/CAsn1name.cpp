@@ -1,24 +1,7 @@
 #include "der/CAsn1name.h"
 
-#include <openssl/x509.h>
-
-#include <cassert>
-#include <memory>
-
 #include "base/Log.h"
 #include "der/Der.h"
-#include "ossl/OpenSslErrors.h"
-#include "ossl/OpenSslPtr.h"
-
-namespace {
-
-// Longest value text handed to OpenSSL for one entry.
-constexpr unsigned int kMaxValueText = 1024;
-
-using X509NameEntryPtr =
-    std::unique_ptr<X509_NAME_ENTRY, ossl::Deleter<X509_NAME_ENTRY, X509_NAME_ENTRY_free>>;
-
-}  // namespace
 
 int CAsn1name::addVal(int nid, const CAsn1string& value) {
   Log log("CAsn1name", "addVal", __FILE__, __LINE__, 13);
@@ -30,28 +13,14 @@ int CAsn1name::addVal(int nid, const CAsn1string& value) {
   return 0;
 }
 
-unsigned int CAsn1name::getSize() {
-  Log log("CAsn1name", "getSize", __FILE__, __LINE__, 13);
-  unsigned int content = 0;
-  for (int i = 0; i < count_; ++i) content += attributes_[i].getSize();
-  length.value = static_cast<int>(content);
-  return 1 + length.getSize() + content;
-}
-
-int CAsn1name::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1name::getDER(DerWriter& out) const {
   Log log("CAsn1name", "getDER", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "serializing Name with %d attributes", count_);
-  unsigned int start = *pos;
-  unsigned int size = getSize();
-  DerWriter out(buffer, pos);
-  out.octet(kTagSequence);
-  if (length.getDER(buffer, pos) != 0) return -1;
+  const size_t sequence = out.open(kTagSequence);
   for (int i = 0; i < count_; ++i) {
-    if (attributes_[i].getDER(buffer, pos) != 0) return -1;
+    if (attributes_[i].getDER(out) != 0) return -1;
   }
-  assert(*pos - start == size);
-  (void)start;
-  (void)size;
+  out.close(sequence);
   return 0;
 }
 
@@ -61,7 +30,6 @@ int CAsn1name::setDER(const unsigned char* buffer, unsigned int* pos, unsigned i
   DerReader in(buffer, pos, end);
   unsigned int content = 0;
   if (!in.expectTagQuiet(kTagSequence) || !in.readLength(&content)) return -1;
-  length.value = static_cast<int>(content);
   unsigned long long consumed = 0;
   while (consumed < content && count_ < kMaxAttributes) {
     // The attribute's own length, read ahead, says how far it reaches.
@@ -79,35 +47,3 @@ int CAsn1name::setDER(const unsigned char* buffer, unsigned int* pos, unsigned i
   return 0;
 }
 
-int CAsn1name::getString(char* buffer, unsigned int size) const {
-  Log log("CAsn1name", "getString", __FILE__, __LINE__, 13);
-  if (size == 0) return -1;
-  buffer[0] = '\0';
-  X509NamePtr name(X509_NAME_new());
-  if (!name) return -1;
-  for (int i = 0; i < count_; ++i) {
-    const CAsn1nameAttribute& attribute = attributes_[i];
-    for (int j = 0; j < attribute.elementCount(); ++j) {
-      const CAsn1string& value = attribute.value(j);
-      int textLength =
-          static_cast<int>(value.length() < kMaxValueText ? value.length() : kMaxValueText);
-      // The value's tag doubles as OpenSSL's string type.
-      X509NameEntryPtr entry(X509_NAME_ENTRY_create_by_NID(nullptr, attribute.type(j).nid,
-                                                           value.tag(), value.data(), textLength));
-      if (!entry) {
-        log.msg(__LINE__, 2, "X509_NAME_ENTRY_create_by_NID() failed");
-        logOpenSslErrorQueue("CAsn1name", "getString");
-        continue;
-      }
-      if (X509_NAME_add_entry(name.get(), entry.get(), -1, 0) != 1) {
-        log.msg(__LINE__, 2, "X509_NAME_add_entry() failed");
-        logOpenSslErrorQueue("CAsn1name", "getString");
-      }
-    }
-  }
-  if (X509_NAME_entry_count(name.get()) > 0) {
-    X509_NAME_oneline(name.get(), buffer, static_cast<int>(size));
-  }
-  log.msg(__LINE__, 6, "X.509 name: %s", buffer);
-  return 0;
-}

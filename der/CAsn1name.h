@@ -8,7 +8,6 @@
 
 #include "der/CAsn1nameAttribute.h"
 #include "der/CAsn1object.h"
-#include "der/CAsn1size.h"
 #include "der/CAsn1string.h"
 
 class CAsn1name : public CAsn1object {
@@ -19,26 +18,17 @@ class CAsn1name : public CAsn1object {
   CAsn1name() = default;
 
   // 30, length, the attributes in order.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // 0x30 required (else -1 without a message); attributes while the octets
   // consumed are fewer than the length and fewer than 10 were read.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  // Also stores the content length in length.
-  unsigned int getSize() override;
 
   // Appends an attribute of one element (nid, value); -1 when 9 are present.
   int addVal(int nid, const CAsn1string& value);
-  // The name as OpenSSL's one-line text ("/C=DE/O=Org/CN=Name") in buffer,
-  // at most size characters with the NUL; empty for an empty name. Entries
-  // OpenSSL refuses are logged and skipped. 0, or -1 when no OpenSSL name
-  // could be made (buffer then empty).
-  int getString(char* buffer, unsigned int size) const;
 
   int attributeCount() const { return count_; }
   // i in 0..attributeCount()-1.
   const CAsn1nameAttribute& attribute(int i) const { return attributes_[i]; }
-
-  CAsn1size length;  // content length, set by getSize and setDER
 
  private:
   CAsn1nameAttribute attributes_[kMaxAttributes];

@@ -1,7 +1,5 @@
 #include "der/CAsn1nameAttribute.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/Der.h"
 
@@ -14,39 +12,16 @@ int CAsn1nameAttribute::addElement(int nid, const CAsn1string& value) {
   return 0;
 }
 
-unsigned int CAsn1nameAttribute::innerLength(int i) {
-  return types_[i].getSize() + values_[i].getSize();
-}
-
-unsigned int CAsn1nameAttribute::setLength() {
-  unsigned int length = 0;
-  for (int i = 0; i < count_; ++i) {
-    unsigned int inner = innerLength(i);
-    length += 1 + derLengthSize(static_cast<int>(inner)) + inner;
-  }
-  return length;
-}
-
-unsigned int CAsn1nameAttribute::getSize() {
-  Log log("CAsn1nameAttribute", "getSize", __FILE__, __LINE__, 13);
-  unsigned int length = setLength();
-  return 1 + derLengthSize(static_cast<int>(length)) + length;
-}
-
-int CAsn1nameAttribute::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1nameAttribute::getDER(DerWriter& out) const {
   Log log("CAsn1nameAttribute", "getDER", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "serializing NameAttribute with %d elements", count_);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  out.octet(kTagSet);
-  out.length(static_cast<int>(setLength()));
+  const size_t set = out.open(kTagSet);
   for (int i = 0; i < count_; ++i) {
-    out.octet(kTagSequence);
-    out.length(static_cast<int>(innerLength(i)));
-    if (types_[i].getDER(buffer, pos) != 0 || values_[i].getDER(buffer, pos) != 0) return -1;
+    const size_t element = out.open(kTagSequence);
+    if (types_[i].getDER(out) != 0 || values_[i].getDER(out) != 0) return -1;
+    out.close(element);
   }
-  assert(*pos - start == getSize());
-  (void)start;
+  out.close(set);
   return 0;
 }
 

@@ -17,11 +17,10 @@ class CAsn1nameAttribute : public CAsn1object {
   CAsn1nameAttribute() = default;
 
   // 31, length, then 30 len type value for each element.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // 0x31 required; then elements until the SET's end is reached. A fourth
   // element, a missing 0x30 or a failing element gives -1.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // Appends an element; -1 when there are already 3.
   int addElement(int nid, const CAsn1string& value);
@@ -31,11 +30,6 @@ class CAsn1nameAttribute : public CAsn1object {
   const CAsn1string& value(int i) const { return values_[i]; }
 
  private:
-  // Contents length of element i's SEQUENCE.
-  unsigned int innerLength(int i);
-  // Contents length of the SET.
-  unsigned int setLength();
-
   CAsn1oid types_[kMaxElements];
   CAsn1string values_[kMaxElements];
   int count_ = 0;

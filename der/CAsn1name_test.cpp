@@ -36,7 +36,6 @@ TEST(CAsn1name, BuildsAndRoundTrips) {
   const char* hex =
       "30 1a 31 0b 30 09 06 03 55 04 06 13 02 44 45 31 0b 30 09 06 03 55 04 03 0c 02 41 62";
   EXPECT_EQ(derHex(name), hex);
-  EXPECT_EQ(name.length.value, 0x1a);
   ASSERT_EQ(setDerHex(back, hex), 0);
   ASSERT_EQ(back.attributeCount(), 2);
   EXPECT_EQ(back.attribute(1).type(0).nid, NID_commonName);
@@ -74,18 +73,3 @@ TEST(CAsn1name, HoldsTenAttributesOfThreeElements) {
   EXPECT_EQ(rdn.addElement(NID_commonName, text(0x13, "B")), -1);
 }
 
-TEST(CAsn1name, GetStringGivesOpenSslsOneLineText) {
-  CAsn1name name;
-  name.addVal(NID_countryName, text(kTagPrintableString, "DE"));
-  name.addVal(NID_organizationName, text(kTagUtf8String, "Example Org"));
-  name.addVal(NID_commonName, text(kTagPrintableString, "Clockette Test"));
-  char buffer[256];
-  ASSERT_EQ(name.getString(buffer, sizeof buffer), 0);
-  EXPECT_STREQ(buffer, "/C=DE/O=Example Org/CN=Clockette Test");
-  ASSERT_EQ(name.getString(buffer, 8), 0);  // cut to the buffer, by whole entries
-  EXPECT_STREQ(buffer, "/C=DE");
-
-  CAsn1name empty;
-  ASSERT_EQ(empty.getString(buffer, sizeof buffer), 0);
-  EXPECT_STREQ(buffer, "");
-}

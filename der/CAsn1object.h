@@ -2,16 +2,18 @@
 //
 // A DER object owns its value (and the encoded bytes of its members); it is
 // a value type: copyable, not thread-safe. The three operations:
-//   getDER   writes the complete encoding at buffer[*pos] and advances *pos.
-//            The caller sizes the buffer from getSize() (see encodeDER()).
+//   getDER   appends the complete encoding to out.
 //   setDER   reads one complete encoding from buffer[*pos], never reading at
 //            or past buffer[end], replaces the value and advances *pos.
-//   getSize  the number of octets getDER will write. Not const: some classes
-//            compute and keep their content length on the way.
+//   getSize  the number of octets getDER writes. By default the object is
+//            encoded and measured; primitives compute it directly.
 // getDER and setDER return 0 on success and -1 on failure; decoding errors
-// are logged at level 2. After a failed setDER the value is undefined.
+// are logged at level 2. After a failed setDER the value is undefined; after
+// a failed getDER, what out holds is of no use.
 #ifndef DER_CASN1OBJECT_H_
 #define DER_CASN1OBJECT_H_
+
+class DerWriter;
 
 class CAsn1object {
  public:
@@ -20,9 +22,10 @@ class CAsn1object {
   CAsn1object& operator=(const CAsn1object&) = default;
   virtual ~CAsn1object() = default;
 
-  virtual int getDER(unsigned char* buffer, unsigned int* pos) = 0;
+  virtual int getDER(DerWriter& out) const = 0;
   virtual int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) = 0;
-  virtual unsigned int getSize() = 0;
+  // 0 when the object cannot be encoded.
+  virtual unsigned int getSize() const;
 };
 
 #endif  // DER_CASN1OBJECT_H_

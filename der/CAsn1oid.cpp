@@ -2,7 +2,6 @@
 
 #include <openssl/objects.h>
 
-#include <cassert>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -43,7 +42,7 @@ std::string dottedText(const ASN1_OBJECT* obj) {
 
 }  // namespace
 
-int CAsn1oid::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1oid::getDER(DerWriter& out) const {
   Log log("CAsn1oid", "getDER", __FILE__, __LINE__, 13);
   if (nid == 0) {
     log.msg(__LINE__, 2, "Object not initialized");
@@ -58,13 +57,12 @@ int CAsn1oid::getDER(unsigned char* buffer, unsigned int* pos) {
     logOpenSslErrorQueue("CAsn1oid", "getDER");
     return -1;
   }
-  unsigned char* p = buffer + *pos;
-  int n = i2d_ASN1_OBJECT(obj, &p);
-  if (n <= 0) {
+  int n = i2d_ASN1_OBJECT(obj, nullptr);
+  unsigned char* p = n > 0 ? out.zeros(static_cast<unsigned int>(n)) : nullptr;
+  if (n <= 0 || i2d_ASN1_OBJECT(obj, &p) != n) {
     logOpenSslErrorQueue("CAsn1oid", "getDER");
     return -1;
   }
-  *pos += static_cast<unsigned int>(n);
   log.msg(__LINE__, 9, "serialized OBJECT %s", longName(nid));
   return 0;
 }
@@ -113,7 +111,7 @@ int CAsn1oid::setDER(const unsigned char* buffer, unsigned int* pos, unsigned in
   return 0;
 }
 
-unsigned int CAsn1oid::getSize() {
+unsigned int CAsn1oid::getSize() const {
   Log log("CAsn1oid", "getSize", __FILE__, __LINE__, 13);
   if (nid == 0) return 0;
   const ASN1_OBJECT* obj;

@@ -16,11 +16,11 @@ class CAsn1oid : public CAsn1object {
   explicit CAsn1oid(int n) : nid(n) {}
 
   // Fails with "Object not initialized" when nid is 0.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Identifier 0x06 required; an OpenSSL decoding failure logs its error queue.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
   // Length of OpenSSL's encoding; 0 when nid is 0 or unknown to OpenSSL.
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   // Writes "[%3d] %s (%s) (%s)\n" (NID, dotted text, long name, short name)
   // to standard output.

@@ -35,9 +35,8 @@ TEST(CAsn1oid, RefusesBadInputAndUnsetIdentifiers) {
   // An unset identifier cannot be encoded.
   CAsn1oid oid;
   EXPECT_EQ(oid.getSize(), 0u);
-  unsigned char buffer[16];
-  unsigned int pos = 0;
-  EXPECT_EQ(oid.getDER(buffer, &pos), -1);
-  EXPECT_EQ(pos, 0u);
+  DerWriter out;
+  EXPECT_EQ(oid.getDER(out), -1);
+  EXPECT_EQ(out.size(), 0u);
   EXPECT_TRUE(log.contains("Object not initialized"));
 }

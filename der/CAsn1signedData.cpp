@@ -1,7 +1,5 @@
 #include "der/CAsn1signedData.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/TokenDer.h"
 
@@ -43,47 +41,27 @@ int CAsn1signedData::addCert(const CCertInfo& cert) {
   return 0;
 }
 
-unsigned int CAsn1signedData::contentSize() {
-  unsigned int certificates = 0;
-  for (const auto& cert : certs_) certificates += cert->getSize();
-  return version.getSize() +
-         derElementSize(digestAlgorithm.algorithm.nid != 0 ? digestAlgorithm.getSize() : 0) +
-         encapContent.getSize() + (certs_.empty() ? 0 : derElementSize(certificates)) +
-         derElementSize(signerInfo.getSize());
-}
-
-unsigned int CAsn1signedData::getSize() {
-  Log log("CAsn1signedData", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(derElementSize(contentSize()));
-}
-
-int CAsn1signedData::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1signedData::getDER(DerWriter& out) const {
   Log log("CAsn1signedData", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  const unsigned int content = contentSize();
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagContext0, derElementSize(content));
-  derHeader(out, kTagSequence, content);
-  if (version.getDER(buffer, pos) != 0) return -1;
-  if (digestAlgorithm.algorithm.nid != 0) {
-    derHeader(out, kTagSet, digestAlgorithm.getSize());
-    if (digestAlgorithm.getDER(buffer, pos) != 0) return -1;
-  } else {
-    derHeader(out, kTagSet, 0);
-  }
-  if (encapContent.getDER(buffer, pos) != 0) return -1;
+  const size_t explicit0 = out.open(kTagContext0);
+  const size_t sequence = out.open(kTagSequence);
+  if (version.getDER(out) != 0) return -1;
+  const size_t digests = out.open(kTagSet);
+  if (digestAlgorithm.algorithm.nid != 0 && digestAlgorithm.getDER(out) != 0) return -1;
+  out.close(digests);
+  if (encapContent.getDER(out) != 0) return -1;
   if (!certs_.empty()) {
-    unsigned int certificates = 0;
-    for (const auto& cert : certs_) certificates += cert->getSize();
-    derHeader(out, kTagContext0, certificates);
+    const size_t certificates = out.open(kTagContext0);
     for (const auto& cert : certs_) {
-      if (cert->getDER(buffer, pos) != 0) return -1;
+      if (cert->getDER(out) != 0) return -1;
     }
+    out.close(certificates);
   }
-  derHeader(out, kTagSet, signerInfo.getSize());
-  if (signerInfo.getDER(buffer, pos) != 0) return -1;
-  assert(*pos - start == getSize());
-  (void)start;
+  const size_t signers = out.open(kTagSet);
+  if (signerInfo.getDER(out) != 0) return -1;
+  out.close(signers);
+  out.close(sequence);
+  out.close(explicit0);
   return 0;
 }
 

@@ -31,10 +31,9 @@ class CAsn1signedData : public CAsn1object {
   ~CAsn1signedData() override;
 
   // A0, length, 30, length, the members; the certificates only when there are any.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Starts at the [0] EXPLICIT tag of the ContentInfo's content.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // Certificate i (0..19), or null.
   CCertInfo* getCert(unsigned int i) const;
@@ -50,7 +49,6 @@ class CAsn1signedData : public CAsn1object {
   CAsn1signerInfo signerInfo;
 
  private:
-  unsigned int contentSize();
   int readCertificates(const unsigned char* buffer, unsigned int* pos, unsigned int end);
 
   std::vector<std::unique_ptr<CCertInfo>> certs_;

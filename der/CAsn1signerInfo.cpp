@@ -3,8 +3,6 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/TokenDer.h"
 
@@ -12,32 +10,16 @@ namespace {
 const unsigned char kNullParameters[] = {kTagNull, 0x00};
 }
 
-unsigned int CAsn1signerInfo::contentSize() {
-  return version.getSize() + issuerSerial.getSize() + digestAlgorithm.getSize() +
-         (signedAttributes.count() > 0 ? signedAttributes.getSize() : 0) +
-         signatureAlgorithm.getSize() + signature.getSize();
-}
-
-unsigned int CAsn1signerInfo::getSize() {
-  Log log("CAsn1signerInfo", "getSize", __FILE__, __LINE__, 13);
-  return derElementSize(contentSize());
-}
-
-int CAsn1signerInfo::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1signerInfo::getDER(DerWriter& out) const {
   Log log("CAsn1signerInfo", "getDER", __FILE__, __LINE__, 13);
-  const unsigned int start = *pos;
-  DerWriter out(buffer, pos);
-  derHeader(out, kTagSequence, contentSize());
-  if (version.getDER(buffer, pos) != 0 || issuerSerial.getDER(buffer, pos) != 0 ||
-      digestAlgorithm.getDER(buffer, pos) != 0) {
+  const size_t sequence = out.open(kTagSequence);
+  if (version.getDER(out) != 0 || issuerSerial.getDER(out) != 0 ||
+      digestAlgorithm.getDER(out) != 0) {
     return -1;
   }
-  if (signedAttributes.count() > 0 && signedAttributes.getDER(buffer, pos) != 0) return -1;
-  if (signatureAlgorithm.getDER(buffer, pos) != 0 || signature.getDER(buffer, pos) != 0) {
-    return -1;
-  }
-  assert(*pos - start == getSize());
-  (void)start;
+  if (signedAttributes.count() > 0 && signedAttributes.getDER(out) != 0) return -1;
+  if (signatureAlgorithm.getDER(out) != 0 || signature.getDER(out) != 0) return -1;
+  out.close(sequence);
   return 0;
 }
 

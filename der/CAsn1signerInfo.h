@@ -21,9 +21,8 @@ class CAsn1signerInfo : public CAsn1object {
   CAsn1signerInfo() = default;
 
   // 30, length, the members; the signed attributes only when there are any.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  unsigned int getSize() override;
 
   // Stores a signature made with a key of OpenSSL type pkeyType (the
   // EVP_PKEY base id) over digestNid: the signature algorithm becomes
@@ -39,9 +38,6 @@ class CAsn1signerInfo : public CAsn1object {
   CAsn1attributes signedAttributes;
   CAsn1algorithmIdentifier signatureAlgorithm;
   CAsn1string signature{kTagOctetString};
-
- private:
-  unsigned int contentSize();
 };
 
 #endif  // DER_CASN1SIGNERINFO_H_

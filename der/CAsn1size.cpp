@@ -1,17 +1,11 @@
 #include "der/CAsn1size.h"
 
-#include <cassert>
-
 #include "base/Log.h"
 #include "der/Der.h"
 
-int CAsn1size::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1size::getDER(DerWriter& out) const {
   Log log("CAsn1size", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
   out.length(value);
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 
@@ -21,7 +15,7 @@ int CAsn1size::setDER(const unsigned char* buffer, unsigned int* pos, unsigned i
   return in.readLengthValue(&value) ? 0 : -1;
 }
 
-unsigned int CAsn1size::getSize() {
+unsigned int CAsn1size::getSize() const {
   Log log("CAsn1size", "getSize", __FILE__, __LINE__, 13);
   return derLengthSize(value);
 }

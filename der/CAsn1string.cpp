@@ -1,6 +1,5 @@
 #include "der/CAsn1string.h"
 
-#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -28,16 +27,12 @@ void CAsn1string::setVal(const unsigned char* bytes, unsigned int length) {
   length_ = length;
 }
 
-int CAsn1string::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1string::getDER(DerWriter& out) const {
   Log log("CAsn1string", "getDER", __FILE__, __LINE__, 13);
-  unsigned int start = *pos;
-  DerWriter out(buffer, pos);
   out.octet(tag_);
   out.length(static_cast<int>(length_));
   out.bytes(data(), length_);
   if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized %s", logText().c_str());
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 
@@ -56,49 +51,9 @@ int CAsn1string::setDER(const unsigned char* buffer, unsigned int* pos, unsigned
   return 0;
 }
 
-unsigned int CAsn1string::getSize() {
+unsigned int CAsn1string::getSize() const {
   Log log("CAsn1string", "getSize", __FILE__, __LINE__, 13);
   return 1 + derLengthSize(static_cast<int>(length_)) + length_;
-}
-
-void CAsn1string::getVal(unsigned char* dest, unsigned int* size) const {
-  Log log("CAsn1string", "getVal", __FILE__, __LINE__, 13);
-  if (size != nullptr && *size < length_) {
-    log.msg(__LINE__, 9, "destination too small: %u < %u", *size, length_);
-    *size = 0;
-    dest[0] = 0;
-    return;
-  }
-  if (length_ > 0) memcpy(dest, bytes_.data(), length_);
-  if (size != nullptr) *size = length_;
-}
-
-int CAsn1string::getVal(unsigned char* dest, unsigned int offset, unsigned int count) const {
-  Log log("CAsn1string", "getVal", __FILE__, __LINE__, 13);
-  if (static_cast<unsigned long long>(length_) < static_cast<unsigned long long>(offset) + count) {
-    return -1;
-  }
-  unsigned int n = count != 0 ? count : length_ - offset;
-  if (n > 0) memcpy(dest, bytes_.data() + offset, n);
-  return 0;
-}
-
-int CAsn1string::comp(const CAsn1string& other) const {
-  Log log("CAsn1string", "comp", __FILE__, __LINE__, 13);
-  if (length_ < other.length_) return -1;
-  if (length_ > other.length_) return 1;
-  int r = length_ == 0 ? 0 : memcmp(bytes_.data(), other.bytes_.data(), length_);
-  return r < 0 ? -1 : (r > 0 ? 1 : 0);
-}
-
-int CAsn1string::getInteger() const {
-  Log log("CAsn1string", "getInteger", __FILE__, __LINE__, 13);
-  if (length_ == 0 || length_ > 4) return 0;
-  unsigned int v = 0;
-  for (unsigned int i = 0; i < length_; ++i) v = (v << 8) | bytes_[i];
-  int value = static_cast<int>(v);
-  log.msg(__LINE__, 9, "returning %d", value);
-  return value;
 }
 
 std::string CAsn1string::logText() const {

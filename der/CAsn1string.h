@@ -16,34 +16,18 @@ class CAsn1string : public CAsn1object {
   CAsn1string(unsigned char tag, const unsigned char* bytes, unsigned int length);
 
   // Tag, length, bytes. Logs "serialized STRING[%d](%d bytes) %s" at level 9.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Takes whatever identifier octet it finds as the new tag (no check), then
   // the length and that many bytes; fails when they were not all received.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
   // 1 + size of the length field + length.
-  unsigned int getSize() override;
+  unsigned int getSize() const override;
 
   // Replace the bytes (a copy of length bytes, plus a NUL kept after them).
   void setVal(unsigned char tag, const unsigned char* bytes, unsigned int length);
   void setVal(const unsigned char* bytes, unsigned int length);
 
-  // Copies all bytes to dest (no terminator). When size is given and holds
-  // less than the length, logs "destination too small: %u < %u" at level 9,
-  // sets *size to 0 and dest[0] to 0; otherwise stores the length in *size.
-  void getVal(unsigned char* dest, unsigned int* size) const;
-  // Copies count bytes from offset (count 0: everything from offset on).
-  // -1 when length < offset + count.
-  int getVal(unsigned char* dest, unsigned int offset, unsigned int count) const;
-
-  // Shorter is smaller (-1), longer greater (1); equal lengths compare the
-  // bytes as unsigned values; equal strings 0.
-  int comp(const CAsn1string& other) const;
-  // 1 to 4 bytes read as an unsigned big-endian number; 0 for an empty
-  // string and for anything longer than 4 bytes.
-  int getInteger() const;
-
   unsigned char tag() const { return tag_; }
-  void setTag(unsigned char tag) { tag_ = tag; }
   // The bytes, followed by a NUL; nullptr when empty.
   const unsigned char* data() const { return bytes_.empty() ? nullptr : bytes_.data(); }
   unsigned int length() const { return length_; }

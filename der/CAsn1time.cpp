@@ -1,6 +1,5 @@
 #include "der/CAsn1time.h"
 
-#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -73,25 +72,21 @@ std::string CAsn1time::displayText() const {
   return std::string(b) + fractionText(fraction) + " GMT" + zoneText(tzHours, tzMinutes);
 }
 
-unsigned int CAsn1time::getSize() {
+unsigned int CAsn1time::getSize() const {
   Log log("CAsn1time", "getSize", __FILE__, __LINE__, 13);
   if (type != kUtcTime && type != kGeneralizedTime) return 0;
-  textLength.value = static_cast<int>(derText().size());
-  return 1 + textLength.getSize() + static_cast<unsigned int>(textLength.value);
+  const unsigned int length = static_cast<unsigned int>(derText().size());
+  return 1 + derLengthSize(static_cast<int>(length)) + length;
 }
 
-int CAsn1time::getDER(unsigned char* buffer, unsigned int* pos) {
+int CAsn1time::getDER(DerWriter& out) const {
   Log log("CAsn1time", "getDER", __FILE__, __LINE__, 13);
   if (type != kUtcTime && type != kGeneralizedTime) return -1;
-  unsigned int start = *pos;
   std::string text = derText();
-  DerWriter out(buffer, pos);
   out.octet(static_cast<unsigned char>(type));
   out.length(static_cast<int>(text.size()));
   out.bytes(reinterpret_cast<const unsigned char*>(text.data()),
             static_cast<unsigned int>(text.size()));
-  assert(*pos - start == getSize());
-  (void)start;
   return 0;
 }
 
@@ -175,35 +170,6 @@ int CAsn1time::setVal(const char* text, unsigned int length) {
   }
   // 'Z' ends the text; whatever follows it is not looked at.
   if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "TIME %s", displayText().c_str());
-  return 0;
-}
-
-int CAsn1time::toGMT() {
-  Log log("CAsn1time", "toGMT", __FILE__, __LINE__, 13);
-  if (tzHours != 0 || tzMinutes != 0) {
-    if (month < 1 || month > 12) return -1;
-    if (second == -1) second = 0;
-    hour -= tzHours;
-    minute -= tzMinutes;
-    long long days = static_cast<long long>(year) * 365 - 719067 + (year - 1901) / 4 +
-                     kDaysBeforeMonth[month - 1] + day - 1;
-    if (month > 2 && year % 4 == 0) ++days;
-    long long seconds = ((days * 24 + hour) * 60 + minute) * 60 + second;
-    time_t t = static_cast<time_t>(seconds);
-    struct tm g;
-    if (gmtime_r(&t, &g) == nullptr) return -1;
-    year = g.tm_year + 1900;
-    month = g.tm_mon + 1;
-    day = g.tm_mday;
-    hour = g.tm_hour;
-    minute = g.tm_min;
-    second = g.tm_sec;
-    tzHours = 0;
-    tzMinutes = 0;
-  }
-  if (second == -1) second = 0;
-  fraction = 0;
-  type = kGeneralizedTime;
   return 0;
 }
 

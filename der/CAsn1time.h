@@ -24,18 +24,15 @@ class CAsn1time : public CAsn1object {
 
   // Identifier = type, length, text. -1 for a type other than 23 or 24.
   // GeneralizedTime is always written in GMT whatever the offsets hold.
-  int getDER(unsigned char* buffer, unsigned int* pos) override;
+  int getDER(DerWriter& out) const override;
   // Identifier 0x17 or 0x18, a text shorter than 80 octets, then setVal.
   int setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) override;
-  // Computes the text length (kept in textLength); 0 for an unknown type.
-  unsigned int getSize() override;
+  // 0 for an unknown type.
+  unsigned int getSize() const override;
 
   // Parses a time text; the type follows from the number of digits, not
   // from any identifier. 0, or -1 when the text is not a time.
   int setVal(const char* text, unsigned int length);
-  // Moves the time to GMT: no absent second, no fraction, no offset, type
-  // GeneralizedTime. -1 (unchanged) when the month is not 1..12.
-  int toGMT();
   // The DER text ("991231235959Z"); empty for an unknown type.
   std::string derText() const;
   // "1999-12-31 23:59:59 GMT", "2004-01-02 03:04 GMT+0130".
@@ -53,7 +50,7 @@ class CAsn1time : public CAsn1object {
   int tzMinutes = 0;
   double fraction = 0;  // of a second; 0 = none
   int type = kGeneralizedTime;
-  CAsn1size textLength;
+  CAsn1size textLength;  // as setDER read it
 };
 
 #endif  // DER_CASN1TIME_H_

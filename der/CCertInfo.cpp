@@ -8,6 +8,7 @@
 #include "base/Log.h"
 #include "der/CAsn1issuerSerial.h"
 #include "der/CAsn1time.h"
+#include "der/Der.h"
 #include "ossl/KeyType.h"
 #include "ossl/OpenSslErrors.h"
 
@@ -174,14 +175,13 @@ int CCertInfo::writePEM(const char* file) const {
   return 0;
 }
 
-int CCertInfo::getDER(unsigned char* buffer, unsigned int* pos) const {
+int CCertInfo::getDER(DerWriter& out) const {
   Log log("CCertInfo", "getDER", __FILE__, __LINE__, 13);
   if (der_.empty()) {
     log.msg(__LINE__, 2, "Object not initialized");
     return -1;
   }
-  std::copy(der_.begin(), der_.end(), buffer + *pos);
-  *pos += static_cast<unsigned int>(der_.size());
+  out.bytes(der_);
   return 0;
 }
 

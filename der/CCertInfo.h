@@ -18,6 +18,7 @@
 #include "ossl/OpenSslPtr.h"
 
 class CAsn1issuerSerial;
+class DerWriter;
 class CAsn1time;
 
 class CCertInfo {
@@ -45,17 +46,15 @@ class CCertInfo {
   const std::vector<unsigned char>& der() const { return der_; }
   // Octets that getDER writes (0 when nothing is held).
   unsigned int getSize() const { return static_cast<unsigned int>(der_.size()); }
-  // Writes the DER at buffer[*pos] and advances *pos; the caller sized the
-  // buffer from getSize(). 0, or -1 when nothing is held.
-  int getDER(unsigned char* buffer, unsigned int* pos) const;
+  // Appends the DER to out. 0, or -1 when nothing is held.
+  int getDER(DerWriter& out) const;
   // The OpenSSL certificate, owned by this object (null when !ok()).
   X509* x509() const { return cert_.get(); }
 
   // Issuer and subject in OpenSSL's one-line form ("/C=DE/O=.../CN=...").
   std::string GetIssuerName() const;
   std::string GetSubjectName() const;
-  // DER of the issuer Name and the serial number's INTEGER contents.
-  const std::vector<unsigned char>& GetIssuerDER() const { return issuerDer_; }
+  // The serial number's INTEGER contents.
   const std::vector<unsigned char>& GetSerialNumber() const { return serial_; }
   // Fills an IssuerAndSerialNumber: the issuer Name and the serial number as
   // an INTEGER-tagged string. 0, or -1 when nothing is held or the issuer

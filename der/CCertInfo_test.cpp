@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "testing/TempDir.h"
-#include "testing/TokenMaker.h"
-#include "tools/testtsa/CertMaker.h"
 #include "der/CAsn1issuerSerial.h"
 #include "der/CAsn1time.h"
 #include "der/Der.h"
 #include "ossl/KeyType.h"
+#include "testing/TempDir.h"
+#include "testing/TokenMaker.h"
+#include "tools/testtsa/CertMaker.h"
 
 namespace {
 
@@ -71,12 +71,12 @@ TEST(CCertInfo, DecodesDerAndTakesOutTheFields) {
   EXPECT_EQ(cert.GetTimeNotBeforeText(), notBefore.displayText());
   EXPECT_EQ(cert.GetSignatureType(), NID_sha256WithRSAEncryption);
 
-  // getDER writes the bytes as they came, at the position given.
-  Bytes out(der.size() + 3, 0xEE);
-  unsigned int pos = 3;
-  ASSERT_EQ(cert.getDER(out.data(), &pos), 0);
-  EXPECT_EQ(pos, out.size());
-  EXPECT_TRUE(std::equal(der.begin(), der.end(), out.begin() + 3));
+  // getDER appends the bytes as they came.
+  DerWriter out;
+  out.octet(0xEE);
+  ASSERT_EQ(cert.getDER(out), 0);
+  ASSERT_EQ(out.size(), der.size() + 1);
+  EXPECT_TRUE(std::equal(der.begin(), der.end(), out.data().begin() + 1));
   // The fingerprint is the digest of the DER.
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
@@ -143,10 +143,9 @@ TEST(CCertInfo, RefusesBrokenDer) {
     EXPECT_EQ(cert.GetRSAPublicKey(), nullptr);
     CAsn1time t;
     EXPECT_EQ(cert.GetTimeNotAfter(&t), -1);
-    unsigned int pos = 0;
-    unsigned char out[4];
-    EXPECT_EQ(cert.getDER(out, &pos), -1);
-    EXPECT_EQ(pos, 0u);
+    DerWriter out;
+    EXPECT_EQ(cert.getDER(out), -1);
+    EXPECT_EQ(out.size(), 0u);
   }
 }
 

@@ -1,6 +1,7 @@
 #include "der/Der.h"
 
 #include <cassert>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -91,44 +92,65 @@ bool DerReader::peekLength(unsigned int* length, unsigned int* lengthOctets) con
   return true;
 }
 
-bool DerReader::readBytes(unsigned char* dest, unsigned int n) {
-  if (!need(n)) return false;
-  if (n > 0) memcpy(dest, buffer_ + *pos_, n);
-  *pos_ += n;
-  return true;
-}
-
 bool DerReader::skip(unsigned int n) {
   if (!need(n)) return false;
   *pos_ += n;
   return true;
 }
 
+namespace {
+
+// Writes the length field of value, derLengthSize(value) octets, at p.
+void putLength(unsigned char* p, int value) {
+  const unsigned int size = derLengthSize(value);
+  if (size == 1) {
+    *p = static_cast<unsigned char>(value);
+    return;
+  }
+  const unsigned int n = size - 1;
+  *p++ = static_cast<unsigned char>(0x80 | n);
+  for (unsigned int i = n; i > 0; --i) {
+    *p++ = static_cast<unsigned char>(static_cast<unsigned int>(value) >> (8 * (i - 1)));
+  }
+}
+
+}  // namespace
+
 void DerWriter::bytes(const unsigned char* data, unsigned int n) {
-  if (n > 0) memcpy(buffer_ + *pos_, data, n);
-  *pos_ += n;
+  if (n > 0) out_.insert(out_.end(), data, data + n);
 }
 
 void DerWriter::length(int value) {
-  unsigned int size = derLengthSize(value);
-  if (size == 1) {
-    octet(static_cast<unsigned char>(value));
-    return;
-  }
-  unsigned int n = size - 1;
-  octet(static_cast<unsigned char>(0x80 | n));
-  for (unsigned int i = n; i > 0; --i) {
-    octet(static_cast<unsigned char>(static_cast<unsigned int>(value) >> (8 * (i - 1))));
-  }
+  const size_t at = out_.size();
+  out_.resize(at + derLengthSize(value));
+  putLength(&out_[at], value);
 }
 
-std::vector<unsigned char> encodeDER(CAsn1object& object) {
-  unsigned int size = object.getSize();
-  std::vector<unsigned char> out(size);
-  unsigned int pos = 0;
-  if (object.getDER(out.data(), &pos) != 0) return std::vector<unsigned char>();
-  assert(pos == size);
-  return out;
+unsigned char* DerWriter::zeros(unsigned int n) {
+  const size_t at = out_.size();
+  out_.resize(at + n, 0);
+  return out_.data() + at;
+}
+
+size_t DerWriter::open(unsigned char tag) {
+  out_.push_back(tag);
+  out_.push_back(0);  // a short-form length; close() makes room for a longer one
+  return out_.size() - 1;
+}
+
+void DerWriter::close(size_t mark) {
+  assert(mark < out_.size());
+  const int length = static_cast<int>(out_.size() - mark - 1);
+  const unsigned int size = derLengthSize(length);
+  if (size > 1) out_.insert(out_.begin() + static_cast<std::ptrdiff_t>(mark) + 1, size - 1, 0);
+  putLength(&out_[mark], length);
+}
+
+std::vector<unsigned char> encodeDER(const CAsn1object& object) {
+  DerWriter out;
+  if (object.getDER(out) != 0) return std::vector<unsigned char>();
+  assert(out.size() == object.getSize());
+  return out.release();
 }
 
 std::string derHexText(const unsigned char* data, unsigned int length, unsigned int max) {

@@ -7,15 +7,15 @@
 // never moves. Every read checks the end first; running past it is reported at
 // level 2 as a decoding error and the decoder returns -1.
 //
-// Encoding: a DerWriter appends at the caller's position into a buffer that
-// the caller sized from getSize() beforehand (encodeDER() does both and
-// asserts that they agree).
+// Encoding: a DerWriter appends to a buffer of its own that grows; the length
+// of a constructed element is filled in when the element is closed.
 //
 // Not thread-safe per object; the classes hold no global state except the
 // object identifiers that OpenSSL registers (see CAsn1oid).
 #ifndef DER_DER_H_
 #define DER_DER_H_
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -57,7 +57,6 @@ class DerReader {
 
   const unsigned char* buffer() const { return buffer_; }
   unsigned int pos() const { return *pos_; }
-  unsigned int* posPtr() const { return pos_; }
   unsigned int end() const { return end_; }
   unsigned int left() const { return *pos_ < end_ ? end_ - *pos_ : 0; }
   bool atEnd() const { return *pos_ >= end_; }
@@ -84,7 +83,6 @@ class DerReader {
   bool readLength(unsigned int* length);
   // Reads a length field at the position without moving it.
   bool peekLength(unsigned int* length, unsigned int* lengthOctets) const;
-  bool readBytes(unsigned char* dest, unsigned int n);
   bool skip(unsigned int n);
 
  private:
@@ -93,29 +91,44 @@ class DerReader {
   unsigned int end_;
 };
 
+// Appends an encoding to a buffer that grows as needed, so writing can never
+// run past its end. Constructed elements are written by open() and close():
+// the length field is computed from what was written between the two, the one
+// place a SEQUENCE's length comes from.
 class DerWriter {
  public:
-  DerWriter(unsigned char* buffer, unsigned int* pos) : buffer_(buffer), pos_(pos) {}
+  DerWriter() = default;
+  DerWriter(const DerWriter&) = delete;
+  DerWriter& operator=(const DerWriter&) = delete;
 
-  unsigned int pos() const { return *pos_; }
-  unsigned int* posPtr() const { return pos_; }
-  unsigned char* buffer() const { return buffer_; }
-  unsigned char* here() const { return buffer_ + *pos_; }
+  unsigned int size() const { return static_cast<unsigned int>(out_.size()); }
+  const std::vector<unsigned char>& data() const { return out_; }
+  std::vector<unsigned char> release() { return std::move(out_); }
 
-  void octet(unsigned char value) { buffer_[(*pos_)++] = value; }
+  void octet(unsigned char value) { out_.push_back(value); }
   void bytes(const unsigned char* data, unsigned int n);
+  void bytes(const std::vector<unsigned char>& data) {
+    out_.insert(out_.end(), data.begin(), data.end());
+  }
   // Writes a length field: short form below 128, else 0x80 | n and n octets.
   void length(int value);
-  void advance(unsigned int n) { *pos_ += n; }
+  // n zero octets to be filled in place; returns where they start.
+  unsigned char* zeros(unsigned int n);
+
+  // Writes the identifier octet and starts the contents; returns the mark
+  // that close() takes. Elements nest: close the inner one first.
+  size_t open(unsigned char tag);
+  // Writes the length field of the element opened at mark from the number of
+  // octets written since.
+  void close(size_t mark);
 
  private:
-  unsigned char* buffer_;
-  unsigned int* pos_;
+  std::vector<unsigned char> out_;
 };
 
-// Encodes object into a new buffer of exactly getSize() octets. Empty when
-// getDER fails. Asserts that getDER wrote what getSize announced.
-std::vector<unsigned char> encodeDER(CAsn1object& object);
+// Encodes object into a new buffer. Empty when getDER fails. Asserts that
+// getDER wrote what getSize announced.
+std::vector<unsigned char> encodeDER(const CAsn1object& object);
 
 // "30 31 32:012" -- up to max bytes as "%02X " with the last blank replaced
 // by ':', then the same bytes as characters, '.' outside 0x20..0x7E.

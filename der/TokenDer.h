@@ -16,16 +16,4 @@ int tstInfoNid();
 // (the position of the length field).
 bool readTokenLength(DerReader& in, unsigned int* length);
 
-// Octets of an element with an identifier octet, a length field and
-// contentLength octets of contents.
-inline unsigned int derElementSize(unsigned int contentLength) {
-  return 1 + derLengthSize(static_cast<int>(contentLength)) + contentLength;
-}
-
-// Writes an identifier octet and a length field.
-inline void derHeader(DerWriter& out, unsigned char tag, unsigned int contentLength) {
-  out.octet(tag);
-  out.length(static_cast<int>(contentLength));
-}
-
 #endif  // DER_TOKENDER_H_

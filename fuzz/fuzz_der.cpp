@@ -1,5 +1,5 @@
 // Fuzz target for the DER decoders of the timestamp library: every input is
-// fed to each decoder (each primitive, the composites, the request kinds) as
+// fed to each decoder (each primitive, the composites, the request) as
 // if it had come from a Timestamp Server. Whatever decodes is encoded again,
 // and getSize() must match what getDER() writes.
 //
@@ -23,6 +23,7 @@
 #include "der/CAsn1size.h"
 #include "der/CAsn1string.h"
 #include "der/CAsn1time.h"
+#include "der/Der.h"
 #include "der/asn1request.h"
 
 namespace {
@@ -41,10 +42,8 @@ void roundTrip(CAsn1object& object, const uint8_t* data, size_t size) {
   unsigned int end = static_cast<unsigned int>(size);
   if (object.setDER(data, &pos, end) != 0) return;
   if (pos > end) abort();  // read past what it was given
-  unsigned int expected = object.getSize();
-  std::vector<unsigned char> out(expected);
-  unsigned int written = 0;
-  if (object.getDER(out.data(), &written) == 0 && written != expected) abort();
+  DerWriter out;
+  if (object.getDER(out) == 0 && out.size() != object.getSize()) abort();
 }
 
 }  // namespace
@@ -66,20 +65,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CAsn1name name;
   CAsn1issuerSerial issuerSerial;
   CAsn1IETFrequest ietf;
-  CAsn1sigIA4request sigIA4;
-  CAsn1Pkcs7request pkcs7;
-  CAsn1CertRequest certRequest;
-  CAsn1object* objects[] = {&length, &integer,   &boolean, &oid,        &string, &time,
-                            &bits,   &algorithm, &imprint, &rdn,        &name,   &issuerSerial,
-                            &ietf,   &sigIA4,    &pkcs7,   &certRequest};
+  CAsn1object* objects[] = {&length,    &integer, &boolean, &oid,  &string,       &time, &bits,
+                            &algorithm, &imprint, &rdn,     &name, &issuerSerial, &ietf};
   for (CAsn1object* object : objects) roundTrip(*object, data, size);
 
   // The text forms that logs and callers use.
-  char text[512];
-  name.getString(text, sizeof text);
-  issuerSerial.issuer.getString(text, sizeof text);
   time.displayText();
-  time.toGMT();
   time.derText();
   return 0;
 }

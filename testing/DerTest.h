@@ -1,26 +1,26 @@
 // Helpers for DER byte-vector tests: encode an object to hex text, decode hex
-// text into an object. Header-only; for tests of tstl/ only.
+// text into an object. Header-only; for tests of der/ only.
 #ifndef TESTING_DERTEST_H_
 #define TESTING_DERTEST_H_
 
 #include <string>
 #include <vector>
 
-#include "testing/Hex.h"
 #include "der/CAsn1object.h"
 #include "der/Der.h"
+#include "testing/Hex.h"
 
 namespace testing_support {
 
 // The object's DER as "30 03 02 01 05"; "getDER failed" when it fails.
-inline std::string derHex(CAsn1object& object) {
-  unsigned int size = object.getSize();
-  std::vector<unsigned char> out(size + 16, 0xEE);
-  unsigned int pos = 0;
-  if (object.getDER(out.data(), &pos) != 0) return "getDER failed";
-  if (pos != size)
-    return "getDER wrote " + std::to_string(pos) + ", getSize said " + std::to_string(size);
-  return toHex(out.data(), pos);
+inline std::string derHex(const CAsn1object& object) {
+  DerWriter out;
+  if (object.getDER(out) != 0) return "getDER failed";
+  const unsigned int size = object.getSize();
+  if (out.size() != size) {
+    return "getDER wrote " + std::to_string(out.size()) + ", getSize said " + std::to_string(size);
+  }
+  return toHex(out.data().data(), out.size());
 }
 
 // Decodes hex into object from position 0 with the input's end at the last

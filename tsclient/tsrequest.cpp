@@ -62,10 +62,8 @@ bool encodeRequest(CAsn1messageImprint* imprint, const std::vector<unsigned char
   if (digestLen > kMaxDigest) digestLen = kMaxDigest;
   request.messageImprint.hashedMessage.setVal(kTagOctetString, imprint->hashedMessage.data(),
                                               digestLen);
-  unsigned int size = request.getSize();
-  der->assign(size, 0);
-  unsigned int pos = 0;
-  return size > 0 && request.getDER(der->data(), &pos) == 0 && pos == size;
+  *der = encodeDER(request);
+  return !der->empty();
 }
 
 // One exchange with server for the DER request, within timeoutMs: the

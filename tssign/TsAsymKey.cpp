@@ -33,12 +33,6 @@ int passwordCallback(char* buf, int size, int /*rwflag*/, void* userdata) {
   return n;
 }
 
-int pkeyIdForType(int type) {
-  if (type == kKeyTypeRsa) return EVP_PKEY_RSA;
-  if (type == kKeyTypeDsa) return EVP_PKEY_DSA;
-  return EVP_PKEY_NONE;
-}
-
 // Reads a whole file into bytes. 0, -2 (cannot open), -3 (read error).
 int readWholeFile(const char* file, std::vector<unsigned char>* bytes) {
   FilePtr f(fopen(file, "rb"));
@@ -220,69 +214,12 @@ int TsAsymKey::getKeyType() const {
 
 int TsAsymKey::getPKeyType() const { return key_ ? EVP_PKEY_get_base_id(key_.get()) : 0; }
 
-int TsAsymKey::getSizeBits() const { return key_ ? EVP_PKEY_get_bits(key_.get()) : 0; }
-
-EvpPkeyPtr TsAsymKey::getPublicKey() const {
-  Log log(kComponent, "getPublicKey", __FILE__, __LINE__, 13);
-  if (!key_) return nullptr;
-  // Through the SubjectPublicKeyInfo: the copy carries no private part.
-  unsigned char* der = nullptr;
-  int n = i2d_PUBKEY(key_.get(), &der);
-  if (n <= 0) {
-    logOpenSslErrorQueue(kComponent, "getPublicKey");
-    return nullptr;
-  }
-  OpenSslBytesPtr owner(der);
-  const unsigned char* p = der;
-  EvpPkeyPtr pub(d2i_PUBKEY(nullptr, &p, n));
-  if (!pub) logOpenSslErrorQueue(kComponent, "getPublicKey");
-  return pub;
-}
-
 int TsAsymKey::comparePublicKey(const EVP_PKEY* publicKey) const {
   Log log(kComponent, "comparePublicKey", __FILE__, __LINE__, 13);
   if (!key_ || publicKey == nullptr) return -1;
   int eq = EVP_PKEY_eq(key_.get(), publicKey);
   clearOpenSslErrors();  // a type mismatch leaves an entry; it only means "different"
   return eq == 1 ? 0 : 1;
-}
-
-int TsAsymKey::importKey(int type, const unsigned char* der, unsigned int length) {
-  Log log(kComponent, "importKey", __FILE__, __LINE__, 13);
-  int id = pkeyIdForType(type);
-  if (id == EVP_PKEY_NONE) {
-    log.msg(__LINE__, 2, "Invalid keytype");
-    return -2;
-  }
-  const unsigned char* p = der;
-  EvpPkeyPtr key(der != nullptr ? d2i_PrivateKey(id, nullptr, &p, static_cast<long>(length))
-                                : nullptr);
-  if (!key) {
-    log.msg(__LINE__, 2, "Decoding the private key failed");
-    logOpenSslErrorQueue(kComponent, "importKey");
-    return -1;
-  }
-  key_ = std::move(key);
-  return 0;
-}
-
-int TsAsymKey::exportKey(std::vector<unsigned char>* der) const {
-  Log log(kComponent, "exportKey", __FILE__, __LINE__, 13);
-  if (!key_ || der == nullptr) return -1;
-  if (pkeyIdForType(getKeyType()) == EVP_PKEY_NONE) {
-    log.msg(__LINE__, 2, "Invalid keytype");
-    return -2;
-  }
-  unsigned char* out = nullptr;
-  int n = i2d_PrivateKey(key_.get(), &out);
-  if (n <= 0) {
-    logOpenSslErrorQueue(kComponent, "exportKey");
-    return -1;
-  }
-  OpenSslBytesPtr owner(out);
-  der->assign(out, out + n);
-  OPENSSL_cleanse(out, static_cast<size_t>(n));
-  return 0;
 }
 
 int TsAsymKey::signData(const unsigned char* data, unsigned int length, int digestNid,
@@ -317,48 +254,3 @@ int TsAsymKey::signData(const unsigned char* data, unsigned int length, int dige
   return 0;
 }
 
-int TsAsymKey::verifyData(const unsigned char* data, unsigned int length, int digestNid,
-                          const unsigned char* signature, unsigned int signatureLength) const {
-  Log log(kComponent, "verifyData", __FILE__, __LINE__, 13);
-  const EVP_MD* md = tsDigestByNid(digestNid);
-  if (!key_ || md == nullptr) {
-    log.msg(__LINE__, 2, "can't get a digest EVP for NID %d", digestNid);
-    return -2;
-  }
-  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, md, nullptr, key_.get()) != 1) {
-    logOpenSslErrorQueue(kComponent, "verifyData");
-    return -2;
-  }
-  int rc = EVP_DigestVerify(ctx.get(), signature, signatureLength, data, length);
-  clearOpenSslErrors();  // a bad signature is an answer, not an error
-  if (rc != 1) {
-    log.msg(__LINE__, 7, "signature does not verify");
-    return -1;
-  }
-  return 0;
-}
-
-int TsAsymKey::X509_REQ_sign(X509_REQ* request, int digestNid) const {
-  Log log(kComponent, "X509_REQ_sign", __FILE__, __LINE__, 13);
-  if (!key_ || request == nullptr) {
-    log.msg(__LINE__, 2, "no key loaded");
-    return -1;
-  }
-  const EVP_MD* md = tsDigestByNid(digestNid);
-  if (md == nullptr) {
-    log.msg(__LINE__, 2, "can't get a digest EVP for NID %d", digestNid);
-    return -2;
-  }
-  if (::X509_REQ_sign(request, key_.get(), md) <= 0) {
-    log.msg(__LINE__, 2, "signing the certificate request failed");
-    logOpenSslErrorQueue(kComponent, "X509_REQ_sign");
-    return -3;
-  }
-  return 0;
-}
-
-void TsAsymKey::unloadKey() {
-  Log log(kComponent, "unloadKey", __FILE__, __LINE__, 13);
-  key_.reset();
-}

@@ -16,7 +16,6 @@
 #define TSSIGN_TSASYMKEY_H_
 
 #include <openssl/evp.h>
-#include <openssl/x509.h>
 
 #include <vector>
 
@@ -55,40 +54,19 @@ class TsAsymKey {
   int getKeyType() const;
   // OpenSSL's base id of the key (EVP_PKEY_RSA = 6, EVP_PKEY_DSA = 116, ...), 0 without a key.
   int getPKeyType() const;
-  // Key size in bits, 0 without a key.
-  int getSizeBits() const;
   // The key, owned by this object (null when none is held).
   EVP_PKEY* pkey() const { return key_.get(); }
 
-  // A new key object holding only the public part; null without a key.
-  EvpPkeyPtr getPublicKey() const;
   // Compares the public part with publicKey, typically a certificate's.
   // 0 when equal, 1 when different (another type counts as different), -1
   // when either key is missing.
   int comparePublicKey(const EVP_PKEY* publicKey) const;
-
-  // Replaces the key by a DER private key of the given type (4 or 8). 0 on
-  // success; -1 "Decoding the private key failed", -2 "Invalid keytype".
-  int importKey(int type, const unsigned char* der, unsigned int length);
-  // The key as DER (the type's own private key form, as importKey reads it).
-  // 0 on success; -1 without a key or when encoding fails, -2 "Invalid keytype".
-  int exportKey(std::vector<unsigned char>* der) const;
 
   // Signs data with the digest of digestNid (RSA PKCS#1 v1.5, DSA DER
   // signature). 0 on success; -1 without a key, -2 for an unknown digest, -3
   // when signing fails.
   int signData(const unsigned char* data, unsigned int length, int digestNid,
                std::vector<unsigned char>* signature) const;
-  // Verifies a signature over data made by this key. 0 when it verifies, -1
-  // when it does not, -2 without a key or for an unknown digest.
-  int verifyData(const unsigned char* data, unsigned int length, int digestNid,
-                 const unsigned char* signature, unsigned int signatureLength) const;
-  // Signs a certificate request with this key and the digest of digestNid.
-  // 0 on success; -1 without a key or request, -2 for an unknown digest, -3
-  // when signing fails.
-  int X509_REQ_sign(X509_REQ* request, int digestNid) const;
-  // Frees the key.
-  void unloadKey();
 
  private:
   EvpPkeyPtr key_;

@@ -68,7 +68,7 @@ TsAsymKey* TsAsymKeyTest::dsa_ = nullptr;
 TEST_F(TsAsymKeyTest, GeneratedKeysHaveTheirTypeSizeAndExponent) {
   EXPECT_EQ(rsa_->getKeyType(), kKeyTypeRsa);
   EXPECT_EQ(rsa_->getPKeyType(), EVP_PKEY_RSA);
-  EXPECT_EQ(rsa_->getSizeBits(), 2048);
+  EXPECT_EQ(EVP_PKEY_get_bits(rsa_->pkey()), 2048);
   BIGNUM* e = nullptr;
   ASSERT_EQ(EVP_PKEY_get_bn_param(rsa_->pkey(), OSSL_PKEY_PARAM_RSA_E, &e), 1);
   BignumPtr exponent(e);
@@ -76,7 +76,7 @@ TEST_F(TsAsymKeyTest, GeneratedKeysHaveTheirTypeSizeAndExponent) {
 
   EXPECT_EQ(dsa_->getKeyType(), kKeyTypeDsa);
   EXPECT_EQ(dsa_->getPKeyType(), EVP_PKEY_DSA);
-  EXPECT_EQ(dsa_->getSizeBits(), 2048);
+  EXPECT_EQ(EVP_PKEY_get_bits(dsa_->pkey()), 2048);
 }
 
 TEST_F(TsAsymKeyTest, PemKeysRoundTripAndWrongPasswordFails) {
@@ -94,7 +94,7 @@ TEST_F(TsAsymKeyTest, PemKeysRoundTripAndWrongPasswordFails) {
     TsAsymKey loaded;
     ASSERT_EQ(loaded.loadKey(file.c_str(), "s3cret"), 0);
     EXPECT_EQ(loaded.getKeyType(), key->getKeyType());
-    EXPECT_EQ(loaded.comparePublicKey(key->getPublicKey().get()), 0);
+    EXPECT_EQ(loaded.comparePublicKey(key->pkey()), 0);
     EXPECT_TRUE(log_.contains("Loaded key from PEM-file \"" + file + "\""));
 
     TsAsymKey wrong;
@@ -153,43 +153,18 @@ TEST_F(TsAsymKeyTest, RefusesUnknownTypesMissingArgumentsAndFiles) {
   EXPECT_EQ(key.saveKey(dir_.file("k.pem").c_str(), "pw"), -1);  // nothing loaded
 }
 
-TEST_F(TsAsymKeyTest, ImportExportRoundTrip) {
-  for (TsAsymKey* key : {rsa_, dsa_}) {
-    std::vector<unsigned char> der;
-    ASSERT_EQ(key->exportKey(&der), 0);
-    TsAsymKey copy;
-    ASSERT_EQ(copy.importKey(key->getKeyType(), der.data(), static_cast<unsigned>(der.size())), 0);
-    EXPECT_EQ(copy.comparePublicKey(key->pkey()), 0);
-    // Read as the other type it does not decode.
-    int other = key->getKeyType() == kKeyTypeRsa ? kKeyTypeDsa : kKeyTypeRsa;
-    EXPECT_EQ(copy.importKey(other, der.data(), static_cast<unsigned>(der.size())), -1);
-    EXPECT_EQ(copy.comparePublicKey(key->pkey()), 0);
-  }
-  TsAsymKey key;
-  const unsigned char junk[] = {0x30, 0x03, 0x02, 0x01, 0x00};
-  EXPECT_EQ(key.importKey(3, junk, sizeof(junk)), -2);
-  EXPECT_EQ(key.importKey(kKeyTypeRsa, junk, sizeof(junk)), -1);
-  EXPECT_TRUE(log_.contains("Invalid keytype"));
-  EXPECT_TRUE(log_.contains("Decoding the private key failed"));
-  std::vector<unsigned char> der;
-  EXPECT_EQ(key.exportKey(&der), -1);
-}
-
 TEST_F(TsAsymKeyTest, PublicKeyComparison) {
-  EvpPkeyPtr pub = rsa_->getPublicKey();
-  EXPECT_EQ(rsa_->comparePublicKey(pub.get()), 0);
-  EXPECT_EQ(dsa_->comparePublicKey(pub.get()), 1);
+  EVP_PKEY* pub = rsa_->pkey();
+  EXPECT_EQ(rsa_->comparePublicKey(pub), 0);
+  EXPECT_EQ(dsa_->comparePublicKey(pub), 1);
   TsAsymKey other;
+  EXPECT_EQ(other.comparePublicKey(pub), -1);
   ASSERT_EQ(other.generateKey(kKeyTypeRsa, 2048), 0);
-  EXPECT_EQ(other.comparePublicKey(pub.get()), 1);
+  EXPECT_EQ(other.comparePublicKey(pub), 1);
   EXPECT_EQ(other.comparePublicKey(nullptr), -1);
-  other.unloadKey();
-  EXPECT_FALSE(other.loaded());
-  EXPECT_EQ(other.comparePublicKey(pub.get()), -1);
-  EXPECT_EQ(other.getPublicKey(), nullptr);
 }
 
-TEST_F(TsAsymKeyTest, SignAndVerify) {
+TEST_F(TsAsymKeyTest, SignaturesVerifyWithOpenSsl) {
   const std::string text = "the data to be signed";
   auto data = reinterpret_cast<const unsigned char*>(text.data());
   unsigned int n = static_cast<unsigned int>(text.size());
@@ -198,35 +173,16 @@ TEST_F(TsAsymKeyTest, SignAndVerify) {
       SCOPED_TRACE(key->getKeyType() * 1000 + nid);
       std::vector<unsigned char> sig;
       ASSERT_EQ(key->signData(data, n, nid, &sig), 0);
-      EXPECT_EQ(key->verifyData(data, n, nid, sig.data(), static_cast<unsigned>(sig.size())), 0);
-      // Verified by OpenSSL with the public key alone.
-      EvpPkeyPtr pub = key->getPublicKey();
       EvpMdCtxPtr ctx(EVP_MD_CTX_new());
       EXPECT_TRUE(EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_get_digestbynid(nid), nullptr,
-                                       pub.get()) == 1 &&
+                                       key->pkey()) == 1 &&
                   EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), data, n) == 1);
-
-      sig[sig.size() / 2] ^= 0x01;
-      EXPECT_EQ(key->verifyData(data, n, nid, sig.data(), static_cast<unsigned>(sig.size())), -1);
     }
   }
   std::vector<unsigned char> sig;
   EXPECT_EQ(rsa_->signData(data, n, NID_undef, &sig), -2);
   TsAsymKey none;
   EXPECT_EQ(none.signData(data, n, NID_sha256, &sig), -1);
-  EXPECT_EQ(none.verifyData(data, n, NID_sha256, data, n), -2);
-}
-
-TEST_F(TsAsymKeyTest, SignsCertificateRequests) {
-  X509ReqPtr req(X509_REQ_new());
-  ASSERT_EQ(X509_REQ_set_pubkey(req.get(), dsa_->pkey()), 1);
-  X509_NAME_add_entry_by_txt(X509_REQ_get_subject_name(req.get()), "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("signer"), -1, -1, 0);
-  ASSERT_EQ(dsa_->X509_REQ_sign(req.get(), NID_sha256), 0);
-  EXPECT_EQ(X509_REQ_verify(req.get(), dsa_->pkey()), 1);
-  EXPECT_NE(X509_REQ_verify(req.get(), rsa_->pkey()), 1);
-  EXPECT_EQ(rsa_->X509_REQ_sign(nullptr, NID_sha256), -1);
-  EXPECT_EQ(rsa_->X509_REQ_sign(req.get(), NID_undef), -2);
 }
 
 }  // namespace

@@ -26,9 +26,8 @@
 
 namespace {
 
-// The to-be-signed attributes and the response are built in one buffer of
-// this size; the response must fit in it.
-constexpr unsigned int kBufferSize = 4096;
+// The longest to-be-signed attributes and response that are made.
+constexpr unsigned int kMaxEncoding = 4096;
 
 // TSTInfo serial numbers must differ between timestamps of one authority;
 // 31 random bits keep them positive for the INTEGER encoder.
@@ -119,81 +118,61 @@ void zoneSigningTime(time_t when, CAsn1attributes* attributes) {
   *attributes = rebuilt;
 }
 
-}  // namespace
-
-int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, const char* certFile,
-                      CAsn1string* response, const LocalTimestampOptions& options) {
-  Log log("zpTrequest", "generateTimestamp", __FILE__, __LINE__, 13);
-  CCertInfo cert;
-  if (certFile == nullptr || cert.readPEM(certFile) != 0) {
-    log.msg(__LINE__, 2, "Can't read certificate from %s", certFile != nullptr ? certFile : "");
-    return -1;
+// 0 when key belongs to cert; -3 when cert holds no public key of the key's
+// type, -4 when its key is another. Keys other than RSA and DSA are signed
+// with as they are.
+int checkKeyAgainstCert(Log& log, const TsAsymKey& key, const CCertInfo& cert) {
+  const bool rsa = key.getKeyType() == kKeyTypeRsa;
+  if (!rsa && key.getKeyType() != kKeyTypeDsa) return 0;
+  const char* type = rsa ? "RSA" : "DSA";
+  EvpPkeyPtr pub = rsa ? cert.GetRSAPublicKey() : cert.GetDSApublicKey();
+  if (!pub) {
+    log.msg(__LINE__, 2, "Can't retrive public %s key from certificate", type);
+    return -3;
   }
-  TsAsymKey key;
-  if (key.loadKey(keyFile, "") != 0) {
-    log.msg(__LINE__, 2, "Can't read signature key from %s", keyFile != nullptr ? keyFile : "");
-    return -2;
+  if (key.comparePublicKey(pub.get()) != 0) {
+    log.msg(__LINE__, 2, "%s key doesn't match certificate", type);
+    return -4;
   }
+  return 0;
+}
 
-  switch (key.getKeyType()) {
-    case kKeyTypeRsa: {
-      EvpPkeyPtr pub = cert.GetRSAPublicKey();
-      if (!pub) {
-        log.msg(__LINE__, 2, "Can't retrive public RSA key from certificate");
-        return -3;
-      }
-      if (key.comparePublicKey(pub.get()) != 0) {
-        log.msg(__LINE__, 2, "RSA key doesn't match certificate");
-        return -4;
-      }
-      break;
-    }
-    case kKeyTypeDsa: {
-      EvpPkeyPtr pub = cert.GetDSApublicKey();
-      if (!pub) {
-        log.msg(__LINE__, 2, "Can't retrive public DSA key from certificate");
-        return -3;
-      }
-      if (key.comparePublicKey(pub.get()) != 0) {
-        log.msg(__LINE__, 2, "DSA key doesn't match certificate");
-        return -4;
-      }
-      break;
-    }
-    default:
-      break;  // other key types are signed with as they are
-  }
-
-  registerDsaSignatureIds();
-  CAsn1ietfTSResp resp;
-  time_t now = time(nullptr);
-  resp.setGenTime(now);  // also the signing time
-  resp.setMessageImprint(imprint);
-  resp.setPolicy(policyNid());
-  resp.setSerialNumber(newSerialNumber());
-  if (resp.addRefFromCert(cert) != 0) {
+// Fills in the TSTInfo and the signer of resp, adds the signed attributes and
+// assembles the token around them, not yet signed. 0, or generateTimestamp's
+// -5, -6 or -7.
+int prepareResponse(Log& log, const CAsn1messageImprint& imprint, const CCertInfo& cert,
+                    const TsAsymKey& key, time_t now, CAsn1ietfTSResp* resp) {
+  resp->setGenTime(now);  // also the signing time
+  resp->setMessageImprint(imprint);
+  resp->setPolicy(policyNid());
+  resp->setSerialNumber(newSerialNumber());
+  if (resp->addRefFromCert(cert) != 0) {
     log.msg(__LINE__, 2, "Error adding certificate reference");
     return -5;
   }
-  int digestNid = imprint.hashAlgorithm.algorithm.nid;
-  resp.setDigestNid(digestNid);
-
+  const int digestNid = imprint.hashAlgorithm.algorithm.nid;
+  resp->setDigestNid(digestNid);
   // Checks that every member is configured and adds contentType, signingTime
   // and messageDigest to the signed attributes.
-  std::vector<unsigned char> buffer(kBufferSize);
-  unsigned int size = kBufferSize;
-  if (resp.getTBSbuf(buffer.data(), &size) != 0) {
+  CAsn1string toBeSigned;
+  if (resp->getTBSbuf(&toBeSigned) != 0 || toBeSigned.length() > kMaxEncoding) {
     log.msg(__LINE__, 2, "Can't retrieve to-be-signed data");
     return -6;
   }
   // Assembles the token around the signer information; the signature is made
-  // below, once the attributes are complete.
-  if (resp.setSignature(key.getPKeyType(), nullptr, 0, digestNid) != 0) {
+  // once the attributes are complete.
+  if (resp->setSignature(key.getPKeyType(), nullptr, 0, digestNid) != 0) {
     log.msg(__LINE__, 2, "Error signing timestamp");
     return -7;
   }
-  CAsn1contentInfo token = resp.getToken();
-  CAsn1signedData* signedData = token.signedData();
+  return 0;
+}
+
+// Completes the signed attributes of token as options say, signs them with
+// key and adds cert when asked to. 0, or generateTimestamp's -6, -7 or -8.
+int signToken(Log& log, const TsAsymKey& key, const CCertInfo& cert, time_t now, int digestNid,
+              const LocalTimestampOptions& options, CAsn1contentInfo* token) {
+  CAsn1signedData* signedData = token->signedData();
   if (signedData == nullptr) {
     log.msg(__LINE__, 2, "Error signing timestamp");
     return -7;
@@ -217,25 +196,57 @@ int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, c
     log.msg(__LINE__, 2, "Error serializing timestamp to DER");
     return -8;
   }
+  return 0;
+}
 
-  // TimeStampResp ::= SEQUENCE { status PKIStatusInfo, timeStampToken }
-  unsigned int contents = resp.statusInfo.getSize() + token.getSize();
-  unsigned int total = 1 + derLengthSize(static_cast<int>(contents)) + contents;
-  unsigned int pos = 0;
-  if (total > kBufferSize) {
+// TimeStampResp ::= SEQUENCE { status PKIStatusInfo, timeStampToken }
+// 0, or -8 when it cannot be encoded or is longer than kMaxEncoding.
+int encodeResponse(Log& log, const CAsn1ietfStatusInfo& status, const CAsn1contentInfo& token,
+                   CAsn1string* response) {
+  DerWriter out;
+  const size_t sequence = out.open(kTagSequence);
+  if (status.getDER(out) != 0 || token.getDER(out) != 0) {
     log.msg(__LINE__, 2, "Error serializing timestamp to DER");
     return -8;
   }
-  DerWriter out(buffer.data(), &pos);
-  out.octet(kTagSequence);
-  out.length(static_cast<int>(contents));
-  if (resp.statusInfo.getDER(buffer.data(), &pos) != 0 || token.getDER(buffer.data(), &pos) != 0 ||
-      pos != total) {
+  out.close(sequence);
+  if (out.size() > kMaxEncoding) {
     log.msg(__LINE__, 2, "Error serializing timestamp to DER");
     return -8;
   }
-  response->setVal(kTagOctetString, buffer.data(), pos);
-  log.msg(__LINE__, 8, "local timestamp of %u bytes signed by %s", pos,
+  response->setVal(kTagOctetString, out.data().data(), out.size());
+  return 0;
+}
+
+}  // namespace
+
+int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, const char* certFile,
+                      CAsn1string* response, const LocalTimestampOptions& options) {
+  Log log("zpTrequest", "generateTimestamp", __FILE__, __LINE__, 13);
+  CCertInfo cert;
+  if (certFile == nullptr || cert.readPEM(certFile) != 0) {
+    log.msg(__LINE__, 2, "Can't read certificate from %s", certFile != nullptr ? certFile : "");
+    return -1;
+  }
+  TsAsymKey key;
+  if (key.loadKey(keyFile, "") != 0) {
+    log.msg(__LINE__, 2, "Can't read signature key from %s", keyFile != nullptr ? keyFile : "");
+    return -2;
+  }
+  int rc = checkKeyAgainstCert(log, key, cert);
+  if (rc != 0) return rc;
+
+  registerDsaSignatureIds();
+  CAsn1ietfTSResp resp;
+  const time_t now = time(nullptr);
+  rc = prepareResponse(log, imprint, cert, key, now, &resp);
+  if (rc != 0) return rc;
+  CAsn1contentInfo token = resp.getToken();
+  rc = signToken(log, key, cert, now, imprint.hashAlgorithm.algorithm.nid, options, &token);
+  if (rc != 0) return rc;
+  rc = encodeResponse(log, resp.statusInfo, token, response);
+  if (rc != 0) return rc;
+  log.msg(__LINE__, 8, "local timestamp of %u bytes signed by %s", response->length(),
           cert.GetSubjectName().c_str());
   return 0;
 }
