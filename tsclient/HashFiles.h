@@ -24,7 +24,7 @@ struct FileToHash {
   std::string path;  // opened when fd < 0; otherwise it only names the file in the log
   int fd = -1;       // borrowed: read from its current position, never closed here
   CAsn1messageImprint* imprint = nullptr;  // borrowed: receives the digest
-  int result = 1;  // computeHash's 0, -1 or -2 once hashed; 1: not hashed
+  int result = 1;                          // computeHash's 0, -1 or -2 once hashed; 1: not hashed
 };
 
 // Hashes the files with digest nid on up to `threads` threads (1: one after
