@@ -12,6 +12,12 @@
 // serve prints "kvmini listening port=<port> prog=<prog> vers=2" first, then one
 // line per datagram it dispatches and one per order it sends, all on standard
 // output, flushed at once. It reads commands on standard input (see usage()).
+// With --queue it serves any number of workers, each named by the address and
+// port it registered with: every idle worker gets the next document, one
+// order at a time; a document whose worker said goodbye, refused the order or
+// did not report within --order-timeout goes back to the front of the queue.
+// The end of the queue prints "QUEUE done", sends --final-ctrl to every
+// worker still serving and prints "SUMMARY ..." with the reports per worker.
 // Built on libtirpc and the rpcgen records of kvrpc/kvprot.x only: it is the
 // independent peer the worker is tested against.
 #include <arpa/inet.h>
@@ -54,7 +60,7 @@ void usage() {
           "                    [--op-answer N] [--crt-answer N] [--silent]\n"
           "                    [--worker-host H] [--queue DIR] [--mode N]\n"
           "                    [--final-ctrl CODE] [--final-text T] [--exit-on-bye]\n"
-          "                    [--call-timeout S] [--order-timeout S]\n"
+          "                    [--call-timeout S] [--order-timeout S] [--wait-workers N]\n"
           "       kvmini work --to HOST:PORT [--mode N] DIR\n"
           "       kvmini ctrl --to HOST:PORT CODE [TEXT]\n"
           "       kvmini info --to HOST:PORT NUMBER [TEXT]\n"
@@ -259,7 +265,8 @@ struct Server {
   bool exitOnBye = false;
   int mode = 1;
   int callTimeout = 5;
-  long orderTimeout = 0;  // seconds; 0: wait for every report for ever
+  long orderTimeout = 0;   // seconds; 0: wait for every report for ever
+  size_t waitWorkers = 0;  // no order before this many workers registered
   std::string workerHost;
   bool queueMode = false;
   std::deque<std::string> queue;  // documents not handed out yet
@@ -403,7 +410,9 @@ void reportQueueDone() {
 // Hands each idle worker the next queued document, one order per worker at a
 // time, and reports the finished queue once.
 void advanceQueue() {
-  if (!server.queueMode || server.queueReported) return;
+  if (!server.queueMode || server.queueReported || server.workers.size() < server.waitWorkers) {
+    return;
+  }
   for (Worker& w : server.workers) {
     if (server.queue.empty()) break;
     if (!w.idle()) continue;
@@ -690,6 +699,8 @@ int serve(int argc, char** argv) {
         server.callTimeout = static_cast<int>(n);
       else if (a == "--order-timeout")
         server.orderTimeout = n;
+      else if (a == "--wait-workers")
+        server.waitWorkers = static_cast<size_t>(n);
       else
         return usage(), kUsageExit;
     } else {
