@@ -38,7 +38,8 @@ cleanup() {
 trap cleanup EXIT
 start_tsa >/dev/null
 
-"$kvmini" serve --bind 127.0.0.1 --port 0 --queue "$docs" --final-ctrl 0 \
+# The first order waits until all N have registered, so that they share the queue from the start.
+"$kvmini" serve --bind 127.0.0.1 --port 0 --queue "$docs" --final-ctrl 0 --wait-workers "$workers" \
   --order-timeout "${ORDER_TIMEOUT:-120}" </dev/null >"$work/kvmini.out" 2>&1 &
 kv_pid=$!
 for _ in $(seq 100); do
