@@ -309,8 +309,16 @@ Worker* findWorker(const std::string& name) {
   return nullptr;
 }
 
-// Remembers where a registered worker's callback service listens.
-void rememberWorker(const sockaddr_kl& a) {
+// A document a worker has not finished goes back to the front of the queue.
+void giveBack(Worker* w, const std::string& why) {
+  emit("REQUEUE document=" + quote(w->inHand.c_str()) + " worker=" + w->name + " " + why);
+  server.queue.push_front(w->inHand);
+  w->inHand.clear();
+}
+
+// Remembers where a registered worker's callback service listens; fresh: a
+// registration (HI), not an information call.
+void rememberWorker(const sockaddr_kl& a, bool fresh) {
   Target t;
   if (!server.workerHost.empty()) {
     if (!parseTarget(server.workerHost + ":" + std::to_string(a.port), &t) &&
@@ -339,6 +347,9 @@ void rememberWorker(const sockaddr_kl& a) {
   }
   w->target = t;
   w->gone = false;
+  // Registered anew (restarted, say): what it held is not being worked on.
+  if (fresh && !w->inHand.empty()) giveBack(w, "(registered again)");
+  if (fresh) w->late.clear();
   server.current = static_cast<size_t>(w - server.workers.data());
 }
 
@@ -362,13 +373,6 @@ void sendToWorker(unsigned long proc, int number, const std::string& text) {
     return;
   }
   sendTo(server.workers[server.current], proc, number, text);
-}
-
-// A document a worker has not finished goes back to the front of the queue.
-void giveBack(Worker* w, const std::string& why) {
-  emit("REQUEUE document=" + quote(w->inHand.c_str()) + " worker=" + w->name + " " + why);
-  server.queue.push_front(w->inHand);
-  w->inHand.clear();
 }
 
 // Whether a report's document names directory: the same text, or, for a
@@ -510,7 +514,7 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
       std::string line = std::string(name) + " from=" + from + " " + addressText(h.address) +
                          " type=" + quote(h.type);
       line += answerInt(xprt, server.hiAnswer);
-      if (server.hiAnswer != 0 && rq->rq_proc == KVPROC_HI) rememberWorker(h.address);
+      if (server.hiAnswer != 0) rememberWorker(h.address, rq->rq_proc == KVPROC_HI);
       freeArgs(xprt, xdr_hello_kl, &h);
       emit(line);
       if (!server.silent && server.hiAnswer != 0 && rq->rq_proc == KVPROC_HI) advanceQueue();
