@@ -551,7 +551,7 @@ int Clockette::service(const char* directory) {
     if (targetRefused(stamp->source, stamp->target)) return 0;
   }
 
-  // Every file is hashed before the first request: a file that cannot be
+  // Every file is hashed, side by side, before the first request: a file that cannot be
   // hashed fails the document without any exchange.
   std::vector<FileToHash> sources;
   for (const auto& stamp : stamps) sources.push_back({stamp->source.str(), -1, &stamp->imprint});
