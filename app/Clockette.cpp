@@ -31,6 +31,7 @@
 #include "der/CAsn1messageImprint.h"
 #include "der/CAsn1string.h"
 #include "der/Der.h"
+#include "tsclient/HashFiles.h"
 #include "tsclient/tsrequest.h"
 
 namespace {
@@ -550,14 +551,16 @@ int Clockette::service(const char* directory) {
     if (targetRefused(stamp->source, stamp->target)) return 0;
   }
 
-  // Every file is hashed before the first request: a file that cannot be
+  // Every file is hashed, side by side, before the first request: a file that cannot be
   // hashed fails the document without any exchange.
-  for (const auto& stamp : stamps) {
-    if (computeHash(stamp->source.c_str(), getDigest(), &stamp->imprint) != 0) {
-      metrics::countTimestamp(-1);
-      log.msg(__LINE__, 2, "Hashing %s failed", stamp->source.c_str());
-      return requestFailed(stamp->source, stamp->target, -1);
-    }
+  std::vector<FileToHash> sources;
+  for (const auto& stamp : stamps) sources.push_back({stamp->source.str(), -1, &stamp->imprint});
+  size_t unhashed = hashFiles(&sources, getDigest(), hashThreads());
+  if (unhashed < stamps.size()) {
+    const Stamp& stamp = *stamps[unhashed];
+    metrics::countTimestamp(-1);
+    log.msg(__LINE__, 2, "Hashing %s failed", stamp.source.c_str());
+    return requestFailed(stamp.source, stamp.target, -1);
   }
 
   // The round trips overlap and each answer is written to its temporary file

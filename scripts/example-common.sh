@@ -43,10 +43,12 @@ stop_tsa() {
 }
 
 # Starts the test Timestamp Server on loopback with its certificates in
-# $work/pki; sets tsa_port, tsa_ca and tsa_cert.
+# $work/pki (and the options of TSA_ARGS); sets tsa_port, tsa_ca and tsa_cert.
 start_tsa() {
   mkdir -p "$work/pki"
-  "$testtsa" --dir "$work/pki" --https-port -1 --tcp-port -1 >"$work/tsa.out" 2>"$work/tsa.log" &
+  # shellcheck disable=SC2086  # TSA_ARGS: further testtsa options, split on blanks
+  "$testtsa" --dir "$work/pki" --https-port -1 --tcp-port -1 ${TSA_ARGS:-} >"$work/tsa.out" \
+    2>"$work/tsa.log" &
   tsa_pid=$!
   for _ in $(seq 100); do
     grep -qx ready "$work/tsa.out" 2>/dev/null && break

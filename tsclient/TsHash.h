@@ -1,6 +1,7 @@
 // TsHash: the digest of a file, as the message imprint of a timestamp
 // request. The digest is chosen once per process by TS_HASHALG; the file is
-// read by digestFile (tstl/FileDigest.h).
+// read by digestFile (tsclient/FileDigest.h); hashFiles (tsclient/HashFiles.h)
+// hashes the files of a document side by side.
 //
 // Threads: getDigest runs before any stamping (its choice is not locked);
 // computeHash may then run on several threads at once.
@@ -23,5 +24,9 @@ int getDigest();
 // regular file", refused at once, without blocking on a FIFO or reading a
 // device) or a stop was requested meanwhile; -2 when the digest is not usable.
 int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
+
+// computeHash over a file the caller has opened (and still owns), read from
+// its current position; path only names it in the log.
+int computeHashOfOpenFile(int fd, const char* path, int nid, CAsn1messageImprint* imprint);
 
 #endif  // TSCLIENT_TSHASH_H_

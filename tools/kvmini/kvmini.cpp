@@ -12,6 +12,12 @@
 // serve prints "kvmini listening port=<port> prog=<prog> vers=2" first, then one
 // line per datagram it dispatches and one per order it sends, all on standard
 // output, flushed at once. It reads commands on standard input (see usage()).
+// With --queue it serves any number of workers, each named by the address and
+// port it registered with: every idle worker gets the next document, one
+// order at a time; a document whose worker said goodbye, refused the order or
+// did not report within --order-timeout goes back to the front of the queue.
+// The end of the queue prints "QUEUE done", sends --final-ctrl to every
+// worker still serving and prints "SUMMARY ..." with the reports per worker.
 // Built on libtirpc and the rpcgen records of kvrpc/kvprot.x only: it is the
 // independent peer the worker is tested against.
 #include <arpa/inet.h>
@@ -25,9 +31,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -52,7 +60,7 @@ void usage() {
           "                    [--op-answer N] [--crt-answer N] [--silent]\n"
           "                    [--worker-host H] [--queue DIR] [--mode N]\n"
           "                    [--final-ctrl CODE] [--final-text T] [--exit-on-bye]\n"
-          "                    [--call-timeout S]\n"
+          "                    [--call-timeout S] [--order-timeout S] [--wait-workers N]\n"
           "       kvmini work --to HOST:PORT [--mode N] DIR\n"
           "       kvmini ctrl --to HOST:PORT CODE [TEXT]\n"
           "       kvmini info --to HOST:PORT NUMBER [TEXT]\n"
@@ -233,6 +241,22 @@ const char* toolProcName(unsigned long proc) {
 
 // ---- serve -------------------------------------------------------------
 
+// A registered worker, named by the address and port it announced.
+struct Worker {
+  std::string name;
+  Target target;
+  std::string inHand;  // the document ordered and not reported yet; empty: none
+  double orderedAt = 0;
+  // No more orders: it said goodbye or did not take an order (gone), or it
+  // did not report within --order-timeout (late: the document it was ordered,
+  // until it reports).
+  bool gone = false;
+  std::string late;
+  int ok = 0;
+  int error = 0;
+  bool idle() const { return !gone && late.empty() && inHand.empty(); }
+};
+
 struct Server {
   int hiAnswer = 1;
   int opAnswer = 0;
@@ -241,19 +265,27 @@ struct Server {
   bool exitOnBye = false;
   int mode = 1;
   int callTimeout = 5;
+  long orderTimeout = 0;   // seconds; 0: wait for every report for ever
+  size_t waitWorkers = 0;  // no order before this many workers registered
   std::string workerHost;
-  std::vector<std::string> queue;
-  size_t next = 0;
-  std::string inHand;
+  bool queueMode = false;
+  std::deque<std::string> queue;  // documents not handed out yet
+  size_t documents = 0;
+  double firstOrderAt = -1;
   bool queueReported = false;
+  bool finalCtrlSet = false;  // code 0 is the exit order
   long finalCtrl = 0;
   std::string finalText;
-  bool haveWorker = false;
-  Target worker;
+  std::vector<Worker> workers;
+  size_t current = 0;  // the worker registered last: commands from standard input go there
   bool quit = false;
 };
 
 Server server;
+
+double now() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 std::string callerText(SVCXPRT* xprt) {
   netbuf* nb = svc_getrpccaller(xprt);
@@ -261,8 +293,32 @@ std::string callerText(SVCXPRT* xprt) {
   return sockaddrText(static_cast<sockaddr*>(nb->buf), nb->len);
 }
 
-// Remembers where the registered worker's callback service listens.
-void rememberWorker(const sockaddr_kl& a, SVCXPRT* xprt) {
+std::string workerName(const sockaddr_kl& a) {
+  char text[INET6_ADDRSTRLEN];
+  const char* ok = isIpv6Family(a.family) ? inet_ntop(AF_INET6, a.address, text, sizeof text)
+                                          : inet_ntop(AF_INET, a.address, text, sizeof text);
+  std::string host = ok ? text : "?";
+  if (isIpv6Family(a.family)) host = "[" + host + "]";
+  return host + ":" + std::to_string(a.port);
+}
+
+Worker* findWorker(const std::string& name) {
+  for (Worker& w : server.workers) {
+    if (w.name == name) return &w;
+  }
+  return nullptr;
+}
+
+// A document a worker has not finished goes back to the front of the queue.
+void giveBack(Worker* w, const std::string& why) {
+  emit("REQUEUE document=" + quote(w->inHand.c_str()) + " worker=" + w->name + " " + why);
+  server.queue.push_front(w->inHand);
+  w->inHand.clear();
+}
+
+// Remembers where a registered worker's callback service listens; fresh: a
+// registration (HI), not an information call.
+void rememberWorker(const sockaddr_kl& a, bool fresh) {
   Target t;
   if (!server.workerHost.empty()) {
     if (!parseTarget(server.workerHost + ":" + std::to_string(a.port), &t) &&
@@ -283,26 +339,40 @@ void rememberWorker(const sockaddr_kl& a, SVCXPRT* xprt) {
     memcpy(&s4->sin_addr, a.address, 4);
     t.len = sizeof *s4;
   }
-  (void)xprt;
-  server.worker = t;
-  server.haveWorker = true;
+  Worker* w = findWorker(workerName(a));
+  if (w == nullptr) {
+    server.workers.push_back(Worker());
+    w = &server.workers.back();
+    w->name = workerName(a);
+  }
+  w->target = t;
+  w->gone = false;
+  // Registered anew (restarted, say): what it held is not being worked on.
+  if (fresh && !w->inHand.empty()) giveBack(w, "(registered again)");
+  if (fresh) w->late.clear();
+  server.current = static_cast<size_t>(w - server.workers.data());
 }
 
-void sendToWorker(unsigned long proc, int number, const std::string& text) {
-  if (!server.haveWorker) {
-    emit(std::string("SEND ") + toolProcName(proc) + " no worker registered");
-    return;
-  }
+CallResult sendTo(const Worker& w, unsigned long proc, int number, const std::string& text) {
   CallSpec callReq;
   callReq.proc = proc;
   callReq.order.number = number;
   callReq.order.text = const_cast<char*>(text.c_str());
   callReq.timeoutSeconds = server.callTimeout;
-  CallResult r = callService(server.worker, callReq);
+  CallResult r = callService(w.target, callReq);
   emit(std::string("SEND ") + toolProcName(proc) + " " + std::to_string(number) + " " +
        quote(text.c_str()) +
-       " to=" + sockaddrText(reinterpret_cast<sockaddr*>(&server.worker.addr), server.worker.len) +
+       " to=" + sockaddrText(reinterpret_cast<const sockaddr*>(&w.target.addr), w.target.len) +
        " -> " + r.text());
+  return r;
+}
+
+void sendToWorker(unsigned long proc, int number, const std::string& text) {
+  if (server.workers.empty()) {
+    emit(std::string("SEND ") + toolProcName(proc) + " no worker registered");
+    return;
+  }
+  sendTo(server.workers[server.current], proc, number, text);
 }
 
 // Whether a report's document names directory: the same text, or, for a
@@ -314,20 +384,93 @@ bool reportNames(const std::string& reported, const std::string& directory) {
                            std::string::npos) == 0;
 }
 
-// Hands out the next queued document, or reports the empty queue once.
-void advanceQueue() {
-  if (server.queue.empty() || !server.inHand.empty()) return;
-  if (server.next < server.queue.size()) {
-    server.inHand = server.queue[server.next++];
-    sendToWorker(TOOLPROC_WORK, server.mode, server.inHand);
-    return;
+void reportQueueDone() {
+  for (const Worker& w : server.workers) {
+    if (!w.inHand.empty()) return;
   }
-  if (server.queueReported) return;
   server.queueReported = true;
   emit("QUEUE done");
-  if (server.finalCtrl != 0) {
-    sendToWorker(TOOLPROC_CTRL, static_cast<int>(server.finalCtrl), server.finalText);
+  if (server.finalCtrlSet) {
+    for (const Worker& w : server.workers) {
+      if (!w.gone && w.late.empty())
+        sendTo(w, TOOLPROC_CTRL, static_cast<int>(server.finalCtrl), server.finalText);
+    }
   }
+  int ok = 0, error = 0;
+  std::string perWorker;
+  for (const Worker& w : server.workers) {
+    ok += w.ok;
+    error += w.error;
+    perWorker +=
+        " | " + w.name + " ok=" + std::to_string(w.ok) + " error=" + std::to_string(w.error);
+  }
+  char seconds[32];
+  snprintf(seconds, sizeof seconds, "%.3f",
+           server.firstOrderAt < 0 ? 0.0 : now() - server.firstOrderAt);
+  emit("SUMMARY documents=" + std::to_string(server.documents) + " ok=" + std::to_string(ok) +
+       " error=" + std::to_string(error) + " seconds=" + seconds + perWorker);
+}
+
+// Hands each idle worker the next queued document, one order per worker at a
+// time, and reports the finished queue once.
+void advanceQueue() {
+  if (!server.queueMode || server.queueReported || server.workers.size() < server.waitWorkers) {
+    return;
+  }
+  for (Worker& w : server.workers) {
+    if (server.queue.empty()) break;
+    if (!w.idle()) continue;
+    w.inHand = server.queue.front();
+    server.queue.pop_front();
+    w.orderedAt = now();
+    if (server.firstOrderAt < 0) server.firstOrderAt = w.orderedAt;
+    if (!sendTo(w, TOOLPROC_WORK, server.mode, w.inHand).ok) {
+      w.gone = true;
+      giveBack(&w, "(the order was not taken)");
+    }
+  }
+  if (server.queue.empty()) reportQueueDone();
+}
+
+// Gives back the documents of workers that did not report in time; the
+// seconds until the next such check is due (-1: none).
+double checkOrderTimeouts() {
+  if (server.orderTimeout <= 0) return -1;
+  double next = -1;
+  bool gaveBack = false;
+  for (Worker& w : server.workers) {
+    if (w.inHand.empty()) continue;
+    double left = w.orderedAt + static_cast<double>(server.orderTimeout) - now();
+    if (left <= 0) {
+      w.late = w.inHand;
+      giveBack(&w, "(no report within " + std::to_string(server.orderTimeout) + " s)");
+      gaveBack = true;
+    } else if (next < 0 || left < next) {
+      next = left;
+    }
+  }
+  if (gaveBack) advanceQueue();
+  return gaveBack ? checkOrderTimeouts() : next;
+}
+
+// A report of document: the worker holding it (the reporter first) is free
+// again; a late report takes the document out of the queue.
+void documentReported(Worker* reporter, const std::string& document) {
+  Worker* holder = reporter && reportNames(document, reporter->inHand) ? reporter : nullptr;
+  for (Worker& w : server.workers) {
+    if (holder == nullptr && !w.inHand.empty() && reportNames(document, w.inHand)) holder = &w;
+  }
+  if (holder != nullptr) holder->inHand.clear();
+  if (reporter != nullptr && !reporter->late.empty() && reportNames(document, reporter->late)) {
+    for (auto it = server.queue.begin(); it != server.queue.end(); ++it) {
+      if (reportNames(document, *it)) {
+        server.queue.erase(it);
+        break;
+      }
+    }
+    reporter->late.clear();
+  }
+  advanceQueue();
 }
 
 template <typename Record>
@@ -371,7 +514,7 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
       std::string line = std::string(name) + " from=" + from + " " + addressText(h.address) +
                          " type=" + quote(h.type);
       line += answerInt(xprt, server.hiAnswer);
-      if (server.hiAnswer != 0) rememberWorker(h.address, xprt);
+      if (server.hiAnswer != 0) rememberWorker(h.address, rq->rq_proc == KVPROC_HI);
       freeArgs(xprt, xdr_hello_kl, &h);
       emit(line);
       if (!server.silent && server.hiAnswer != 0 && rq->rq_proc == KVPROC_HI) advanceQueue();
@@ -388,9 +531,17 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
       if (rq->rq_proc == KVPROC_BYE && !server.silent) {
         svc_sendreply(xprt, asProc(xdr_void), nullptr);
       }
+      Worker* w = rq->rq_proc == KVPROC_BYE ? findWorker(workerName(h.address)) : nullptr;
       freeArgs(xprt, xdr_hello_kl, &h);
       emit(line);
-      if (rq->rq_proc == KVPROC_BYE && server.exitOnBye) server.quit = true;
+      if (w != nullptr) {
+        w->gone = true;
+        if (!w->inHand.empty()) giveBack(w, "(goodbye)");
+        advanceQueue();
+      }
+      bool anyLeft = false;
+      for (const Worker& other : server.workers) anyLeft = anyLeft || !other.gone;
+      if (rq->rq_proc == KVPROC_BYE && server.exitOnBye && !anyLeft) server.quit = true;
       return;
     }
     case KVPROC_OP: {
@@ -400,13 +551,14 @@ void kvDispatch(svc_req* rq, SVCXPRT* xprt) {
                          " document=" + quote(r.document) + " text2=" + quote(r.status) +
                          " text3=" + quote(r.comment);
       line += answerInt(xprt, server.opAnswer);
-      bool answersInHand = r.document != nullptr && reportNames(r.document, server.inHand);
+      Worker* reporter = findWorker(workerName(r.address));
+      line += " worker=" + workerName(r.address);
+      std::string document = r.document != nullptr ? r.document : "";
+      bool ok = r.status != nullptr && strcmp(r.status, "ok") == 0;
       freeArgs(xprt, xdr_op_kl, &r);
       emit(line);
-      if (answersInHand && !server.silent) {
-        server.inHand.clear();
-        advanceQueue();
-      }
+      if (reporter != nullptr) ++(ok ? reporter->ok : reporter->error);
+      if (!server.silent) documentReported(reporter, document);
       return;
     }
     case KVPROC_CRT: {
@@ -526,9 +678,12 @@ int serve(int argc, char** argv) {
       bindAddr = argv[++i];
     else if (hasValue && a == "--worker-host")
       server.workerHost = argv[++i];
-    else if (hasValue && a == "--queue")
-      server.queue = listQueue(argv[++i]);
-    else if (hasValue && a == "--final-text")
+    else if (hasValue && a == "--queue") {
+      std::vector<std::string> docs = listQueue(argv[++i]);
+      server.queue.assign(docs.begin(), docs.end());
+      server.documents = docs.size();
+      server.queueMode = true;
+    } else if (hasValue && a == "--final-text")
       server.finalText = argv[++i];
     else if (hasValue && parseInt(argv[i + 1], &n)) {
       ++i;
@@ -543,9 +698,13 @@ int serve(int argc, char** argv) {
       else if (a == "--mode")
         server.mode = static_cast<int>(n);
       else if (a == "--final-ctrl")
-        server.finalCtrl = n;
+        server.finalCtrl = n, server.finalCtrlSet = true;
       else if (a == "--call-timeout")
         server.callTimeout = static_cast<int>(n);
+      else if (a == "--order-timeout")
+        server.orderTimeout = n;
+      else if (a == "--wait-workers")
+        server.waitWorkers = static_cast<size_t>(n);
       else
         return usage(), kUsageExit;
     } else {
@@ -575,7 +734,10 @@ int serve(int argc, char** argv) {
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
     if (stdinOpen) FD_SET(0, &readable);
-    int r = select(fd + 1, &readable, nullptr, nullptr, nullptr);
+    double wait = checkOrderTimeouts();
+    timeval timeout{static_cast<time_t>(wait),
+                    static_cast<suseconds_t>((wait - static_cast<long>(wait)) * 1e6) + 1000};
+    int r = select(fd + 1, &readable, nullptr, nullptr, wait < 0 ? nullptr : &timeout);
     if (r < 0) {
       if (errno == EINTR) continue;
       perror("kvmini: select");
