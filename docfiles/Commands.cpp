@@ -375,11 +375,16 @@ int Commands::rewriteWhole() {
   }
   for (const String& line : toAdd_) text += line.str() + "\n";
   std::string step;
-  int err = replaceFile(fileName().c_str(), text.data(), text.size(), &step, true, fileSystem());
+  const char* path = fileName().c_str();
+  int err = writeReplacement(path, text.data(), text.size(), &step, fileSystem());
+  if (err == 0) err = commitReplacement(path, &step, false, fileSystem());
+  bool replaced = err == 0;
+  if (replaced) err = syncDirectoryOf(path, &step, fileSystem());
   if (err == 0) return 1;
-  log.msg(__LINE__, 3, "can`t write string '%s' to '%s': errno = '%s' (%s failed)", text.c_str(),
-          fileName().c_str(), errnoText(err).c_str(), step.c_str());
-  dropNewBackup();
+  log.msg(__LINE__, 3, "can't rewrite COMMANDS file '%s': %s failed: errno = '%s'", path,
+          step.c_str(), errnoText(err).c_str());
+  // Replaced but perhaps not on disk: the backup stays for the next read.
+  if (!replaced) dropNewBackup();
   return 0;
 }
 
