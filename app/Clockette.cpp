@@ -24,12 +24,12 @@
 #include "base/SettingsLine.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
-#include "der/CAsn1messageImprint.h"
-#include "der/CAsn1string.h"
-#include "der/Der.h"
 #include "docfiles/Document.h"
 #include "docfiles/TextLine.h"
 #include "docfiles/utl.h"
+#include "der/CAsn1messageImprint.h"
+#include "der/CAsn1string.h"
+#include "der/Der.h"
 #include "tsclient/tsrequest.h"
 
 namespace {

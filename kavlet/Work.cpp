@@ -7,9 +7,9 @@
 #include "base/Log.h"
 #include "base/Metrics.h"
 #include "base/Stop.h"
+#include "kavlet/Kavlet.h"
 #include "docfiles/Document.h"
 #include "docfiles/DocumentLock.h"
-#include "kavlet/Kavlet.h"
 #include "kvrpc/KVclient.h"
 
 namespace {
