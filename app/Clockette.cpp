@@ -22,7 +22,6 @@
 #include "base/ReplaceFile.h"
 #include "base/SecretFile.h"
 #include "base/SettingsLine.h"
-#include "base/SideThread.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
 #include "docfiles/Document.h"
@@ -581,18 +580,21 @@ int Clockette::service(const char* directory) {
   if (temporaryNamed) {
     for (const auto& stamp : stamps) stamp->early = false;
   }
-  OrderedWork exchanges(stamps.size(), parallel, [&stamps](size_t i) {
+  FileSystem& fs = document->fileSystem();
+  OrderedWork exchanges(stamps.size(), parallel, [&stamps, &fs](size_t i) {
     Stamp& s = *stamps[i];
     s.result = fetchTimestamp(&s.imprint, &s.response);
     if (s.result == 0 && s.early) {
-      s.result = prepareTimestamp(&s.response, s.target.c_str());
+      s.result = prepareTimestamp(&s.response, s.target.c_str(), fs);
       s.prepared = s.result == 0;
     }
   });
   auto dropFrom = [&](size_t first) {
     exchanges.dropFrom(first);
     for (size_t j = first; j < stamps.size(); ++j) {
-      if (exchanges.waitFor(j) && stamps[j]->prepared) discardTimestamp(stamps[j]->target.c_str());
+      if (exchanges.waitFor(j) && stamps[j]->prepared) {
+        discardTimestamp(stamps[j]->target.c_str(), fs);
+      }
     }
   };
   bool stamped = false;
@@ -606,8 +608,10 @@ int Clockette::service(const char* directory) {
     // left as it was.
     bool existed = entryExists(stamp.target.c_str());
     int code = stamp.result;
-    if (code == 0 && !stamp.early) code = prepareTimestamp(&stamp.response, stamp.target.c_str());
-    if (code == 0) code = commitTimestamp(stamp.source.c_str(), stamp.target.c_str(), false);
+    if (code == 0 && !stamp.early) {
+      code = prepareTimestamp(&stamp.response, stamp.target.c_str(), fs);
+    }
+    if (code == 0) code = commitTimestamp(stamp.source.c_str(), stamp.target.c_str(), false, fs);
     metrics::countTimestamp(code);  // -1 .. -5, as the per-file requestTimestamp gives them
     if (code != 0) {
       dropFrom(i + 1);
@@ -632,9 +636,8 @@ int Clockette::service(const char* directory) {
     document->docMessage(log, __LINE__, 8, "no timestamping required for document '%s'", dir);
     return 1;
   }
-  // The renames reach the disk with their directory's sync, the protocol
-  // line with the protocol's own: side by side, the file system can take
-  // both in one commit instead of two in a row.
+  // The protocol line is written by the work cycle once COMMANDS holds the
+  // new statements, so that it never tells of an outcome that did not come.
   document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",
                        dir);
   const Stamp* unsynced = nullptr;
@@ -642,23 +645,18 @@ int Clockette::service(const char* directory) {
   int err = 0;
   auto syncDirectories = [&] {
     for (const auto& entry : unsyncedDirectories) {
-      err = syncDirectoryOf(entry.second->target.c_str(), &step);
+      err = syncDirectoryOf(entry.second->target.c_str(), &step, fs);
       if (err != 0) {
         unsynced = entry.second;
         return;
       }
     }
   };
-  SideThread& side = SideThread::instance();
-  bool aside = side.start(syncDirectories);
-  if (!aside) syncDirectories();  // no thread to be had: one after the other
-  int protocolWritten = document->closeProtocol();
-  if (aside) side.wait();
+  syncDirectories();
   if (unsynced != nullptr) {
     log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
             unsynced->target.c_str(), step.c_str(), err, systemError(err).c_str());
     return requestFailed(unsynced->source, unsynced->target, kTargetNotWritten);
   }
-  if (protocolWritten == 0) return 0;
   return 1;
 }

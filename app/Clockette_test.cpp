@@ -2,13 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "base/Log.h"
 #include "testing/ChildProcess.h"
+#include "testing/FaultyFileSystem.h"
 #include "testing/TempDir.h"
+#include "testing/TestTsa.h"
 
 namespace {
 
@@ -81,6 +86,69 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
     EXPECT_EQ(tool.password, c.password);
     EXPECT_EQ(tool.port, c.port);
     EXPECT_TRUE(tool.testCount.empty());
+  }
+}
+
+// Every file of a directory but the lock file, with its content.
+std::map<std::string, std::string> filesOf(const std::string& dir) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    std::string name = entry.path().filename();
+    if (name != ".COMMANDS.lock") files[name] = readFile(entry.path());
+  }
+  return files;
+}
+
+// A full or failing disk at any one step of a document: the document is
+// reported failed and left exactly as it was, or, when only the protocol
+// could not be written, with its new statement whole in COMMANDS.
+TEST_F(ClocketteTest, AFailingWriteAtAnyStepFailsTheDocumentAndLeavesItAsItWas) {
+  TestTsa tsa(testTsaProgram());
+  ASSERT_TRUE(tsa.ready());
+  const std::string doc = dir_.file("doc");
+  const std::map<std::string, std::string> before = {
+      {"COMMANDS", "TIMESTAMP_COMP\nCOMP c text/plain c.txt\nTIMESTAMP_FILE a.txt a.tst"},
+      {"KVprotocol", "2024/03/05 14:07:09 [earlier] done\n"},
+      {"a.txt", "a"},
+      {"c.txt", "c"}};
+  auto reset = [&] {
+    std::filesystem::remove_all(doc);
+    makeDir(doc);
+    for (const auto& f : before) writeFile(doc + "/" + f.first, f.second);
+  };
+  const std::string port = std::to_string(tsa.httpPort());
+  Argv a{"clockette", "-test",     "-testpath", doc.c_str(),
+         "-host",     "127.0.0.1", "-port",     port.c_str()};
+  Clockette tool;
+  ASSERT_EQ(tool.init(a.argc(), a.argv()), 1);
+  FaultyFileSystem fs;
+  tool.fileSystem = &fs;
+  const std::string added = "\nCOMP_TIMESTAMP_FILE \"c\" \"c_ts0.txt\"\n";
+  for (int err : {ENOSPC, EIO}) {
+    long n = 1;
+    for (;; ++n) {
+      reset();
+      fs.failCall(n, err);
+      int result = tool.work(doc.c_str());
+      if (!fs.failed()) {
+        EXPECT_EQ(result, 1);
+        break;
+      }
+      const std::string failed = fs.calls()[static_cast<size_t>(n - 1)];
+      SCOPED_TRACE(std::to_string(err) + " at " + failed);
+      EXPECT_EQ(result, 0);
+      std::map<std::string, std::string> after = filesOf(doc);
+      if (after["COMMANDS"] == before.at("COMMANDS") + added) {
+        // Only the protocol failed: the stamps stay, as COMMANDS names them.
+        EXPECT_TRUE(contains(failed, "/KVprotocol"));
+        for (const char* kept : {"c_ts0.txt", "a.tst", "COMMANDS.clockette"}) after.erase(kept);
+        after["COMMANDS"] = before.at("COMMANDS");
+      }
+      EXPECT_EQ(after, before);
+    }
+    EXPECT_GT(n, 20);  // all the steps were there to fail
+    EXPECT_EQ(readFile(doc + "/COMMANDS"), before.at("COMMANDS") + added);
+    EXPECT_TRUE(contains(readFile(doc + "/KVprotocol"), "got timestamps from Timestamp Server"));
   }
 }
 

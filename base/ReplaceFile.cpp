@@ -36,64 +36,57 @@ int replaceFile(const char* path, const char* data, size_t size, std::string* fa
   return replaceFile(path, data, size, failedStep, true);
 }
 
-int syncDirectoryOf(const char* path, std::string* failedStep) {
-  // Some file systems cannot sync a directory (EINVAL); only an I/O error is
-  // a failure.
+int syncDirectoryOf(const char* path, std::string* failedStep, FileSystem& fs) {
   std::string dir = directoryOf(path);
-  UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dirFd.get() >= 0 && fsync(dirFd.get()) != 0 && errno == EIO) {
-    return fail("fsync", dir, failedStep);
-  }
+  if (fs.syncDirectory(dir.c_str()) != 0) return fail("fsync", dir, failedStep);
   return 0;
 }
 
-int writeReplacement(const char* path, const char* data, size_t size, std::string* failedStep) {
+int writeReplacement(const char* path, const char* data, size_t size, std::string* failedStep,
+                     FileSystem& fs) {
   const std::string temporary = replaceFileTemporary(path);
   // Whatever sits at the temporary name (a leftover of a killed run, or a
   // link planted there) goes; O_EXCL then makes sure the file written is
   // the one just created.
-  if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+  if (fs.unlink(temporary.c_str()) != 0 && errno != ENOENT) {
     return fail("unlink", temporary, failedStep);
   }
-  UniqueFd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+  UniqueFd fd(
+      fs.open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (fd.get() < 0) return fail("open", temporary, failedStep);
   int err = 0;
   std::string step;
-  size_t done = 0;
-  while (done < size) {
-    ssize_t n = write(fd.get(), data + done, size - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      if (n == 0) errno = EIO;
-      err = fail("write", temporary, &step);
-      break;
-    }
-    done += static_cast<size_t>(n);
+  if (writeWhole(fs, fd.get(), data, size) != 0) {
+    err = fail("write", temporary, &step);
+  } else if (fs.sync(fd.get()) != 0) {
+    err = fail("fsync", temporary, &step);
   }
-  if (err == 0 && fsync(fd.get()) != 0) err = fail("fsync", temporary, &step);
   if (fd.close() != 0 && err == 0) err = fail("close", temporary, &step);
   if (err != 0) {
-    unlink(temporary.c_str());
+    fs.unlink(temporary.c_str());
     if (failedStep != nullptr) *failedStep = step;
   }
   return err;
 }
 
-int commitReplacement(const char* path, std::string* failedStep, bool syncDirectory) {
+int commitReplacement(const char* path, std::string* failedStep, bool syncDirectory,
+                      FileSystem& fs) {
   const std::string temporary = replaceFileTemporary(path);
-  if (rename(temporary.c_str(), path) != 0) {
+  if (fs.rename(temporary.c_str(), path) != 0) {
     int err = fail("rename", path, failedStep);
-    unlink(temporary.c_str());
+    fs.unlink(temporary.c_str());
     return err;
   }
   // The rename reaches the disk with the directory.
-  return syncDirectory ? syncDirectoryOf(path, failedStep) : 0;
+  return syncDirectory ? syncDirectoryOf(path, failedStep, fs) : 0;
 }
 
-void discardReplacement(const char* path) { unlink(replaceFileTemporary(path).c_str()); }
+void discardReplacement(const char* path, FileSystem& fs) {
+  fs.unlink(replaceFileTemporary(path).c_str());
+}
 
 int replaceFile(const char* path, const char* data, size_t size, std::string* failedStep,
-                bool syncDirectory) {
-  int err = writeReplacement(path, data, size, failedStep);
-  return err != 0 ? err : commitReplacement(path, failedStep, syncDirectory);
+                bool syncDirectory, FileSystem& fs) {
+  int err = writeReplacement(path, data, size, failedStep, fs);
+  return err != 0 ? err : commitReplacement(path, failedStep, syncDirectory, fs);
 }

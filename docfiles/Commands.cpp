@@ -10,6 +10,7 @@
 
 #include "base/Log.h"
 #include "base/Owners.h"
+#include "base/ReplaceFile.h"
 #include "docfiles/TextLine.h"
 #include "docfiles/utl.h"
 
@@ -74,7 +75,8 @@ bool holdsTextAfterCr(const String& line) {
 
 }  // namespace
 
-Commands::Commands(const String& dir, const String& suffix) : FileH(dir + "/COMMANDS", suffix) {
+Commands::Commands(const String& dir, const String& suffix, FileSystem& fs)
+    : FileH(dir + "/COMMANDS", suffix, fs) {
   Log log("Commands", "Commands", __FILE__, __LINE__, 13);
 }
 
@@ -348,23 +350,57 @@ int Commands::writeBuffer() {
               fileName().c_str());
       return 0;
     }
-    if (openForWrite() != 1) return 0;
-    if (write3(entries_) != 1) return 0;
-  } else if (!toAdd_.empty()) {
-    if (openForAppend() != 1) return 0;
-    // Only a line end is added in front; the bytes on disk stay as they are.
-    if (lacksFinalLineEnd(fileName()) && writeToFile("\n") != 1) return 0;
-  }
-  if (toAdd_.empty()) return 1;
-  int result = write2(toAdd_);
-  if (result == 1 && rewrite) {
+    if (rewriteWhole() != 1) return 0;
     // The document closes COMMANDS more than once (closeCommands, then
     // closeAll), and each close rewrites it from memory: the lines just
     // appended must be in memory too, or the next rewrite would drop them.
     for (const String& line : toAdd_) addEntry(line);
+  } else if (!toAdd_.empty() && appendLines() != 1) {
+    return 0;
   }
   toAdd_.clear();
-  return result;
+  return 1;
+}
+
+int Commands::rewriteWhole() {
+  Log log("Commands", "rewriteWhole", __FILE__, __LINE__, 13);
+  if (closeCommands() != 1 || makeBackupCopy() != 1) return 0;
+  std::string text;
+  int written = 0;
+  for (const CommandsEntries& e : entries_) {
+    if (e.deleted()) continue;
+    text += e.key().str() + "\t" + e.value().str() + "\n";
+    ++written;
+    if (rewriteProbe != nullptr) rewriteProbe(written);
+  }
+  for (const String& line : toAdd_) text += line.str() + "\n";
+  std::string step;
+  const char* path = fileName().c_str();
+  int err = writeReplacement(path, text.data(), text.size(), &step, fileSystem());
+  if (err == 0) err = commitReplacement(path, &step, false, fileSystem());
+  bool replaced = err == 0;
+  if (replaced) err = syncDirectoryOf(path, &step, fileSystem());
+  if (err == 0) return 1;
+  log.msg(__LINE__, 3, "can't rewrite COMMANDS file '%s': %s failed: errno = '%s'", path,
+          step.c_str(), errnoText(err).c_str());
+  // Replaced but perhaps not on disk: the backup stays for the next read.
+  if (!replaced) dropNewBackup();
+  return 0;
+}
+
+int Commands::appendLines() {
+  Log log("Commands", "appendLines", __FILE__, __LINE__, 13);
+  if (openForAppend() != 1) {
+    dropNewBackup();
+    return 0;
+  }
+  // Only a line end is added in front; the bytes on disk stay as they are.
+  std::string text = lacksFinalLineEnd(fileName()) ? "\n" : "";
+  for (const String& line : toAdd_) text += line.str() + "\n";
+  if (appendWhole(String(std::move(text))) == 1) return 1;
+  closeCommands();
+  dropNewBackup();
+  return 0;
 }
 
 int Commands::write1(const String& line) {

@@ -15,8 +15,10 @@
 //    has none, so that the first added line is not glued onto it).
 // Before every write the file is backed up to "COMMANDS.<suffix>", and
 // before every read a backup left by an interrupted write is restored
-// (FileH). The file stays open after writeBuffer(); closeCommands() flushes,
-// syncs and closes it.
+// (FileH). No write is ever torn: a rewrite is a new copy renamed over the
+// file, and appended lines are written whole or cut off again (then a
+// backup made for that write goes too). The file stays open after an
+// append; closeCommands() closes it.
 //
 // Results: 1 (or a count) for success, 0 or less for failure. Not thread-safe.
 #ifndef DOCFILES_COMMANDS_H_
@@ -31,8 +33,9 @@ class Document;
 
 class Commands : private FileH {
  public:
-  // dir: the document directory; suffix: the worker tag naming the backup.
-  Commands(const String& dir, const String& suffix);
+  // dir: the document directory; suffix: the worker tag naming the backup;
+  // fs: borrowed, outlives the object.
+  Commands(const String& dir, const String& suffix, FileSystem& fs = FileSystem::posix());
   ~Commands() override;
   Commands(const Commands&) = delete;
   Commands& operator=(const Commands&) = delete;
@@ -109,9 +112,9 @@ class Commands : private FileH {
   using FileH::isOpen;
   using FileH::openType;
 
-  // Test seam: when set, called after each statement written during a
-  // rewrite with the number written so far, so that a test can stop the
-  // process in the middle of the rewrite. Null in production.
+  // Test seam: when set, called after each statement written into the new
+  // copy during a rewrite with the number written so far, so that a test
+  // can stop the process in the middle of the rewrite. Null in production.
   static void (*rewriteProbe)(int written);
 
  private:
@@ -120,6 +123,9 @@ class Commands : private FileH {
   // Parses line and appends it to entries when it holds a statement:
   // 1 appended, -1 no statement, 0 memory ran out.
   int addEntry(const String& line);
+  // The writes of writeBuffer: 1, or 0 with the file as it was.
+  int rewriteWhole();
+  int appendLines();
 
   List<CommandsEntries> entries_;
   List<String> toAdd_;

@@ -43,11 +43,11 @@ bool sameFile(const struct stat& a, const struct stat& b) {
 
 }  // namespace
 
-Document::Document(const String& directory, const String& tag, int withProtocol)
-    : tag_(tag), directory_(directory), commands_(new Commands(directory, tag)) {
+Document::Document(const String& directory, const String& tag, int withProtocol, FileSystem& fs)
+    : fs_(&fs), tag_(tag), directory_(directory), commands_(new Commands(directory, tag, fs)) {
   Log log("Document", "Document", __FILE__, __LINE__, 13);
   if (withProtocol != 0) {
-    protocol_.reset(new Protocol(directory, tag));
+    protocol_.reset(new Protocol(directory, tag, fs));
     readProtocolSwitch();
   }
 }
@@ -164,7 +164,7 @@ FileH* Document::getfileHPtr(const String& fileName) {
   for (auto& handle : fileHandles_) {
     if (*handle == fileName) return handle.get();
   }
-  fileHandles_.push_back(std::make_unique<FileH>(fileName, tag_));
+  fileHandles_.push_back(std::make_unique<FileH>(fileName, tag_, *fs_));
   return fileHandles_.back().get();
 }
 
@@ -230,7 +230,7 @@ int Document::removeCreatedFiles() {
   Log log("Document", "removeCreatedFiles", __FILE__, __LINE__, 13);
   int result = 1;
   for (const String& file : createdFiles_) {
-    if (unlink(file.c_str()) == 0) {
+    if (fs_->unlink(file.c_str()) == 0) {
       log.msg(__LINE__, 8, "removed '%s', made for the failed document '%s'", file.c_str(),
               directory_.c_str());
     } else if (errno != ENOENT) {

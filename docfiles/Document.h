@@ -5,7 +5,8 @@
 // getfileHPtr. Statements are read and changed in memory; closeCommands /
 // closeProtocol / closeAll write the changes and the buffered protocol lines.
 // The worker tag labels this worker's protocol lines and suffixes its backup
-// files ("COMMANDS.<tag>").
+// files ("COMMANDS.<tag>"). Every change to the document's files goes
+// through the FileSystem given (base/FileSystem.h).
 //
 // Process-wide: the protocol switch. The first Document created with a
 // protocol reads KV_PROTOCOL; any value other than "on" (letter case
@@ -19,6 +20,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/FileSystem.h"
 #include "base/List.h"
 #include "base/Log.h"
 #include "base/String.h"
@@ -29,8 +31,10 @@
 
 class Document {
  public:
-  // Opens nothing. withProtocol 0: no protocol file is kept.
-  Document(const String& directory, const String& tag, int withProtocol);
+  // Opens nothing. withProtocol 0: no protocol file is kept. fs: borrowed,
+  // outlives the document.
+  Document(const String& directory, const String& tag, int withProtocol,
+           FileSystem& fs = FileSystem::posix());
   // Closes and deletes every file handle, Commands and Protocol. Changes not
   // written by closeCommands / closeProtocol are dropped.
   virtual ~Document();
@@ -104,8 +108,10 @@ class Document {
 
   const String& directory() const { return directory_; }
   const String& tag() const { return tag_; }
+  FileSystem& fileSystem() const { return *fs_; }
 
  private:
+  FileSystem* fs_;  // borrowed
   String tag_;
   String directory_;
   std::vector<std::unique_ptr<FileH>> fileHandles_;

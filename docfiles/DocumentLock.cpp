@@ -1,7 +1,7 @@
 #include "docfiles/DocumentLock.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,31 +15,52 @@ namespace {
 
 constexpr int kPollMs = 50;
 
+// Nobody outside the worker's user (and, in a directory the group may write
+// into, its group) may open the lock file: whoever can open it can lock it.
+mode_t lockFileMode(const String& directory) {
+  struct stat status;
+  bool shared = stat(directory.c_str(), &status) == 0 && (status.st_mode & S_IWGRP) != 0;
+  return shared ? 0660 : 0600;
+}
+
 }  // namespace
 
-int DocumentLock::acquire(const String& directory, int waitSeconds) {
+int DocumentLock::acquire(const String& directory, int waitSeconds, FileSystem& fs) {
   Log log("DocumentLock", "acquire", __FILE__, __LINE__, 13);
   if (fd_.valid()) return 1;
   String path = directory + "/" + kFileName;
-  UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-  if (!fd.valid() && (errno == EACCES || errno == EPERM || errno == EROFS)) {
-    // A directory the worker may not write into: lock the directory itself.
-    path = directory;
-    fd.reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  }
+  mode_t mode = lockFileMode(directory);
+  UniqueFd fd(
+      fs.open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
   if (!fd.valid()) {
     int err = errno;
     if (err == ENOENT) return 1;
+    // In a directory where the worker may create no file it can change no
+    // statement either (every write of COMMANDS makes a file beside it).
+    struct stat status;
+    if ((err == EACCES || err == EPERM || err == EROFS) && lstat(path.c_str(), &status) != 0 &&
+        errno == ENOENT) {
+      log.msg(__LINE__, 3, "document '%s' is worked on without a lock: open('%s') failed: %s",
+              directory.c_str(), path.c_str(), errnoText(err).c_str());
+      return 1;
+    }
     log.msg(__LINE__, 2, "cannot lock document '%s': open('%s') failed: errno=%d (%s)",
             directory.c_str(), path.c_str(), err, errnoText(err).c_str());
     return 0;
   }
+  // Exactly that mode, whatever the umask, also for a lock file an earlier
+  // version left readable by everyone.
+  struct stat status;
+  if (fstat(fd.get(), &status) == 0 && status.st_uid == geteuid() &&
+      (status.st_mode & 0777) != mode) {
+    fchmod(fd.get(), mode);
+  }
   long long waitedMs = 0;
-  while (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+  while (fs.tryLock(fd.get()) != 0) {
     int err = errno;
     if (err == EINTR) continue;
-    if (err != EWOULDBLOCK) {
-      log.msg(__LINE__, 2, "cannot lock document '%s': flock('%s') failed: errno=%d (%s)",
+    if (err != EAGAIN && err != EACCES) {
+      log.msg(__LINE__, 2, "cannot lock document '%s': fcntl('%s') failed: errno=%d (%s)",
               directory.c_str(), path.c_str(), err, errnoText(err).c_str());
       return 0;
     }

@@ -2,14 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "testing/ChildProcess.h"
+#include "testing/FaultyFileSystem.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
@@ -103,52 +104,6 @@ TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
   EXPECT_TRUE(log.contains("test::DocMessage: failed file.pdf"));
 }
 
-// Runs body as an unprivileged user when the test runs as root, so that
-// directory permissions apply. Returns body's result (the child's exit code).
-int runUnprivileged(int (*body)(const std::string&), const std::string& dir) {
-  if (geteuid() != 0) return body(dir);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(99);
-    _exit(body(dir));
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
-}
-
-TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {
-  std::string doc = file("doc");
-  makeDir(doc);
-  const std::string original = "A 1\nB 2\n";
-  writeFile(doc + "/COMMANDS", original);
-  chmod(dir_.path().c_str(), 0755);
-  chmod((doc + "/COMMANDS").c_str(), 0644);
-  chmod(doc.c_str(), 0555);
-  auto body = [](const std::string& d) -> int {
-    LogCapture log(LogCapture::kAllLevels);
-    Document document(d.c_str(), "clockette", 1);
-    if (document.findKeyInCommands("A") != 1) return 10;
-    document.deleteFromCommands3("A", "1");
-    document.appendToCommands("C 3");
-    document.appendToProtocol("line");
-    if (document.closeCommands() != 0) return 11;
-    if (document.closeAll() != 0) return 12;
-    const std::string tmp = d + "/COMMANDS.clockette.tmp";
-    if (!log.contains("open64('" + tmp +
-                      "',O_WRONLY|O_CREAT|O_TRUNC|_O_BINARY,0666) failed: "
-                      "'Permission denied'"))
-      return 13;
-    if (!log.contains("cannot open file " + d + "/KVprotocol: errno=Permission denied")) return 14;
-    return 0;
-  };
-  EXPECT_EQ(runUnprivileged(body, doc), 0);
-  chmod(doc.c_str(), 0755);
-  EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
-  EXPECT_FALSE(fileExists(doc + "/COMMANDS.clockette"));
-  EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
-}
-
 // The switch is read once per process: each run is a probe process.
 ChildResult probe(std::vector<std::string> steps, const char* value) {
   steps.insert(steps.begin(), DOCFILES_PROBE);
@@ -182,9 +137,9 @@ TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
   EXPECT_TRUE(fileExists(file("d3/KVprotocol")));
 }
 
-// A rewrite killed after some of its lines (or before its first one reached
-// the file) is repaired from the backup at the next read.
-TEST_F(DocumentTest, RewriteKilledHalfWayIsRepairedAtTheNextRead) {
+// A rewrite killed after some of its lines (or before its first one) leaves
+// the old file, and the backup, which the next read restores.
+TEST_F(DocumentTest, RewriteKilledHalfWayLeavesTheOldFile) {
   std::string original;
   for (int i = 0; i < 3000; ++i) {
     original += "STATEMENT_" + std::to_string(i) + "  value number " + std::to_string(i) + "\n";
@@ -204,8 +159,7 @@ TEST_F(DocumentTest, RewriteKilledHalfWayIsRepairedAtTheNextRead) {
       ASSERT_EQ(line, "STOPPED");
       EXPECT_EQ(child.stop(SIGKILL), 128 + SIGKILL);
     }
-    // Cut short: the file on disk is neither the old nor the new content.
-    EXPECT_LT(readFile(file("COMMANDS")).size(), original.size());
+    EXPECT_EQ(readFile(file("COMMANDS")), original);
     EXPECT_EQ(readFile(file("COMMANDS.clockette")), original);
 
     Document doc(dir_.path().c_str(), "clockette", 0);
@@ -215,6 +169,32 @@ TEST_F(DocumentTest, RewriteKilledHalfWayIsRepairedAtTheNextRead) {
     EXPECT_EQ(entries[2999], CommandsEntries("STATEMENT_2999", "value number 2999"));
     EXPECT_EQ(readFile(file("COMMANDS")), original);
     EXPECT_EQ(readFile(file("COMMANDS.clockette")), original);
+  }
+}
+
+// A leftover backup is copied beside COMMANDS and renamed over it: at no
+// moment is there no COMMANDS, and a failed step leaves the old one.
+TEST_F(DocumentTest, RestoringTheBackupNeverRemovesCommandsFirst) {
+  const std::string commands = file("COMMANDS");
+  const std::string partial = file("COMMANDS.clockette.tmp");
+  const std::vector<std::string> steps = {
+      "open " + partial,        "write " + partial,
+      "sync " + partial,        "rename " + partial + " " + commands,
+      "syncdir " + dir_.path(), "open " + commands};
+  FaultyFileSystem fs;
+  LogCapture log;
+  for (size_t n = 0; n <= steps.size(); ++n) {
+    SCOPED_TRACE(n);
+    writeFile(commands, "CHANGED 1\n");
+    writeFile(file("COMMANDS.clockette"), "SAVED 1\n");
+    fs.failCall(static_cast<long>(n), EIO);
+    Document doc(dir_.path().c_str(), "clockette", 0, fs);
+    EXPECT_EQ(doc.commandsReadable(), n == 0 ? 1 : 0);
+    if (n == 0) {
+      EXPECT_EQ(fs.calls(), steps);
+    }
+    EXPECT_EQ(readFile(commands), n == 0 || n > 4 ? "SAVED 1\n" : "CHANGED 1\n");
+    EXPECT_FALSE(fileExists(partial));
   }
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/Log.h"
+#include "base/ReplaceFile.h"
 #include "docfiles/utl.h"
 
 namespace {
@@ -40,19 +41,12 @@ bool isOwnRegularFile(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_uid == geteuid();
 }
 
-// Makes a rename in the file's directory durable before the file is changed.
-void syncDirectoryOf(const String& file) {
-  long slash = static_cast<long>(file.str().rfind('/'));
-  String dir = slash > 0 ? file.subString(0, static_cast<size_t>(slash)) : String(".");
-  UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (fd.valid()) fsync(fd.get());
-}
-
 constexpr size_t kLineBuffer = 65536;
 
 }  // namespace
 
-FileH::FileH(const String& fileName, const String& suffix) : fileName_(fileName), suffix_(suffix) {
+FileH::FileH(const String& fileName, const String& suffix, FileSystem& fs)
+    : fs_(&fs), fileName_(fileName), suffix_(suffix) {
   Log log("FileH", "FileH", __FILE__, __LINE__, 13);
 }
 
@@ -75,7 +69,7 @@ int FileH::openFile(int type, int flag) {
   // Never through a symbolic link at the last component, and never blocked
   // by a FIFO: a document's files are regular files.
   UniqueFd fd(
-      open(fileName_.c_str(), flagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+      fs_->open(fileName_.c_str(), flagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
   if (!fd.valid()) {
     openError_ = errno;
     if (openError_ == ELOOP) {
@@ -104,6 +98,8 @@ int FileH::openFile(int type, int flag) {
   openError_ = 0;
   stream_.reset(f);
   type_ = type;
+  // Creating or truncating is a change that must reach the disk too.
+  unsynced_ = mode[0] != 'r';
   log.msg(__LINE__, 9, "open file '%s'", fileName_.c_str());
   return 1;
 }
@@ -117,13 +113,14 @@ int FileH::closeFile() {
   int result = 1;
   // Only the plain write and append modes reach the disk before the close;
   // the update modes (an "a+" COMMANDS among them) deliberately do not.
+  // What appendWhole wrote is on disk already.
   if (type_ >= kWriteBinary && type_ <= kAppendText) {
     if (fflush(stream_.get()) != 0) {
       log.msg(__LINE__, 3, "can't fflush file %s; the call of function fflush() failed:'%s'",
               fileName_.c_str(), errnoText(errno).c_str());
       result = 0;
     }
-    if (fsync(fileno(stream_.get())) != 0) {
+    if (unsynced_ && fs_->sync(fileno(stream_.get())) != 0) {
       log.msg(__LINE__, 3, "can't synchronize file %s; the call of function fsync() failed:'%s'",
               fileName_.c_str(), errnoText(errno).c_str());
       result = 0;
@@ -193,6 +190,7 @@ int FileH::writeToFile(const String& s) {
             s.c_str(), fileName_.c_str());
     return 0;
   }
+  unsynced_ = true;
   if (s.length() > 0 && fwrite(s.c_str(), 1, s.length(), stream_.get()) != s.length()) {
     log.msg(__LINE__, 3, "can`t write string '%s' to '%s': errno = '%s'", s.c_str(),
             fileName_.c_str(), errnoText(errno).c_str());
@@ -211,6 +209,69 @@ int FileH::writeLineToFile(const String& line) {
     return 0;
   }
   return 1;
+}
+
+int FileH::appendWhole(const String& text) {
+  Log log("FileH", "appendWhole", __FILE__, __LINE__, 13);
+  if (!isOpen() || (type_ != kAppendBinary && type_ != kAppendText)) {
+    log.msg(__LINE__, 3,
+            "can't write string '%s' to file '%s'\n    because the file isn't open for writing.",
+            text.c_str(), fileName_.c_str());
+    return 0;
+  }
+  int fd = fileno(stream_.get());
+  struct stat status;
+  if (fflush(stream_.get()) == 0 && fstat(fd, &status) == 0) {
+    if (writeWhole(*fs_, fd, text.c_str(), text.length()) == 0 && fs_->sync(fd) == 0) {
+      unsynced_ = false;
+      log.msg(__LINE__, 9, "wrote string '%s' to file '%s'", text.c_str(), fileName_.c_str());
+      return 1;
+    }
+    int err = errno;
+    // Readers must never see half of it, nor a line that the next append
+    // would be glued onto.
+    if (fs_->truncate(fd, status.st_size) != 0 || fs_->sync(fd) != 0) {
+      log.msg(__LINE__, 2, "cannot cut file '%s' back to %lld bytes: errno = '%s'",
+              fileName_.c_str(), static_cast<long long>(status.st_size), errnoText(errno).c_str());
+    }
+    errno = err;
+  }
+  log.msg(__LINE__, 3, "can`t write string '%s' to '%s': errno = '%s'", text.c_str(),
+          fileName_.c_str(), errnoText(errno).c_str());
+  return 0;
+}
+
+int FileH::copyOver(const String& from, const String& to, bool ownOnly) {
+  Log log("FileH", "copyOver", __FILE__, __LINE__, 13);
+  String partial = backupName() + ".tmp";
+  if (utlRestoreCopy(from.c_str(), partial.c_str(), ownOnly, *fs_) != 1) {
+    log.msg(__LINE__, 3, "utlCopyAndSync('%s','%s') failed", from.c_str(), partial.c_str());
+    fs_->unlink(partial.c_str());
+    return 0;
+  }
+  if (fs_->rename(partial.c_str(), to.c_str()) != 0) {
+    log.msg(__LINE__, 3, "can't rename file ; the call of function rename('%s','%s') failed:'%s'",
+            partial.c_str(), to.c_str(), errnoText(errno).c_str());
+    fs_->unlink(partial.c_str());
+    return 0;
+  }
+  std::string step;
+  int err = syncDirectoryOf(to.c_str(), &step, *fs_);
+  if (err != 0) {
+    log.msg(__LINE__, 3, "can't make the rename to '%s' durable: %s failed: '%s'", to.c_str(),
+            step.c_str(), errnoText(err).c_str());
+    return 0;
+  }
+  return 1;
+}
+
+void FileH::dropNewBackup() {
+  Log log("FileH", "dropNewBackup", __FILE__, __LINE__, 13);
+  if (!newBackup_) return;
+  if (fs_->unlink(backupName().c_str()) == 0) {
+    newBackup_ = false;
+    copied_ = 0;
+  }
 }
 
 int FileH::makeBackupCopy() {
@@ -234,10 +295,7 @@ int FileH::makeBackupCopy() {
   if (exists) {
     // Left by an interrupted run of this worker: it holds the content from
     // before that run and is kept as it is; the file gets that content again.
-    if (utlRestoreCopy(backup.c_str(), fileName_.c_str(), true) != 1) {
-      log.msg(__LINE__, 3, "utlCopyAndSync('%s','%s') failed", backup.c_str(), fileName_.c_str());
-      return 0;
-    }
+    if (copyOver(backup, fileName_, true) != 1) return 0;
   } else if (errno != ENOENT) {
     int err = errno;
     log.msg(__LINE__, 3,
@@ -250,20 +308,13 @@ int FileH::makeBackupCopy() {
     // name, while the file stays untouched: either of them holds the saved
     // content at every moment, and the backup belongs to this worker's user
     // whoever owns the file.
-    String partial = backup + ".tmp";
-    if (utlRestoreCopy(fileName_.c_str(), partial.c_str(), false) != 1) {
+    if (copyOver(fileName_, backup, false) != 1) {
       log.msg(__LINE__, 3, "can't make backup '%s' of file '%s'", backup.c_str(),
               fileName_.c_str());
-      unlink(partial.c_str());
+      fs_->unlink(backup.c_str());  // renamed, but not known to be on disk
       return 0;
     }
-    if (rename(partial.c_str(), backup.c_str()) != 0) {
-      log.msg(__LINE__, 3, "can't rename file ; the call of function rename('%s','%s') failed:'%s'",
-              partial.c_str(), backup.c_str(), errnoText(errno).c_str());
-      unlink(partial.c_str());
-      return 0;
-    }
-    syncDirectoryOf(backup);
+    newBackup_ = true;
   }
   copied_ = 1;
   log.msg(__LINE__, 8, "made backup from file '%s', backupfile: %s", fileName_.c_str(),
@@ -303,15 +354,8 @@ int FileH::recoverFromBackup() {
             backup.c_str(), fileName_.c_str());
     return 0;
   }
-  if (unlink(fileName_.c_str()) != 0 && errno != ENOENT) {
-    log.msg(__LINE__, 3, "cannot unlink('%s') failed: %s", fileName_.c_str(),
-            errnoText(errno).c_str());
-    return 0;
-  }
-  if (utlRestoreCopy(backup.c_str(), fileName_.c_str(), true) != 1) {
-    log.msg(__LINE__, 3, "utlCopyAndSync('%s','%s') failed", backup.c_str(), fileName_.c_str());
-    return 0;
-  }
+  // Never unlink, then copy: a crash in between would leave no file at all.
+  if (copyOver(backup, fileName_, true) != 1) return 0;
   copied_ = 1;
   checked_ = 1;
   log.msg(__LINE__, 8, "%s is now recovered from %s", fileName_.c_str(), backup.c_str());

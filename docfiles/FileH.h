@@ -9,16 +9,24 @@
 // that name), so the backup holds the content from before this worker's
 // first change. recoverFromBackup() is called before the file is read: a
 // backup left by an interrupted run of the same worker (same suffix) is
-// copied over the file. Backups are never deleted. Within one object a
-// backup is made or restored at most once. A backup is trusted only when it
-// is a regular file of this process's user; the file itself and backups are
-// never opened through a symbolic link.
+// copied beside the file and renamed over it, so that a crash leaves the
+// file old or restored, never missing or half copied. Backups are kept
+// after a write; only one just made for a write that failed and was undone
+// goes again (dropNewBackup). Within one object a backup is made or
+// restored at most once. A backup is trusted only when it is a regular file
+// of this process's user; the file itself and backups are never opened
+// through a symbolic link.
+//
+// appendWhole() adds text that is either whole on disk or absent: a failed
+// or short write, or a failed sync, cuts the file back to its length before.
+// Every change goes through the FileSystem given (base/FileSystem.h).
 //
 // Results: 1 for success, 0 for failure; failures are logged. The object
 // stays usable after any failure. Not thread-safe.
 #ifndef DOCFILES_FILEH_H_
 #define DOCFILES_FILEH_H_
 
+#include "base/FileSystem.h"
 #include "base/Owners.h"
 #include "base/String.h"
 
@@ -40,8 +48,9 @@ class FileH {
     kAppendUpdateBinary = 12,  // "a+b"
   };
 
-  // fileName: full path; suffix: the worker tag that names the backup.
-  FileH(const String& fileName, const String& suffix);
+  // fileName: full path; suffix: the worker tag that names the backup; fs:
+  // borrowed, outlives the object.
+  FileH(const String& fileName, const String& suffix, FileSystem& fs = FileSystem::posix());
   virtual ~FileH();
   FileH(const FileH&) = delete;
   FileH& operator=(const FileH&) = delete;
@@ -62,11 +71,17 @@ class FileH {
   int writeToFile(const String& s);
   // Writes line and a line feed: 1 or 0.
   int writeLineToFile(const String& line);
+  // In an append mode: writes text whole and forces it to disk, 1; or cuts
+  // the file back to its length before and returns 0.
+  int appendWhole(const String& text);
 
   // Both refuse (level 2, result 0) a backup that is no regular file owned
   // by this process's user: it is neither kept nor restored.
   int makeBackupCopy();
   int recoverFromBackup();
+  // Removes the backup when this object made it (none was there before):
+  // for a write that failed and left the file as it was.
+  void dropNewBackup();
   // Why the last openFile failed: its errno (ENOENT for a missing file,
   // ELOOP for a symbolic link, EINVAL for no regular file), EPERM after a
   // refused backup, 0 after a successful open.
@@ -75,12 +90,17 @@ class FileH {
   const String& fileName() const { return fileName_; }
   String backupName() const { return fileName_ + "." + suffix_; }
   bool isOpen() const { return stream_ != nullptr; }
+  FileSystem& fileSystem() const { return *fs_; }
   int openType() const { return type_; }
 
   bool operator==(const FileH& other) const { return fileName_ == other.fileName_; }
   bool operator==(const String& name) const { return fileName_ == name; }
 
  private:
+  // Copies from beside to and renames the copy over to; syncs the directory.
+  int copyOver(const String& from, const String& to, bool ownOnly);
+
+  FileSystem* fs_;  // borrowed
   FilePtr stream_;
   String fileName_;
   String suffix_;
@@ -88,6 +108,8 @@ class FileH {
   int copied_ = 0;
   int checked_ = 0;
   int openError_ = 0;
+  bool unsynced_ = false;   // written since the last sync
+  bool newBackup_ = false;  // this object made the backup
 };
 
 #endif  // DOCFILES_FILEH_H_

@@ -1,11 +1,12 @@
 #include "docfiles/Protocol.h"
 
 #include <ctime>
+#include <string>
 
 #include "base/Log.h"
 
-Protocol::Protocol(const String& directory, const String& tag)
-    : FileH(directory + "/KVprotocol", tag), tag_(tag) {
+Protocol::Protocol(const String& directory, const String& tag, FileSystem& fs)
+    : FileH(directory + "/KVprotocol", tag, fs), tag_(tag) {
   Log log("Protocol", "Protocol", __FILE__, __LINE__, 13);
 }
 
@@ -53,10 +54,9 @@ int Protocol::write1(const String& line) {
 int Protocol::write2(const List<String>& lines) {
   Log log("Protocol", "write2", __FILE__, __LINE__, 13);
   if (openForAppend() != 1) return 0;
-  for (const String& line : lines) {
-    if (writeLineToFile(line) != 1) return 0;
-  }
-  return 1;
+  std::string text;
+  for (const String& line : lines) text += line.str() + "\n";
+  return appendWhole(String(std::move(text)));
 }
 
 int Protocol::writeBuffer() {

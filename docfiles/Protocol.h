@@ -4,7 +4,8 @@
 // stamped with the local time and the worker tag when they are buffered
 // ("2024/03/05 14:07:09 [clockette] text") and appended together by
 // writeBuffer(). The file is only ever appended to; earlier lines stay
-// untouched, and no backup is made. Not thread-safe.
+// untouched, and no backup is made. The lines of one write reach the file
+// whole or not at all (FileH::appendWhole). Not thread-safe.
 #ifndef DOCFILES_PROTOCOL_H_
 #define DOCFILES_PROTOCOL_H_
 
@@ -14,7 +15,8 @@
 
 class Protocol : private FileH {
  public:
-  Protocol(const String& directory, const String& tag);
+  // fs: borrowed, outlives the object.
+  Protocol(const String& directory, const String& tag, FileSystem& fs = FileSystem::posix());
   // Closes the file; lines still buffered are dropped (write them first).
   ~Protocol() override;
   Protocol(const Protocol&) = delete;
@@ -29,8 +31,8 @@ class Protocol : private FileH {
   // Closes the file (flushed and forced to disk): 1 or 0; nothing open: 1.
   int closeProtocol();
   int write1(const String& line);
-  // Opens for appending and writes each line with a line end; stops at the
-  // first failure: 1 or 0.
+  // Opens for appending and writes the lines, each with a line end, all or
+  // none: 1 or 0.
   int write2(const List<String>& lines);
   // Appends the buffered lines in one pass and empties the buffer whatever
   // the result (failed lines are not retried). Empty buffer: 1, no file access.

@@ -26,6 +26,8 @@ struct CopyStyle {
   bool regularOnly;
   // ... of this process's user.
   bool ownOnly;
+  // Where the target is written.
+  FileSystem* fs;
 };
 
 int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
@@ -55,7 +57,7 @@ int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
   }
   int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (style.truncateAndSync ? O_TRUNC : 0) |
               (style.regularOnly ? O_NOFOLLOW : 0);
-  UniqueFd out(open(to, flags, 0666));
+  UniqueFd out(style.fs->open(to, flags, 0666));
   if (!out.valid()) {
     if (style.truncateAndSync) {
       log.msg(__LINE__, 3,
@@ -86,7 +88,7 @@ int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
       return 0;
     }
     if (n == 0) break;
-    if (utlWrite(out.get(), buf.get(), n) != n) {
+    if (utlWrite(out.get(), buf.get(), n, *style.fs) != n) {
       if (style.truncateAndSync) {
         log.msg(__LINE__, 3, "mWrite(fd=%d,buf,size=%d) failed", out.get(), n);
       } else {
@@ -95,7 +97,7 @@ int copyFile(Log& log, const char* from, const char* to, CopyStyle style) {
       return 0;
     }
   }
-  if (style.truncateAndSync && fsync(out.get()) != 0) {
+  if (style.truncateAndSync && style.fs->sync(out.get()) != 0) {
     log.msg(__LINE__, 3, "can't synchronize file '%s'; the call of function fsync() failed:'%s'",
             to, errnoText(errno).c_str());
     return 0;
@@ -136,12 +138,12 @@ int utlRead(int fd, char* cp, int nbyte) {
   return nbyte - nleft;
 }
 
-int utlWrite(int fd, const char* cp, int nbyte) {
+int utlWrite(int fd, const char* cp, int nbyte, FileSystem& fs) {
   Log log("(gobal)", "utlWrite", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "par:(fd=%d,char *cp, nbyte=%d)", fd, nbyte);
   int nleft = nbyte;
   while (nleft > 0) {
-    ssize_t n = write(fd, cp, static_cast<size_t>(nleft));
+    ssize_t n = fs.write(fd, cp, static_cast<size_t>(nleft));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       log.msg(__LINE__, 1,
@@ -159,14 +161,14 @@ int utlCopy(const char* from, const char* to) {
   Log log("(gobal)", "utlCopy", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "par:(from='%s',to='%s')", from ? from : "NULL", to ? to : "NULL");
   if (from == nullptr || to == nullptr) return 0;
-  return copyFile(log, from, to, CopyStyle{false, false, false});
+  return copyFile(log, from, to, CopyStyle{false, false, false, &FileSystem::posix()});
 }
 
 int utlCopyAndSync(const char* from, const char* to) {
   Log log("(gobal)", "utlCopyAndSync", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "par:(from='%s',to='%s')", from ? from : "NULL", to ? to : "NULL");
   if (from == nullptr || to == nullptr) return 0;
-  return copyFile(log, from, to, CopyStyle{true, false, false});
+  return copyFile(log, from, to, CopyStyle{true, false, false, &FileSystem::posix()});
 }
 
 int utlSameFile(const char* a, const char* b) {
@@ -177,11 +179,11 @@ int utlSameFile(const char* a, const char* b) {
              : 0;
 }
 
-int utlRestoreCopy(const char* from, const char* to, bool ownOnly) {
+int utlRestoreCopy(const char* from, const char* to, bool ownOnly, FileSystem& fs) {
   Log log("(gobal)", "utlRestoreCopy", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 9, "par:(from='%s',to='%s')", from ? from : "NULL", to ? to : "NULL");
   if (from == nullptr || to == nullptr) return 0;
-  return copyFile(log, from, to, CopyStyle{true, true, ownOnly});
+  return copyFile(log, from, to, CopyStyle{true, true, ownOnly, &fs});
 }
 
 int utlLinkOrCopy(const char* from, const char* to) {

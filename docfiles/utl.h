@@ -11,15 +11,16 @@
 #include <cstdint>
 #include <string>
 
+#include "base/FileSystem.h"
 #include "base/String.h"
 
 // Reads until nbyte bytes are in or the file ends. Returns the number read
 // (less than nbyte only at the end of the file), or -1 on a read error.
 int utlRead(int fd, char* cp, int nbyte);
 
-// Writes all nbyte bytes. Returns nbyte, or -1 when a write fails or moves
-// nothing.
-int utlWrite(int fd, const char* cp, int nbyte);
+// Writes all nbyte bytes through fs. Returns nbyte, or -1 when a write fails
+// or moves nothing.
+int utlWrite(int fd, const char* cp, int nbyte, FileSystem& fs = FileSystem::posix());
 
 // Copies from over to without truncating to: a longer target keeps its old
 // tail beyond the copied bytes. Creates to (0666) when missing.
@@ -31,8 +32,10 @@ int utlCopyAndSync(const char* from, const char* to);
 
 // utlCopyAndSync for backups: refuses (level 2) a source that is no regular
 // file (with ownOnly: no regular file owned by this process's user), and
-// follows a symbolic link at the last component of neither path.
-int utlRestoreCopy(const char* from, const char* to, bool ownOnly);
+// follows a symbolic link at the last component of neither path. The target
+// is written through fs.
+int utlRestoreCopy(const char* from, const char* to, bool ownOnly,
+                   FileSystem& fs = FileSystem::posix());
 
 // 1 when both paths exist and name the same file (device and inode, links
 // followed), else 0.

@@ -33,6 +33,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/FileSystem.h"
 #include "base/String.h"
 #include "kvrpc/ToolHandler.h"
 
@@ -185,6 +186,9 @@ class Kavlet : public ToolHandler {
   String okComment;     // comment of a processed document
   // The document in hand, only during one order.
   std::unique_ptr<Document> document;
+  // What the documents' files are written through; borrowed, the system's
+  // unless a test puts a double here.
+  FileSystem* fileSystem = &FileSystem::posix();
   int kvTest;              // set by the control words kvTestOn/kvTestOff
   String curErrorComment;  // errorComment for the document in hand
   String errorStatus;      // status word of a failed document

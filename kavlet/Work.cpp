@@ -35,7 +35,7 @@ int lockWaitSeconds() {
 int Kavlet::createDocument(const char* directory, const char* workerType) {
   Log log("Kavlet", "createDocument", __FILE__, __LINE__, 13);
   document = std::make_unique<Document>(directory ? directory : "", workerType ? workerType : "",
-                                        kWithProtocol);
+                                        kWithProtocol, *fileSystem);
   return 1;
 }
 
@@ -48,20 +48,21 @@ int Kavlet::work(const char* directory) {
   int result = 0;
   // One worker per document: held until the document is closed and deleted.
   DocumentLock lock;
-  if (lock.acquire(dir, lockWaitSeconds()) == 1 && createDocument(dir, type.c_str()) != 0 &&
-      document != nullptr) {
+  if (lock.acquire(dir, lockWaitSeconds(), *fileSystem) == 1 &&
+      createDocument(dir, type.c_str()) != 0 && document != nullptr) {
     // A COMMANDS that exists but cannot be read must not pass for one
     // without statements: the document would go on without its work done.
     result = document->commandsReadable() == 1 ? service(dir) : 0;
     bool commandsWritten = false;
     if (result >= 1) {
+      // The protocol follows only once COMMANDS holds the outcome it tells.
       if (document->closeCommands() == 0) {
         result = 0;
         curErrorComment = "can't write to COMMANDS";
       } else {
         commandsWritten = true;
+        if (document->closeAll() == 0) result = 0;
       }
-      if (document->closeAll() == 0) result = 0;
     }
     if (result < 1) result = 0;
     // A failed document stays as it was: files made for it go again, so that

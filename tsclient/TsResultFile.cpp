@@ -40,7 +40,7 @@ int timestamp2base64(CAsn1string* response, char** out) {
   return 0;
 }
 
-int prepareTimestamp(CAsn1string* response, const char* target) {
+int prepareTimestamp(CAsn1string* response, const char* target, FileSystem& fs) {
   Log log(kComponent, "prepareTimestamp", __FILE__, __LINE__, 13);
   char* base64 = nullptr;
   if (timestamp2base64(response, &base64) != 0) {
@@ -51,25 +51,25 @@ int prepareTimestamp(CAsn1string* response, const char* target) {
   // Through a temporary file and a rename: a crash leaves the old file or
   // the new one, never a cut-off or empty timestamp.
   std::string step;
-  int err = writeReplacement(target, text.get(), strlen(text.get()), &step);
+  int err = writeReplacement(target, text.get(), strlen(text.get()), &step, fs);
   if (err != 0) return unwritable(log, target, step, err);
   return 0;
 }
 
-int commitTimestamp(const char* source, const char* target, bool syncDirectory) {
+int commitTimestamp(const char* source, const char* target, bool syncDirectory, FileSystem& fs) {
   Log log(kComponent, "commitTimestamp", __FILE__, __LINE__, 13);
   std::string step;
-  int err = commitReplacement(target, &step, syncDirectory);
+  int err = commitReplacement(target, &step, syncDirectory, fs);
   if (err != 0) return unwritable(log, target, step, err);
   log.msg(__LINE__, 8, "Timestamp for document %s written to %s", source, target);
   return 0;
 }
 
-void discardTimestamp(const char* target) { discardReplacement(target); }
+void discardTimestamp(const char* target, FileSystem& fs) { discardReplacement(target, fs); }
 
 int storeTimestamp(CAsn1string* response, const char* source, const char* target,
-                   bool syncDirectory) {
+                   bool syncDirectory, FileSystem& fs) {
   Log log(kComponent, "storeTimestamp", __FILE__, __LINE__, 13);
-  int rc = prepareTimestamp(response, target);
-  return rc != 0 ? rc : commitTimestamp(source, target, syncDirectory);
+  int rc = prepareTimestamp(response, target, fs);
+  return rc != 0 ? rc : commitTimestamp(source, target, syncDirectory, fs);
 }

@@ -3,6 +3,8 @@
 #ifndef TSCLIENT_TSRESULTFILE_H_
 #define TSCLIENT_TSRESULTFILE_H_
 
+#include "base/FileSystem.h"
+
 class CAsn1string;
 
 // BASE64 text of response in a new[]-allocated NUL-terminated *out (the
@@ -16,17 +18,19 @@ int timestamp2base64(CAsn1string* response, char** out);
 // failure leaves it as it was.
 // With syncDirectory false the target's directory is not synced: the caller
 // does that once for several targets (syncDirectoryOf, base/ReplaceFile.h)
-// before it counts them as stored.
+// before it counts them as stored. Every change goes through fs.
 int storeTimestamp(CAsn1string* response, const char* source, const char* target,
-                   bool syncDirectory = true);
+                   bool syncDirectory = true, FileSystem& fs = FileSystem::posix());
 
 // storeTimestamp in two steps, so that the writing and its sync can run on
 // the threads that fetch while the renames keep statement order.
 // prepareTimestamp writes and syncs the temporary file beside target (0, -4,
 // -5; on failure nothing stays); commitTimestamp renames it over target (0 or
 // -5); discardTimestamp removes a prepared file that will not be committed.
-int prepareTimestamp(CAsn1string* response, const char* target);
-int commitTimestamp(const char* source, const char* target, bool syncDirectory);
-void discardTimestamp(const char* target);
+int prepareTimestamp(CAsn1string* response, const char* target,
+                     FileSystem& fs = FileSystem::posix());
+int commitTimestamp(const char* source, const char* target, bool syncDirectory,
+                    FileSystem& fs = FileSystem::posix());
+void discardTimestamp(const char* target, FileSystem& fs = FileSystem::posix());
 
 #endif  // TSCLIENT_TSRESULTFILE_H_

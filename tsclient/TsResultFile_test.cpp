@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
-#include "testing/LogCapture.h"
-#include "testing/TempDir.h"
 #include "der/CAsn1string.h"
 #include "der/Der.h"
+#include "testing/FaultyFileSystem.h"
+#include "testing/LogCapture.h"
+#include "testing/TempDir.h"
 
 namespace {
 
@@ -30,7 +32,14 @@ TEST(TsResultFileTest, TheTargetIsReplacedWholeAndNeverWrittenThroughALink) {
   const std::string temporary = dir.file(".document.tst.tmp");
   ASSERT_EQ(symlink(elsewhere.c_str(), temporary.c_str()), 0);
   LogCapture log(LogCapture::kAllLevels);
-  ASSERT_EQ(storeTimestamp(&response, "document.pdf", target.c_str()), 0);
+  FaultyFileSystem fs;  // records the calls
+  ASSERT_EQ(storeTimestamp(&response, "document.pdf", target.c_str(), true, fs), 0);
+  // The data reach the disk before the name does; a failing step is tried
+  // with whole documents (app/Clockette_test).
+  EXPECT_EQ(fs.calls(), (std::vector<std::string>{"unlink " + temporary, "open " + temporary,
+                                                  "write " + temporary, "sync " + temporary,
+                                                  "rename " + temporary + " " + target,
+                                                  "syncdir " + dir.path()}));
   EXPECT_EQ(readFile(target), "MAMCAQA=");
   EXPECT_EQ(readFile(elsewhere), "not to be touched");
   struct stat status;
