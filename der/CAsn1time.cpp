@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int kDaysBeforeMonth[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
 // Two-digit years below this are in the 2000s.
 constexpr int kUtcCenturyPivot = 51;
 
