@@ -17,8 +17,10 @@ set -euo pipefail
 # shellcheck source=scripts/example-common.sh
 source "$(dirname "$0")/example-common.sh"
 
-[ $# -eq 2 ] && [ "$1" -ge 1 ] 2>/dev/null && [ "$1" -le 250 ] && [ -d "$2" ] ||
-  { echo "usage: $0 N DIR   (1 <= N <= 250 workers over the documents of DIR)" >&2; exit 64; }
+if ! { [ $# -eq 2 ] && [ "$1" -ge 1 ] 2>/dev/null && [ "$1" -le 250 ] && [ -d "$2" ]; }; then
+  echo "usage: $0 N DIR   (1 <= N <= 250 workers over the documents of DIR)" >&2
+  exit 64
+fi
 workers=$1
 docs=$(cd "$2" && pwd)
 
