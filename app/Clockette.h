@@ -28,15 +28,9 @@ class Clockette : public Kavlet {
   int init(int argc, char** argv) override;
 
   void printObject() override;
-  // Timestamps the files of the open document: every TIMESTAMP_FILE
-  // statement first, then, with TIMESTAMP_COMP, every COMP statement whose
-  // component has no COMP_TIMESTAMP_FILE statement yet; one such statement is
-  // appended per stamped component. Every file is hashed first (one that
-  // cannot be hashed fails the document before any request); then up to
-  // `parallel` requests run at the same time, and their answers are written
-  // in statement order until the first file that fails. 1 done, 0 failed
-  // (logged, recorded in the protocol and sent as an operator notification).
-  // Files stamped before a failure stay; none after it is written.
+  // Timestamps the files of the open document (DocumentStamper): 1 done, 0
+  // failed (logged, recorded in the protocol and sent as an operator
+  // notification).
   int service(const char* directory) override;
   // Takes -host, -port, -protocol, -url_path, -login and -password with
   // their value; 0 for any other argument or a value missing at the end.
