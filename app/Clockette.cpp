@@ -1,5 +1,6 @@
 #include "app/Clockette.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include "app/DocumentStamper.h"
 #include "base/Log.h"
 #include "base/SecretFile.h"
+#include "base/Setup.h"
 #include "base/SettingsLine.h"
 #include "tsclient/tsrequest.h"
 
@@ -60,7 +62,29 @@ int Clockette::init(int argc, char** argv) {
             "failed.");
     return 0;
   }
+  settleConfinement();
   return 1;
+}
+
+void Clockette::settleConfinement() {
+  confinement_ = ConfinementSettings();
+  if (!testCount.empty()) {
+    confinement_.roots.push_back(testPath.empty() ? "." : testPath.str());
+  } else if (!kvDir.empty()) {
+    // A relative KVDIR has been changed into.
+    confinement_.roots.push_back(kvDir.str()[0] == '/' ? kvDir.str() : ".");
+  }
+  confinement_.roots.insert(confinement_.roots.end(), allowedRoots.begin(), allowedRoots.end());
+  if (strcmp(Log::logFileName(), "stderr") != 0) {
+    confinement_.workerFiles.push_back(Log::logFileName());
+  }
+  for (const char* variable :
+       {"CLOCKETTE_METRICS_FILE", "TIMESTAMP_PASSWORD_FILE", "KV_NOTIFY_FILE"}) {
+    const char* v = getenv(variable);
+    if (v != nullptr && *v != '\0') confinement_.workerFiles.push_back(v);
+  }
+  String config = configDirectory();
+  if (!config.empty()) confinement_.workerDirectories.push_back(config.str() + "/setup");
 }
 
 int Clockette::parseOneArgument(int argc, char** argv, int* position) {
@@ -108,6 +132,15 @@ void Clockette::readEnvironment() {
               kMaxParallel, kDefaultParallel);
     } else {
       parallel = static_cast<int>(n);
+    }
+  }
+  if (const char* v = getenv("TS_ALLOWED_ROOTS")) {
+    allowedRoots.clear();
+    std::string roots = v;
+    for (size_t start = 0; start <= roots.size();) {
+      size_t end = std::min(roots.find(':', start), roots.size());
+      if (end > start) allowedRoots.push_back(roots.substr(start, end - start));
+      start = end + 1;
     }
   }
   // Read here, so that -password still wins; a refusal is logged by init,
@@ -242,5 +275,5 @@ int Clockette::service(const char* directory) {
     log.msg(__LINE__, 2, "no document open for '%s'", dir);
     return 0;
   }
-  return DocumentStamper(document.get(), dir, parallel).run();
+  return DocumentStamper(document.get(), dir, parallel, confinement_).run();
 }

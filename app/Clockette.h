@@ -12,7 +12,9 @@
 #define APP_CLOCKETTE_H_
 
 #include <string>
+#include <vector>
 
+#include "app/Confinement.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
 
@@ -49,6 +51,7 @@ class Clockette : public Kavlet {
   // TIMESTAMP_PASSWORD_FILE, when set, names a file whose first line is the
   // password (over TIMESTAMP_PASSWORD); a file that others may read is
   // refused and init fails.
+  // TS_ALLOWED_ROOTS=<dir>[:<dir>...] sets allowedRoots.
   void readEnvironment() override;
 
   // The settings in effect, as the start-up settings line shows them: the
@@ -64,9 +67,16 @@ class Clockette : public Kavlet {
   // Timestamp requests of one document under way at the same time
   // (TS_PARALLEL, 1 to 64; 1: one after the other).
   int parallel;
+  // Directories a document's files may lie in besides its own directory and
+  // the KV directory (the test path in test mode).
+  std::vector<std::string> allowedRoots;
 
  private:
+  // What documents may reach, settled by init.
+  void settleConfinement();
+
   std::string passwordFileProblem_;  // why TIMESTAMP_PASSWORD_FILE was refused
+  ConfinementSettings confinement_;
 };
 
 #endif  // APP_CLOCKETTE_H_

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <set>
@@ -124,10 +125,32 @@ void chooseEarlyWrites(const std::vector<std::unique_ptr<Stamp>>& stamps) {
   }
 }
 
+// One file to hash: open for reading, named for messages.
+struct HashJob {
+  int fd;
+  const char* name;
+  CAsn1messageImprint* imprint;
+};
+
+// Hashes every file of jobs with the digest of the process; the index of the
+// first that failed, or jobs.size().
+size_t hashOpenFiles(const std::vector<HashJob>& jobs) {
+  for (size_t i = 0; i < jobs.size(); ++i) {
+    if (computeHashOfOpenFile(jobs[i].fd, jobs[i].name, getDigest(), jobs[i].imprint) != 0) {
+      return i;
+    }
+  }
+  return jobs.size();
+}
+
 }  // namespace
 
-DocumentStamper::DocumentStamper(Document* document, std::string directory, int parallel)
-    : document_(document), dir_(std::move(directory)), parallel_(parallel) {}
+DocumentStamper::DocumentStamper(Document* document, std::string directory, int parallel,
+                                 const ConfinementSettings& confinement)
+    : document_(document),
+      dir_(std::move(directory)),
+      parallel_(parallel),
+      confinement_(dir_, confinement) {}
 
 DocumentStamper::~DocumentStamper() = default;
 
@@ -164,29 +187,64 @@ int DocumentStamper::run() {
 }
 
 // The document's bookkeeping files and the source itself are never written
-// over, whatever path leads to them.
+// over, whatever path leads to them, nor is anything outside the document's
+// directories.
 StampFailure DocumentStamper::checkTargets() {
   for (const auto& stamp : stamps_) {
     const PlannedStamp& p = stamp->planned;
     String which;
+    std::string refusal;
     if (document_->isBookkeepingFile(String(p.target.c_str()), &which) == 1) {
-      return {StampResult::kTargetRefused, p.source, p.target,
-              "it is the document's file '" + which.str() + "'"};
+      refusal = "it is the document's file '" + which.str() + "'";
+    } else if (utlSameFile(p.source.c_str(), p.target.c_str()) == 1) {
+      refusal = "it is its source file '" + p.source + "'";
+    } else {
+      refusal = confinement_.targetRefusal(p.target);
     }
-    if (utlSameFile(p.source.c_str(), p.target.c_str()) == 1) {
-      return {StampResult::kTargetRefused, p.source, p.target,
-              "it is its source file '" + p.source + "'"};
+    if (!refusal.empty()) return {StampResult::kTargetRefused, p.source, p.target, refusal};
+  }
+  return {};
+}
+
+StampFailure DocumentStamper::openSources(size_t first, size_t end, std::vector<UniqueFd>* files) {
+  Log log("clockette", "service", __FILE__, __LINE__, 13);
+  files->clear();
+  for (size_t i = first; i < end; ++i) {
+    const PlannedStamp& p = stamps_[i]->planned;
+    std::string refusal;
+    int err = 0;
+    files->push_back(confinement_.openSource(p.source, &refusal, &err));
+    if (!refusal.empty()) return {StampResult::kSourceRefused, p.source, p.target, refusal};
+    if (!files->back().valid()) {
+      log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", p.source.c_str(), err,
+              systemError(err).c_str());
+      metrics::countTimestamp(metricsCode(StampResult::kHashFailed));
+      log.msg(__LINE__, 2, "Hashing %s failed", p.source.c_str());
+      return {StampResult::kHashFailed, p.source, p.target, ""};
     }
   }
   return {};
 }
 
-// A file that cannot be hashed fails the document without any exchange.
+// Every file is hashed from the descriptor its confined open gave, a few at a
+// time so that a document of many files does not run out of descriptors. A
+// file that cannot be hashed fails the document without any exchange.
 StampFailure DocumentStamper::hashSources() {
   Log log("clockette", "service", __FILE__, __LINE__, 13);
-  for (const auto& stamp : stamps_) {
-    const PlannedStamp& p = stamp->planned;
-    if (computeHash(p.source.c_str(), getDigest(), &stamp->imprint) != 0) {
+  constexpr size_t kOpenAtOnce = 64;
+  std::vector<UniqueFd> files;
+  for (size_t first = 0; first < stamps_.size(); first += kOpenAtOnce) {
+    size_t end = std::min(stamps_.size(), first + kOpenAtOnce);
+    StampFailure failure = openSources(first, end, &files);
+    if (failure.result != StampResult::kOk) return failure;
+    std::vector<HashJob> jobs;
+    for (size_t i = first; i < end; ++i) {
+      jobs.push_back({files[i - first].get(), stamps_[i]->planned.source.c_str(),
+                      &stamps_[i]->imprint});
+    }
+    size_t failed = hashOpenFiles(jobs);
+    if (failed < jobs.size()) {
+      const PlannedStamp& p = stamps_[first + failed]->planned;
       metrics::countTimestamp(metricsCode(StampResult::kHashFailed));
       log.msg(__LINE__, 2, "Hashing %s failed", p.source.c_str());
       return {StampResult::kHashFailed, p.source, p.target, ""};

@@ -1,8 +1,10 @@
 // DocumentStamper: the stamping of one open document, step by step.
 //
 //   plan      which files, which timestamp files, which statements (StampPlan)
-//   check     every timestamp file may be written: nothing is written otherwise
-//   hash      every file is hashed before the first request
+//   check     every timestamp file may be written (Confinement): nothing is
+//             written otherwise
+//   hash      every file, opened beneath the allowed directories, is hashed
+//             before the first request
 //   exchange  up to `parallel` requests at once; each answer is written to its
 //             temporary file and synced on the thread that fetched it
 //   commit    the renames and appended statements in statement order, until
@@ -21,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "app/Confinement.h"
 #include "app/StampPlan.h"
 #include "app/StampResult.h"
 
@@ -32,7 +35,8 @@ class DocumentStamper {
  public:
   // document: open, borrowed for the stamper's life. directory: as the work
   // cycle named it ("NULL" when it gave none).
-  DocumentStamper(Document* document, std::string directory, int parallel);
+  DocumentStamper(Document* document, std::string directory, int parallel,
+                  const ConfinementSettings& confinement);
   ~DocumentStamper();
   DocumentStamper(const DocumentStamper&) = delete;
   DocumentStamper& operator=(const DocumentStamper&) = delete;
@@ -45,6 +49,8 @@ class DocumentStamper {
   StampStatements readStatements();
   StampFailure checkTargets();
   StampFailure hashSources();
+  // Opens the sources of stamps [first, end) for hashSources.
+  StampFailure openSources(size_t first, size_t end, std::vector<UniqueFd>* files);
   StampFailure exchangeAndCommit();
   StampFailure sync();
   // 0, after the failure's text and notification.
@@ -53,6 +59,7 @@ class DocumentStamper {
   Document* document_;  // borrowed
   std::string dir_;
   int parallel_;
+  Confinement confinement_;
   std::vector<std::unique_ptr<Stamp>> stamps_;
   // One file renamed into each directory, to name it should its sync fail.
   std::map<std::string, const Stamp*> unsyncedDirectories_;

@@ -60,8 +60,19 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
   // only a regular file is hashed: a device (/dev/zero) would be read for
   // ever.
   UniqueFd file(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!file.valid()) {
+    int err = errno;
+    log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
+            systemError(err).c_str());
+    return -1;
+  }
+  return computeHashOfOpenFile(file.get(), path, nid, imprint);
+}
+
+int computeHashOfOpenFile(int fd, const char* path, int nid, CAsn1messageImprint* imprint) {
+  Log log(kComponent, "computeHash", __FILE__, __LINE__, 13);
   struct stat st;
-  if (!file.valid() || fstat(file.get(), &st) != 0) {
+  if (fstat(fd, &st) != 0) {
     int err = errno;
     log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
             systemError(err).c_str());
@@ -90,7 +101,7 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
     return -2;
   }
   int err = 0;
-  switch (digestFile(file.get(), static_cast<uint64_t>(st.st_size), ctx.get(), &err)) {
+  switch (digestFile(fd, static_cast<uint64_t>(st.st_size), ctx.get(), &err)) {
     case FileDigestResult::kDone:
       break;
     case FileDigestResult::kReadFailed:
@@ -101,7 +112,6 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
       log.msg(__LINE__, 2, "hashing of %s stopped", path);
       return -1;
   }
-  file.reset();
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int digestLen = 0;
   EVP_DigestFinal_ex(ctx.get(), digest, &digestLen);
