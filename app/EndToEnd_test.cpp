@@ -177,15 +177,19 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
 
   // The backup of COMMANDS stays after success, and the same worker restores
   // it before it reads the document again: the appended statements are gone
-  // then, so the components are stamped once more with the next counter. A
-  // port above the range is handed on modulo 65536.
+  // then, and so are the files they named, unless another statement names
+  // one; the components are stamped once more into the same names. A port
+  // above the range is handed on modulo 65536.
   EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
+  writeFile(doc + "/COMMANDS.other", "TIMESTAMP_FILE c2.pdf \"comp 2_ts0.txt\"\n");
   r = runTest({"-port", std::to_string(tsa_->httpPort() + 65536)});
   ASSERT_EQ(r.exitCode, 0) << r.out << log();
-  EXPECT_EQ(verify(doc + "/comp1_ts3.txt", doc + "/c1.pdf"), "");
+  EXPECT_EQ(verify(doc + "/comp1_ts2.txt", doc + "/c1.pdf"), "");
   EXPECT_EQ(verify(doc + "/comp 2_ts1.txt", doc + "/c2 two.pdf"), "");
+  EXPECT_FALSE(fileExists(doc + "/comp1_ts3.txt"));
+  EXPECT_EQ(readFile(doc + "/comp1_ts1.txt"), "older");
   EXPECT_EQ(readFile(doc + "/COMMANDS"), commands +
-                                             "COMP_TIMESTAMP_FILE \"comp1\" \"comp1_ts3.txt\"\n"
+                                             "COMP_TIMESTAMP_FILE \"comp1\" \"comp1_ts2.txt\"\n"
                                              "COMP_TIMESTAMP_FILE \"comp 2\" \"comp 2_ts1.txt\"\n");
   EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
 }

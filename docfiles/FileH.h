@@ -67,6 +67,9 @@ class FileH {
   // by this process's user: it is neither kept nor restored.
   int makeBackupCopy();
   int recoverFromBackup();
+  // Whether recoverFromBackup has done its work (restored, or found nothing
+  // to restore) or a backup was made: it will restore nothing more.
+  bool recovered() const { return copied_ != 0 || checked_ != 0; }
   // Why the last openFile failed: its errno (ENOENT for a missing file,
   // ELOOP for a symbolic link, EINVAL for no regular file), EPERM after a
   // refused backup, 0 after a successful open.
