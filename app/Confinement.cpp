@@ -73,8 +73,7 @@ int openat2Beneath(int root, const std::string& relative, int flags) {
 
 }  // namespace
 
-Confinement::Confinement(const std::string& documentDirectory,
-                         const ConfinementSettings& settings)
+Confinement::Confinement(const std::string& documentDirectory, const ConfinementSettings& settings)
     : documentDirectory_(canonicalPath(documentDirectory)) {
   std::vector<std::string> roots = settings.roots;
   roots.insert(roots.begin(), documentDirectory);

@@ -180,8 +180,8 @@ int DocumentStamper::run() {
                           dir_.c_str());
     return 1;
   }
-  document_->docMessage(log, __LINE__, 8,
-                        "got timestamps from Timestamp Server for document '%s'", dir_.c_str());
+  document_->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",
+                        dir_.c_str());
   failure = sync();
   return failure.result == StampResult::kOk ? 1 : report(failure);
 }
@@ -239,8 +239,8 @@ StampFailure DocumentStamper::hashSources() {
     if (failure.result != StampResult::kOk) return failure;
     std::vector<HashJob> jobs;
     for (size_t i = first; i < end; ++i) {
-      jobs.push_back({files[i - first].get(), stamps_[i]->planned.source.c_str(),
-                      &stamps_[i]->imprint});
+      jobs.push_back(
+          {files[i - first].get(), stamps_[i]->planned.source.c_str(), &stamps_[i]->imprint});
     }
     size_t failed = hashOpenFiles(jobs);
     if (failed < jobs.size()) {

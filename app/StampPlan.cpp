@@ -125,8 +125,8 @@ bool Planner::addComponent(const std::string& value, const std::set<std::string>
 }  // namespace
 
 std::string documentFilePath(const std::string& directory, const std::string& token) {
-  bool absolute = !token.empty() && (token[0] == '/' || token[0] == '\\' ||
-                                     (token.size() > 1 && token[1] == ':'));
+  bool absolute = !token.empty() &&
+                  (token[0] == '/' || token[0] == '\\' || (token.size() > 1 && token[1] == ':'));
   return absolute ? token : directory + "/" + token;
 }
 

@@ -34,15 +34,16 @@ TEST(StampPlanTest, FilesFirstThenComponentsIntoTheNextFreeName) {
                   "\"x y\" text/plain sub/x.txt extra"};
   StampPlan p = plan(s, {"/d/c1_ts0.txt", "/d/c1_ts1.txt", "/d/x y_ts1.txt"});
   EXPECT_EQ(p.failure.result, StampResult::kOk);
-  EXPECT_EQ(lines(p), (std::vector<std::string>{
-                          "/d/a.txt > /d/a.tst",
-                          "/abs/b.pdf > C:\\b.tst",
-                          "\\\\share\\c > /d/c.tst",
-                          // A name planned before counts as taken.
-                          "/d/c1.txt > /d/c1_ts2.txt + COMP_TIMESTAMP_FILE \"c1\" \"c1_ts2.txt\"",
-                          "/d/again.txt > /d/c1_ts3.txt + COMP_TIMESTAMP_FILE \"c1\" \"c1_ts3.txt\"",
-                          "/d/sub/x.txt > /d/x y_ts0.txt + COMP_TIMESTAMP_FILE \"x y\" \"x y_ts0.txt\"",
-                      }));
+  EXPECT_EQ(lines(p),
+            (std::vector<std::string>{
+                "/d/a.txt > /d/a.tst",
+                "/abs/b.pdf > C:\\b.tst",
+                "\\\\share\\c > /d/c.tst",
+                // A name planned before counts as taken.
+                "/d/c1.txt > /d/c1_ts2.txt + COMP_TIMESTAMP_FILE \"c1\" \"c1_ts2.txt\"",
+                "/d/again.txt > /d/c1_ts3.txt + COMP_TIMESTAMP_FILE \"c1\" \"c1_ts3.txt\"",
+                "/d/sub/x.txt > /d/x y_ts0.txt + COMP_TIMESTAMP_FILE \"x y\" \"x y_ts0.txt\"",
+            }));
   // Without TIMESTAMP_COMP the components are not looked at.
   s.stampComponents = false;
   EXPECT_EQ(plan(s).stamps.size(), 3u);
@@ -61,11 +62,17 @@ TEST(StampPlanTest, AFailingStatementEndsThePlanAfterTheFilesBeforeIt) {
       {{{"a a.tst", "b " + longName}, false, {}, {}}, StampResult::kTargetNameTooLong, 1, ""},
       {{{"a a.tst", longName + " b.tst"}, false, {}, {}}, StampResult::kSourceNameTooLong, 1, ""},
       {{{"a a.tst"}, true, {}, {"c text/plain c", "broken text/plain", "d text/plain d"}},
-       StampResult::kWrongComp, 2, "broken text/plain"},
+       StampResult::kWrongComp,
+       2,
+       "broken text/plain"},
       {{{}, true, {}, {"c text/plain c", longName + " text/plain c"}},
-       StampResult::kTargetNameTooLong, 1, ""},
+       StampResult::kTargetNameTooLong,
+       1,
+       ""},
       {{{}, true, {}, {"c x " + longSource, "broken " + longSource}},
-       StampResult::kWrongComp, 1, "broken " + longSource.substr(0, 992)},
+       StampResult::kWrongComp,
+       1,
+       "broken " + longSource.substr(0, 992)},
   };
   for (const Case& c : cases) {
     StampPlan p = plan(c.statements);

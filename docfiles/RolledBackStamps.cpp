@@ -81,7 +81,8 @@ std::vector<std::string> rolledBackStamps(const std::string& commands, const std
   // Only a backup that will be restored: a regular file of this worker's user.
   struct stat b;
   if (!dir.valid() || fstatat(dir.get(), backupName.c_str(), &b, AT_SYMLINK_NOFOLLOW) != 0 ||
-      !S_ISREG(b.st_mode) || b.st_uid != geteuid() || !readStatements(dir.get(), commands.substr(slash + 1), &now) ||
+      !S_ISREG(b.st_mode) || b.st_uid != geteuid() ||
+      !readStatements(dir.get(), commands.substr(slash + 1), &now) ||
       !readStatements(dir.get(), backupName, &before)) {
     return {};
   }
