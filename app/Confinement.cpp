@@ -100,11 +100,30 @@ int Confinement::openBeneath(const std::string& absolute, int flags, UniqueFd* o
         *out = std::move(fd);
         return 0;
       }
+      if (errno == ENOSYS || errno == EPERM) return openResolved(absolute, flags, out);
       // Out of this root perhaps, but maybe into another one.
       if (errno != EXDEV) result = errno;
     }
   }
   return result;
+}
+
+// Where openat2 is missing (or a seccomp filter refuses it): the links are
+// resolved first and the result is opened without following a link at its
+// end. A link changed in between is not caught as it is with openat2.
+int Confinement::openResolved(const std::string& absolute, int flags, UniqueFd* out) const {
+  char* resolved = realpath(absolute.c_str(), nullptr);
+  if (resolved == nullptr) return errno;
+  std::string canonical = withoutTrailingSlash(resolved);
+  free(resolved);
+  for (const Root& root : roots_) {
+    if (canonical != root.canonical && !isBelow(canonical, root.canonical)) continue;
+    UniqueFd fd(open(canonical.empty() ? "/" : canonical.c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) return errno;
+    *out = std::move(fd);
+    return 0;
+  }
+  return EXDEV;
 }
 
 std::string Confinement::reservedFile(const std::string& canonical,

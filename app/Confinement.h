@@ -52,6 +52,8 @@ class Confinement {
   // 0 and *out the descriptor of the absolute path, opened beneath the root
   // that holds it; EXDEV when no root does; else the errno of the open.
   int openBeneath(const std::string& absolute, int flags, UniqueFd* out) const;
+  // The same without openat2.
+  int openResolved(const std::string& absolute, int flags, UniqueFd* out) const;
   // Why the file at canonical (status: its own, or null when it does not
   // exist) is out of reach although inside a root; empty when it is not.
   std::string reservedFile(const std::string& canonical, const struct stat* status) const;
