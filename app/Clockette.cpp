@@ -1,163 +1,23 @@
 #include "app/Clockette.h"
 
-#include <sys/stat.h>
-
-#include <cctype>
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <map>
-#include <memory>
-#include <set>
 #include <string>
-#include <vector>
 
-#include "base/List.h"
+#include "app/DocumentStamper.h"
 #include "base/Log.h"
-#include "base/Metrics.h"
-#include "base/Notify.h"
-#include "base/OrderedWork.h"
-#include "base/ReplaceFile.h"
 #include "base/SecretFile.h"
+#include "base/Setup.h"
 #include "base/SettingsLine.h"
-#include "base/Stop.h"
-#include "base/SystemError.h"
-#include "docfiles/Document.h"
-#include "docfiles/TextLine.h"
-#include "docfiles/utl.h"
-#include "der/CAsn1messageImprint.h"
-#include "der/CAsn1string.h"
-#include "der/Der.h"
-#include "tsclient/HashFiles.h"
 #include "tsclient/tsrequest.h"
 
 namespace {
 
-// Buffer sizes of the paths, names and statement copies the service builds.
-constexpr size_t kPathSize = 1024;
-constexpr size_t kStatementCopySize = 1000;  // at most 999 characters of a value
-
 // Timestamp requests of one document under way at the same time.
 constexpr int kDefaultParallel = 8;
 constexpr int kMaxParallel = 64;
-
-const char kRequestFailed[] =
-    "the timestamp couldn't be requested from timestamp server. The call of function "
-    "requestTimestamp(source_file='%s',timestamp_file='%s') failed.";
-
-// Operator notification numbers and texts.
-constexpr int kNotifyRequestFailed = 700;
-constexpr int kNotifyWrongComp = 701;
-constexpr int kNotifyCommandsNotWritable = 702;
-constexpr int kNotifyTimestampFileNotWritable = 703;
-const char kRequestFailedTemplate[] =
-    "Kavlet 'clockette' failed in requesting timestamp for file '%1/%2' from Timestamp Server";
-const char kWrongCompTemplate[] =
-    "Kavlet 'clockette' failed because of wrong COMP COMMANDS statement in document '%1'";
-const char kCommandsTemplate[] = "Kavlet 'clockette' cannot write COMMANDS file of document '%1'";
-// A local failure, told apart from the Timestamp Server's.
-const char kTimestampFileTemplate[] =
-    "Kavlet 'clockette' cannot write timestamp file '%1' of document '%2'";
-
-// prepareTimestamp's and commitTimestamp's result when the answer arrived
-// but the timestamp file could not be written.
-constexpr int kTargetNotWritten = -5;
-
-void notify(int number, const char* messageTemplate, const char* arguments) {
-  notifyOperator("SRV", "BASE", number, "ERR", messageTemplate, arguments);
-}
-
-using Token = TextLine::Token;
-
-// The first count tokens of text; a missing one is null.
-std::vector<Token> firstTokens(const char* text, int count) {
-  TextLine line(text);
-  std::vector<Token> tokens;
-  for (int i = 0; i < count; ++i) tokens.emplace_back(line.getNextToken());
-  return tokens;
-}
-
-bool allPresent(const std::vector<Token>& tokens) {
-  for (const Token& t : tokens) {
-    if (!t) return false;
-  }
-  return true;
-}
-
-// The first 999 characters of a statement value.
-std::string statementCopy(const String& value) {
-  return value.str().substr(0, kStatementCopySize - 1);
-}
-
-// A file token names an absolute path when it begins with "/" or "\\" or has
-// ":" as its second character (a drive letter); such a token is used as it
-// is, any other is taken relative to the document directory. Paths longer
-// than the buffer are cut; fits tells whether the whole path fitted.
-String documentFilePath(const char* directory, const char* token, bool* fits) {
-  char path[kPathSize];
-  bool absolute = token[0] == '/' || token[0] == '\\' || (token[0] != '\0' && token[1] == ':');
-  int n = absolute ? snprintf(path, sizeof path, "%s", token)
-                   : snprintf(path, sizeof path, "%s/%s", directory, token);
-  *fits = n >= 0 && static_cast<size_t>(n) < sizeof path;
-  return String(path);
-}
-
-bool fileExists(const char* path) {
-  struct stat st;
-  return stat(path, &st) == 0;
-}
-
-// The directory part of a path ("." when it has none).
-std::string directoryPart(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
-// Whether anything (a symbolic link too) sits at path.
-bool entryExists(const char* path) {
-  struct stat st;
-  return lstat(path, &st) == 0;
-}
-
-// The arguments of the "'%1/%2'" notification, so that it names the file
-// once: the directory and the path below it, or the path cut at its last "/".
-void fileArguments(char* out, size_t size, const char* dir, const String& file) {
-  const std::string& path = file.str();
-  std::string prefix = std::string(dir) + "/";
-  size_t slash = path.rfind('/');
-  if (path.compare(0, prefix.size(), prefix) == 0) {
-    snprintf(out, size, "{%.250s} {%.250s}", dir, path.c_str() + prefix.size());
-  } else if (slash != std::string::npos) {
-    snprintf(out, size, "{%.250s} {%.250s}", path.substr(0, slash).c_str(),
-             path.c_str() + slash + 1);
-  } else {
-    snprintf(out, size, "{%.250s} {%.250s}", dir, path.c_str());
-  }
-}
-
-// One file of a document on its way to a timestamp.
-struct Stamp {
-  String source;          // the file to stamp
-  String target;          // its timestamp file
-  std::string statement;  // appended to COMMANDS once stamped; empty: none
-  CAsn1messageImprint imprint;
-  CAsn1string response{kTagOctetString};
-  int result = 0;  // of fetchTimestamp, then of prepareTimestamp
-  // Written and synced beside the exchanges; false: written at its turn.
-  bool early = true;
-  bool prepared = false;  // its temporary file waits for the rename
-};
-
-// The name part of a path, in lower case (names that differ only in case
-// are one file on some file systems).
-std::string lowerName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-  for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return name;
-}
 
 }  // namespace
 
@@ -202,7 +62,29 @@ int Clockette::init(int argc, char** argv) {
             "failed.");
     return 0;
   }
+  settleConfinement();
   return 1;
+}
+
+void Clockette::settleConfinement() {
+  confinement_ = ConfinementSettings();
+  if (!testCount.empty()) {
+    confinement_.roots.push_back(testPath.empty() ? "." : testPath.str());
+  } else if (!kvDir.empty()) {
+    // A relative KVDIR has been changed into.
+    confinement_.roots.push_back(kvDir.str()[0] == '/' ? kvDir.str() : ".");
+  }
+  confinement_.roots.insert(confinement_.roots.end(), allowedRoots.begin(), allowedRoots.end());
+  if (strcmp(Log::logFileName(), "stderr") != 0) {
+    confinement_.workerFiles.push_back(Log::logFileName());
+  }
+  for (const char* variable :
+       {"CLOCKETTE_METRICS_FILE", "TIMESTAMP_PASSWORD_FILE", "KV_NOTIFY_FILE"}) {
+    const char* v = getenv(variable);
+    if (v != nullptr && *v != '\0') confinement_.workerFiles.push_back(v);
+  }
+  String config = configDirectory();
+  if (!config.empty()) confinement_.workerDirectories.push_back(config.str() + "/setup");
 }
 
 int Clockette::parseOneArgument(int argc, char** argv, int* position) {
@@ -250,6 +132,15 @@ void Clockette::readEnvironment() {
               kMaxParallel, kDefaultParallel);
     } else {
       parallel = static_cast<int>(n);
+    }
+  }
+  if (const char* v = getenv("TS_ALLOWED_ROOTS")) {
+    allowedRoots.clear();
+    std::string roots = v;
+    for (size_t start = 0; start <= roots.size();) {
+      size_t end = std::min(roots.find(':', start), roots.size());
+      if (end > start) allowedRoots.push_back(roots.substr(start, end - start));
+      start = end + 1;
     }
   }
   // Read here, so that -password still wins; a refusal is logged by init,
@@ -384,279 +275,5 @@ int Clockette::service(const char* directory) {
     log.msg(__LINE__, 2, "no document open for '%s'", dir);
     return 0;
   }
-  char arguments[600];
-
-  // A timestamp file name cut at the buffer's end could name another file
-  // of the directory: refuse it rather than overwrite that file.
-  auto refuseLongTarget = [&](const String& target) {
-    document->docMessage(log, __LINE__, 2, "timestamp file name too long: '%s'", target.c_str());
-    snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", dir, target.c_str());
-    notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
-    return 0;
-  };
-  auto requestFailed = [&](const String& source, const String& target, int code) {
-    if (code == kTargetNotWritten) {
-      document->docMessage(log, __LINE__, 2,
-                           "the timestamp for '%s' couldn't be stored: the timestamp file '%s' "
-                           "couldn't be written",
-                           source.c_str(), target.c_str());
-      snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", target.c_str(), dir);
-      notify(kNotifyTimestampFileNotWritable, kTimestampFileTemplate, arguments);
-      return 0;
-    }
-    document->docMessage(log, __LINE__, 2, kRequestFailed, source.c_str(), target.c_str());
-    // A stop of the worker is no Timestamp Server failure to alarm anyone about.
-    if (stopRequested()) return 0;
-    fileArguments(arguments, sizeof arguments, dir, source);
-    notify(kNotifyRequestFailed, kRequestFailedTemplate, arguments);
-    return 0;
-  };
-  // The document's bookkeeping files and the source itself are never
-  // written over, whatever path leads to them.
-  auto targetRefused = [&](const String& source, const String& target) {
-    String which;
-    const char* what = nullptr;
-    if (document->isBookkeepingFile(target, &which) == 1) {
-      what = "the document's file";
-    } else if (utlSameFile(source.c_str(), target.c_str()) == 1) {
-      what = "its source file";
-      which = source;
-    } else {
-      return false;
-    }
-    document->docMessage(log, __LINE__, 2, "timestamp file '%s' refused: it is %s '%s'",
-                         target.c_str(), what, which.c_str());
-    snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", target.c_str(), dir);
-    notify(kNotifyTimestampFileNotWritable, kTimestampFileTemplate, arguments);
-    return true;
-  };
-
-  // First the plan: every file to stamp, in statement order, with its
-  // timestamp file. A statement that fails the document ends the plan; its
-  // failure is reported after the files before it are stamped.
-  std::vector<std::unique_ptr<Stamp>> stamps;
-  std::set<std::string> plannedTargets;
-  std::function<int()> failure;
-  auto plan = [&](const String& source, const String& target, std::string statement) {
-    auto stamp = std::make_unique<Stamp>();
-    stamp->source = source;
-    stamp->target = target;
-    stamp->statement = std::move(statement);
-    plannedTargets.insert(target.str());
-    stamps.push_back(std::move(stamp));
-  };
-
-  // Files named directly: all of them before any component.
-  List<String> files;
-  document->getValueForFromCommands(String("TIMESTAMP_FILE"), files);
-  for (const String& value : files) {
-    log.msg(__LINE__, 9, "TIMESTAMP_FILE '%s'", value.c_str());
-    std::vector<Token> t = firstTokens(value.c_str(), 2);
-    if (!allPresent(t)) {
-      // Only skipped: an incomplete file statement does not fail the document.
-      log.msg(__LINE__, 2, "ignore wrong TIMESTAMP_FILE COMMANDS statement: '%s'", value.c_str());
-      continue;
-    }
-    bool sourceFits = false, targetFits = false;
-    String source = documentFilePath(dir, t[0].get(), &sourceFits);
-    String target = documentFilePath(dir, t[1].get(), &targetFits);
-    if (!targetFits) {
-      failure = [&, target] { return refuseLongTarget(target); };
-      break;
-    }
-    plan(source, target, std::string());
-  }
-
-  String unused;
-  if (!failure && document->getValueForFromCommands(String("TIMESTAMP_COMP"), unused) > 0) {
-    log.msg(__LINE__, 9, "found TIMESTAMP_COMP statement in COMMANDS file");
-    // Every component stamped earlier is known before the first COMP is looked at.
-    std::set<std::string> alreadyStamped;
-    List<String> done;
-    document->getValueForFromCommands(String("COMP_TIMESTAMP_FILE"), done);
-    for (const String& value : done) {
-      log.msg(__LINE__, 9, "'%s'", value.c_str());
-      std::vector<Token> t = firstTokens(statementCopy(value).c_str(), 1);
-      if (!t[0]) continue;
-      alreadyStamped.insert(t[0].get());
-      log.msg(__LINE__, 9, "don't do timestamping for component '%s'", t[0].get());
-    }
-
-    List<String> components;
-    document->getValueForFromCommands(String("COMP"), components);
-    for (const String& value : components) {
-      log.msg(__LINE__, 9, "'%s'", value.c_str());
-      std::string copy = statementCopy(value);
-      std::vector<Token> t = firstTokens(copy.c_str(), 3);
-      if (!allPresent(t)) {
-        // Unlike a file statement, a broken component fails the document.
-        failure = [&, copy] {
-          document->docMessage(log, __LINE__, 2,
-                               "wrong COMP COMMANDS statement in document '%s': '%s'", dir,
-                               copy.c_str());
-          snprintf(arguments, sizeof arguments, "{%.250s}", dir);
-          notify(kNotifyWrongComp, kWrongCompTemplate, arguments);
-          return 0;
-        };
-        break;
-      }
-      const char* name = t[0].get();
-      log.msg(__LINE__, 9, "parse COMP COMMANDS statement: name='%s',type='%s',src-file='%s'", name,
-              t[1].get(), t[2].get());
-      if (alreadyStamped.count(name) != 0) {
-        log.msg(__LINE__, 9,
-                "skip timestamping of component '%s', because of COMP_TIMESTAMP_FILE statement",
-                name);
-        continue;
-      }
-      bool fits = false;
-      String source = documentFilePath(dir, t[2].get(), &fits);
-
-      // The first free "<name>_ts<n>.txt" of the directory: earlier stamps
-      // stay. A name planned for an earlier file of this document counts as
-      // taken, as it will exist by the time this file's turn comes.
-      char tstName[kPathSize];
-      char tstPath[kPathSize];
-      int counter = 0;
-      bool targetFits = true;
-      auto build = [&] {
-        int n = snprintf(tstName, sizeof tstName, "%s_ts%d.txt", name, counter);
-        int m = snprintf(tstPath, sizeof tstPath, "%s/%s", dir, tstName);
-        targetFits = n >= 0 && static_cast<size_t>(n) < sizeof tstName && m >= 0 &&
-                     static_cast<size_t>(m) < sizeof tstPath;
-      };
-      build();
-      while (targetFits && (fileExists(tstPath) || plannedTargets.count(tstPath) != 0)) {
-        ++counter;
-        build();
-      }
-      int statusError = errno;
-      if (!targetFits) {
-        String target(tstPath);
-        failure = [&, target] { return refuseLongTarget(target); };
-        break;
-      }
-      log.msg(__LINE__, 9, "cannot get file status of file '%s': '%s'", tstPath,
-              systemError(statusError).c_str());
-      // Written as it stands: quotes inside the name are not escaped.
-      plan(source, String(tstPath),
-           std::string("COMP_TIMESTAMP_FILE \"") + name + "\" \"" + tstName + "\"");
-    }
-  }
-
-  // Every target is checked before anything is written: a refused one
-  // leaves the document untouched.
-  for (const auto& stamp : stamps) {
-    if (targetRefused(stamp->source, stamp->target)) return 0;
-  }
-
-  // Every file is hashed, side by side, before the first request: a file that cannot be
-  // hashed fails the document without any exchange.
-  std::vector<FileToHash> sources;
-  for (const auto& stamp : stamps) sources.push_back({stamp->source.str(), -1, &stamp->imprint});
-  size_t unhashed = hashFiles(&sources, getDigest(), hashThreads());
-  if (unhashed < stamps.size()) {
-    const Stamp& stamp = *stamps[unhashed];
-    metrics::countTimestamp(-1);
-    log.msg(__LINE__, 2, "Hashing %s failed", stamp.source.c_str());
-    return requestFailed(stamp.source, stamp.target, -1);
-  }
-
-  // The round trips overlap and each answer is written to its temporary file
-  // and synced on the same thread; the renames follow in statement order,
-  // and the first file that fails ends the document: answers for later files
-  // are dropped and their temporary files removed.
-  // Early only where no two files of the document can meet at one temporary
-  // file: not for a name that comes again (through another path perhaps),
-  // not at all when a target is named like a temporary file.
-  std::set<std::string> names;
-  bool temporaryNamed = false;
-  for (const auto& stamp : stamps) {
-    std::string name = lowerName(stamp->target.str());
-    temporaryNamed = temporaryNamed || (name.size() > 4 && name[0] == '.' &&
-                                        name.compare(name.size() - 4, 4, ".tmp") == 0);
-    stamp->early = names.insert(name).second;
-  }
-  if (temporaryNamed) {
-    for (const auto& stamp : stamps) stamp->early = false;
-  }
-  FileSystem& fs = document->fileSystem();
-  OrderedWork exchanges(stamps.size(), parallel, [&stamps, &fs](size_t i) {
-    Stamp& s = *stamps[i];
-    s.result = fetchTimestamp(&s.imprint, &s.response);
-    if (s.result == 0 && s.early) {
-      s.result = prepareTimestamp(&s.response, s.target.c_str(), fs);
-      s.prepared = s.result == 0;
-    }
-  });
-  auto dropFrom = [&](size_t first) {
-    exchanges.dropFrom(first);
-    for (size_t j = first; j < stamps.size(); ++j) {
-      if (exchanges.waitFor(j) && stamps[j]->prepared) {
-        discardTimestamp(stamps[j]->target.c_str(), fs);
-      }
-    }
-  };
-  bool stamped = false;
-  // The renames of a directory reach the disk with one sync of it at the
-  // end, not one per file; the document counts as done only after that.
-  std::map<std::string, const Stamp*> unsyncedDirectories;
-  for (size_t i = 0; i < stamps.size(); ++i) {
-    Stamp& stamp = *stamps[i];
-    exchanges.waitFor(i);
-    // Files this attempt creates are noted, so that a failed document can be
-    // left as it was.
-    bool existed = entryExists(stamp.target.c_str());
-    int code = stamp.result;
-    if (code == 0 && !stamp.early) {
-      code = prepareTimestamp(&stamp.response, stamp.target.c_str(), fs);
-    }
-    if (code == 0) code = commitTimestamp(stamp.source.c_str(), stamp.target.c_str(), false, fs);
-    metrics::countTimestamp(code);  // -1 .. -5, as the per-file requestTimestamp gives them
-    if (code != 0) {
-      dropFrom(i + 1);
-      return requestFailed(stamp.source, stamp.target, code);
-    }
-    if (!existed) document->noteCreatedFile(stamp.target);
-    unsyncedDirectories[directoryPart(stamp.target.str())] = &stamp;
-    stamped = true;
-    if (!stamp.statement.empty() &&
-        document->appendToCommands(String(stamp.statement.c_str())) == 0) {
-      dropFrom(i + 1);
-      document->docMessage(log, __LINE__, 2, "can't append string '%s' to COMMANDS file",
-                           stamp.statement.c_str());
-      snprintf(arguments, sizeof arguments, "{%.250s}", dir);
-      notify(kNotifyCommandsNotWritable, kCommandsTemplate, arguments);
-      return 0;
-    }
-  }
-  if (failure) return failure();
-
-  if (!stamped) {
-    document->docMessage(log, __LINE__, 8, "no timestamping required for document '%s'", dir);
-    return 1;
-  }
-  // The protocol line is written by the work cycle once COMMANDS holds the
-  // new statements, so that it never tells of an outcome that did not come.
-  document->docMessage(log, __LINE__, 8, "got timestamps from Timestamp Server for document '%s'",
-                       dir);
-  const Stamp* unsynced = nullptr;
-  std::string step;
-  int err = 0;
-  auto syncDirectories = [&] {
-    for (const auto& entry : unsyncedDirectories) {
-      err = syncDirectoryOf(entry.second->target.c_str(), &step, fs);
-      if (err != 0) {
-        unsynced = entry.second;
-        return;
-      }
-    }
-  };
-  syncDirectories();
-  if (unsynced != nullptr) {
-    log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
-            unsynced->target.c_str(), step.c_str(), err, systemError(err).c_str());
-    return requestFailed(unsynced->source, unsynced->target, kTargetNotWritten);
-  }
-  return 1;
+  return DocumentStamper(document.get(), dir, parallel, confinement_).run();
 }

@@ -12,7 +12,9 @@
 #define APP_CLOCKETTE_H_
 
 #include <string>
+#include <vector>
 
+#include "app/Confinement.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
 
@@ -28,15 +30,9 @@ class Clockette : public Kavlet {
   int init(int argc, char** argv) override;
 
   void printObject() override;
-  // Timestamps the files of the open document: every TIMESTAMP_FILE
-  // statement first, then, with TIMESTAMP_COMP, every COMP statement whose
-  // component has no COMP_TIMESTAMP_FILE statement yet; one such statement is
-  // appended per stamped component. Every file is hashed first (one that
-  // cannot be hashed fails the document before any request); then up to
-  // `parallel` requests run at the same time, and their answers are written
-  // in statement order until the first file that fails. 1 done, 0 failed
-  // (logged, recorded in the protocol and sent as an operator notification).
-  // Files stamped before a failure stay; none after it is written.
+  // Timestamps the files of the open document (DocumentStamper): 1 done, 0
+  // failed (logged, recorded in the protocol and sent as an operator
+  // notification).
   int service(const char* directory) override;
   // Takes -host, -port, -protocol, -url_path, -login and -password with
   // their value; 0 for any other argument or a value missing at the end.
@@ -55,6 +51,7 @@ class Clockette : public Kavlet {
   // TIMESTAMP_PASSWORD_FILE, when set, names a file whose first line is the
   // password (over TIMESTAMP_PASSWORD); a file that others may read is
   // refused and init fails.
+  // TS_ALLOWED_ROOTS=<dir>[:<dir>...] sets allowedRoots.
   void readEnvironment() override;
 
   // The settings in effect, as the start-up settings line shows them: the
@@ -70,9 +67,16 @@ class Clockette : public Kavlet {
   // Timestamp requests of one document under way at the same time
   // (TS_PARALLEL, 1 to 64; 1: one after the other).
   int parallel;
+  // Directories a document's files may lie in besides its own directory and
+  // the KV directory (the test path in test mode).
+  std::vector<std::string> allowedRoots;
 
  private:
+  // What documents may reach, settled by init.
+  void settleConfinement();
+
   std::string passwordFileProblem_;  // why TIMESTAMP_PASSWORD_FILE was refused
+  ConfinementSettings confinement_;
 };
 
 #endif  // APP_CLOCKETTE_H_

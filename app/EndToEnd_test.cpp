@@ -145,6 +145,8 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
                                  {"comp1_ts1.txt", "older"}});
   makeDir(doc + "/sub");
   writeFile(doc + "/sub/b.xml", "<b/>");
+  // Files outside the documents are reached only through an allowed root.
+  options_.env["TS_ALLOWED_ROOTS"] = "/nonexistent:" + elsewhere.path();
 
   ChildResult r = runTest({"-loglevel", "9"});
   ASSERT_EQ(r.exitCode, 0) << r.out << r.err << log();
@@ -174,15 +176,19 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
 
   // The backup of COMMANDS stays after success, and the same worker restores
   // it before it reads the document again: the appended statements are gone
-  // then, so the components are stamped once more with the next counter. A
-  // port above the range is handed on modulo 65536.
+  // then, and so are the files they named, unless another statement names
+  // one; the components are stamped once more into the same names. A port
+  // above the range is handed on modulo 65536.
   EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
+  writeFile(doc + "/COMMANDS.other", "TIMESTAMP_FILE c2.pdf \"comp 2_ts0.txt\"\n");
   r = runTest({"-port", std::to_string(tsa_->httpPort() + 65536)});
   ASSERT_EQ(r.exitCode, 0) << r.out << log();
-  EXPECT_EQ(verify(doc + "/comp1_ts3.txt", doc + "/c1.pdf"), "");
+  EXPECT_EQ(verify(doc + "/comp1_ts2.txt", doc + "/c1.pdf"), "");
   EXPECT_EQ(verify(doc + "/comp 2_ts1.txt", doc + "/c2 two.pdf"), "");
+  EXPECT_FALSE(fileExists(doc + "/comp1_ts3.txt"));
+  EXPECT_EQ(readFile(doc + "/comp1_ts1.txt"), "older");
   EXPECT_EQ(readFile(doc + "/COMMANDS"), commands +
-                                             "COMP_TIMESTAMP_FILE \"comp1\" \"comp1_ts3.txt\"\n"
+                                             "COMP_TIMESTAMP_FILE \"comp1\" \"comp1_ts2.txt\"\n"
                                              "COMP_TIMESTAMP_FILE \"comp 2\" \"comp 2_ts1.txt\"\n");
   EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands);
 }
@@ -237,6 +243,9 @@ TEST_F(EndToEndTest, WrongStatementsAreSkippedOrFailTheDocumentWithANotice) {
 // the good statement before the bad one), no backup made, no protocol line.
 TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
   options_.env["DOCUMENT_LOCK_WAIT"] = "1";
+  // The whole test directory is open to documents, but not the worker's files in it.
+  options_.env["TS_ALLOWED_ROOTS"] = dir_.path();
+  writeFile(dir_.file("config/setup/COMMON.Setup"), "LOGLEVEL=2\n");
   int lock = -1;
   TempDir elsewhere;
   writeFile(elsewhere.file("secret"), "TIMESTAMP_PASSWORD=hunter2\n");
@@ -280,6 +289,18 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
        },
        "refused backup 'D/COMMANDS.clockette': it is no regular file owned by this worker's user",
        ""},
+      {"other-documents-commands", "data.txt ../commands/COMMANDS", nullptr,
+       "timestamp file 'D/../commands/COMMANDS' refused: it is another document's file", ""},
+      {"source-outside", elsewhere.file("secret") + " leak.tst", nullptr,
+       "source file '" + elsewhere.file("secret") + "' refused: it lies outside the directories",
+       "SRV BASE 703 ERR: Kavlet 'clockette' cannot write timestamp file 'D/leak.tst'"},
+      {"source-linked-outside", "link leak.tst",
+       [&](const std::string& d) { symlink(elsewhere.file("secret").c_str(), (d + "/link").c_str()); },
+       "source file 'D/link' refused: it lies outside the directories", ""},
+      {"worker-log", "data.txt ../../logs/clockette.log", nullptr,
+       "timestamp file 'D/../../logs/clockette.log' refused: it is the worker's file", ""},
+      {"setup-package", "../../config/setup/COMMON.Setup leak.tst", nullptr,
+       "source file 'D/../../config/setup/COMMON.Setup' refused: it is the worker's file", ""},
       {"held-by-another-process", "data.txt data.tst",
        [&](const std::string& d) {
          lock = open((d + "/.COMMANDS.lock").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -329,6 +350,7 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
     }
     EXPECT_EQ(readFile(doc + "/COMMANDS"), before[c.name]);
     EXPECT_FALSE(fileExists(doc + "/first.tst"));
+    EXPECT_FALSE(fileExists(doc + "/leak.tst"));
     EXPECT_FALSE(fileExists(doc + "/KVprotocol"));
     struct stat status;
     if (lstat((doc + "/COMMANDS.clockette").c_str(), &status) == 0) {

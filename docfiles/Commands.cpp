@@ -7,10 +7,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "base/Log.h"
 #include "base/Owners.h"
 #include "base/ReplaceFile.h"
+#include "docfiles/RolledBackStamps.h"
 #include "docfiles/TextLine.h"
 #include "docfiles/utl.h"
 
@@ -107,7 +110,11 @@ int Commands::openForRead() {
   Log log("Commands", "openForRead", __FILE__, __LINE__, 13);
   missing_ = false;
   if (closeCommands() != 1) return 0;
+  // The timestamp files of the statements the restore takes back go with them.
+  std::vector<std::string> takenBack;
+  if (!recovered()) takenBack = rolledBackStamps(fileName().str(), backupName().str());
   if (recoverFromBackup() != 1) return 0;
+  removeStampFiles(takenBack);
   int result = openFile(kReadText, 0);
   missing_ = result != 1 && openError() == ENOENT;
   return result;

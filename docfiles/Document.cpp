@@ -32,11 +32,6 @@ void readProtocolSwitch() {
 }
 
 // Names of the files the framework keeps in a document directory.
-bool isBookkeepingName(const std::string& name) {
-  return name == "COMMANDS" || name == "KVprotocol" || name == DocumentLock::kFileName ||
-         name.compare(0, 9, "COMMANDS.") == 0;
-}
-
 bool sameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -191,6 +186,11 @@ int Document::docMessage(Log& log, int line, int level, const char* format, ...)
 int Document::commandsReadable() {
   Log log("Document", "commandsReadable", __FILE__, __LINE__, 13);
   return commands_->readable();
+}
+
+bool Document::isBookkeepingName(const std::string& name) {
+  return name == "COMMANDS" || name == "KVprotocol" || name == DocumentLock::kFileName ||
+         name.compare(0, 9, "COMMANDS.") == 0;
 }
 
 int Document::isBookkeepingFile(const String& path, String* which) const {

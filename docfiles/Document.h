@@ -18,6 +18,7 @@
 #define DOCFILES_DOCUMENT_H_
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/FileSystem.h"
@@ -98,6 +99,9 @@ class Document {
   // existing path, the same file (device and inode, links followed). *which
   // then names that file. Nothing else may ever be written over them.
   int isBookkeepingFile(const String& path, String* which) const;
+  // Whether name (without a directory) is that of a bookkeeping file of any
+  // document.
+  static bool isBookkeepingName(const std::string& name);
   // Remembers a file this attempt created in the document, so that a failed
   // attempt can take it away again.
   void noteCreatedFile(const String& path);

@@ -82,6 +82,9 @@ class FileH {
   // Removes the backup when this object made it (none was there before):
   // for a write that failed and left the file as it was.
   void dropNewBackup();
+  // Whether recoverFromBackup has done its work (restored, or found nothing
+  // to restore) or a backup was made: it will restore nothing more.
+  bool recovered() const { return copied_ != 0 || checked_ != 0; }
   // Why the last openFile failed: its errno (ENOENT for a missing file,
   // ELOOP for a symbolic link, EINVAL for no regular file), EPERM after a
   // refused backup, 0 after a successful open.

@@ -25,8 +25,9 @@ int getDigest();
 // device) or a stop was requested meanwhile; -2 when the digest is not usable.
 int computeHash(const char* path, int nid, CAsn1messageImprint* imprint);
 
-// computeHash over a file the caller has opened (and still owns), read from
-// its current position; path only names it in the log.
+// computeHash for a file already open for reading (from where it stands to
+// its end; fd stays open), so that the file hashed is the one the caller
+// checked. path only names it in messages.
 int computeHashOfOpenFile(int fd, const char* path, int nid, CAsn1messageImprint* imprint);
 
 #endif  // TSCLIENT_TSHASH_H_
