@@ -61,7 +61,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     int signerDigestNid;
     std::string serial;  // INTEGER content octets, hex
     // cert: the token carries the signer and the CA; essV1: signingCertificate
-    // rather than v2; extras: accuracy, ordering, TSA name, fractional genTime.
+    // rather than v2; extras: accuracy, ordering, TSA name, fractional genTime;
+    // ski: the SignerInfo names the signer by key identifier (version 3).
     const char* flags;
   } cases[] = {
       {SignerKey::kRsa, NID_sha1, NID_sha256, "01020304", "cert"},
@@ -76,6 +77,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
       {SignerKey::kEc256, NID_sha1, NID_sha256, "02", "cert extras essV1"},
       {SignerKey::kEc384, NID_sha384, NID_sha384, "11" + std::string(30, '5'), "cert extras"},
       {SignerKey::kEc521, NID_sha3_512, NID_sha512, "0080", "cert extras"},
+      {SignerKey::kRsa, NID_sha256, NID_sha256, "7F" + std::string(126, '5'), "cert extras ski"},
+      {SignerKey::kEc256, NID_sha256, NID_sha256, "01", "ski"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(OBJ_nid2sn(c.imprintNid)) + " " + c.serial + " " + c.flags);
@@ -87,6 +90,7 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     shape.signerDigest = EVP_get_digestbynid(c.signerDigestNid);
     shape.serial = testing_support::fromHex(c.serial);
     if (has(c.flags, "essV1")) shape.ess = testtsa::EssCertId::kV1;
+    shape.signerByKeyId = has(c.flags, "ski");
     shape.includeSigner = certReq;
     if (nonce) shape.nonce = {0x7A, 0x01, 0x02};
     shape.genTime = 1700000000;
@@ -115,7 +119,7 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     ASSERT_TRUE(resp.hasToken());
     EXPECT_EQ(resp.getStatus(), 0);
     const CAsn1TSTInfo& tst = resp.getTSTInfo();
-    EXPECT_EQ(tst.policy.nid, OBJ_txt2nid(shape.policyOid.c_str()));
+    EXPECT_EQ(tst.policy.dotted(), shape.policyOid);
     EXPECT_EQ(tst.genTime.derText(), extras ? "20231114221320.25Z" : "20231114221320Z");
     EXPECT_EQ(tst.hasNonce(), nonce);
     EXPECT_TRUE(!nonce || tst.nonce.hex() == "7A0102") << tst.nonce.hex();
@@ -128,10 +132,16 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     EXPECT_EQ(signerAmongThem, certReq);
 
     // The signer named in the token is the TSA certificate (its serial has no sign octet).
-    const ASN1_INTEGER* serial = X509_get0_serialNumber(signer);
-    const unsigned char* serialBytes = ASN1_STRING_get0_data(serial);
-    EXPECT_EQ(bytesOf(resp.getSignerIssuerSerial().serial),
-              Bytes(serialBytes, serialBytes + ASN1_STRING_length(serial)));
+    const ASN1_STRING* id = X509_get0_serialNumber(signer);
+    CAsn1string named = resp.getSignerIssuerSerial().serial;
+    EXPECT_EQ(resp.getSigner().bySubjectKeyId, shape.signerByKeyId);
+    EXPECT_EQ(resp.getSigner().version.value, shape.signerByKeyId ? 3 : 1);
+    if (shape.signerByKeyId) {
+      id = X509_get0_subject_key_id(signer);
+      named = resp.getSigner().subjectKeyId;
+    }
+    const unsigned char* idBytes = ASN1_STRING_get0_data(id);
+    EXPECT_EQ(bytesOf(named), Bytes(idBytes, idBytes + ASN1_STRING_length(id)));
 
     // The signed attributes and the signature fit together: messageDigest is
     // the hash of the TSTInfo, the signature covers the attributes as a SET.

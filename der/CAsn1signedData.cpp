@@ -47,7 +47,7 @@ unsigned int CAsn1signedData::contentSize() {
   unsigned int certificates = 0;
   for (const auto& cert : certs_) certificates += cert->getSize();
   return version.getSize() +
-         derElementSize(digestAlgorithm.algorithm.nid != 0 ? digestAlgorithm.getSize() : 0) +
+         derElementSize(digestAlgorithm.algorithm.isSet() ? digestAlgorithm.getSize() : 0) +
          encapContent.getSize() + (certs_.empty() ? 0 : derElementSize(certificates)) +
          derElementSize(signerInfo.getSize());
 }
@@ -65,7 +65,7 @@ int CAsn1signedData::getDER(unsigned char* buffer, unsigned int* pos) {
   derHeader(out, kTagContext0, derElementSize(content));
   derHeader(out, kTagSequence, content);
   if (version.getDER(buffer, pos) != 0) return -1;
-  if (digestAlgorithm.algorithm.nid != 0) {
+  if (digestAlgorithm.algorithm.isSet()) {
     derHeader(out, kTagSet, digestAlgorithm.getSize());
     if (digestAlgorithm.getDER(buffer, pos) != 0) return -1;
   } else {

@@ -13,7 +13,7 @@ const unsigned char kNullParameters[] = {kTagNull, 0x00};
 }
 
 unsigned int CAsn1signerInfo::contentSize() {
-  return version.getSize() + issuerSerial.getSize() + digestAlgorithm.getSize() +
+  return version.getSize() + sidSize() + digestAlgorithm.getSize() +
          (signedAttributes.count() > 0 ? signedAttributes.getSize() : 0) +
          signatureAlgorithm.getSize() + signature.getSize();
 }
@@ -28,7 +28,8 @@ int CAsn1signerInfo::getDER(unsigned char* buffer, unsigned int* pos) {
   const unsigned int start = *pos;
   DerWriter out(buffer, pos);
   derHeader(out, kTagSequence, contentSize());
-  if (version.getDER(buffer, pos) != 0 || issuerSerial.getDER(buffer, pos) != 0 ||
+  CAsn1object& sid = bySubjectKeyId ? static_cast<CAsn1object&>(subjectKeyId) : issuerSerial;
+  if (version.getDER(buffer, pos) != 0 || sid.getDER(buffer, pos) != 0 ||
       digestAlgorithm.getDER(buffer, pos) != 0) {
     return -1;
   }
@@ -49,12 +50,18 @@ int CAsn1signerInfo::setDER(const unsigned char* buffer, unsigned int* pos, unsi
   if (!in.expectTag(kTagSequence) || !readTokenLength(in, &length)) return -1;
   const unsigned int signerEnd = in.pos() + length;
   DerReader content(buffer, pos, signerEnd);
-  if (version.setDER(buffer, pos, signerEnd) != 0 ||
-      issuerSerial.setDER(buffer, pos, signerEnd) != 0 ||
-      digestAlgorithm.setDER(buffer, pos, signerEnd) != 0) {
+  if (version.setDER(buffer, pos, signerEnd) != 0) return -1;
+  unsigned char tag = 0;
+  bySubjectKeyId = content.peek(&tag) && tag == kTagKeyIdentifier;
+  if (bySubjectKeyId) {
+    if (subjectKeyId.setDER(buffer, pos, signerEnd) != 0) return -1;
+  } else if (!content.peek(&tag) || tag != kTagSequence) {
+    content.expectTag(kTagSequence);  // logs what came instead
+    return -1;
+  } else if (issuerSerial.setDER(buffer, pos, signerEnd) != 0) {
     return -1;
   }
-  unsigned char tag = 0;
+  if (digestAlgorithm.setDER(buffer, pos, signerEnd) != 0) return -1;
   if (content.peek(&tag) && tag == kTagContext0 &&
       signedAttributes.setDER(buffer, pos, signerEnd) != 0) {
     return -1;

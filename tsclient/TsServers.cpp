@@ -4,10 +4,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <random>
+
+#include <curl/curl.h>
 
 #include "base/Log.h"
 #include "base/Metrics.h"
+#include "base/Owners.h"
 #include "base/Stop.h"
 
 namespace {
@@ -63,6 +67,7 @@ bool isHttp(const std::string& protocol) { return protocol == "http" || protocol
 }  // namespace
 
 std::string TsServer::name() const {
+  if (!url.empty()) return url;
   std::string text = protocol + "://" + host + ":" + std::to_string(port);
   if (isHttp(protocol) && path != "/") text += "/" + path;
   return text;
@@ -104,6 +109,32 @@ bool parseTsServer(const std::string& text, TsServer* server) {
   return true;
 }
 
+bool parseTsUrl(const std::string& text, TsServer* server) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) <= ' ' || c == 0x7F) return false;
+  }
+  std::unique_ptr<CURLU, FreeWith<curl_url_cleanup>> url(curl_url());
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return false;
+  TsServer parsed;
+  char* part = nullptr;
+  const auto take = [&](CURLUPart which, unsigned int flags, std::string* to) {
+    if (curl_url_get(url.get(), which, &part, flags) != CURLUE_OK) return false;
+    *to = part;
+    curl_free(part);
+    return !to->empty();
+  };
+  std::string port;
+  if (!take(CURLUPART_SCHEME, 0, &parsed.protocol) || !isHttp(parsed.protocol) ||
+      !take(CURLUPART_HOST, 0, &parsed.host) ||
+      !take(CURLUPART_PORT, CURLU_DEFAULT_PORT, &port)) {
+    return false;
+  }
+  parsed.port = static_cast<uint16_t>(strtol(port.c_str(), nullptr, 10));
+  parsed.url = text;
+  *server = parsed;
+  return true;
+}
+
 void TsServers::configure(const TsServer& primary, const std::vector<TsServer>& fallbacks,
                           const TsRetryPolicy& policy) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -139,7 +170,9 @@ void TsServers::configureFromEnvironment(Log& log, const TsServer& primary, long
     start = comma + 1;
     if (entry.empty()) continue;
     TsServer server;
-    if (parseTsServer(entry, &server)) {
+    // With a URL for the primary, http(s) entries are posted as written too.
+    const bool asUrl = !primary.url.empty() && entry.compare(0, 4, "tcp:") != 0;
+    if (asUrl ? parseTsUrl(entry, &server) : parseTsServer(entry, &server)) {
       fallbacks.push_back(server);
     } else {
       log.msg(__LINE__, 2,
