@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
+#include <openssl/rsa.h>
 #include <openssl/ts.h>
 #include <openssl/x509.h>
 
@@ -39,12 +40,16 @@ TokenMaker& maker() {
   return *m;
 }
 
-// Verifies signature over data with the certificate's key and digest nid.
-bool signatureVerifies(X509* cert, int nid, const CAsn1string& data, const CAsn1string& sig) {
+// Verifies signature over data with the certificate's key and digest nid
+// (RSASSA-PSS padding when pss).
+bool signatureVerifies(X509* cert, int nid, const CAsn1string& data, const CAsn1string& sig,
+                       bool pss) {
   EVP_PKEY* key = X509_get0_pubkey(cert);
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  EVP_PKEY_CTX* pctx = nullptr;
   return ctx &&
-         EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_get_digestbynid(nid), nullptr, key) == 1 &&
+         EVP_DigestVerifyInit(ctx.get(), &pctx, EVP_get_digestbynid(nid), nullptr, key) == 1 &&
+         (!pss || EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1) &&
          EVP_DigestVerify(ctx.get(), sig.data(), sig.length(), data.data(), data.length()) == 1;
 }
 
@@ -62,7 +67,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     std::string serial;  // INTEGER content octets, hex
     // cert: the token carries the signer and the CA; essV1: signingCertificate
     // rather than v2; extras: accuracy, ordering, TSA name, fractional genTime;
-    // ski: the SignerInfo names the signer by key identifier (version 3).
+    // ski: the SignerInfo names the signer by key identifier (version 3); pss:
+    // an rsaEncryption key signs with RSASSA-PSS.
     const char* flags;
   } cases[] = {
       {SignerKey::kRsa, NID_sha1, NID_sha256, "01020304", "cert"},
@@ -79,6 +85,7 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
       {SignerKey::kEc521, NID_sha3_512, NID_sha512, "0080", "cert extras"},
       {SignerKey::kRsa, NID_sha256, NID_sha256, "7F" + std::string(126, '5'), "cert extras ski"},
       {SignerKey::kEc256, NID_sha256, NID_sha256, "01", "ski"},
+      {SignerKey::kRsa, NID_sha256, NID_sha256, "01", "cert pss ski"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(OBJ_nid2sn(c.imprintNid)) + " " + c.serial + " " + c.flags);
@@ -91,6 +98,7 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     shape.serial = testing_support::fromHex(c.serial);
     if (has(c.flags, "essV1")) shape.ess = testtsa::EssCertId::kV1;
     shape.signerByKeyId = has(c.flags, "ski");
+    shape.pssPadding = has(c.flags, "pss");
     shape.includeSigner = certReq;
     if (nonce) shape.nonce = {0x7A, 0x01, 0x02};
     shape.genTime = 1700000000;
@@ -153,7 +161,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     CAsn1string tbs;
     ASSERT_EQ(resp.getTBSbuf(&tbs), 0);
     EXPECT_EQ(tbs.data()[0], kTagSet);
-    EXPECT_TRUE(signatureVerifies(signer, digestNid, tbs, resp.getSignature()));
+    EXPECT_TRUE(signatureVerifies(signer, digestNid, tbs, resp.getSignature(),
+                                  has(c.flags, "pss") || c.key == SignerKey::kRsaPss));
     // The ESS attribute (a SEQUENCE) beyond the three named attributes.
     const CAsn1attribute* essCert = resp.getSigner().signedAttributes.find(
         has(c.flags, "essV1") ? NID_id_smime_aa_signingCertificate

@@ -261,8 +261,10 @@ std::string TokenMaker::grant(const std::string& tstInfo, bool withCertificates,
   CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_PARTIAL | CMS_BINARY));
   const EVP_MD* md = shape_.signerDigest ? shape_.signerDigest : EVP_sha256();
   // An RSA-PSS key signs with its parameters at hand, so that the
-  // SignerInfo names RSASSA-PSS with them rather than rsaEncryption.
-  bool pss = EVP_PKEY_is_a(signer_->key.get(), "RSA-PSS");
+  // SignerInfo names RSASSA-PSS with them rather than rsaEncryption; so does
+  // a plain RSA key asked to.
+  bool pss = EVP_PKEY_is_a(signer_->key.get(), "RSA-PSS") ||
+             (shape_.pssPadding && EVP_PKEY_is_a(signer_->key.get(), "RSA"));
   int flags = CMS_PARTIAL | CMS_BINARY | CMS_NOSMIMECAP | CMS_NOCERTS | (pss ? CMS_KEY_PARAM : 0) |
               (shape_.signerByKeyId ? CMS_USE_KEYID : 0);
   CMS_SignerInfo* si =

@@ -43,6 +43,7 @@ struct TokenShape {
   bool tsaName = false;  // the signer's subject as directoryName
   EssCertId ess = EssCertId::kV1;
   bool signerByKeyId = false;  // SignerInfo version 3, subjectKeyIdentifier
+  bool pssPadding = false;     // an rsaEncryption key signs with RSASSA-PSS
   bool unsignedAttribute = false;
   int fractionDigits = 0;                // of a second in genTime, 0..6
   const EVP_MD* signerDigest = nullptr;  // nullptr: SHA-256

@@ -48,6 +48,7 @@ int usage(const char* program) {
       "Token shapes of real servers:\n"
       "  --key KIND         signing key: rsa (default), rsa-pss, ec256, ec384 (signs with "
       "SHA-384)\n"
+      "  --pss              an rsa key signs with RSASSA-PSS (the key stays rsaEncryption)\n"
       "  --intermediate     the signer is issued by an intermediate CA under the CA\n"
       "  --serial-bytes N   token serial numbers and the signer's (and intermediate's)\n"
       "                     certificate serials (at most 20) of exactly N octets, 1..64\n"
@@ -81,9 +82,10 @@ int main(int argc, char** argv) {
       options.signer.intermediate = true;
       continue;
     }
-    if (arg == "--ordering" || arg == "--tsa-name" || arg == "--unsigned-attr") {
+    if (arg == "--ordering" || arg == "--tsa-name" || arg == "--unsigned-attr" || arg == "--pss") {
       bool& flag = arg == "--ordering"   ? options.shape.ordering
                    : arg == "--tsa-name" ? options.shape.tsaName
+                   : arg == "--pss"      ? options.shape.pssPadding
                                          : options.shape.unsignedAttribute;
       flag = true;
       continue;

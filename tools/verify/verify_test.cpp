@@ -92,6 +92,7 @@ TEST_F(VerifyTest, VerdictsAgreeWithOpenSsl) {
       {"ski-serial64", {"--sid", "ski", "--serial-bytes", "64", "--intermediate"},
        true, true, false, false, true, "", false},
       {"ski-untrusted", {"--sid", "ski"}, false, true, true, false, true, "", false},
+      {"pss-with-rsa-key", {"--pss"}, true, true, false, false, true, "", false},
       {"trailing-bytes", {"--fault", "trailing"}, true, true, false, false, false,
        "8 bytes follow the TimeStampResp", false},
       // clang-format on
