@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "testing/DerTest.h"
 #include "testing/LogCapture.h"
 #include "der/CAsn1bigInteger.h"
@@ -51,14 +49,8 @@ TEST(CAsn1integer, EncodesMinimalFormsAndDecodesWithoutSignExtension) {
 // Decoded as they came; written from a number in minimal form.
 TEST(CAsn1bigInteger, KeepsUpTo64OctetsAsTheyCame) {
   const std::string serial20 = "02 14 7f 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13";
-  std::string octets63, hex63;
-  for (int i = 1; i <= 63; ++i) {
-    char two[4];
-    snprintf(two, sizeof two, " %02x", i);
-    octets63 += two;
-    snprintf(two, sizeof two, "%02X", i);
-    hex63 += two;
-  }
+  std::string octets63;
+  for (int i = 0; i < 63; ++i) octets63 += " 55";
   const struct {
     std::string der;
     std::string hex;  // "" = refused
@@ -72,7 +64,7 @@ TEST(CAsn1bigInteger, KeepsUpTo64OctetsAsTheyCame) {
       {serial20, "7F0102030405060708090A0B0C0D0E0F10111213"},
       {"02 15 00 c3 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13",
        "C30102030405060708090A0B0C0D0E0F10111213"},
-      {"02 40 7f" + octets63, "7F" + hex63},
+      {"02 40 7f" + octets63, "7F" + std::string(126, '5')},
       {"02 41 00 ff" + octets63, ""},
       {"02 00", ""},
   };

@@ -96,11 +96,11 @@ int CAsn1name::getString(char* buffer, unsigned int size) const {
       // A type OpenSSL does not know goes in as a detached object, never
       // into OpenSSL's object table.
       Asn1ObjectPtr unknown(type.nid == 0 ? OBJ_txt2obj(type.dotted().c_str(), 1) : nullptr);
-      X509NameEntryPtr entry(
-          unknown ? X509_NAME_ENTRY_create_by_OBJ(nullptr, unknown.get(), value.tag(),
-                                                  value.data(), textLength)
-                  : X509_NAME_ENTRY_create_by_NID(nullptr, type.nid, value.tag(), value.data(),
-                                                  textLength));
+      X509NameEntryPtr entry(unknown ? X509_NAME_ENTRY_create_by_OBJ(nullptr, unknown.get(),
+                                                                     value.tag(), value.data(),
+                                                                     textLength)
+                                     : X509_NAME_ENTRY_create_by_NID(nullptr, type.nid, value.tag(),
+                                                                     value.data(), textLength));
       if (!entry) {
         log.msg(__LINE__, 2, "X509_NAME_ENTRY_create_by_NID() failed");
         logOpenSslErrorQueue("CAsn1name", "getString");

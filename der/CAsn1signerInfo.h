@@ -51,7 +51,9 @@ class CAsn1signerInfo : public CAsn1object {
 
  private:
   unsigned int contentSize();
-  unsigned int sidSize() { return bySubjectKeyId ? subjectKeyId.getSize() : issuerSerial.getSize(); }
+  unsigned int sidSize() {
+    return bySubjectKeyId ? subjectKeyId.getSize() : issuerSerial.getSize();
+  }
 };
 
 #endif  // DER_CASN1SIGNERINFO_H_

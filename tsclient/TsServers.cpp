@@ -1,13 +1,13 @@
 #include "tsclient/TsServers.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <random>
-
-#include <curl/curl.h>
 
 #include "base/Log.h"
 #include "base/Metrics.h"
@@ -125,8 +125,7 @@ bool parseTsUrl(const std::string& text, TsServer* server) {
   };
   std::string port;
   if (!take(CURLUPART_SCHEME, 0, &parsed.protocol) || !isHttp(parsed.protocol) ||
-      !take(CURLUPART_HOST, 0, &parsed.host) ||
-      !take(CURLUPART_PORT, CURLU_DEFAULT_PORT, &port)) {
+      !take(CURLUPART_HOST, 0, &parsed.host) || !take(CURLUPART_PORT, CURLU_DEFAULT_PORT, &port)) {
     return false;
   }
   parsed.port = static_cast<uint16_t>(strtol(port.c_str(), nullptr, 10));

@@ -331,29 +331,6 @@ TEST_F(TsRequestTest, TimestampUrlIsPostedExactlyAsWritten) {
   EXPECT_FALSE(contains(requests, "/</")) << requests;
 }
 
-// A signer named by its key identifier, a 64-octet serial: the whole chain
-// of checks, over HTTP and raw TCP, with nothing but the trust anchors set.
-TEST_F(TsRequestTest, KeyIdentifierSignersAndLongSerialsPassEveryCheck) {
-  TestTsaOptions options;
-  options.extraArgs = {"--sid", "ski", "--serial-bytes", "64", "--intermediate"};
-  auto tsa = startTsa(options);
-  ScopedEnv anchors("TS_TRUST_CA", tsa->caFile().c_str());
-  for (const char* protocol : {"http", "tcp"}) {
-    SCOPED_TRACE(protocol);
-    ASSERT_EQ(initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->portFor(protocol)), protocol,
-                           nullptr),
-              0);
-    LogCapture log(LogCapture::kAllLevels);
-    ASSERT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), 0) << log.text();
-    EXPECT_TRUE(log.contains("signature checked, chain checked")) << log.text();
-    const std::string der = testing_support::decodeBase64Line(readFile(target_));
-    const TokenCheckResult stored = checkTimestampResponse(
-        reinterpret_cast<const unsigned char*>(der.data()), der.size(), nullptr, nullptr);
-    EXPECT_EQ(stored.facts.serialHex.size(), 128u);
-    unlink(target_.c_str());
-  }
-}
-
 TEST_F(TsRequestTest, TlsChecksFollowTsCafileAndTsVerfhost) {
   // The TLS certificate names localhost, 127.0.0.1 and ::1, not 127.0.0.2.
   TestTsaOptions options;

@@ -3,9 +3,9 @@
 // Builds the TSTInfo with OpenSSL's TS types and signs it as CMS SignedData,
 // so that every field real servers vary can be chosen: serial numbers of up
 // to 20 octets, accuracy, ordering, the TSA name, ESSCertID and/or
-// ESSCertIDv2, the signer by issuer and serial or by key identifier, an unsigned attribute, fractions of a second in genTime, RSA,
-// RSA-PSS and ECDSA signers; fixed serials and times for tests that compare
-// fields, and any status with texts and failure bits. A few deliberate faults
+// ESSCertIDv2, the signer by issuer and serial or by key identifier, an unsigned attribute,
+// fractions of a second in genTime, RSA, RSA-PSS and ECDSA signers; fixed serials and times for
+// tests that compare fields, and any status with texts and failure bits. A few deliberate faults
 // make tokens that look right but prove nothing (another imprint, a broken
 // signature, no certificate, an ESS attribute naming another certificate).
 // Requests are judged as OpenSSL's TSA code judges them (version, known

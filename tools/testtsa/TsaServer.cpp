@@ -122,11 +122,11 @@ const std::string kGarbage = std::string("\x30\x82\x0f\xa0", 4) + "garbage from 
 }  // namespace
 
 bool parseFault(const std::string& name, Fault* fault) {
-  for (Fault f : {Fault::kNone, Fault::kHttp500, Fault::kReject, Fault::kNotWorking,
-                  Fault::kBody4096, Fault::kBodyLarge, Fault::kBadFlag, Fault::kHang,
-                  Fault::kGarbage, Fault::kEmpty, Fault::kOtherImprint, Fault::kReplay,
-                  Fault::kBadSignature, Fault::kNoCert, Fault::kNoEku, Fault::kExpired,
-                  Fault::kTrailing}) {
+  for (Fault f :
+       {Fault::kNone, Fault::kHttp500, Fault::kReject, Fault::kNotWorking, Fault::kBody4096,
+        Fault::kBodyLarge, Fault::kBadFlag, Fault::kHang, Fault::kGarbage, Fault::kEmpty,
+        Fault::kOtherImprint, Fault::kReplay, Fault::kBadSignature, Fault::kNoCert, Fault::kNoEku,
+        Fault::kExpired, Fault::kTrailing}) {
     if (name == faultName(f)) {
       *fault = f;
       return true;
