@@ -123,6 +123,12 @@ bool parseTsUrl(const std::string& text, TsServer* server) {
     curl_free(part);
     return !to->empty();
   };
+  // Credentials belong in TIMESTAMP_LOGIN and TIMESTAMP_PASSWORD, which are
+  // never shown; a URL is shown wherever the server is named.
+  if (curl_url_get(url.get(), CURLUPART_USER, &part, 0) == CURLUE_OK) {
+    curl_free(part);
+    return false;
+  }
   std::string port;
   if (!take(CURLUPART_SCHEME, 0, &parsed.protocol) || !isHttp(parsed.protocol) ||
       !take(CURLUPART_HOST, 0, &parsed.host) || !take(CURLUPART_PORT, CURLU_DEFAULT_PORT, &port)) {

@@ -53,7 +53,8 @@ struct TsServer {
 bool parseTsServer(const std::string& text, TsServer* server);
 // Reads an http or https URL to be posted exactly as written (TIMESTAMP_URL):
 // url is text, protocol, host and port as libcurl reads them (the port by
-// default 80 or 443). false (and server unchanged) for anything else.
+// default 80 or 443). false (and server unchanged) for anything else, also
+// for a URL with a login in it.
 bool parseTsUrl(const std::string& text, TsServer* server);
 
 // What one attempt with one server came to.

@@ -168,7 +168,8 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   if (url != nullptr && *url != '\0' && !parseTsUrl(url, &primary)) {
     TsServer shown;
     shown.url = url;
-    log.msg(__LINE__, 2, "TIMESTAMP_URL '%s' is no http or https URL", serverName(shown).c_str());
+    log.msg(__LINE__, 2, "TIMESTAMP_URL '%s' is no http or https URL without a login",
+            serverName(shown).c_str());
     settingsOk = false;
   }
   log.msg(__LINE__, 9, "TimestampRequester initialized. Host: %s Port: %d Protocol: %s Path: %s",
