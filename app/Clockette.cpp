@@ -48,8 +48,8 @@ int Clockette::init(int argc, char** argv) {
     return 0;
   }
   // The port is taken as atoi gave it and handed on modulo 65536.
-  if (initTsServer(host.c_str(), static_cast<uint16_t>(port), protocol.c_str(), urlPath.c_str()) !=
-      0) {
+  if (initTsServer(host.c_str(), static_cast<uint16_t>(port), protocol.c_str(), urlPath.c_str(),
+                   url.c_str()) != 0) {
     log.msg(__LINE__, 2,
             "error in initializing timestamp library. The call of function "
             "initTsServer(host='%s',port=%d,protocol='%s',path='%s') failed.",
@@ -94,7 +94,8 @@ int Clockette::parseOneArgument(int argc, char** argv, int* position) {
     String* field;  // null: the port
   };
   const Option options[] = {{"-host", &host},        {"-port", nullptr}, {"-protocol", &protocol},
-                            {"-url_path", &urlPath}, {"-login", &login}, {"-password", &password}};
+                            {"-url_path", &urlPath}, {"-login", &login}, {"-password", &password},
+                            {"-url", &url}};
   int at = *position;
   for (const Option& o : options) {
     if (strcmp(argv[at], o.option) != 0) continue;
@@ -122,6 +123,7 @@ void Clockette::readEnvironment() {
   if (const char* v = getenv("TIMESTAMP_HOST")) host = v;
   if (const char* v = getenv("TIMESTAMP_PORT")) port = atoi(v);
   if (const char* v = getenv("TIMESTAMP_URL_PATH")) urlPath = v;
+  if (const char* v = getenv("TIMESTAMP_URL")) url = v;
   if (const char* v = getenv("TIMESTAMP_LOGIN")) login = v;
   if (const char* v = getenv("TIMESTAMP_PASSWORD")) password = v;
   if (const char* v = getenv("TS_PARALLEL")) {

@@ -34,7 +34,7 @@ class Clockette : public Kavlet {
   // failed (logged, recorded in the protocol and sent as an operator
   // notification).
   int service(const char* directory) override;
-  // Takes -host, -port, -protocol, -url_path, -login and -password with
+  // Takes -host, -port, -protocol, -url_path, -url, -login and -password with
   // their value; 0 for any other argument or a value missing at the end.
   int parseOneArgument(int argc, char** argv, int* position) override;
   void printAddOnUsage() override;
@@ -44,7 +44,7 @@ class Clockette : public Kavlet {
   void printHintsUsage() override;
   void printVersion() override;
   // The Kavlet variables, then TIMESTAMP_PROTOCOL, TIMESTAMP_HOST,
-  // TIMESTAMP_PORT, TIMESTAMP_URL_PATH, TIMESTAMP_LOGIN, TIMESTAMP_PASSWORD;
+  // TIMESTAMP_PORT, TIMESTAMP_URL_PATH, TIMESTAMP_URL, TIMESTAMP_LOGIN, TIMESTAMP_PASSWORD;
   // a variable that is set, even to an empty value, replaces its setting.
   // TS_PARALLEL sets parallel; a value that is no whole number from 1 to 64
   // is logged at level 2 and the default (8) stays.
@@ -62,6 +62,7 @@ class Clockette : public Kavlet {
   int port;         // its TCP port, as atoi gives it (handed on modulo 65536)
   String protocol;  // "http" or "https", passed on unchecked
   String urlPath;   // path part of the server URL
+  String url;       // a whole http(s) URL posted as written; empty: the designed form
   String login;     // HTTP Basic user; empty: none. Never printed.
   String password;  // HTTP Basic password; empty: none. Never printed.
   // Timestamp requests of one document under way at the same time

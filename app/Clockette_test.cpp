@@ -21,7 +21,8 @@ using namespace testing_support;
 
 const char* const kVariables[] = {"TIMESTAMP_PROTOCOL", "TIMESTAMP_HOST", "TIMESTAMP_PORT",
                                   "TIMESTAMP_URL_PATH", "KVHOST",         "TIMESTAMP_LOGIN",
-                                  "TIMESTAMP_PASSWORD", "KVPORT",         "LOGLEVEL"};
+                                  "TIMESTAMP_PASSWORD", "KVPORT",         "LOGLEVEL",
+                                  "TIMESTAMP_URL"};
 
 class ClocketteTest : public ::testing::Test {
  protected:
@@ -58,15 +59,17 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
     Argv args;
     const char *host, *protocol, *urlPath, *login, *password;
     int port;
+    const char* url = "";
   } cases[] = {
       // clang-format off
       {{{"TIMESTAMP_HOST", "a"}, {"TIMESTAMP_PORT", "318"}, {"TIMESTAMP_PROTOCOL", "https"},
-        {"TIMESTAMP_URL_PATH", "/tsa"}, {"TIMESTAMP_LOGIN", "u"}, {"TIMESTAMP_PASSWORD", "p"}},
-       {"c"}, "a", "https", "/tsa", "u", "p", 318},
+        {"TIMESTAMP_URL_PATH", "/tsa"}, {"TIMESTAMP_LOGIN", "u"}, {"TIMESTAMP_PASSWORD", "p"},
+        {"TIMESTAMP_URL", "https://a/tsr"}},
+       {"c"}, "a", "https", "/tsa", "u", "p", 318, "https://a/tsr"},
       // The command line wins over the environment.
-      {{{"TIMESTAMP_HOST", "a"}, {"TIMESTAMP_PORT", "318"}},
+      {{{"TIMESTAMP_HOST", "a"}, {"TIMESTAMP_PORT", "318"}, {"TIMESTAMP_URL", "https://a/tsr"}},
        {"c", "-host", "b", "-port", "70000", "-protocol", "x", "-url_path", "/p", "-login", "l",
-        "-password", "w"}, "b", "x", "/p", "l", "w", 70000},
+        "-password", "w", "-url", "http://b:8/x"}, "b", "x", "/p", "l", "w", 70000, "http://b:8/x"},
       // A variable set to an empty value replaces the default; atoi decides the port.
       {{{"TIMESTAMP_HOST", ""}, {"TIMESTAMP_URL_PATH", ""}, {"TIMESTAMP_PORT", "http"}},
        {"c"}, "", "http", "", "", "", 0},
@@ -82,6 +85,7 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
     EXPECT_EQ(tool.host, c.host);
     EXPECT_EQ(tool.protocol, c.protocol);
     EXPECT_EQ(tool.urlPath, c.urlPath);
+    EXPECT_EQ(tool.url, c.url);
     EXPECT_EQ(tool.login, c.login);
     EXPECT_EQ(tool.password, c.password);
     EXPECT_EQ(tool.port, c.port);

@@ -25,6 +25,33 @@ std::string CAsn1ietfStatusInfo::statusText() const {
   return std::string(reinterpret_cast<const char*>(statusString.data()), statusString.length());
 }
 
+std::string CAsn1ietfStatusInfo::failInfoNames() const {
+  // Named bits of PKIFailureInfo, by their number in the BIT STRING.
+  static const struct {
+    unsigned int bit;
+    const char* name;
+  } kNames[] = {{0, "badAlg"},
+                {2, "badRequest"},
+                {5, "badDataFormat"},
+                {14, "timeNotAvailable"},
+                {15, "unacceptedPolicy"},
+                {16, "unacceptedExtension"},
+                {17, "addInfoNotAvailable"},
+                {25, "systemFailure"}};
+  std::string names;
+  const unsigned int count = failInfo.bitCount();
+  for (unsigned int bit = 0; bit < count; ++bit) {
+    // Entry 0 holds the last bit of the string (see CAsn1bitString).
+    if (failInfo.getBit(count - 1 - bit) == 0) continue;
+    std::string name = "bit " + std::to_string(bit);
+    for (const auto& n : kNames) {
+      if (n.bit == bit) name = n.name;
+    }
+    names += (names.empty() ? "" : ", ") + name;
+  }
+  return names;
+}
+
 int CAsn1ietfStatusInfo::getDER(DerWriter& out) const {
   Log log("CAsn1ietfStatusInfo", "getDER", __FILE__, __LINE__, 13);
   const size_t sequence = out.open(kTagSequence);

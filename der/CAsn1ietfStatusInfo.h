@@ -30,6 +30,9 @@ class CAsn1ietfStatusInfo : public CAsn1object {
 
   // The status string as text (empty when there is none).
   std::string statusText() const;
+  // The set PKIFailureInfo bits by name, "badAlg, badDataFormat"; a bit
+  // without a name as "bit 9"; empty when none is set.
+  std::string failInfoNames() const;
 
   CAsn1integer status;
   CAsn1string statusString{kTagUtf8String};

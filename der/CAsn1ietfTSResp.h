@@ -54,6 +54,7 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   const CAsn1contentInfo& getToken() const { return token_; }
 
   const CAsn1signerInfo& getSigner() const { return signerInfo_; }
+  // Empty when the signer is named by key identifier (getSigner().bySubjectKeyId).
   const CAsn1issuerSerial& getSignerIssuerSerial() const { return issuerSerial_; }
   // Certificate i of the token (0..19); null for i >= 20, a token that is no
   // SignedData, or no such certificate.

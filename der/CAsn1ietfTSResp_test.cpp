@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
+#include <openssl/rsa.h>
 #include <openssl/ts.h>
 #include <openssl/x509.h>
 
@@ -39,12 +40,16 @@ TokenMaker& maker() {
   return *m;
 }
 
-// Verifies signature over data with the certificate's key and digest nid.
-bool signatureVerifies(X509* cert, int nid, const CAsn1string& data, const CAsn1string& sig) {
+// Verifies signature over data with the certificate's key and digest nid
+// (RSASSA-PSS padding when pss).
+bool signatureVerifies(X509* cert, int nid, const CAsn1string& data, const CAsn1string& sig,
+                       bool pss) {
   EVP_PKEY* key = X509_get0_pubkey(cert);
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  EVP_PKEY_CTX* pctx = nullptr;
   return ctx &&
-         EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_get_digestbynid(nid), nullptr, key) == 1 &&
+         EVP_DigestVerifyInit(ctx.get(), &pctx, EVP_get_digestbynid(nid), nullptr, key) == 1 &&
+         (!pss || EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1) &&
          EVP_DigestVerify(ctx.get(), sig.data(), sig.length(), data.data(), data.length()) == 1;
 }
 
@@ -61,7 +66,9 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     int signerDigestNid;
     std::string serial;  // INTEGER content octets, hex
     // cert: the token carries the signer and the CA; essV1: signingCertificate
-    // rather than v2; extras: accuracy, ordering, TSA name, fractional genTime.
+    // rather than v2; extras: accuracy, ordering, TSA name, fractional genTime;
+    // ski: the SignerInfo names the signer by key identifier (version 3); pss:
+    // an rsaEncryption key signs with RSASSA-PSS.
     const char* flags;
   } cases[] = {
       {SignerKey::kRsa, NID_sha1, NID_sha256, "01020304", "cert"},
@@ -76,6 +83,9 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
       {SignerKey::kEc256, NID_sha1, NID_sha256, "02", "cert extras essV1"},
       {SignerKey::kEc384, NID_sha384, NID_sha384, "11" + std::string(30, '5'), "cert extras"},
       {SignerKey::kEc521, NID_sha3_512, NID_sha512, "0080", "cert extras"},
+      {SignerKey::kRsa, NID_sha256, NID_sha256, "7F" + std::string(126, '5'), "cert extras ski"},
+      {SignerKey::kEc256, NID_sha256, NID_sha256, "01", "ski"},
+      {SignerKey::kRsa, NID_sha256, NID_sha256, "01", "cert pss ski"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(OBJ_nid2sn(c.imprintNid)) + " " + c.serial + " " + c.flags);
@@ -87,6 +97,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     shape.signerDigest = EVP_get_digestbynid(c.signerDigestNid);
     shape.serial = testing_support::fromHex(c.serial);
     if (has(c.flags, "essV1")) shape.ess = testtsa::EssCertId::kV1;
+    shape.signerByKeyId = has(c.flags, "ski");
+    shape.pssPadding = has(c.flags, "pss");
     shape.includeSigner = certReq;
     if (nonce) shape.nonce = {0x7A, 0x01, 0x02};
     shape.genTime = 1700000000;
@@ -115,7 +127,7 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     ASSERT_TRUE(resp.hasToken());
     EXPECT_EQ(resp.getStatus(), 0);
     const CAsn1TSTInfo& tst = resp.getTSTInfo();
-    EXPECT_EQ(tst.policy.nid, OBJ_txt2nid(shape.policyOid.c_str()));
+    EXPECT_EQ(tst.policy.dotted(), shape.policyOid);
     EXPECT_EQ(tst.genTime.derText(), extras ? "20231114221320.25Z" : "20231114221320Z");
     EXPECT_EQ(tst.hasNonce(), nonce);
     EXPECT_TRUE(!nonce || tst.nonce.hex() == "7A0102") << tst.nonce.hex();
@@ -128,10 +140,16 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     EXPECT_EQ(signerAmongThem, certReq);
 
     // The signer named in the token is the TSA certificate (its serial has no sign octet).
-    const ASN1_INTEGER* serial = X509_get0_serialNumber(signer);
-    const unsigned char* serialBytes = ASN1_STRING_get0_data(serial);
-    EXPECT_EQ(bytesOf(resp.getSignerIssuerSerial().serial),
-              Bytes(serialBytes, serialBytes + ASN1_STRING_length(serial)));
+    const ASN1_STRING* id = X509_get0_serialNumber(signer);
+    CAsn1string named = resp.getSignerIssuerSerial().serial;
+    EXPECT_EQ(resp.getSigner().bySubjectKeyId, shape.signerByKeyId);
+    EXPECT_EQ(resp.getSigner().version.value, shape.signerByKeyId ? 3 : 1);
+    if (shape.signerByKeyId) {
+      id = X509_get0_subject_key_id(signer);
+      named = resp.getSigner().subjectKeyId;
+    }
+    const unsigned char* idBytes = ASN1_STRING_get0_data(id);
+    EXPECT_EQ(bytesOf(named), Bytes(idBytes, idBytes + ASN1_STRING_length(id)));
 
     // The signed attributes and the signature fit together: messageDigest is
     // the hash of the TSTInfo, the signature covers the attributes as a SET.
@@ -143,7 +161,8 @@ TEST(CAsn1ietfTSResp, GrantedTokensDecodeLikeOpenSslReencodeIdenticallyAndCheck)
     CAsn1string tbs;
     ASSERT_EQ(resp.getTBSbuf(&tbs), 0);
     EXPECT_EQ(tbs.data()[0], kTagSet);
-    EXPECT_TRUE(signatureVerifies(signer, digestNid, tbs, resp.getSignature()));
+    EXPECT_TRUE(signatureVerifies(signer, digestNid, tbs, resp.getSignature(),
+                                  has(c.flags, "pss") || c.key == SignerKey::kRsaPss));
     // The ESS attribute (a SEQUENCE) beyond the three named attributes.
     const CAsn1attribute* essCert = resp.getSigner().signedAttributes.find(
         has(c.flags, "essV1") ? NID_id_smime_aa_signingCertificate
@@ -184,13 +203,17 @@ TEST(CAsn1ietfTSResp, StatusTextsAndFailureInfo) {
     int status;
     std::vector<std::string> texts;
     std::vector<int> bits;
+    const char* names;  // of the bits
   } cases[] = {
-      {TS_STATUS_GRANTED_WITH_MODS, {"policy changed"}, {}},
-      {TS_STATUS_REJECTION, {}, {}},
-      {TS_STATUS_REJECTION, {"unsupported algorithm"}, {TS_INFO_BAD_ALG}},
-      {TS_STATUS_WAITING, {"busy", "try again later"}, {TS_INFO_SYSTEM_FAILURE}},
-      {TS_STATUS_REJECTION, {"no policy", "bad request"}, {TS_INFO_UNACCEPTED_POLICY, 2}},
-      {TS_STATUS_REVOCATION_WARNING, {"revocation soon"}, {}},
+      {TS_STATUS_GRANTED_WITH_MODS, {"policy changed"}, {}, ""},
+      {TS_STATUS_REJECTION, {}, {}, ""},
+      {TS_STATUS_REJECTION, {"unsupported algorithm"}, {TS_INFO_BAD_ALG}, "badAlg"},
+      {TS_STATUS_WAITING, {"busy", "try again later"}, {TS_INFO_SYSTEM_FAILURE}, "systemFailure"},
+      {TS_STATUS_REJECTION,
+       {"no policy", "bad request"},
+       {TS_INFO_UNACCEPTED_POLICY, 2, 9},
+       "badRequest, bit 9, unacceptedPolicy"},
+      {TS_STATUS_REVOCATION_WARNING, {"revocation soon"}, {}, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.status);
@@ -206,9 +229,7 @@ TEST(CAsn1ietfTSResp, StatusTextsAndFailureInfo) {
     EXPECT_EQ(resp.getStatus(), c.status);
     EXPECT_EQ(resp.getStatusString(), c.texts.empty() ? "" : c.texts[0]);
     // Bit numbers count from the first octet's top bit; the library holds them reversed.
-    const CAsn1bitString& bits = resp.statusInfo.failInfo;
-    EXPECT_EQ(bits.countSet(), c.bits.size());
-    for (int bit : c.bits) EXPECT_EQ(bits.getBit(bits.bitCount() - 1 - bit), 1) << bit;
+    EXPECT_EQ(resp.statusInfo.failInfoNames(), c.names);
     EXPECT_EQ(resp.hasToken(), c.status == TS_STATUS_GRANTED_WITH_MODS);
     if (c.texts.empty()) {
       EXPECT_EQ(encodeDER(resp), der);

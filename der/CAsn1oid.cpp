@@ -14,10 +14,9 @@
 
 namespace {
 
-// OpenSSL 3.0 does not lock its table of added objects: an OBJ_create while
-// another thread looks a NID up can break the lookup. Answers are decoded on
-// several threads at once (and may register an unknown policy), so every use
-// of the table here goes through this lock.
+// OpenSSL 3.0 does not lock its table of added objects: an OBJ_create at
+// start-up while another thread looks a NID up can break the lookup. Every
+// use of the table here goes through this lock.
 std::mutex& objectTable() {
   static std::mutex lock;
   return lock;
@@ -42,34 +41,49 @@ std::string dottedText(const ASN1_OBJECT* obj) {
 
 }  // namespace
 
-int CAsn1oid::getDER(DerWriter& out) const {
-  Log log("CAsn1oid", "getDER", __FILE__, __LINE__, 13);
+std::vector<unsigned char> CAsn1oid::der() const {
+  std::vector<unsigned char> out;
   if (nid == 0) {
-    log.msg(__LINE__, 2, "Object not initialized");
-    return -1;
+    if (unknown_.empty()) return out;
+    DerWriter writer;
+    const size_t oid = writer.open(kTagOid);
+    writer.bytes(unknown_);
+    writer.close(oid);
+    return writer.release();
   }
   const ASN1_OBJECT* obj;
   {
     std::lock_guard<std::mutex> hold(objectTable());
     obj = OBJ_nid2obj(nid);  // the table's entries are never removed
   }
-  if (obj == nullptr) {
+  const int n = obj != nullptr ? i2d_ASN1_OBJECT(obj, nullptr) : 0;
+  if (n <= 0) return out;
+  out.resize(static_cast<size_t>(n));
+  unsigned char* p = out.data();
+  if (i2d_ASN1_OBJECT(obj, &p) != n) out.clear();
+  return out;
+}
+
+int CAsn1oid::getDER(DerWriter& out) const {
+  Log log("CAsn1oid", "getDER", __FILE__, __LINE__, 13);
+  if (!isSet()) {
+    log.msg(__LINE__, 2, "Object not initialized");
+    return -1;
+  }
+  const std::vector<unsigned char> bytes = der();
+  if (bytes.empty()) {
     logOpenSslErrorQueue("CAsn1oid", "getDER");
     return -1;
   }
-  int n = i2d_ASN1_OBJECT(obj, nullptr);
-  unsigned char* p = n > 0 ? out.zeros(static_cast<unsigned int>(n)) : nullptr;
-  if (n <= 0 || i2d_ASN1_OBJECT(obj, &p) != n) {
-    logOpenSslErrorQueue("CAsn1oid", "getDER");
-    return -1;
-  }
-  log.msg(__LINE__, 9, "serialized OBJECT %s", longName(nid));
+  out.bytes(bytes);
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "serialized OBJECT %s", dotted().c_str());
   return 0;
 }
 
 int CAsn1oid::setDER(const unsigned char* buffer, unsigned int* pos, unsigned int end) {
   Log log("CAsn1oid", "setDER", __FILE__, __LINE__, 13);
   nid = 0;
+  unknown_.clear();
   DerReader in(buffer, pos, end);
   unsigned char tag = 0;
   if (!in.need(1)) return -1;
@@ -87,6 +101,7 @@ int CAsn1oid::setDER(const unsigned char* buffer, unsigned int* pos, unsigned in
   unsigned long long run =
       (after - start) + static_cast<unsigned long long>(static_cast<unsigned int>(length));
   const unsigned char* p = buffer + start;
+  // Decoding checks the octets; it adds nothing to OpenSSL's object table.
   Asn1ObjectPtr obj(d2i_ASN1_OBJECT(nullptr, &p, static_cast<long>(run)));
   if (!obj) {
     logOpenSslErrorQueue("CAsn1oid", "setDER");
@@ -96,40 +111,37 @@ int CAsn1oid::setDER(const unsigned char* buffer, unsigned int* pos, unsigned in
   {
     std::lock_guard<std::mutex> hold(objectTable());
     nid = OBJ_obj2nid(obj.get());
-    if (nid == NID_undef) {
-      // Unknown to OpenSSL: register it so that it has a NID and re-encodes.
-      std::string text = dottedText(obj.get());
-      nid = text.empty() ? NID_undef : OBJ_create(text.c_str(), text.c_str(), text.c_str());
-    }
   }
   if (nid == NID_undef) {
-    logOpenSslErrorQueue("CAsn1oid", "setDER");
     nid = 0;
-    return -1;
+    unknown_.assign(buffer + after, buffer + after + length);
   }
-  log.msg(__LINE__, 9, "deserialized OBJECT %s", longName(nid));
+  if (Log::getLevel(Log::kDebug)) log.msg(__LINE__, 9, "deserialized OBJECT %s", dotted().c_str());
   return 0;
 }
 
 unsigned int CAsn1oid::getSize() const {
   Log log("CAsn1oid", "getSize", __FILE__, __LINE__, 13);
-  if (nid == 0) return 0;
-  const ASN1_OBJECT* obj;
-  {
-    std::lock_guard<std::mutex> hold(objectTable());
-    obj = OBJ_nid2obj(nid);
-  }
-  if (obj == nullptr) return 0;
-  int n = i2d_ASN1_OBJECT(obj, nullptr);
-  return n > 0 ? static_cast<unsigned int>(n) : 0;
+  return static_cast<unsigned int>(der().size());
 }
+
+std::string CAsn1oid::dotted() const {
+  const std::vector<unsigned char> bytes = der();
+  const unsigned char* p = bytes.data();
+  Asn1ObjectPtr obj(bytes.empty() ? nullptr
+                                  : d2i_ASN1_OBJECT(nullptr, &p, static_cast<long>(bytes.size())));
+  return obj ? dottedText(obj.get()) : std::string();
+}
+
+bool CAsn1oid::sameAs(const CAsn1oid& other) const { return isSet() && der() == other.der(); }
 
 void CAsn1oid::print() const {
   Log log("CAsn1oid", "print", __FILE__, __LINE__, 13);
-  std::unique_lock<std::mutex> hold(objectTable());
-  const ASN1_OBJECT* obj = nid != 0 ? OBJ_nid2obj(nid) : nullptr;
-  std::string text = obj ? dottedText(obj) : std::string();
-  const char* sn = nid != 0 ? OBJ_nid2sn(nid) : nullptr;
-  hold.unlock();
-  printf("[%3d] %s (%s) (%s)\n", nid, text.c_str(), longName(nid), sn ? sn : "");
+  const char* sn = nullptr;
+  if (nid != 0) {
+    std::lock_guard<std::mutex> hold(objectTable());
+    sn = OBJ_nid2sn(nid);
+  }
+  printf("[%3d] %s (%s) (%s)\n", nid, dotted().c_str(), nid != 0 ? longName(nid) : "",
+         sn ? sn : "");
 }

@@ -9,18 +9,24 @@
 
 using namespace testing_support;
 
-TEST(CAsn1oid, UnknownIdentifierIsRegisteredAndReencodes) {
+// An identifier from a peer is never added to OpenSSL's object table.
+TEST(CAsn1oid, UnknownIdentifierKeepsItsOctetsAndReencodes) {
   // 1.3.6.1.4.1.99999.42.7 is not one of OpenSSL's.
   const char* hex = "06 0a 2b 06 01 04 01 86 8d 1f 2a 07";
   CAsn1oid oid;
   ASSERT_EQ(setDerHex(oid, hex), 0);
-  EXPECT_NE(oid.nid, 0);
-  EXPECT_STREQ(OBJ_nid2sn(oid.nid), "1.3.6.1.4.1.99999.42.7");
+  EXPECT_EQ(oid.nid, 0);
+  EXPECT_TRUE(oid.isSet());
+  EXPECT_EQ(OBJ_txt2nid("1.3.6.1.4.1.99999.42.7"), NID_undef);
+  EXPECT_EQ(oid.dotted(), "1.3.6.1.4.1.99999.42.7");
   EXPECT_EQ(derHex(oid), hex);
-  // A second decoding finds the registered NID again.
-  CAsn1oid again;
+  CAsn1oid again, known(NID_sha256);
   ASSERT_EQ(setDerHex(again, hex), 0);
-  EXPECT_EQ(again.nid, oid.nid);
+  EXPECT_TRUE(again.sameAs(oid));
+  EXPECT_FALSE(known.sameAs(oid));
+  ASSERT_EQ(setDerHex(again, derHex(known)), 0);
+  EXPECT_EQ(again.nid, NID_sha256);
+  EXPECT_TRUE(again.sameAs(known));
 }
 
 // Refused input leaves no identifier behind; OpenSSL refuses an empty one.
@@ -29,7 +35,7 @@ TEST(CAsn1oid, RefusesBadInputAndUnsetIdentifiers) {
   for (const char* hex : {"04 03 55 04 03", "06 03 55 04", "06", "06 00", "06 02 80 80"}) {
     CAsn1oid oid(NID_sha1);
     EXPECT_EQ(setDerHex(oid, hex), -1) << hex;
-    EXPECT_EQ(oid.nid, 0) << hex;
+    EXPECT_FALSE(oid.isSet()) << hex;
   }
   EXPECT_TRUE(log.contains("Expected 0x06, got 0x04"));
   // An unset identifier cannot be encoded.

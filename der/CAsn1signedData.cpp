@@ -47,7 +47,7 @@ int CAsn1signedData::getDER(DerWriter& out) const {
   const size_t sequence = out.open(kTagSequence);
   if (version.getDER(out) != 0) return -1;
   const size_t digests = out.open(kTagSet);
-  if (digestAlgorithm.algorithm.nid != 0 && digestAlgorithm.getDER(out) != 0) return -1;
+  if (digestAlgorithm.algorithm.isSet() && digestAlgorithm.getDER(out) != 0) return -1;
   out.close(digests);
   if (encapContent.getDER(out) != 0) return -1;
   if (!certs_.empty()) {

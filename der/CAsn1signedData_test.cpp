@@ -208,10 +208,10 @@ TEST(CAsn1TSTInfo, KeepsTheRestRawAndTheLastIntegerAsNonce) {
     EXPECT_EQ(Bytes(tbs.data(), tbs.data() + tbs.length()),
               Bytes(der.begin() + static_cast<long>(headers), der.end()));
   }
-  // Nonces of up to 21 content octets are read, longer ones refused.
+  // Nonces of up to 64 content octets are read, longer ones refused.
   CAsn1TSTInfo tst;
-  EXPECT_EQ(decode(tst, tstInfo(tlv(0x02, Bytes(21, 0x11)))), 0);
-  EXPECT_EQ(decode(tst, tstInfo(tlv(0x02, Bytes(22, 0x11)))), -1);
+  EXPECT_EQ(decode(tst, tstInfo(tlv(0x02, Bytes(64, 0x11)))), 0);
+  EXPECT_EQ(decode(tst, tstInfo(tlv(0x02, Bytes(65, 0x11)))), -1);
 }
 
 TEST(CAsn1attributes, KeepsUnknownValuesAndStopsAtTen) {

@@ -13,8 +13,9 @@ const unsigned char kNullParameters[] = {kTagNull, 0x00};
 int CAsn1signerInfo::getDER(DerWriter& out) const {
   Log log("CAsn1signerInfo", "getDER", __FILE__, __LINE__, 13);
   const size_t sequence = out.open(kTagSequence);
-  if (version.getDER(out) != 0 || issuerSerial.getDER(out) != 0 ||
-      digestAlgorithm.getDER(out) != 0) {
+  const CAsn1object& sid =
+      bySubjectKeyId ? static_cast<const CAsn1object&>(subjectKeyId) : issuerSerial;
+  if (version.getDER(out) != 0 || sid.getDER(out) != 0 || digestAlgorithm.getDER(out) != 0) {
     return -1;
   }
   if (signedAttributes.count() > 0 && signedAttributes.getDER(out) != 0) return -1;
@@ -31,12 +32,18 @@ int CAsn1signerInfo::setDER(const unsigned char* buffer, unsigned int* pos, unsi
   if (!in.expectTag(kTagSequence) || !readTokenLength(in, &length)) return -1;
   const unsigned int signerEnd = in.pos() + length;
   DerReader content(buffer, pos, signerEnd);
-  if (version.setDER(buffer, pos, signerEnd) != 0 ||
-      issuerSerial.setDER(buffer, pos, signerEnd) != 0 ||
-      digestAlgorithm.setDER(buffer, pos, signerEnd) != 0) {
+  if (version.setDER(buffer, pos, signerEnd) != 0) return -1;
+  unsigned char tag = 0;
+  bySubjectKeyId = content.peek(&tag) && tag == kTagKeyIdentifier;
+  if (bySubjectKeyId) {
+    if (subjectKeyId.setDER(buffer, pos, signerEnd) != 0) return -1;
+  } else if (!content.peek(&tag) || tag != kTagSequence) {
+    content.expectTag(kTagSequence);  // logs what came instead
+    return -1;
+  } else if (issuerSerial.setDER(buffer, pos, signerEnd) != 0) {
     return -1;
   }
-  unsigned char tag = 0;
+  if (digestAlgorithm.setDER(buffer, pos, signerEnd) != 0) return -1;
   if (content.peek(&tag) && tag == kTagContext0 &&
       signedAttributes.setDER(buffer, pos, signerEnd) != 0) {
     return -1;

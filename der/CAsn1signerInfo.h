@@ -1,9 +1,13 @@
 // CAsn1signerInfo: the one SignerInfo of a timestamp token.
-// ASN.1: SignerInfo ::= SEQUENCE { version INTEGER, sid IssuerAndSerialNumber,
+// ASN.1: SignerInfo ::= SEQUENCE { version INTEGER, sid SignerIdentifier,
 //   digestAlgorithm AlgorithmIdentifier, signedAttrs [0] IMPLICIT Attributes
 //   OPTIONAL, signatureAlgorithm AlgorithmIdentifier, signature OCTET STRING,
 //   unsignedAttrs [1] IMPLICIT OPTIONAL }
+// SignerIdentifier ::= CHOICE { issuerAndSerialNumber IssuerAndSerialNumber,
+//   subjectKeyIdentifier [0] IMPLICIT OCTET STRING }
 //
+// Servers name their signer either way (version 1 by issuer and serial,
+// version 3 by key identifier); both are read and written back as read.
 // Unsigned attributes are neither read nor written. A value type.
 #ifndef DER_CASN1SIGNERINFO_H_
 #define DER_CASN1SIGNERINFO_H_
@@ -32,8 +36,13 @@ class CAsn1signerInfo : public CAsn1object {
   int setSignature(int pkeyType, const unsigned char* signature, unsigned int length,
                    int digestNid);
 
+  static constexpr unsigned char kTagKeyIdentifier = 0x80;
+
   CAsn1integer version{1};
+  // The signer: by key identifier when bySubjectKeyId, else by issuerSerial.
+  bool bySubjectKeyId = false;
   CAsn1issuerSerial issuerSerial;
+  CAsn1string subjectKeyId{kTagKeyIdentifier};
   CAsn1algorithmIdentifier digestAlgorithm;
   CAsn1attributes signedAttributes;
   CAsn1algorithmIdentifier signatureAlgorithm;

@@ -164,25 +164,26 @@ std::string bodyText(const ResponseBuffer& rb) {
   return std::string(reinterpret_cast<const char*>(rb.data), rb.used).c_str();
 }
 
-}  // namespace
-
-int CurlTransport::exchange(Log& log, const TsServer& server,
-                            const std::vector<unsigned char>& request, long long timeoutMs,
-                            ResponseBuffer* answer, unsigned int* offset,
-                            TsAttempt* outcome) const {
-  const TsSettings& s = *settings_;
-  *offset = 0;
-  CURLSH* share = CurlShare::instance().get();
-  // libcurl's own words for a failure; outlives the handle that writes it.
-  char curlError[CURL_ERROR_SIZE] = "";
-  CurlPtr curl(curl_easy_init());
-  if (!curl) {
-    log.msg(__LINE__, 2, "curl returns error %d(%s)", CURLE_FAILED_INIT,
-            curl_easy_strerror(CURLE_FAILED_INIT));
-    return -4;
+// The URL of server, "" when it cannot be allocated: as written when it has
+// one, else "<protocol>://<host>:<port>/</<path>". The "/</" between port and
+// path is what the deployed Timestamp Servers expect; it is not a typo.
+std::string urlOf(Log& log, const TsServer& server) {
+  if (!server.url.empty()) return server.url;
+  size_t urlSize = server.host.size() + server.path.size() + 100;
+  std::unique_ptr<char[]> url(new (std::nothrow) char[urlSize]);
+  if (!url) {
+    log.msg(__LINE__, 2, "Error allocating timestamp request URL.");
+    return std::string();
   }
-  CURL* c = curl.get();
-  if (share != nullptr) {
+  snprintf(url.get(), urlSize, "%s://%s:%d/</%s", server.protocol.c_str(), server.host.c_str(),
+           server.port, server.path.c_str());
+  return url.get();
+}
+
+// Everything of the transfer but the request: shared caches, trace, TLS,
+// redirects, time-outs, libcurl's error text and the stop check.
+void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlError) {
+  if (CURLSH* share = CurlShare::instance().get()) {
     curl_easy_setopt(c, CURLOPT_SHARE, share);
     // Room in the shared cache for the connections of every parallel request.
     curl_easy_setopt(c, CURLOPT_MAXCONNECTS, kKeptConnections);
@@ -192,18 +193,6 @@ int CurlTransport::exchange(Log& log, const TsServer& server,
     curl_easy_setopt(c, CURLOPT_STDERR, Log::logfile);
     curl_easy_setopt(c, CURLOPT_VERBOSE, 1L);
   }
-  // The "/</" between port and path is what the deployed Timestamp Servers
-  // expect; it is not a typo.
-  size_t urlSize = server.host.size() + server.path.size() + 100;
-  std::unique_ptr<char[]> url(new (std::nothrow) char[urlSize]);
-  if (!url) {
-    log.msg(__LINE__, 2, "Error allocating timestamp request URL.");
-    return -1;
-  }
-  snprintf(url.get(), urlSize, "%s://%s:%d/</%s", server.protocol.c_str(), server.host.c_str(),
-           server.port, server.path.c_str());
-  log.msg(__LINE__, 8, "url: %s", url.get());
-  curl_easy_setopt(c, CURLOPT_URL, url.get());
   if (!s.caFile.empty()) {
     // With a CA file the server's chain and name are checked.
     curl_easy_setopt(c, CURLOPT_CAINFO, s.caFile.c_str());
@@ -223,35 +212,44 @@ int CurlTransport::exchange(Log& log, const TsServer& server,
   }
   curl_easy_setopt(c, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_301));
   curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(c, CURLOPT_POSTFIELDS, request.data());
-  curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
   curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, s.connectTimeoutS);
   curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs));
   curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(c, CURLOPT_ERRORBUFFER, curlError);
   curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, abortOnStop);
   curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
+}
 
-  curl_slist* headers = nullptr;
+// The POST of request with its headers (kept in *headers until the transfer
+// ends), the answer going to answer. false when an allocation failed.
+bool setRequest(Log& log, CURL* c, const TsSettings& s, const std::vector<unsigned char>& request,
+                SlistPtr* headers, ResponseBuffer* answer) {
+  curl_easy_setopt(c, CURLOPT_POSTFIELDS, request.data());
+  curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.size()));
+  curl_slist* list = nullptr;
   if (s.haveCredentials) {
     size_t authSize = s.credentials.size() + 30;
     std::unique_ptr<char[]> auth(new (std::nothrow) char[authSize]);
     if (!auth) {
       log.msg(__LINE__, 2, "Error allocating timestamp authentication.");
-      return -1;
+      return false;
     }
     snprintf(auth.get(), authSize, "Authorization: Basic %s", s.credentials.c_str());
-    headers = curl_slist_append(headers, auth.get());
+    list = curl_slist_append(list, auth.get());
     OPENSSL_cleanse(auth.get(), authSize);  // curl keeps its own copy
   }
-  headers = curl_slist_append(headers, "Content-Type: application/timestamp-query");
-  SlistPtr headerList(headers);
-  curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
+  list = curl_slist_append(list, "Content-Type: application/timestamp-query");
+  headers->reset(list);
+  curl_easy_setopt(c, CURLOPT_HTTPHEADER, list);
   curl_easy_setopt(c, CURLOPT_WRITEDATA, answer);
   curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collectResponse);
+  return true;
+}
 
-  CURLcode rc = curl_easy_perform(c);
-  headerList.reset();
+// The result of a finished transfer: 0 for HTTP 200, else -4 (libcurl
+// failed) or -5 (another HTTP status), logged with the server.
+int transferResult(Log& log, CURL* c, CURLcode rc, const TsServer& server,
+                   const ResponseBuffer& answer, const char* curlError, TsAttempt* outcome) {
   if (rc != CURLE_OK) {
     log.msg(__LINE__, 2, "curl returns error %d(%s)", rc, curl_easy_strerror(rc));
     *outcome = {-4, curlFailureMayPass(rc), curl_easy_strerror(rc)};
@@ -263,10 +261,38 @@ int CurlTransport::exchange(Log& log, const TsServer& server,
   curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
   if (status != 200) {
     log.msg(__LINE__, 2, "HTTP error-code = %d (%s)", static_cast<int>(status),
-            bodyText(*answer).c_str());
+            bodyText(answer).c_str());
     *outcome = {-5, status >= 500 && status <= 599, "HTTP " + std::to_string(status)};
     log.msgc("Timestamp Server %s", serverName(server).c_str());
     return -5;
   }
   return 0;
+}
+
+}  // namespace
+
+int CurlTransport::exchange(Log& log, const TsServer& server,
+                            const std::vector<unsigned char>& request, long long timeoutMs,
+                            ResponseBuffer* answer, unsigned int* offset,
+                            TsAttempt* outcome) const {
+  *offset = 0;
+  // libcurl's own words for a failure; outlives the handle that writes it.
+  char curlError[CURL_ERROR_SIZE] = "";
+  CurlPtr curl(curl_easy_init());
+  if (!curl) {
+    log.msg(__LINE__, 2, "curl returns error %d(%s)", CURLE_FAILED_INIT,
+            curl_easy_strerror(CURLE_FAILED_INIT));
+    return -4;
+  }
+  CURL* c = curl.get();
+  const std::string url = urlOf(log, server);
+  if (url.empty()) return -1;
+  log.msg(__LINE__, 8, "url: %s", serverName(server).c_str());
+  curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+  setTransfer(c, *settings_, timeoutMs, curlError);
+  SlistPtr headers;
+  if (!setRequest(log, c, *settings_, request, &headers, answer)) return -1;
+  CURLcode rc = curl_easy_perform(c);
+  headers.reset();
+  return transferResult(log, c, rc, server, *answer, curlError, outcome);
 }

@@ -1,6 +1,7 @@
 // CurlTransport: the HTTP and HTTPS exchange through libcurl. The request is
-// POSTed as application/timestamp-query to
-// "<protocol>://<host>:<port>/</<path>", with HTTP Basic authorization when
+// POSTed as application/timestamp-query to the server's url when it has one
+// (exactly as written), else to "<protocol>://<host>:<port>/</<path>", the
+// form the deployed servers expect, with HTTP Basic authorization when
 // credentials are set and a client certificate when one is set.
 //
 // Every exchange has an easy handle of its own; all of them share one libcurl

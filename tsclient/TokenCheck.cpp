@@ -171,11 +171,22 @@ bool Checker::readOurs(const unsigned char* der, size_t length) {
       resp.setDER(der, &pos, static_cast<unsigned int>(length)) != 0) {
     return fail("the answer is no TimeStampResp");
   }
+  // Exactly one DER object: bytes after it are no part of what was signed,
+  // and a stored answer must be what a verifier reads.
+  unsigned int end = 0, contentLength = 0;
+  DerReader outer(der, &end, static_cast<unsigned int>(length));
+  if (outer.expectTagQuiet(kTagSequence) && outer.readLength(&contentLength) &&
+      end + contentLength < length) {
+    return fail(std::to_string(length - end - contentLength) +
+                " bytes follow the TimeStampResp; an answer is exactly one DER object");
+  }
   facts_.status = resp.getStatus();
   facts_.statusText = resp.getStatusString();
+  facts_.failInfo = resp.statusInfo.failInfoNames();
   if (static_cast<unsigned int>(facts_.status) >= 2) {
     return fail("the answer's status is " + std::to_string(facts_.status) +
-                (facts_.statusText.empty() ? "" : " (" + facts_.statusText + ")"));
+                (facts_.statusText.empty() ? "" : " (" + facts_.statusText + ")") +
+                (facts_.failInfo.empty() ? "" : ", failInfo " + facts_.failInfo));
   }
   if (!resp.hasToken()) return fail("the answer is granted but carries no timestamp token");
   facts_.hasToken = true;

@@ -3,6 +3,7 @@
 // Given the DER bytes of a TimeStampResp, checkTimestampResponse decodes them
 // with our own DER classes (the parser of what we store) and then checks, in
 // this order:
+//   - the answer is exactly one DER object, nothing after it;
 //   - the status is granted (0) or grantedWithMods (1), and a token is there
 //     that OpenSSL reads as well;
 //   - the token's messageImprint (algorithm and digest) equals the expected
@@ -70,6 +71,7 @@ struct TokenExpectations {
 struct TokenFacts {
   int status = -1;         // PKIStatus; -1 when the answer did not decode
   std::string statusText;  // first PKIFreeText, if any
+  std::string failInfo;    // the set PKIFailureInfo bits by name, "badAlg, badRequest"
   bool hasToken = false;
   std::string genTime;                // "2024-01-02 03:04:05.5 GMT"
   std::string genTimeDer;             // the GeneralizedTime text as sent, "20240102030405.5Z"

@@ -3,7 +3,11 @@
 #include "tsclient/TokenCheck.h"
 
 #include <gtest/gtest.h>
+#include <openssl/objects.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -26,6 +30,13 @@ TokenExpectations imprintOf(int nid, const std::string& data) {
   e.hashNid = nid;
   e.digest = digestOf(nid, data);
   return e;
+}
+
+long residentPages() {
+  std::ifstream statm("/proc/self/statm");
+  long size = 0, resident = 0;
+  statm >> size >> resident;
+  return resident;
 }
 
 TokenCheckResult check(const Bytes& der, const TokenExpectations* expect,
@@ -91,6 +102,8 @@ TEST(TokenCheck, TokensThatProveNothingAreRefused) {
 }
 
 TEST(TokenCheck, AnswersWithoutAGrantedTokenAreRefused) {
+  TokenShape trailing;
+  trailing.trailingBytes = 8;
   struct Case {
     const char* name;
     Bytes der;
@@ -98,6 +111,13 @@ TEST(TokenCheck, AnswersWithoutAGrantedTokenAreRefused) {
   } cases[] = {
       {"granted, no token", {0x30, 0x05, 0x30, 0x03, 0x02, 0x01, 0x00}, "carries no timestamp"},
       {"rejection", {0x30, 0x05, 0x30, 0x03, 0x02, 0x01, 0x02}, "status is 2"},
+      {"rejection with failInfo",
+       {0x30, 0x09, 0x30, 0x07, 0x02, 0x01, 0x02, 0x03, 0x02, 0x07, 0x80},
+       "status is 2, failInfo badAlg"},
+      {"a good token and 8 bytes", maker().response(trailing), "8 bytes follow the TimeStampResp"},
+      {"a byte after a rejection",
+       {0x30, 0x05, 0x30, 0x03, 0x02, 0x01, 0x02, 0x00},
+       "1 bytes follow"},
       {"no TimeStampResp", {0x04, 0x01, 0x00}, "no TimeStampResp"},
       {"empty", {}, "no TimeStampResp"},
   };
@@ -128,6 +148,10 @@ TEST(TokenCheck, TrustAnchorsAndTheSignerCertificate) {
   expiredBefore.signerTo = -2 * 3600;
   TokenShape validAtGenTime = expiredBefore;  // made while the certificate was valid
   validAtGenTime.genTime = time(nullptr) - 10 * 3600;
+  TokenShape byKeyId;
+  byKeyId.signerByKeyId = true;
+  TokenShape byKeyIdNoCert = noCert;
+  byKeyIdNoCert.signerByKeyId = true;
 
   struct Case {
     const char* name;
@@ -155,6 +179,11 @@ TEST(TokenCheck, TrustAnchorsAndTheSignerCertificate) {
       {"expired before genTime", expiredBefore, dir.file("ca.pem"), "", false, true, false,
        "certificate has expired"},
       {"valid at genTime", validAtGenTime, dir.file("ca.pem"), "", true, true, true, ""},
+      {"signer by key identifier", byKeyId, dir.file("ca.pem"), "", true, true, true, ""},
+      {"signer by key identifier from the untrusted file", byKeyIdNoCert, dir.file("ca.pem"),
+       dir.file("signer.pem"), true, true, true, ""},
+      {"signer by key identifier, not at hand", byKeyIdNoCert, dir.file("ca.pem"), "", false, false,
+       false, "signer certificate is neither"},
   };
   const TokenExpectations expect = imprintOf(NID_sha256, "clockette");
   for (const Case& c : cases) {
@@ -167,6 +196,34 @@ TEST(TokenCheck, TrustAnchorsAndTheSignerCertificate) {
     EXPECT_EQ(r.facts.chainChecked, c.chainChecked) << c.name;
     EXPECT_TRUE(contains(r.reason, c.reason)) << c.name << ": " << r.reason;
   }
+}
+
+// Every answer names a policy OpenSSL has never seen; reading them must not
+// fill a process-wide table.
+TEST(TokenCheck, DistinctPolicyIdentifiersLeaveMemoryFlat) {
+  TokenShape shape;
+  shape.includeSigner = false;
+  shape.policyOid = "1.2.3.4.1.16384";  // its last arc takes three octets
+  Bytes der = maker().response(shape);
+  const Bytes oid = {0x06, 0x07, 0x2a, 0x03, 0x04, 0x01, 0x81, 0x80, 0x00};
+  const auto arc = std::search(der.begin(), der.end(), oid.begin(), oid.end()) + 6;
+  ASSERT_LT(arc, der.end()) << maker().error();
+  const auto checkAll = [&](unsigned int first, unsigned int count) {
+    for (unsigned int last = first; last < first + count; ++last) {
+      arc[0] = static_cast<uint8_t>(0x80 | (last >> 14));
+      arc[1] = static_cast<uint8_t>(0x80 | ((last >> 7) & 0x7F));
+      arc[2] = static_cast<uint8_t>(last & 0x7F);
+      ASSERT_EQ(check(der, nullptr).facts.policyOid, "1.2.3.4.1." + std::to_string(last));
+    }
+  };
+  checkAll(20000, 2000);  // the allocator's steady state
+  const long before = sysconf(_SC_PAGESIZE) * residentPages();
+  checkAll(30000, 20000);
+  EXPECT_EQ(OBJ_txt2nid("1.2.3.4.1.30000"), NID_undef);
+#if !defined(__SANITIZE_ADDRESS__)  // its quarantine holds freed memory back
+  EXPECT_LT(sysconf(_SC_PAGESIZE) * residentPages() - before, 2L * 1024 * 1024);
+#endif
+  (void)before;
 }
 
 TEST(TokenCheck, UnreadableTrustSettingsAreReported) {

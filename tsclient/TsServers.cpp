@@ -1,13 +1,17 @@
 #include "tsclient/TsServers.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <random>
 
 #include "base/Log.h"
 #include "base/Metrics.h"
+#include "base/Owners.h"
 #include "base/Stop.h"
 #include "tsclient/TsSettings.h"
 
@@ -66,12 +70,15 @@ bool isHttp(const std::string& protocol) { return protocol == "http" || protocol
 std::string maskCredentials(const std::string& text) {
   const size_t scheme = text.find("://");
   const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
-  const size_t at = text.rfind('@');
+  // Only the authority may hold a login: an "@" in a path or query stays.
+  const size_t end = text.find_first_of("/?#", start);
+  const size_t at = text.rfind('@', end);
   if (at == std::string::npos || at < start) return text;
   return text.substr(0, start) + kSecretMask + text.substr(at);
 }
 
 std::string TsServer::name() const {
+  if (!url.empty()) return maskCredentials(url);
   std::string text = protocol + "://" + maskCredentials(host) + ":" + std::to_string(port);
   if (isHttp(protocol) && path != "/") text += "/" + path;
   return text;
@@ -113,6 +120,37 @@ bool parseTsServer(const std::string& text, TsServer* server) {
   return true;
 }
 
+bool parseTsUrl(const std::string& text, TsServer* server) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) <= ' ' || c == 0x7F) return false;
+  }
+  std::unique_ptr<CURLU, FreeWith<curl_url_cleanup>> url(curl_url());
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return false;
+  TsServer parsed;
+  char* part = nullptr;
+  const auto take = [&](CURLUPart which, unsigned int flags, std::string* to) {
+    if (curl_url_get(url.get(), which, &part, flags) != CURLUE_OK) return false;
+    *to = part;
+    curl_free(part);
+    return !to->empty();
+  };
+  // Credentials belong in TIMESTAMP_LOGIN and TIMESTAMP_PASSWORD, which are
+  // never shown; a URL is shown wherever the server is named.
+  if (curl_url_get(url.get(), CURLUPART_USER, &part, 0) == CURLUE_OK) {
+    curl_free(part);
+    return false;
+  }
+  std::string port;
+  if (!take(CURLUPART_SCHEME, 0, &parsed.protocol) || !isHttp(parsed.protocol) ||
+      !take(CURLUPART_HOST, 0, &parsed.host) || !take(CURLUPART_PORT, CURLU_DEFAULT_PORT, &port)) {
+    return false;
+  }
+  parsed.port = static_cast<uint16_t>(strtol(port.c_str(), nullptr, 10));
+  parsed.url = text;
+  *server = parsed;
+  return true;
+}
+
 void TsServers::configure(const TsServer& primary, const std::vector<TsServer>& fallbacks,
                           const TsRetryPolicy& policy) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -148,7 +186,9 @@ void TsServers::configureFromEnvironment(Log& log, const TsServer& primary, long
     start = comma + 1;
     if (entry.empty()) continue;
     TsServer server;
-    if (parseTsServer(entry, &server)) {
+    // With a URL for the primary, http(s) entries are posted as written too.
+    const bool asUrl = !primary.url.empty() && entry.compare(0, 4, "tcp:") != 0;
+    if (asUrl ? parseTsUrl(entry, &server) : parseTsServer(entry, &server)) {
       fallbacks.push_back(server);
     } else {
       log.msg(__LINE__, 2,

@@ -37,9 +37,13 @@ struct TsServer {
   std::string host;      // a name, an IPv4 address or [IPv6]
   uint16_t port = 0;
   std::string path = "/";  // as TIMESTAMP_URL_PATH: the URL's text after "/</"
+  // Set (TIMESTAMP_URL): the http or https URL posted exactly as written, in
+  // place of protocol, host, port and path, which then only name the server.
+  std::string url;
 
   // protocol://host:port, with "/path" for HTTP(S) unless the path is the
-  // default: the server as TIMESTAMP_FALLBACK names it (credentials masked).
+  // default: the server as TIMESTAMP_FALLBACK names it; the url when set
+  // (credentials masked either way).
   std::string name() const;
 };
 
@@ -48,6 +52,11 @@ struct TsServer {
 // TIMESTAMP_URL_PATH would hold; missing or empty, it is "/". false (and
 // server unchanged) for anything else.
 bool parseTsServer(const std::string& text, TsServer* server);
+// Reads an http or https URL to be posted exactly as written (TIMESTAMP_URL):
+// url is text, protocol, host and port as libcurl reads them (the port by
+// default 80 or 443). false (and server unchanged) for anything else, also
+// for a URL with a login in it.
+bool parseTsUrl(const std::string& text, TsServer* server);
 
 // text (a URL, a server entry or a host) with the user information before
 // its last "@" ("user:password@") shown as "********": for every message and
@@ -95,6 +104,7 @@ class TsServers {
   // TS_FALLBACK_HOLD (seconds, default 60) and TS_FILE_DEADLINE (seconds,
   // default (retries + 1) * timeoutS). A value out of range or a malformed
   // server entry is logged at level 2 and left out (the default is used).
+  // When the primary has a url, http and https entries are URLs as well.
   void configureFromEnvironment(Log& log, const TsServer& primary, long timeoutS);
 
   // Runs attempts until one brings an answer, the failure is no passing one,

@@ -63,7 +63,8 @@ uint64_t responseLimitFromEnv(Log& log) {
 
 bool readTokenSettings(Log& log, TsSettings* s) {
   s->sendNonce = switchIsOn(getenv("TS_NONCE"));
-  s->certReq = switchIsOn(getenv("TS_CERTREQ"));
+  const char* certReq = getenv("TS_CERTREQ");
+  s->certReq = switchIsOn(certReq);
   s->policyOid = envText("TS_POLICY");
   s->policyNidRequested = 0;
   bool ok = true;
@@ -96,6 +97,15 @@ bool readTokenSettings(Log& log, TsSettings* s) {
       log.msg(__LINE__, 2, "Timestamp trust settings unusable: %s", error.c_str());
       ok = false;
     }
+  }
+  // Anchors without the signer's certificates need the certificate in the
+  // token: ask for it unless the operator said no.
+  const bool certReqOff = certReq != nullptr && *certReq != '\0' && !s->certReq;
+  if (!ca.empty() && certs.empty() && !certReqOff) s->certReq = true;
+  if (ca.empty()) {
+    log.msg(__LINE__, 4,
+            "Timestamps are stored without a check of the signer certificate's chain: set "
+            "TS_TRUST_CA to the trust anchors of the Timestamp Server");
   }
   log.msg(__LINE__, 9,
           "token checks: nonce %s, certReq %s, policy '%s', trust anchors '%s', TSA certificates "

@@ -6,6 +6,7 @@
 #include "tsclient/TsSettings.h"
 
 std::string serverName(const TsServer& server) {
+  if (!server.url.empty()) return maskCredentials(server.url);
   const std::string host = maskCredentials(server.host);
   char text[64];
   if (isHttpServer(server)) {

@@ -141,7 +141,8 @@ int initTimeStamper() {
   return s.policyNid == 0 ? 1 : 0;
 }
 
-int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path) {
+int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path,
+                 const char* url) {
   Log log(kComponent, "initTsServer", __FILE__, __LINE__, 13);
   startSockets(1, 1);
   ERR_load_crypto_strings();
@@ -162,7 +163,14 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
   s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
   s.responseLimit = responseLimitFromEnv(log);
-  const bool settingsOk = readTokenSettings(log, &s);
+  bool settingsOk = readTokenSettings(log, &s);
+  if (url != nullptr && *url != '\0' && !parseTsUrl(url, &primary)) {
+    TsServer shown;
+    shown.url = url;
+    log.msg(__LINE__, 2, "TIMESTAMP_URL '%s' is no http or https URL without a login",
+            serverName(shown).c_str());
+    settingsOk = false;
+  }
   log.msg(__LINE__, 9, "TimestampRequester initialized. Host: %s Port: %d Protocol: %s Path: %s",
           maskCredentials(primary.host).c_str(), primary.port, primary.protocol.c_str(),
           primary.path.c_str());
@@ -279,7 +287,13 @@ int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp) {
   if (status < 2) return 0;
   log.msg(__LINE__, 2, "Timestamp server returned unexpected status %d", static_cast<int>(status));
   std::string text = resp->getStatusString();
-  log.msgc("%s", text.c_str());
+  // The failure bits by name after the text: they say what the server disliked.
+  const std::string failInfo = resp->statusInfo.failInfoNames();
+  if (failInfo.empty()) {
+    log.msgc("%s", text.c_str());
+  } else {
+    log.msgc("%s (failInfo: %s)", text.c_str(), failInfo.c_str());
+  }
   return -1;
 }
 
@@ -311,6 +325,11 @@ int timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
   if (!r.ok) {
     log.msg(__LINE__, 2, "Timestamp refused: %s", r.reason.c_str());
     return -1;
+  }
+  if (!r.facts.signatureChecked) {
+    log.msg(__LINE__, 2,
+            "Timestamp stored with its signature not checked: neither the token nor "
+            "TS_TSA_CERTS holds the signer certificate");
   }
   log.msg(__LINE__, 9, "timestamp genTime %s serial %s policy %s, signature %s, chain %s",
           r.facts.genTime.c_str(), r.facts.serialHex.c_str(), r.facts.policyOid.c_str(),

@@ -72,9 +72,13 @@ void logOpenSslErrors();
 //     that carry none.
 //   TS_CAFILE=<PEM file>: HTTPS checks the server's chain and host name.
 //   TS_RESPONSE_LIMIT=<bytes>: the answer size limit.
+// A url (TIMESTAMP_URL, an http or https URL) takes the place of host, port,
+// protocol and path and is posted exactly as written; http(s) fallback
+// entries are then URLs too.
 // 0; -1 (after a level 2 message) when one of these settings is given but
 // unusable (the rest of the configuration is set all the same).
-int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path);
+int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path,
+                 const char* url = nullptr);
 
 // Adds the Timestamp Server settings in effect to the start-up settings
 // line: server (URL, or host:port for raw TCP), protocol, digest, time-outs,

@@ -261,9 +261,12 @@ std::string TokenMaker::grant(const std::string& tstInfo, bool withCertificates,
   CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_PARTIAL | CMS_BINARY));
   const EVP_MD* md = shape_.signerDigest ? shape_.signerDigest : EVP_sha256();
   // An RSA-PSS key signs with its parameters at hand, so that the
-  // SignerInfo names RSASSA-PSS with them rather than rsaEncryption.
-  bool pss = EVP_PKEY_is_a(signer_->key.get(), "RSA-PSS");
-  int flags = CMS_PARTIAL | CMS_BINARY | CMS_NOSMIMECAP | CMS_NOCERTS | (pss ? CMS_KEY_PARAM : 0);
+  // SignerInfo names RSASSA-PSS with them rather than rsaEncryption; so does
+  // a plain RSA key asked to.
+  bool pss = EVP_PKEY_is_a(signer_->key.get(), "RSA-PSS") ||
+             (shape_.pssPadding && EVP_PKEY_is_a(signer_->key.get(), "RSA"));
+  int flags = CMS_PARTIAL | CMS_BINARY | CMS_NOSMIMECAP | CMS_NOCERTS | (pss ? CMS_KEY_PARAM : 0) |
+              (shape_.signerByKeyId ? CMS_USE_KEYID : 0);
   CMS_SignerInfo* si =
       cms && CMS_set1_eContentType(cms.get(), OBJ_nid2obj(NID_id_smime_ct_TSTInfo)) == 1
           ? CMS_add1_signer(cms.get(), signer_->cert.get(), signer_->key.get(), md, flags)
@@ -314,7 +317,8 @@ std::string TokenMaker::grant(const std::string& tstInfo, bool withCertificates,
   std::string token(reinterpret_cast<char*>(der), static_cast<size_t>(len));
   OPENSSL_free(der);
   const int status = shape_.status == TS_STATUS_GRANTED_WITH_MODS ? shape_.status : 0;
-  return tlv(0x30, statusInfo(status, shape_.statusTexts, shape_.failureBits) + token);
+  return tlv(0x30, statusInfo(status, shape_.statusTexts, shape_.failureBits) + token) +
+         std::string(static_cast<size_t>(shape_.trailingBytes), '\x5A');
 }
 
 }  // namespace testtsa

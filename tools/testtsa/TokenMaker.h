@@ -3,9 +3,9 @@
 // Builds the TSTInfo with OpenSSL's TS types and signs it as CMS SignedData,
 // so that every field real servers vary can be chosen: serial numbers of up
 // to 20 octets, accuracy, ordering, the TSA name, ESSCertID and/or
-// ESSCertIDv2, an unsigned attribute, fractions of a second in genTime, RSA,
-// RSA-PSS and ECDSA signers; fixed serials and times for tests that compare
-// fields, and any status with texts and failure bits. A few deliberate faults
+// ESSCertIDv2, the signer by issuer and serial or by key identifier, an unsigned attribute,
+// fractions of a second in genTime, RSA, RSA-PSS and ECDSA signers; fixed serials and times for
+// tests that compare fields, and any status with texts and failure bits. A few deliberate faults
 // make tokens that look right but prove nothing (another imprint, a broken
 // signature, no certificate, an ESS attribute naming another certificate).
 // Requests are judged as OpenSSL's TSA code judges them (version, known
@@ -31,7 +31,7 @@ enum class EssCertId { kV1, kV2, kBoth };
 
 struct TokenShape {
   std::string policyOid = "1.2.3.4.1";
-  int serialBytes = 0;  // 0: serials 1, 2, ...; else exactly this many octets (at most 20)
+  int serialBytes = 0;  // 0: serials 1, 2, ...; else exactly this many octets (at most 64)
   std::vector<unsigned char> serial;  // content octets of every serial; empty: as serialBytes
   time_t genTime = 0;                 // 0: now
   long genTimeMicros = 0;             // with genTime: its fraction of a second
@@ -42,6 +42,8 @@ struct TokenShape {
   bool ordering = false;
   bool tsaName = false;  // the signer's subject as directoryName
   EssCertId ess = EssCertId::kV1;
+  bool signerByKeyId = false;  // SignerInfo version 3, subjectKeyIdentifier
+  bool pssPadding = false;     // an rsaEncryption key signs with RSASSA-PSS
   bool unsignedAttribute = false;
   int fractionDigits = 0;                // of a second in genTime, 0..6
   const EVP_MD* signerDigest = nullptr;  // nullptr: SHA-256
@@ -55,6 +57,7 @@ struct TokenShape {
   bool flipSignature = false;   // one octet of the signature value inverted
   bool noCertificates = false;  // none, even when the request asks for them
   bool essNamesIssuer = false;  // the ESS attribute names the signer's issuer
+  int trailingBytes = 0;        // bytes appended after the TimeStampResp
 };
 
 class TokenMaker {

@@ -109,6 +109,8 @@ const char* faultName(Fault f) {
       return "noeku";
     case Fault::kExpired:
       return "expired";
+    case Fault::kTrailing:
+      return "trailing";
   }
   return "?";
 }
@@ -120,10 +122,11 @@ const std::string kGarbage = std::string("\x30\x82\x0f\xa0", 4) + "garbage from 
 }  // namespace
 
 bool parseFault(const std::string& name, Fault* fault) {
-  for (Fault f : {Fault::kNone, Fault::kHttp500, Fault::kReject, Fault::kNotWorking,
-                  Fault::kBody4096, Fault::kBodyLarge, Fault::kBadFlag, Fault::kHang,
-                  Fault::kGarbage, Fault::kEmpty, Fault::kOtherImprint, Fault::kReplay,
-                  Fault::kBadSignature, Fault::kNoCert, Fault::kNoEku, Fault::kExpired}) {
+  for (Fault f :
+       {Fault::kNone, Fault::kHttp500, Fault::kReject, Fault::kNotWorking, Fault::kBody4096,
+        Fault::kBodyLarge, Fault::kBadFlag, Fault::kHang, Fault::kGarbage, Fault::kEmpty,
+        Fault::kOtherImprint, Fault::kReplay, Fault::kBadSignature, Fault::kNoCert, Fault::kNoEku,
+        Fault::kExpired, Fault::kTrailing}) {
     if (name == faultName(f)) {
       *fault = f;
       return true;
@@ -234,6 +237,7 @@ bool TsaServer::start(std::string* error) {
   shape.otherImprint = options_.fault == Fault::kOtherImprint;
   shape.flipSignature = options_.fault == Fault::kBadSignature;
   shape.noCertificates = options_.fault == Fault::kNoCert;
+  shape.trailingBytes = options_.fault == Fault::kTrailing ? 8 : 0;
   maker_ = std::make_unique<TokenMaker>(shape, &signer_);
 
   if (options_.httpsPort >= 0) {

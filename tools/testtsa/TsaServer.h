@@ -46,11 +46,12 @@ enum class Fault {
   kNoCert,        // no certificate in the token, even when the request asks for them
   kNoEku,         // signed by a certificate without the timeStamping usage
   kExpired,       // signed by a certificate that expired before genTime
+  kTrailing,      // a good answer with 8 bytes after it (inside the raw TCP frame)
 };
 
 // "none", "http500", "reject", "notworking", "body4096", "bodylarge", "badflag",
 // "hang", "garbage", "empty", "otherimprint", "replay", "badsignature",
-// "nocert", "noeku", "expired". Returns false for an unknown name.
+// "nocert", "noeku", "expired", "trailing". Returns false for an unknown name.
 bool parseFault(const std::string& name, Fault* fault);
 
 struct TsaOptions {

@@ -40,20 +40,25 @@ int usage(const char* program) {
       "                     digest), replay (the previous answer again), badsignature (one\n"
       "                     signature octet inverted), nocert (no certificate even on\n"
       "                     certReq), noeku (signer without timeStamping usage), expired\n"
-      "                     (signer expired before genTime)\n"
+      "                     (signer expired before genTime), trailing (8 bytes after the\n"
+      "                     answer)\n"
       "  --delay-ms N       hold every answer N milliseconds (default 0)\n"
       "  --fault-count N    only the first N requests get a fault of the first line but\n"
       "                     reject, later ones a timestamp (default: all)\n"
       "Token shapes of real servers:\n"
       "  --key KIND         signing key: rsa (default), rsa-pss, ec256, ec384 (signs with "
       "SHA-384)\n"
+      "  --pss              an rsa key signs with RSASSA-PSS (the key stays rsaEncryption)\n"
       "  --intermediate     the signer is issued by an intermediate CA under the CA\n"
       "  --serial-bytes N   token serial numbers and the signer's (and intermediate's)\n"
-      "                     certificate serials of exactly N octets, 1..20 (default: 1, 2, ...)\n"
+      "                     certificate serials (at most 20) of exactly N octets, 1..64\n"
+      "                     (default: 1, 2, ...)\n"
       "  --accuracy S,MS,US accuracy in seconds, milliseconds, microseconds (default 1,0,0);\n"
       "                     \"none\" leaves it out\n"
       "  --ordering         ordering TRUE\n"
       "  --tsa-name         the signer's subject as TSA name\n"
+      "  --sid issuer|ski   the SignerInfo names its signer by issuer and serial (version 1,\n"
+      "                     default) or by subjectKeyIdentifier (version 3)\n"
       "  --ess v1|v2|both   signingCertificate (ESSCertID, default), signingCertificateV2\n"
       "                     (ESSCertIDv2, SHA-256) or both\n"
       "  --unsigned-attr    an unsigned attribute in the SignerInfo\n"
@@ -77,9 +82,10 @@ int main(int argc, char** argv) {
       options.signer.intermediate = true;
       continue;
     }
-    if (arg == "--ordering" || arg == "--tsa-name" || arg == "--unsigned-attr") {
+    if (arg == "--ordering" || arg == "--tsa-name" || arg == "--unsigned-attr" || arg == "--pss") {
       bool& flag = arg == "--ordering"   ? options.shape.ordering
                    : arg == "--tsa-name" ? options.shape.tsaName
+                   : arg == "--pss"      ? options.shape.pssPadding
                                          : options.shape.unsignedAttribute;
       flag = true;
       continue;
@@ -91,8 +97,9 @@ int main(int argc, char** argv) {
       if (options.signer.key == testtsa::KeyKind::kEc384) options.shape.signerDigest = EVP_sha384();
     } else if (arg == "--serial-bytes") {
       int n = atoi(value.c_str());
-      if (n < 1 || n > 20) return usage(argv[0]);
-      options.shape.serialBytes = options.signer.serialBytes = n;
+      if (n < 1 || n > 64) return usage(argv[0]);
+      options.shape.serialBytes = n;
+      options.signer.serialBytes = n < 20 ? n : 20;  // certificates keep to RFC 5280's 20
     } else if (arg == "--accuracy") {
       testtsa::TokenShape& shape = options.shape;
       shape.accuracy = value != "none";
@@ -100,6 +107,9 @@ int main(int argc, char** argv) {
                                    &shape.accuracyMillis, &shape.accuracyMicros) != 3) {
         return usage(argv[0]);
       }
+    } else if (arg == "--sid") {
+      if (value != "issuer" && value != "ski") return usage(argv[0]);
+      options.shape.signerByKeyId = value == "ski";
     } else if (arg == "--ess") {
       if (value == "v1") {
         options.shape.ess = testtsa::EssCertId::kV1;

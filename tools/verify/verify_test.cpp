@@ -75,6 +75,9 @@ TEST_F(VerifyTest, VerdictsAgreeWithOpenSsl) {
     bool changeData;
     bool ok;
     const char* reason;  // in clockette-verify's line when it fails
+    // "openssl ts -verify" refuses signers named by key identifier; it reads
+    // an answer with bytes after it as if they were not there.
+    bool opensslTsAgrees = true;
   } cases[] = {
       // clang-format off
       {"plain", {}, false, true, true, false, true, ""},
@@ -89,6 +92,12 @@ TEST_F(VerifyTest, VerdictsAgreeWithOpenSsl) {
       // Without anchors the signature is still checked, with a signer at hand.
       {"signature-only", {}, true, false, false, false, true, ""},
       {"no-signer-at-hand", {}, false, false, false, false, false, "no signer certificate"},
+      {"ski-serial64", {"--sid", "ski", "--serial-bytes", "64", "--intermediate"},
+       true, true, false, false, true, "", false},
+      {"ski-untrusted", {"--sid", "ski"}, false, true, true, false, true, "", false},
+      {"pss-with-rsa-key", {"--pss"}, true, true, false, false, true, "", false},
+      {"trailing-bytes", {"--fault", "trailing"}, true, true, false, false, false,
+       "8 bytes follow the TimeStampResp", false},
       // clang-format on
   };
   for (const Case& c : cases) {
@@ -111,7 +120,7 @@ TEST_F(VerifyTest, VerdictsAgreeWithOpenSsl) {
               0u)
         << r.out;
     EXPECT_TRUE(contains(r.out, c.reason)) << r.out;
-    if (!c.withCa) continue;
+    if (!c.withCa || !c.opensslTsAgrees) continue;
     const std::string why =
         testing_support::verifyTimestampResponse(readFile(doc + "/data.tst.der"), doc + "/data.txt",
                                                  ca(), c.withCerts ? tsa->tsaCertFile() : "");
