@@ -1,22 +1,13 @@
 #include "base/SideThread.h"
 
-#include <unistd.h>
-
 #include <system_error>
 #include <thread>
 #include <utility>
 
 SideThread& SideThread::instance() {
   // Never destroyed: the thread may still wait on it while the process
-  // ends. A forked child gets one of its own: the copy of the parent's
-  // mutex and condition variable may be in a state only the parent's
-  // thread could resolve.
-  static SideThread* side = nullptr;
-  static pid_t process = 0;
-  if (side == nullptr || process != getpid()) {
-    side = new SideThread;
-    process = getpid();
-  }
+  // ends.
+  static SideThread* side = new SideThread;
   return *side;
 }
 

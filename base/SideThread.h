@@ -10,8 +10,7 @@
 //   if (aside) side.wait();
 //
 // One caller thread (the one that does the documents) hands over one job at
-// a time and waits for it. A forked child starts a thread of its own when
-// it needs one.
+// a time and waits for it.
 #ifndef BASE_SIDETHREAD_H_
 #define BASE_SIDETHREAD_H_
 

@@ -7,6 +7,7 @@
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
 #include "kavlet/Reporter.h"
+#include "kavlet/Signals.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolService.h"
 
@@ -42,6 +43,7 @@ int Kavlet::connectToKV(ToolHandler* handler) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
+  startSignalThread();
   setKvPort(kvPort);
   callKVhi(handler, kvHost.c_str(), 0);
   return run() == ToolNext::kExitOk ? 1 : 0;
@@ -53,6 +55,7 @@ int Kavlet::connectToKVForService(ToolHandler* handler) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
+  startSignalThread();
   setKvPort(kvPort);
   callKVhi(handler, kvHost.c_str(), 1);
   // Held so that a signal waits for the service and its goodbye.

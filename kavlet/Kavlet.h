@@ -43,8 +43,8 @@ class Kavlet : public ToolHandler {
  public:
   static constexpr int kDefaultKvPort = 4032;
 
-  // Sets the defaults, makes this object theKavlet and installs the signal
-  // and console handlers.
+  // Sets the defaults, makes this object theKavlet and blocks the stop
+  // signals for the signal thread.
   Kavlet();
   Kavlet(const Kavlet&) = delete;
   Kavlet& operator=(const Kavlet&) = delete;
@@ -126,10 +126,11 @@ class Kavlet : public ToolHandler {
   // Test mode: works on every subdirectory of testPath (or on testPath
   // itself when it has none), in byte order, atoi(testCount) times (at
   // least once), printing one line per document to standard output.
-  // With testJobs above 1, that many worker processes (forked after init)
+  // With testJobs above 1, that many worker processes (kavlet/SideBySide.h)
   // work on documents side by side; the lines keep the order and form of a
-  // run one after the other. Returns 1 when every document was done, 0
-  // otherwise.
+  // run one after the other. After a stop no further document is started.
+  // Returns 1 when every document was done, 0 otherwise (in a worker
+  // process: 1 when it ended).
   int test();
   // The local time as "[%Y/%m/%d %H:%M:%S] " in a process-wide buffer that
   // the next call overwrites.
@@ -193,9 +194,8 @@ class Kavlet : public ToolHandler {
   int suspendTime;
 
  private:
-  // Starts the signal thread (once per process) that turns SIGINT, SIGTERM,
-  // SIGQUIT and SIGHUP into sig_handler / sigwin_handler calls. Its body
-  // lives with the signal handling code (kavlet/Signals.cpp).
+  // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
+  // takes them (kavlet/Signals.h), which connectKV starts.
   void installHandlers();
   // Reads the -env setup packages named on the command line.
   void readEnvPackages(int argc, char** argv);

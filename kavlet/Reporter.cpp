@@ -80,7 +80,7 @@ void finishAtExit() { reporterFinish(); }
 
 }  // namespace
 
-void reporterStart(bool serving, bool background) {
+void reporterStart(bool serving) {
   ReporterState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   if (s.started) return;
@@ -90,7 +90,7 @@ void reporterStart(bool serving, bool background) {
   const char* path = getenv("CLOCKETTE_METRICS_FILE");
   s.metricsPath = path ? path : "";
   atexit(finishAtExit);
-  if (!background || (s.metricsPath.empty() && !serving)) return;
+  if (s.metricsPath.empty() && !serving) return;
   std::thread(backgroundLoop).detach();
 }
 

@@ -56,6 +56,12 @@ int consoleEventForSignal(int signal) {
   return -1;
 }
 
+void blockWorkerSignals() {
+  sigset_t set;
+  workerSignalSet(&set);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 int startSignalThread() {
   Log log(kComponent, "startSignalThread", __FILE__, __LINE__, 13);
   sigset_t set;
@@ -82,5 +88,5 @@ int startSignalThread() {
 
 void Kavlet::installHandlers() {
   Log log("Kavlet", "installHandlers", __FILE__, __LINE__, 13);
-  startSignalThread();
+  blockWorkerSignals();
 }

@@ -3,10 +3,11 @@
 // A Linux worker gets the stop requests that a console program elsewhere
 // gets as console events. They are not handled in asynchronous signal
 // handlers, which could run in the middle of anything the worker does:
-// SIGINT, SIGTERM, SIGQUIT and SIGHUP are blocked in the thread that starts
-// the signal thread (the main thread, before it starts any other) and so in
-// every thread it starts later, and one thread takes them with sigwait and
-// calls the handlers of kavlet/Kv.h in ordinary thread context:
+// SIGINT, SIGTERM, SIGQUIT and SIGHUP are blocked in the main thread as soon
+// as the Kavlet exists (a signal that comes early stays pending), and so in
+// every thread it starts later; once the process will not fork any more
+// (kavlet/SideBySide.h), one thread takes them with sigwait and calls the
+// handlers of kavlet/Kv.h in ordinary thread context:
 //   SIGINT  -> sig_handler(2)
 //   SIGTERM -> sigwin_handler(close event)   (service stop, shutdown)
 //   SIGQUIT -> sigwin_handler(break event)
@@ -20,6 +21,9 @@
 #define KAVLET_SIGNALS_H_
 
 #include <csignal>
+
+// Blocks the four signals in the calling thread.
+void blockWorkerSignals();
 
 // Blocks the four signals in the calling thread and starts the signal thread
 // on the first call; later calls only block them in the calling thread.
