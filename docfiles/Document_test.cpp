@@ -107,14 +107,7 @@ TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
 // directory permissions apply. Returns body's result (the child's exit code).
 int runUnprivileged(int (*body)(const std::string&), const std::string& dir) {
   if (geteuid() != 0) return body(dir);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(99);
-    _exit(body(dir));
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
+  return runForked([&] { return setgid(65534) != 0 || setuid(65534) != 0 ? 99 : body(dir); });
 }
 
 TEST_F(DocumentTest, UnwritableDirectoryFailsCleanlyAndLosesNothing) {

@@ -76,8 +76,6 @@ void backgroundLoop() {
   }
 }
 
-void finishAtExit() { reporterFinish(); }
-
 }  // namespace
 
 void reporterStart(bool serving) {
@@ -89,7 +87,6 @@ void reporterStart(bool serving) {
   s.start = Clock::now();
   const char* path = getenv("CLOCKETTE_METRICS_FILE");
   s.metricsPath = path ? path : "";
-  atexit(finishAtExit);
   if (s.metricsPath.empty() && !serving) return;
   std::thread(backgroundLoop).detach();
 }

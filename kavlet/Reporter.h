@@ -8,8 +8,8 @@
 //
 // One reporter per process. reporterStart starts a background thread when
 // there is something to do in the background; reporterFinish may be called
-// from any thread, more than once (only the first call acts), and also runs
-// from an exit handler for the ways out through exit().
+// from any thread, more than once (only the first call acts); the worker's
+// end (finishWorker, kavlet/Kv.h) calls it.
 #ifndef KAVLET_REPORTER_H_
 #define KAVLET_REPORTER_H_
 

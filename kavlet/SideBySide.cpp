@@ -30,6 +30,9 @@ int threadCount() {
   return count;
 }
 
+// A worker's answer for a document it did not take: it was stopping.
+constexpr int64_t kNotTaken = -1;
+
 }  // namespace
 
 SideBySide::~SideBySide() {
@@ -90,10 +93,17 @@ void SideBySide::serve(const std::function<int(size_t)>& work) {
     uint64_t number;
     // Nothing more (the parent is done or gone): the worker's end.
     if (recv(channel_, &number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) break;
-    int64_t answer[2] = {static_cast<int64_t>(number), work(static_cast<size_t>(number))};
+    int64_t answer[2] = {static_cast<int64_t>(number),
+                         stopRequested() ? kNotTaken : work(static_cast<size_t>(number))};
     if (send(channel_, answer, sizeof answer, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof answer)) {
       break;
     }
+  }
+  // Documents handed over after the stop go back untouched, to the others.
+  uint64_t number;
+  while (recv(channel_, &number, sizeof number, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof number)) {
+    int64_t back[2] = {static_cast<int64_t>(number), kNotTaken};
+    if (send(channel_, back, sizeof back, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof back)) break;
   }
   close(channel_);
   channel_ = -1;
@@ -102,25 +112,29 @@ void SideBySide::serve(const std::function<int(size_t)>& work) {
 bool SideBySide::run(size_t total, const std::function<void(size_t, int)>& done) {
   std::vector<int> results(total, -1);  // -1: not known yet
   size_t next = 0;                      // next document to hand out
+  std::vector<size_t> returned;         // documents a stopping worker gave back
   size_t passed = 0;                    // results passed to done so far
   bool healthy = true;
   bool stopping = false;
   auto retire = [&](Worker* worker) {
-    healthy = false;  // the worker died; it gets no more documents
-    close(worker->fd);
+    close(worker->fd);  // the worker is gone or going; it gets no more documents
     worker->fd = -1;
     worker->busy = false;
   };
   auto handOut = [&](Worker* worker) {
-    if (stopping || next >= total || worker->fd < 0) return;
-    uint64_t number = next;
+    if (stopping || (next >= total && returned.empty()) || worker->fd < 0) return;
+    uint64_t number = returned.empty() ? next : returned.back();
     if (send(worker->fd, &number, sizeof number, MSG_NOSIGNAL) !=
         static_cast<ssize_t>(sizeof number)) {
       retire(worker);
       return;
     }
     worker->busy = true;
-    ++next;
+    if (returned.empty()) {
+      ++next;
+    } else {
+      returned.pop_back();
+    }
   };
   for (Worker& worker : workers_) handOut(&worker);
   while (passed < total) {
@@ -149,10 +163,19 @@ bool SideBySide::run(size_t total, const std::function<void(size_t, int)>& done)
       ssize_t got = recv(worker->fd, answer, sizeof answer, 0);
       if (got != static_cast<ssize_t>(sizeof answer) || answer[0] < 0 ||
           static_cast<size_t>(answer[0]) >= total) {
+        healthy = false;  // the worker died with its document
         retire(worker);
         continue;
       }
       worker->busy = false;
+      if (answer[1] == kNotTaken) {
+        returned.push_back(static_cast<size_t>(answer[0]));
+        retire(worker);
+        for (Worker& other : workers_) {
+          if (!other.busy) handOut(&other);
+        }
+        continue;
+      }
       results[static_cast<size_t>(answer[0])] = answer[1] != 0 ? 1 : 0;
       handOut(worker);
     }

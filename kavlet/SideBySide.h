@@ -50,7 +50,8 @@ class SideBySide {
   // In the parent: hands the documents 0..total-1 to the workers and calls
   // done(number, result) in number order as soon as a result and all before
   // it are known (result 1 done, 0 failed). A worker that dies takes its
-  // document with it (failed). On a stop request the workers get SIGTERM,
+  // document with it (failed); one that stops gives back what it has not
+  // started, for the others. On a stop request the workers get SIGTERM,
   // no further document is handed out and run returns once every worker is
   // gone; documents without a result are not passed to done. false when a
   // worker died or a stop ended the run.

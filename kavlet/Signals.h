@@ -14,7 +14,8 @@
 //   SIGHUP  -> sigwin_handler(log-off event), which ignores it, so the
 //              worker survives a closed terminal.
 // Every signal but SIGHUP first raises the process-wide stop request
-// (base/Stop.h), which cuts the order in hand short.
+// (base/Stop.h), which cuts the order in hand short and lets main end the
+// worker (kavlet/Kv.h); the thread itself ends nothing.
 // Child processes inherit the blocked mask across exec; a worker that starts
 // programs must unblock the signals in the child.
 #ifndef KAVLET_SIGNALS_H_
@@ -30,6 +31,10 @@ void blockWorkerSignals();
 // Returns 1, or 0 when the thread could not be started (the signals then
 // keep their default actions).
 int startSignalThread();
+
+// Ends the signal thread and waits for it, from the main thread at the end
+// of the process (later signals stay pending). Only the first call acts.
+void stopSignalThread();
 
 // The console event a signal stands for, or -1 for a signal that is not
 // mapped to one (SIGINT goes to sig_handler directly).
