@@ -609,6 +609,87 @@ TEST_F(EndToEndTest, AStopEndsTheWorkerPromptlyInTheMiddleOfADocument) {
   }
 }
 
+// The processes whose parent is pid, and the CPU seconds a process has used
+// (-1 once it is gone: a zombie counts as gone).
+std::vector<int> childrenOf(int pid) {
+  std::vector<int> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string stat = readIfThere(entry.path().string() + "/stat");
+    int child = 0, parent = 0;
+    size_t end = stat.rfind(')');
+    if (end != std::string::npos && sscanf(stat.c_str(), "%d", &child) == 1 &&
+        sscanf(stat.c_str() + end + 1, " %*c %d", &parent) == 1 && parent == pid) {
+      found.push_back(child);
+    }
+  }
+  return found;
+}
+double cpuSeconds(int pid) {
+  std::string stat = readIfThere("/proc/" + std::to_string(pid) + "/stat");
+  size_t end = stat.rfind(')');
+  char state = 'Z';
+  unsigned long user = 0, system = 0;
+  if (end == std::string::npos ||
+      sscanf(stat.c_str() + end + 1, " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %lu %lu", &state,
+             &user, &system) != 3 ||
+      state == 'Z') {
+    return -1;
+  }
+  return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+bool allGoneWithin(const std::vector<int>& pids, std::chrono::milliseconds limit) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (std::any_of(pids.begin(), pids.end(), [](int pid) { return cpuSeconds(pid) >= 0; })) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+// -jobs 3 while every exchange takes seconds: a stop of the parent ends every
+// worker and then the parent, a stop of one worker ends only that one (its
+// document fails, the others go on), and workers whose parent is killed end
+// by themselves. No stop raises a notification, and nothing spins.
+TEST_F(EndToEndTest, SideBySideWorkersStopWithTheParentAloneAndWhenTheParentDies) {
+  TestTsaOptions slow;
+  slow.extraArgs = {"--delay-ms", "4000"};
+  std::unique_ptr<TestTsa> slowTsa(startTsa(slow));
+  ASSERT_TRUE(slowTsa->ready());
+  options_.env["TIMESTAMP_PORT"] = std::to_string(slowTsa->httpPort());
+  for (int stop : {SIGTERM, 0, SIGKILL}) {  // 0: SIGTERM to one worker
+    SCOPED_TRACE(stop);
+    docs_ = dir_.file("docs-" + std::to_string(stop));
+    makeDir(docs_);
+    for (const char* name : {"a", "b", "c", "d"}) {
+      addDocument(name, "TIMESTAMP_FILE data.txt data.tst\n", {{"data.txt", name}});
+    }
+    BackgroundChild parent(testArgs({"-jobs", "3", "-loglevel", "10"}), options_);
+    ASSERT_TRUE(waitForText(dir_.file("logs/clockette.log"), "url: http://"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::vector<int> workers = childrenOf(parent.pid());
+    ASSERT_EQ(workers.size(), 3u);
+    kill(stop == 0 ? workers[0] : parent.pid(), stop == 0 ? SIGTERM : stop);
+    if (stop == 0) {
+      EXPECT_TRUE(allGoneWithin({workers[0]}, std::chrono::seconds(2)));
+      double before = cpuSeconds(parent.pid()) + cpuSeconds(workers[1]) + cpuSeconds(workers[2]);
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      double after = cpuSeconds(parent.pid()) + cpuSeconds(workers[1]) + cpuSeconds(workers[2]);
+      EXPECT_LT(after - before, 0.3);
+      std::string out, line;
+      while (parent.readLine(&line, 30)) out += line + "\n";
+      EXPECT_EQ(parent.wait(10), 1);
+      EXPECT_EQ(count(out, " op=error "), 1) << out;
+      EXPECT_TRUE(contains(out, resultLine("ok", docs_ + "/d", 4))) << out;
+    } else {
+      workers.push_back(parent.pid());
+      EXPECT_TRUE(allGoneWithin(workers, std::chrono::seconds(2)));
+      EXPECT_EQ(parent.wait(1), stop == SIGTERM ? 1 : 128 + SIGKILL);
+    }
+    EXPECT_EQ(notices(), "");
+    remove(dir_.file("logs/clockette.log").c_str());
+  }
+}
+
 TEST_F(EndToEndTest, TheHostsTheKvIsToldOfMayCallToo) {
   for (const char* acceptFrom : {"localhost, 127.0.0.2", "any"}) {
     SCOPED_TRACE(acceptFrom);

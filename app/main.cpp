@@ -1,4 +1,6 @@
 // clockette: the timestamping worker of the pipeline.
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "app/Clockette.h"
@@ -34,18 +36,24 @@ void warnWithoutCommonSetup(Log& log, const String& configDir) {
 int main(int argc, char** argv) {
   Log log("main", "main", __FILE__, __LINE__, 13);
   String configDir = configDirectory();
-  readSetup("COMMON");  // ends the process with 1 when CONFIG is not set
+  if (readSetup("COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
   installEventPrefix(argc > 0 ? argv[0] : "");
 
-  // Lives until the process ends, which destroys it (endProcess).
+  // Destroyed by finishWorker.
   Clockette* worker = new Clockette();
-  if (worker->init(argc, argv) == 0) return 1;
-  log.msg(__LINE__, 3, "%s started, %s", worker->name.c_str(), kVersionBanner);
-  log.msg(__LINE__, 3, "settings: %s", worker->settingsLine().c_str());
-  warnWithoutCommonSetup(log, configDir);
-
-  // connectKV gives 1 for the good outcome (the test run did every document,
-  // the KV ended the service) and 0 otherwise: 1 maps to exit code 0 and 0 to 1.
-  int rc = worker->connectKV();
-  endProcess(rc == 0 ? 1 : rc == 1 ? 0 : rc);
+  int status = 1;
+  if (worker->init(argc, argv) == 0) {
+    if (worker->usageShown) status = 0;
+  } else {
+    log.msg(__LINE__, 3, "%s started, %s", worker->name.c_str(), kVersionBanner);
+    log.msg(__LINE__, 3, "settings: %s", worker->settingsLine().c_str());
+    warnWithoutCommonSetup(log, configDir);
+    // connectKV gives 1 for the good outcome (the test run did every document,
+    // the KV ended the service) and 0 otherwise: 1 maps to exit code 0 and 0 to 1.
+    int rc = worker->connectKV();
+    status = rc == 0 ? 1 : rc == 1 ? 0 : rc;
+  }
+  // The one way out, once the goodbye is said and the threads are stopped.
+  // Without static destructors: idle side threads of libraries may remain.
+  _exit(finishWorker(status));
 }

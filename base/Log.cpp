@@ -80,16 +80,8 @@ void writeLineF(int level, const char* component, const char* function, const ch
   va_end(ap);
 }
 
-// A process forked while another thread writes a line must not start with
-// the lock held by a thread it does not have.
-void lockForFork() { g_mutex.lock(); }
-void unlockAfterFork() { g_mutex.unlock(); }
-
 struct Presets {
-  Presets() {
-    Log::init();
-    pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork);
-  }
+  Presets() { Log::init(); }
 } g_presets;
 
 }  // namespace

@@ -5,8 +5,9 @@
 // are made from these counters.
 //
 // Process-wide counters that only grow. Every function is thread-safe (the
-// files of a document are stamped on several threads at once), and worker
-// processes forked by the process count into the same counters.
+// files of a document are stamped on several threads at once), and the
+// worker processes of test mode (kavlet/SideBySide.h), forked from the
+// process, count into the same counters: they live in shared memory.
 #ifndef BASE_METRICS_H_
 #define BASE_METRICS_H_
 
@@ -29,7 +30,7 @@ void countTimestamp(int result);
 void observeAnswer(double seconds);
 
 // Timestamp Servers by position: 0 the primary, then the fallbacks (at most
-// kMaxServers). Named once at start, before test mode forks, when retries or
+// kMaxServers). Named once at start, before any worker is forked, when retries or
 // fallback servers are in use; only named servers are counted and shown.
 constexpr size_t kMaxServers = 16;
 void nameServers(const std::vector<std::string>& names);

@@ -222,7 +222,7 @@ int readSetup(const char* package) {
   const char* config = getenv("CONFIG");
   if (config == nullptr || *config == '\0') {
     fprintf(stderr, "Environment variable CONFIG not set!\n");
-    exit(1);
+    return -1;
   }
   String path = configDirectory() + "/setup/" + (package ? package : "") + ".Setup";
   FilePtr file(fopen(path.c_str(), "r"));

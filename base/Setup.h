@@ -30,8 +30,8 @@ constexpr int kSetupBufferSize = 2048;
 // file was read to its end, 0 when it could not be opened (silently: a
 // missing package is not an error) or a setting could not be stored (the
 // settings before it stay). When CONFIG is unset or empty it writes
-// "Environment variable CONFIG not set!" to standard error and ends the
-// process with exit code 1.
+// "Environment variable CONFIG not set!" to standard error and returns -1
+// (the program ends with exit code 1).
 int readSetup(const char* package);
 
 // The configuration directory readSetup reads packages from: CONFIG, or the

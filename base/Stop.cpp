@@ -49,6 +49,21 @@ void requestStop() {
   errno = saved;
 }
 
+void renewStopAfterFork() {
+  WakePipe& shared = wakePipe();
+  int fresh[2];
+  if (shared.fds[0] < 0 || pipe2(fresh, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  dup3(fresh[0], shared.fds[0], O_CLOEXEC);
+  dup3(fresh[1], shared.fds[1], O_CLOEXEC);
+  close(fresh[0]);
+  close(fresh[1]);
+  if (stopFlag.load()) {
+    char byte = 1;
+    ssize_t rc = write(shared.fds[1], &byte, 1);
+    (void)rc;
+  }
+}
+
 bool stopRequested() { return stopFlag.load(); }
 
 int stopWakeFd() { return kWakeReadFd >= 0 ? kWakeReadFd : wakePipe().fds[0]; }

@@ -23,4 +23,9 @@ int stopWakeFd();
 // ran out.
 bool waitForStop(int milliseconds);
 
+// In a process just forked from this one, before it starts any thread: a
+// wake-up descriptor of its own (same number), so that a stop of either
+// process does not wake the other. A stop requested before the fork stays.
+void renewStopAfterFork();
+
 #endif  // BASE_STOP_H_

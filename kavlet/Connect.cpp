@@ -4,9 +4,11 @@
 #include <mutex>
 
 #include "base/Log.h"
+#include "base/Stop.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
 #include "kavlet/Reporter.h"
+#include "kavlet/Signals.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolService.h"
 
@@ -42,8 +44,9 @@ int Kavlet::connectToKV(ToolHandler* handler) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
+  startSignalThread();
   setKvPort(kvPort);
-  callKVhi(handler, kvHost.c_str(), 0);
+  if (callKVhi(handler, kvHost.c_str(), 0) < 0 || stopRequested()) return 0;
   return run() == ToolNext::kExitOk ? 1 : 0;
 }
 
@@ -53,8 +56,11 @@ int Kavlet::connectToKVForService(ToolHandler* handler) {
     log.msg(__LINE__, 8, "using Test option");
     return test();
   }
+  startSignalThread();
   setKvPort(kvPort);
-  callKVhi(handler, kvHost.c_str(), 1);
+  int rc = callKVhi(handler, kvHost.c_str(), 1);
+  // Exit code 1 is the result 0 (main's mapping); the others stand for themselves.
+  if (rc < 0) return rc == -1 ? 0 : -rc;
   // Held so that a signal waits for the service and its goodbye.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
   int result = service(nullptr);
@@ -77,6 +83,8 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
   }
   int code = 1;
   switch (rc) {
+    case kKvOwnAddressUnknown:
+      break;  // told by the address look-up
     case -1:
       log.msg(__LINE__, 3,
               "Kavlet(%s) registration has *** not *** been accepted (already registered or not "
@@ -108,7 +116,7 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
   }
   // The serving variant only tells that it could not start; the one-shot
   // variant tells why.
-  endProcess(forService ? code : 1);
+  return -(forService ? code : 1);
 }
 
 ToolNext Kavlet::run() {

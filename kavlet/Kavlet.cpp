@@ -85,6 +85,7 @@ int Kavlet::init(int argc, char** argv) {
   // value is no test mode.
   testCount = String();
   parseArgv(argc, argv);
+  if (usageShown) return 0;
   initLog();
   return 1;
 }
@@ -167,7 +168,8 @@ void Kavlet::parseArgv(int argc, char** argv) {
     bool hasValue = i + 1 < argc;
     if (strcmp(arg, "-h") == 0) {
       printUsage();
-      exit(0);
+      usageShown = true;
+      return;
     }
     if (strcmp(arg, "-test") == 0) {
       if (hasValue && argv[i + 1][0] != '-') {
@@ -211,7 +213,8 @@ void Kavlet::parseArgv(int argc, char** argv) {
     }
     if (parseOneArgument(argc, argv, &i) == 0) {
       printUsage();
-      exit(0);
+      usageShown = true;
+      return;
     }
   }
 }

@@ -12,19 +12,18 @@
 // command line (parseArgv).
 //
 // Lifetime: main creates exactly one Kavlet (through the tool class); the
-// constructor makes it reachable as theKavlet for endProcess and the designed
-// entries of kavlet/Kv.h. It lives until the process ends.
+// constructor makes it reachable as theKavlet for the designed entries of
+// kavlet/Kv.h. finishWorker destroys it at the end.
 //
 // After init, main calls connectKV: in test mode (-test) the work cycle runs
 // over the document directories under -testpath; otherwise the worker
 // registers with the KV as the tool service's handler and serves its orders
 // in the RPC service loop, until a handler asks for the end (the KV's exit
-// order or last order, a failed report) and connectKV returns to main, or a
-// signal ends the process (kavlet/Kv.h).
+// order or last order, a failed report, a stop signal) and connectKV returns
+// to main, which ends the worker (finishWorker, kavlet/Kv.h).
 //
 // Threading: everything runs on the main thread except the signal thread
-// (kavlet/Signals.h), which reaches the object only in endProcess, holding
-// kvWorkerLock (kavlet/Kv.h).
+// (kavlet/Signals.h), which never reaches the object.
 //
 // Results follow the framework's rule: 1 for success, 0 for failure.
 #ifndef KAVLET_KAVLET_H_
@@ -44,8 +43,8 @@ class Kavlet : public ToolHandler {
  public:
   static constexpr int kDefaultKvPort = 4032;
 
-  // Sets the defaults, makes this object theKavlet and installs the signal
-  // and console handlers.
+  // Sets the defaults, makes this object theKavlet and blocks the stop
+  // signals for the signal thread.
   Kavlet();
   Kavlet(const Kavlet&) = delete;
   Kavlet& operator=(const Kavlet&) = delete;
@@ -64,7 +63,8 @@ class Kavlet : public ToolHandler {
   virtual int checkBeforeConnect();
   // Program name, socket start-up, -env packages, environment, command line,
   // logging. Derived classes call it first. Returns 1 when the worker is
-  // ready. Ends the process for "-h", an unknown option or an unset CONFIG.
+  // ready, 0 when it is not or after the usage ("-h", an unknown option:
+  // usageShown, for exit code 0).
   virtual int init(int argc, char** argv);
   // Prints the settings to standard error.
   virtual void printObject();
@@ -79,7 +79,7 @@ class Kavlet : public ToolHandler {
   // Called by parseArgv for each argument the base does not know; *position
   // is that argument's index. Returns 1 when the argument (and its value,
   // *position then designating the value) was taken, 0 when it is unknown,
-  // which ends the process with the usage. Base: 0.
+  // which ends the start with the usage. Base: 0.
   virtual int parseOneArgument(int argc, char** argv, int* position);
   // Called for a control word the base does not know; *position is the
   // word's index in words. Returns 1 when taken, with *position left on the
@@ -105,7 +105,7 @@ class Kavlet : public ToolHandler {
   // name and type. Returns 1.
   int setProgname(const char* path);
   // Applies the command-line options (see printArgsUsage). "-h" or an
-  // unknown option print the usage and end the process with exit code 0.
+  // unknown option print the usage, set usageShown and stop the parsing.
   void parseArgv(int argc, char** argv);
   // Prints the usage with all its sections to standard error.
   void printUsage();
@@ -127,10 +127,11 @@ class Kavlet : public ToolHandler {
   // Test mode: works on every subdirectory of testPath (or on testPath
   // itself when it has none), in byte order, atoi(testCount) times (at
   // least once), printing one line per document to standard output.
-  // With testJobs above 1, that many worker processes (forked after init)
+  // With testJobs above 1, that many worker processes (kavlet/SideBySide.h)
   // work on documents side by side; the lines keep the order and form of a
-  // run one after the other. Returns 1 when every document was done, 0
-  // otherwise.
+  // run one after the other. After a stop no further document is started.
+  // Returns 1 when every document was done, 0 otherwise (in a worker
+  // process: 1 when it ended).
   int test();
   // The local time as "[%Y/%m/%d %H:%M:%S] " in a process-wide buffer that
   // the next call overwrites.
@@ -139,8 +140,8 @@ class Kavlet : public ToolHandler {
   // --- The KV's requests (kavlet/Kv.cpp) ---
 
   // A work order: works on the document directory (work). kExitError when
-  // the KV did not accept the report; kGoOn otherwise. Once a stop is
-  // requested it never returns: the signal thread ends the process.
+  // the KV did not accept the report or a stop is requested (which ends
+  // the service loop); kGoOn otherwise.
   ToolNext onWorkOrder(int order, const char* directory) override;
   // A control message: code 0 is the KV's exit order (kExitOk, nothing
   // answered); any other goes to control, whose result is *reply.
@@ -151,19 +152,20 @@ class Kavlet : public ToolHandler {
   // Test mode, or registration and the RPC service loop with this object as
   // the handler. Returns the result of test mode; after serving, 1 when the
   // KV ended the service (its exit order or last order) and 0 when it ended
-  // otherwise (a failed report, a failed loop, checkBeforeConnect refusing
-  // the start).
+  // otherwise (a failed report, a failed loop, a stop, checkBeforeConnect
+  // refusing the start, a failed registration: then exit code 1).
   int connectKV();
   // The one-shot variant: registers, runs service once without a document,
-  // says goodbye and returns service's result (test mode: its result).
+  // says goodbye and returns service's result (test mode: its result); a
+  // failed registration gives 0 for exit code 1, else its exit code.
   int connectKVForService();
   int connectToKV(ToolHandler* handler);
   int connectToKVForService(ToolHandler* handler);
   // Registers with the KV on host under type. Returns the registration
-  // result (0 or more); a refused or failed registration is logged and ends
-  // the process: with exit code 1 in the serving variant (forService 0), in
-  // the one-shot variant with 1 for a refusal and the negated result for
-  // any other failure (endProcess).
+  // result (0 or more); a refused or failed registration is logged and
+  // gives the negated exit code the worker ends with: 1 in the serving
+  // variant (forService 0), in the one-shot variant 1 for a refusal or an
+  // unknown own address and the negated result for any other failure.
   int callKVhi(ToolHandler* handler, const char* host, int forService);
   // The RPC service loop; returns what ended it (ToolServe).
   ToolNext run();
@@ -195,18 +197,18 @@ class Kavlet : public ToolHandler {
   String curOkComment;     // okComment for the document in hand
   String okStatus;         // status word of a processed document
   int suspendTime;
+  bool usageShown = false;  // the usage was printed for "-h" or an unknown option
 
  private:
-  // Starts the signal thread (once per process) that turns SIGINT, SIGTERM,
-  // SIGQUIT and SIGHUP into sig_handler / sigwin_handler calls. Its body
-  // lives with the signal handling code (kavlet/Signals.cpp).
+  // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
+  // takes them (kavlet/Signals.h), which connectKV starts.
   void installHandlers();
   // Reads the -env setup packages named on the command line.
   void readEnvPackages(int argc, char** argv);
 };
 
 // The one Kavlet of the process; set by its constructor, cleared by its
-// destructor. Used only by endProcess and the designed entries of kavlet/Kv.h.
+// destructor. Used only by finishWorker and the designed entries of kavlet/Kv.h.
 extern Kavlet* theKavlet;
 
 #endif  // KAVLET_KAVLET_H_

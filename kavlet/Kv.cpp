@@ -1,7 +1,5 @@
 #include "kavlet/Kv.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "base/Log.h"
@@ -9,6 +7,7 @@
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Reporter.h"
+#include "kavlet/Signals.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/KVprot.h"
 
@@ -21,8 +20,15 @@ constexpr const char* kComponent = "(global)";
 constexpr int kResultReportCodes = 2;
 constexpr int kTermSignal = 15;
 
+// Set by a stop signal that asks for the goodbye.
+std::atomic<bool> goodbyeAsked{false};
+// The exit status a designed entry asked for; -1: none.
+std::atomic<int> askedStatus{-1};
+
 void endIfAsked(ToolNext next) {
-  if (next != ToolNext::kGoOn) endProcess(toolExitStatus(next));
+  if (next == ToolNext::kGoOn) return;
+  askedStatus = toolExitStatus(next);
+  requestStop();
 }
 
 }  // namespace
@@ -34,13 +40,22 @@ std::recursive_mutex& kvWorkerLock() {
   return *lock;
 }
 
-void endProcess(int status) {
-  kvWorkerLock().lock();  // never released
+int finishWorker(int status) {
+  kvWorkerLock().lock();  // never released: nothing is served any more
+  if (goodbyeAsked && exitInProgress == 0) {
+    Log log(kComponent, "sig_handler", __FILE__, __LINE__, 13);
+    KVbye();
+    log.msg(__LINE__, 8, "KVbye() ...");
+    status = 1;
+  } else if (askedStatus >= 0) {
+    status = askedStatus;
+  }
+  stopSignalThread();
   delete theKavlet;
   reporterFinish();
   Log::flush();
   fflush(nullptr);
-  _exit(status);
+  return status;
 }
 
 ToolNext Kavlet::onWorkOrder(int order, const char* directory) {
@@ -56,12 +71,8 @@ ToolNext Kavlet::onWorkOrder(int order, const char* directory) {
     rc = work(dir);
     log.msg(__LINE__, 8, "Finished: '%s'", dir);
   }
-  if (stopRequested()) {
-    // The signal thread says goodbye and ends the process as soon as it
-    // holds the lock; this thread must not take another order meanwhile.
-    hold.unlock();
-    for (;;) pause();
-  }
+  // A stop ends the service loop; the goodbye follows in finishWorker.
+  if (stopRequested()) return ToolNext::kExitError;
   if (rc == 0) return ToolNext::kGoOn;
   String text;
   KVcodeName(rc, kResultReportCodes, text);
@@ -91,16 +102,7 @@ ToolNext onStopSignal(int signal) {
     log.msg(__LINE__, 8, "exit already in progress, forced by KV -> no work");
     return ToolNext::kGoOn;
   }
-  // Waits for the order or control message in hand (see Kv.h); kept until
-  // the process ends.
-  kvWorkerLock().lock();
-  if (exitInProgress == 1) {
-    kvWorkerLock().unlock();
-    log.msg(__LINE__, 8, "exit already in progress, forced by KV -> no work");
-    return ToolNext::kGoOn;
-  }
-  KVbye();
-  log.msg(__LINE__, 8, "KVbye() ...");
+  goodbyeAsked = true;
   return ToolNext::kExitError;
 }
 
@@ -118,7 +120,8 @@ void callback(int order, const char* directory) {
     Log log(kComponent, "callback", __FILE__, __LINE__, 13);
     log.msg(__LINE__, 1, "Internal error ... exiting");
     KVbye();
-    endProcess(1);
+    endIfAsked(ToolNext::kExitError);
+    return;
   }
   endIfAsked(theKavlet->onWorkOrder(order, directory));
 }

@@ -76,11 +76,9 @@ void backgroundLoop() {
   }
 }
 
-void finishAtExit() { reporterFinish(); }
-
 }  // namespace
 
-void reporterStart(bool serving, bool background) {
+void reporterStart(bool serving) {
   ReporterState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   if (s.started) return;
@@ -89,8 +87,7 @@ void reporterStart(bool serving, bool background) {
   s.start = Clock::now();
   const char* path = getenv("CLOCKETTE_METRICS_FILE");
   s.metricsPath = path ? path : "";
-  atexit(finishAtExit);
-  if (!background || (s.metricsPath.empty() && !serving)) return;
+  if (s.metricsPath.empty() && !serving) return;
   std::thread(backgroundLoop).detach();
 }
 

@@ -8,20 +8,16 @@
 //
 // One reporter per process. reporterStart starts a background thread when
 // there is something to do in the background; reporterFinish may be called
-// from any thread, more than once (only the first call acts), and also runs
-// from an exit handler for the ways out through exit().
+// from any thread, more than once (only the first call acts); the worker's
+// end (finishWorker, kavlet/Kv.h) calls it.
 #ifndef KAVLET_REPORTER_H_
 #define KAVLET_REPORTER_H_
 
 #include <string>
 
 // Starts reporting; serving: the worker serves the KV (hourly summary and a
-// summary at the end). background false: no background thread, so the
-// metrics file is written only at the end (for a process that forks
-// workers: a thread that holds a lock of the allocator or of a library
-// while another thread forks leaves that lock held in the child for ever).
-// Only the first call acts.
-void reporterStart(bool serving, bool background = true);
+// summary at the end). Only the first call acts.
+void reporterStart(bool serving);
 
 // The summary line's text for what was counted so far.
 std::string reporterSummary();

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 
@@ -15,21 +16,26 @@ namespace {
 
 constexpr const char* kComponent = "Signals";
 
+std::atomic<bool> quit{false};
+pthread_t thread;
+bool started = false;
+
 void* signalThread(void*) {
   sigset_t set;
   workerSignalSet(&set);
   for (;;) {
     int signal = 0;
     if (sigwait(&set, &signal) != 0) continue;
-    // Raised before the handler waits for the order in hand: hashing and
-    // Timestamp Server exchanges watch it and give up at once, so the order
-    // ends and the goodbye follows promptly.
-    if (signal != SIGHUP) requestStop();
+    if (quit) break;
     if (signal == SIGINT) {
       sig_handler(SIGINT);
     } else {
       sigwin_handler(consoleEventForSignal(signal));
     }
+    // Raised after the handler has decided (whether a goodbye is due), since
+    // main may end the worker as soon as it sees the request: hashing and
+    // Timestamp Server exchanges watch it and give up at once.
+    if (signal != SIGHUP) requestStop();
   }
   return nullptr;
 }
@@ -56,6 +62,12 @@ int consoleEventForSignal(int signal) {
   return -1;
 }
 
+void blockWorkerSignals() {
+  sigset_t set;
+  workerSignalSet(&set);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 int startSignalThread() {
   Log log(kComponent, "startSignalThread", __FILE__, __LINE__, 13);
   sigset_t set;
@@ -63,24 +75,28 @@ int startSignalThread() {
   sigset_t previous;
   pthread_sigmask(SIG_BLOCK, &set, &previous);
   static std::once_flag once;
-  static int started = 0;
   std::call_once(once, [&]() {
-    pthread_t thread;
     int rc = pthread_create(&thread, nullptr, signalThread, nullptr);
     if (rc != 0) {
       log.msg(__LINE__, 2, "cannot start the signal thread: '%s'", systemError(rc).c_str());
       return;
     }
-    pthread_detach(thread);
-    started = 1;
+    started = true;
   });
   // Without a thread to take them, blocked signals would never end the
   // worker: leave them as they were.
   if (!started) pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  return started;
+  return started ? 1 : 0;
+}
+
+void stopSignalThread() {
+  if (!started || quit.exchange(true)) return;
+  // A hang-up is ignored anyway; sent to the thread itself, it wakes it.
+  pthread_kill(thread, SIGHUP);
+  pthread_join(thread, nullptr);
 }
 
 void Kavlet::installHandlers() {
   Log log("Kavlet", "installHandlers", __FILE__, __LINE__, 13);
-  startSignalThread();
+  blockWorkerSignals();
 }

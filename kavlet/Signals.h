@@ -3,17 +3,19 @@
 // A Linux worker gets the stop requests that a console program elsewhere
 // gets as console events. They are not handled in asynchronous signal
 // handlers, which could run in the middle of anything the worker does:
-// SIGINT, SIGTERM, SIGQUIT and SIGHUP are blocked in the thread that starts
-// the signal thread (the main thread, before it starts any other) and so in
-// every thread it starts later, and one thread takes them with sigwait and
-// calls the handlers of kavlet/Kv.h in ordinary thread context:
+// SIGINT, SIGTERM, SIGQUIT and SIGHUP are blocked in the main thread as soon
+// as the Kavlet exists (a signal that comes early stays pending), and so in
+// every thread it starts later; once the process will not fork any more
+// (kavlet/SideBySide.h), one thread takes them with sigwait and calls the
+// handlers of kavlet/Kv.h in ordinary thread context:
 //   SIGINT  -> sig_handler(2)
 //   SIGTERM -> sigwin_handler(close event)   (service stop, shutdown)
 //   SIGQUIT -> sigwin_handler(break event)
 //   SIGHUP  -> sigwin_handler(log-off event), which ignores it, so the
 //              worker survives a closed terminal.
 // Every signal but SIGHUP first raises the process-wide stop request
-// (base/Stop.h), which cuts the order in hand short.
+// (base/Stop.h), which cuts the order in hand short and lets main end the
+// worker (kavlet/Kv.h); the thread itself ends nothing.
 // Child processes inherit the blocked mask across exec; a worker that starts
 // programs must unblock the signals in the child.
 #ifndef KAVLET_SIGNALS_H_
@@ -21,11 +23,18 @@
 
 #include <csignal>
 
+// Blocks the four signals in the calling thread.
+void blockWorkerSignals();
+
 // Blocks the four signals in the calling thread and starts the signal thread
 // on the first call; later calls only block them in the calling thread.
 // Returns 1, or 0 when the thread could not be started (the signals then
 // keep their default actions).
 int startSignalThread();
+
+// Ends the signal thread and waits for it, from the main thread at the end
+// of the process (later signals stay pending). Only the first call acts.
+void stopSignalThread();
 
 // The console event a signal stands for, or -1 for a signal that is not
 // mapped to one (SIGINT goes to sig_handler directly).

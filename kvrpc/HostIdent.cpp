@@ -82,8 +82,7 @@ const HostAddressList& getMyInetAddr() {
   }
   if (!found) {
     log.msg(__LINE__, 1, "could not resolve address of %s, errno=%d", myName, err);
-    Log::flush();
-    exit(1);
+    return mine;  // empty: asked again next time
   }
   char text[INET6_ADDRSTRLEN + 16];
   for (const HostAddress& a : mine) {

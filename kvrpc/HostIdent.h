@@ -23,7 +23,7 @@ void shortHostName(const char* fullName, char* buf, size_t size);
 
 // The own address list: the first of MY_HOST_NAME(), the full host name, the
 // short host name and $KVHOST that resolves. When none does, logs at level 1
-// and ends the process with exit status 1.
+// and returns an empty list.
 const HostAddressList& getMyInetAddr();
 
 #endif  // KVRPC_HOSTIDENT_H_

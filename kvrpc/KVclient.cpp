@@ -69,10 +69,14 @@ void applyOverrides(Log& log, const char** host, const char** type) {
   }
 }
 
-// The tool's own address (first address of the host) with port 0.
-sockaddr_kl ownAddress() {
-  sockaddr_kl kl{};
-  const HostAddress& a = getMyInetAddr().front();
+// The tool's own address (first address of the host) with port 0; false
+// when the host's address is unknown.
+bool ownAddress(sockaddr_kl* own) {
+  const HostAddressList& mine = getMyInetAddr();
+  if (mine.empty()) return false;
+  const HostAddress& a = mine.front();
+  sockaddr_kl& kl = *own;
+  kl = sockaddr_kl{};
   kl.family = static_cast<u_short>(a.family());
   kl.port = 0;
   if (a.family() == AF_INET6) {
@@ -80,7 +84,7 @@ sockaddr_kl ownAddress() {
   } else {
     memcpy(kl.address, &reinterpret_cast<const sockaddr_in*>(&a.addr)->sin_addr, 4);
   }
-  return kl;
+  return true;
 }
 
 // Text form of a record's address for log lines.
@@ -215,7 +219,7 @@ int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOr
   applyOverrides(log, &host, &type);
   ClientState& s = st();
 
-  s.hello.address = ownAddress();
+  if (!ownAddress(&s.hello.address)) return kKvOwnAddressUnknown;
   s.hello.address.port = servicePort;
   s.helloType = type ? type : "";
   s.hello.type = const_cast<char*>(s.helloType.c_str());
@@ -321,7 +325,7 @@ int KVcrt(const char* hostname, const char* type, const char* path, const char* 
   }
   crt_kl crt{};
   crt.type = wireText(type);
-  crt.address = ownAddress();
+  if (!ownAddress(&crt.address)) return kKvOwnAddressUnknown;
   crt.path = wireText(path);
   crt.operation = wireText(operation);
   crt.comment = wireText(comment);

@@ -24,12 +24,17 @@
 
 struct CLIENT;
 
+// The own host's address could not be found (logged by getMyInetAddr): the
+// result of KVhi, KVinfo, KVconnect and KVcrt that cannot tell the KV where
+// this tool is.
+constexpr int kKvOwnAddressUnknown = -6;
+
 // Registers the tool as a worker of type with the KV on host ("DEBUG":
 // simulation, nothing is sent). Creates the callback service on first use and
 // hands its work orders and control messages to handler (borrowed; null
 // keeps the handler in place). Returns the service socket (>= 0), or -1
 // (type not needed), -2 (host unknown), -3 (no answer), -4 (client creation),
-// -5 (service creation).
+// -5 (service creation), kKvOwnAddressUnknown.
 int KVhi(const char* host, const char* type, ToolHandler* handler);
 
 // Registers the tool for information messages, which go to handler
@@ -38,7 +43,8 @@ int KVhi(const char* host, const char* type, ToolHandler* handler);
 int KVinfo(const char* host, const char* type, ToolHandler* handler);
 
 // The registration exchange of KVhi (opOrInfo 1) and KVinfo (0): tells the KV
-// on host that a tool of type serves on servicePort. Returns 0 or -1 to -4.
+// on host that a tool of type serves on servicePort. Returns 0, -1 to -4 or
+// kKvOwnAddressUnknown.
 int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo);
 
 // Reports the result of the order on document. Texts longer than their

@@ -4,12 +4,14 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <vector>
 
 #include "base/Log.h"
+#include "base/Stop.h"
 #include "rpc/RpcMsg.h"
 
 fd_set svc_fdset;
@@ -120,11 +122,16 @@ void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check) { xprt->xp_ch
 
 void svc_run() {
   svcRunning = true;
-  while (svcRunning) {
+  while (svcRunning && !stopRequested()) {
     fd_set readfds = svc_fdset;
     c_logmsg(kComponent, 10, "before select %lx, maxSock=%d",
              static_cast<unsigned long>(readfds.fds_bits[0]), svc_maxsock);
-    const int n = select(svc_maxsock, &readfds, nullptr, nullptr, nullptr);
+    // A stop request wakes the loop, which then ends.
+    const int wake = stopWakeFd();
+    bool watchStop = wake >= 0 && wake < FD_SETSIZE;
+    if (watchStop) FD_SET(wake, &readfds);
+    const int n = select(watchStop ? std::max(svc_maxsock, wake + 1) : svc_maxsock, &readfds,
+                         nullptr, nullptr, nullptr);
     if (n < 0) {
       if (errno == EINTR) continue;
       perror("svc: - Select failed");
@@ -132,6 +139,10 @@ void svc_run() {
       break;
     }
     if (n == 0) continue;
+    if (watchStop && FD_ISSET(wake, &readfds)) {
+      FD_CLR(wake, &readfds);
+      if (stopRequested()) break;
+    }
     c_logmsg(kComponent, 10, "after select %lx", static_cast<unsigned long>(readfds.fds_bits[0]));
     svc_getreqset(&readfds);
   }

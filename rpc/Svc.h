@@ -87,7 +87,8 @@ void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check);
 extern fd_set svc_fdset;
 extern int svc_maxsock;
 
-// Serves until terminateSvcrun or a select failure other than EINTR.
+// Serves until terminateSvcrun, a stop request (base/Stop.h) or a select
+// failure other than EINTR.
 void svc_run();
 // Clears the running flag; logs "terminate on JVM exit" at level 10.
 void terminateSvcrun();

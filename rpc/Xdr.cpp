@@ -57,8 +57,8 @@ bool_t xdrUint32(XDR* xdrs, uint32_t* v) {
   return FALSE;
 }
 
-// Allocation of a decoded string or byte array: too large a request is a
-// decoding failure, running out of memory below that limit is fatal.
+// Allocation of a decoded string or byte array: too large a request, or
+// running out of memory, is a decoding failure.
 char* allocDecoded(u_int nodesize) {
   if (nodesize > XDR_MAX_ALLOC) {
     logTooLarge(nodesize);
@@ -68,7 +68,6 @@ char* allocDecoded(u_int nodesize) {
   if (p == nullptr) {
     c_logmsg(kComponent, 1, "Assertion botched: %s", "p != NULL");
     noMemMsg(kComponent, nodesize);
-    abort();
   }
   return p;
 }

@@ -103,6 +103,15 @@ int waitPid(int pid, int timeoutSeconds) {
 
 }  // namespace
 
+int runForked(const std::function<int()>& body) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) _exit(body() & 0xff);  // no exit handlers: they belong to the test
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return decodeStatus(status);
+}
+
 ChildResult runChild(const std::vector<std::string>& argv, const ChildOptions& options) {
   ChildResult result;
   int outFd, errFd;

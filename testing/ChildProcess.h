@@ -3,6 +3,7 @@
 #ifndef TESTING_CHILDPROCESS_H_
 #define TESTING_CHILDPROCESS_H_
 
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <string>
@@ -41,6 +42,11 @@ struct Argv {
   std::vector<std::string> texts;
   std::vector<char*> ptrs;
 };
+
+// Runs body in a forked copy of the test process and returns its result
+// (0-255) as the copy's exit code, or 128 + signal number: for a body that
+// changes what the test process could not undo (its user, a stop request).
+int runForked(const std::function<int()>& body);
 
 // Marks a variable for removal in ChildOptions::env.
 inline const char* kUnset = "\x01unset";

@@ -13,6 +13,7 @@
 #include "base/Log.h"
 #include "base/Metrics.h"
 #include "base/Stop.h"
+#include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
 
 namespace {
@@ -93,26 +94,24 @@ TEST(TsServersTest, CredentialsNeverShowInServerNames) {
 
 // A stop ends a back-off wait at once; the stop cannot be taken back, so
 // this runs in a child process.
-TEST(TsServersDeathTest, AStopEndsTheBackOff) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        TsServers servers;
-        TsRetryPolicy policy;
-        policy.retries = 10;
-        policy.deadlineMs = 600000;
-        servers.configure(server("a"), {}, policy);
-        std::thread stopper([] {
-          std::this_thread::sleep_for(std::chrono::milliseconds(300));
-          requestStop();
-        });
-        auto start = std::chrono::steady_clock::now();
-        servers.run([](const TsServer&, long long) { return kDown; });
-        auto elapsed = std::chrono::steady_clock::now() - start;
-        stopper.join();
-        exit(elapsed < std::chrono::seconds(3) ? 7 : 1);
-      },
-      ::testing::ExitedWithCode(7), "");
+TEST(TsServers, AStopEndsTheBackOff) {
+  EXPECT_EQ(testing_support::runForked([] {
+              TsServers servers;
+              TsRetryPolicy policy;
+              policy.retries = 10;
+              policy.deadlineMs = 600000;
+              servers.configure(server("a"), {}, policy);
+              std::thread stopper([] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                requestStop();
+              });
+              auto start = std::chrono::steady_clock::now();
+              servers.run([](const TsServer&, long long) { return kDown; });
+              auto elapsed = std::chrono::steady_clock::now() - start;
+              stopper.join();
+              return elapsed < std::chrono::seconds(3) ? 7 : 1;
+            }),
+            7);
 }
 
 }  // namespace

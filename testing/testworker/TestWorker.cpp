@@ -86,10 +86,15 @@ void dropPrivileges() {
 
 int main(int argc, char** argv) {
   dropPrivileges();
-  readSetup("COMMON");
-  // Lives until the process ends, which destroys it (endProcess).
+  if (readSetup("COMMON") < 0) return 1;
+  // Destroyed by finishWorker.
   TestWorker* worker = new TestWorker();
-  if (worker->init(argc, argv) == 0) return 1;
-  int rc = worker->oneShot ? worker->connectKVForService() : worker->connectKV();
-  endProcess(rc == 0 ? 1 : rc == 1 ? 0 : rc);
+  int status = 1;
+  if (worker->init(argc, argv) != 0) {
+    int rc = worker->oneShot ? worker->connectKVForService() : worker->connectKV();
+    status = rc == 0 ? 1 : rc == 1 ? 0 : rc;
+  } else if (worker->usageShown) {
+    status = 0;
+  }
+  _exit(finishWorker(status));
 }
