@@ -20,6 +20,7 @@
 #include "base/Notify.h"
 #include "base/OrderedWork.h"
 #include "base/ReplaceFile.h"
+#include "base/SandboxHint.h"
 #include "base/SecretFile.h"
 #include "base/SettingsLine.h"
 #include "base/SideThread.h"
@@ -52,6 +53,7 @@ constexpr int kNotifyRequestFailed = 700;
 constexpr int kNotifyWrongComp = 701;
 constexpr int kNotifyCommandsNotWritable = 702;
 constexpr int kNotifyTimestampFileNotWritable = 703;
+constexpr int kNotifyFileNotReadable = 704;
 const char kRequestFailedTemplate[] =
     "Kavlet 'clockette' failed in requesting timestamp for file '%1/%2' from Timestamp Server";
 const char kWrongCompTemplate[] =
@@ -60,6 +62,7 @@ const char kCommandsTemplate[] = "Kavlet 'clockette' cannot write COMMANDS file 
 // A local failure, told apart from the Timestamp Server's.
 const char kTimestampFileTemplate[] =
     "Kavlet 'clockette' cannot write timestamp file '%1' of document '%2'";
+const char kFileNotReadableTemplate[] = "Kavlet 'clockette' cannot read file '%1' of document '%2'";
 
 // prepareTimestamp's and commitTimestamp's result when the answer arrived
 // but the timestamp file could not be written.
@@ -556,7 +559,13 @@ int Clockette::service(const char* directory) {
     if (computeHash(stamp->source.c_str(), getDigest(), &stamp->imprint) != 0) {
       metrics::countTimestamp(-1);
       log.msg(__LINE__, 2, "Hashing %s failed", stamp->source.c_str());
-      return requestFailed(stamp->source, stamp->target, -1);
+      // The file itself failed, not the Timestamp Server: a local failure.
+      document->docMessage(log, __LINE__, 2, kRequestFailed, stamp->source.c_str(),
+                           stamp->target.c_str());
+      if (stopRequested()) return 0;  // hashing gave up for a stop: nothing to alarm about
+      snprintf(arguments, sizeof arguments, "{%.250s} {%.250s}", stamp->source.c_str(), dir);
+      notify(kNotifyFileNotReadable, kFileNotReadableTemplate, arguments);
+      return 0;
     }
   }
 
@@ -654,6 +663,7 @@ int Clockette::service(const char* directory) {
   if (unsynced != nullptr) {
     log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
             unsynced->target.c_str(), step.c_str(), err, systemError(err).c_str());
+    if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
     return requestFailed(unsynced->source, unsynced->target, kTargetNotWritten);
   }
   if (protocolWritten == 0) return 0;

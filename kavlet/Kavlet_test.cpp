@@ -212,19 +212,22 @@ TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
 }
 
 TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {
-  Argv cases[] = {
-      {"w", "-h"},
-      {"w", "-help"},
-      {"w", "-test", "2", "-nosuch"},
+  struct Case {
+    Argv argv;
+    const char* before;  // what stands before the usage
+  } cases[] = {
+      {{"w", "-h"}, "^\n\n"},
+      {{"w", "-help"}, "^unknown option '-help'\n\n\n"},
+      {{"w", "-test", "2", "-nosuch"}, "^unknown option '-nosuch'\n\n\n"},
       // A value-taking option without its value is not taken.
-      {"w", "-type"},
-      {"w", "-loglevel"},
-      {"w", "-P"},
+      {{"w", "-type"}, "^unknown option '-type'\n\n\n"},
+      {{"w", "-loglevel"}, "^unknown option '-loglevel'\n\n\n"},
+      {{"w", "-P"}, "^unknown option '-P'\n\n\n"},
   };
-  for (Argv& c : cases) {
+  for (Case& c : cases) {
     TestKavlet k;
-    EXPECT_EXIT(k.init(c.argc(), c.argv()), testing::ExitedWithCode(0),
-                "\n\n Usage: w \\[options...\\]\n");
+    EXPECT_EXIT(k.init(c.argv.argc(), c.argv.argv()), testing::ExitedWithCode(0),
+                std::string(c.before) + " Usage: w \\[options...\\]\n");
   }
 }
 

@@ -207,10 +207,14 @@ int Kavlet::test() {
   if (repetitions < 1) repetitions = 1;
   bool allDone = true;
   auto report = [&](int r, int n, const String& document, int result) {
-    if (result == 0) allDone = false;
     printf("%s %04d %04d op=%-10s doc='%s'\n", getTime(), r, n,
            result != 0 ? okStatus.c_str() : errorStatus.c_str(), document.c_str());
     fflush(stdout);
+    // The reasons are in the log; the first failure says where that is.
+    if (result == 0 && allDone) {
+      fprintf(stderr, "a document failed: why is in the log %s\n", Log::logFileName());
+    }
+    if (result == 0) allDone = false;
   };
   if (testJobs > 1) {
     // One repetition at a time: a document is never worked on twice at once.

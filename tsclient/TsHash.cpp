@@ -12,6 +12,7 @@
 
 #include "base/Log.h"
 #include "base/Owners.h"
+#include "base/SandboxHint.h"
 #include "base/SystemError.h"
 #include "der/CAsn1messageImprint.h"
 #include "der/Der.h"
@@ -65,6 +66,7 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
     int err = errno;
     log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
             systemError(err).c_str());
+    if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
     return -1;
   }
   if (!S_ISREG(st.st_mode)) {
@@ -96,6 +98,7 @@ int computeHash(const char* path, int nid, CAsn1messageImprint* imprint) {
     case FileDigestResult::kReadFailed:
       log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
               systemError(err).c_str());
+      if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
       return -1;
     case FileDigestResult::kStopped:
       log.msg(__LINE__, 2, "hashing of %s stopped", path);
