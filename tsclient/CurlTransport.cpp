@@ -166,17 +166,15 @@ std::string bodyText(const ResponseBuffer& rb) {
 
 // What the operator most likely has to change when a failure has a usual
 // cause; null otherwise.
-const char* likelyCause(CURL* c, CURLcode rc, const TsServer& server) {
+const char* likelyCause(CURLcode rc, const char* details, const TsServer& server) {
   if (rc == CURLE_PEER_FAILED_VERIFICATION) {
     return "the server's certificate was not accepted: TS_CAFILE must hold the CA that issued "
            "it, and the host name must be one the certificate names";
   }
-  curl_off_t connected = 0;
-  curl_off_t secured = 0;
-  curl_easy_getinfo(c, CURLINFO_CONNECT_TIME_T, &connected);
-  curl_easy_getinfo(c, CURLINFO_APPCONNECT_TIME_T, &secured);
-  bool noHandshake = (rc == CURLE_SSL_CONNECT_ERROR || rc == CURLE_OPERATION_TIMEDOUT) &&
-                     connected > 0 && secured == 0;
+  // A plain HTTP server never answers a TLS greeting the way TLS expects:
+  // the handshake times out or fails on the first bytes back.
+  bool noHandshake = rc == CURLE_SSL_CONNECT_ERROR ||
+                     (rc == CURLE_OPERATION_TIMEDOUT && strstr(details, "SSL") != nullptr);
   if (server.protocol == "https" && noHandshake) {
     return "connected, but no TLS handshake: is the port a plain HTTP port? https needs the "
            "server's TLS port (TIMESTAMP_PORT), or set TIMESTAMP_PROTOCOL=http";
@@ -277,7 +275,7 @@ int CurlTransport::exchange(Log& log, const TsServer& server,
     *outcome = {-4, curlFailureMayPass(rc), curl_easy_strerror(rc)};
     log.msgc("Timestamp Server %s: %s", serverName(server).c_str(),
              curlError[0] ? curlError : "no details");
-    if (const char* cause = likelyCause(c, rc, server)) log.msgc("%s", cause);
+    if (const char* cause = likelyCause(rc, curlError, server)) log.msgc("%s", cause);
     return -4;
   }
   long status = 0;
