@@ -14,6 +14,7 @@
 #include "base/Notify.h"
 #include "base/OrderedWork.h"
 #include "base/ReplaceFile.h"
+#include "base/SandboxHint.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
 #include "der/CAsn1messageImprint.h"
@@ -51,9 +52,11 @@ const char* notificationTemplate(int number) {
       return "Kavlet 'clockette' failed because of wrong COMP COMMANDS statement in document '%1'";
     case 702:
       return "Kavlet 'clockette' cannot write COMMANDS file of document '%1'";
-    default:
+    case 703:
       // A local failure, told apart from the Timestamp Server's.
       return "Kavlet 'clockette' cannot write timestamp file '%1' of document '%2'";
+    default:
+      return "Kavlet 'clockette' cannot read file '%1' of document '%2'";
   }
 }
 
@@ -200,6 +203,7 @@ StampFailure DocumentStamper::openSources(size_t first, size_t end, std::vector<
     if (!files->back().valid()) {
       log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", p.source.c_str(), err,
               systemError(err).c_str());
+      if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
       metrics::countTimestamp(metricsCode(StampResult::kHashFailed));
       log.msg(__LINE__, 2, "Hashing %s failed", p.source.c_str());
       return {StampResult::kHashFailed, p.source, p.target, ""};
@@ -302,6 +306,7 @@ StampFailure DocumentStamper::sync() {
       const PlannedStamp& p = entry.second->planned;
       log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)",
               p.target.c_str(), step.c_str(), err, systemError(err).c_str());
+      if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
       return {StampResult::kTargetNotWritten, p.source, p.target, ""};
     }
   }
@@ -335,6 +340,12 @@ int DocumentStamper::report(const StampFailure& f) {
     case StampResult::kSourceRefused:
       document_->docMessage(log, __LINE__, 2, "source file '%s' refused: %s", source,
                             f.detail.c_str());
+      break;
+    case StampResult::kHashFailed:
+      // The file itself failed, not the Timestamp Server: a local failure.
+      document_->docMessage(log, __LINE__, 2, kRequestFailed, source, target);
+      if (stopRequested()) return 0;  // hashing gave up for a stop: nothing to alarm about
+      arguments = braced(f.source) + " " + braced(dir_);
       break;
     case StampResult::kWrongComp:
       document_->docMessage(log, __LINE__, 2,

@@ -229,8 +229,9 @@ TEST_F(EndToEndTest, WrongStatementsAreSkippedOrFailTheDocumentWithANotice) {
             "statement in document '" +
                 broken +
                 "'\n"
-                "SRV BASE 700 ERR: Kavlet 'clockette' failed in requesting timestamp for file '" +
-                missing + "/C:\\data\\a.pdf' from Timestamp Server\n");
+                "SRV BASE 704 ERR: Kavlet 'clockette' cannot read file 'C:\\data\\a.pdf' of "
+                "document '" +
+                missing + "'\n");
   EXPECT_TRUE(contains(
       log(), "wrong COMP COMMANDS statement in document '" + broken + "': 'broken text/plain'"));
   EXPECT_TRUE(contains(log(), "requestTimestamp(source_file='C:\\data\\a.pdf',timestamp_file='" +
@@ -504,15 +505,23 @@ TEST_F(EndToEndTest, TheDefaultLevelShowsTheSettingsTheSummaryAndAMissingCommonS
 
   // Counted in two processes, written once.
   std::string metrics = readFile(dir_.file("clockette.prom"));
-  for (const char* series : {"clockette_documents_total{result=\"ok\"} 1\n",
-                             "clockette_documents_total{result=\"failed\"} 1\n",
-                             "clockette_timestamps_total{result=\"ok\"} 2\n",
-                             "clockette_timestamps_total{result=\"hash_failed\"} 1\n",
-                             "clockette_tsa_answer_seconds_count 2\n",
-                             "clockette_tsa_answer_seconds_bucket{le=\"60\"} 2\n",
-                             "clockette_tsa_answer_seconds_bucket{le=\"+Inf\"} 2\n"}) {
+  const std::string server = "server=\"http://127.0.0.1:" + std::to_string(tsa_->httpPort()) + "\"";
+  for (const std::string& series :
+       {std::string("clockette_documents_total{result=\"ok\"} 1\n"),
+        std::string("clockette_documents_total{result=\"failed\"} 1\n"),
+        std::string("clockette_timestamps_total{result=\"ok\"} 2\n"),
+        std::string("clockette_timestamps_total{result=\"hash_failed\"} 1\n"),
+        // Every result from the start, before it ever happened.
+        std::string("clockette_timestamps_total{result=\"error_7\"} 0\n"),
+        "clockette_tsa_answer_seconds_count{" + server + "} 2\n",
+        "clockette_tsa_answer_seconds_bucket{" + server + ",le=\"60\"} 2\n",
+        "clockette_tsa_answer_seconds_bucket{" + server + ",le=\"+Inf\"} 2\n",
+        std::string("clockette_build_info{version=\"22.3.0\"} 1\n"),
+        std::string("clockette_registered 0\n")}) {
     EXPECT_TRUE(contains(metrics, series)) << series << metrics;
   }
+  EXPECT_GE(numberAfter(metrics, "clockette_process_start_time_seconds"),
+            static_cast<double>(started - 1));
   double lastSuccess = numberAfter(metrics, "clockette_last_success_timestamp_seconds");
   EXPECT_GE(lastSuccess, static_cast<double>(started));
   EXPECT_LE(lastSuccess, static_cast<double>(time(nullptr) + 1));

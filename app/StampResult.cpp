@@ -44,6 +44,7 @@ int metricsCode(StampResult result) {
 int notificationNumber(StampResult result) {
   switch (result) {
     case StampResult::kHashFailed:
+      return 704;
     case StampResult::kExchangeFailed:
     case StampResult::kAnswerRefused:
     case StampResult::kEncodingFailed:

@@ -47,7 +47,7 @@ int metricsCode(StampResult result);
 
 // The operator notification number of a failure: 700 the timestamp could not
 // be requested, 701 wrong COMP statement, 702 COMMANDS not writable, 703 the
-// timestamp file cannot be written; 0: none.
+// timestamp file cannot be written, 704 a file to stamp cannot be read; 0: none.
 int notificationNumber(StampResult result);
 
 #endif  // APP_STAMPRESULT_H_

@@ -2,8 +2,12 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "app/Clockette.h"
+#include "app/ConfigCheck.h"
 #include "base/Log.h"
 #include "base/Setup.h"
 #include "base/String.h"
@@ -31,9 +35,42 @@ void warnWithoutCommonSetup(Log& log, const String& configDir) {
           problem.c_str());
 }
 
+bool hasOption(int argc, char** argv, const char* option) {
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], option) == 0) return true;
+  }
+  return false;
+}
+
+// -check: reads the settings as a start would, with its log discarded, and
+// prints one line per problem. 0 when there is none, else 1.
+int checkOnly(Clockette* worker, int argc, char** argv) {
+  std::vector<char*> args;
+  for (int i = 0; i < argc; ++i) {
+    if (strcmp(argv[i], "-check") != 0) args.push_back(argv[i]);
+  }
+  char logOption[] = "-logfile";
+  char discarded[] = "/dev/null";
+  args.insert(args.end(), {logOption, discarded, nullptr});
+  int ready = worker->init(static_cast<int>(args.size()) - 1, args.data());
+  std::vector<std::string> problems = checkConfiguration(*worker);
+  if (ready == 0 && problems.empty()) {
+    problems.push_back(
+        "the start fails for a reason not checked here; run clockette -logfile - "
+        "to see it");
+  }
+  for (const std::string& p : problems) printf("%s\n", p.c_str());
+  if (problems.empty()) printf("configuration ok\n");
+  return problems.empty() ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (hasOption(argc, argv, "--version")) {  // needs no configuration
+    printf("%s\n", kVersionBanner);
+    return 0;
+  }
   Log log("main", "main", __FILE__, __LINE__, 13);
   String configDir = configDirectory();
   if (readSetup("COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
@@ -42,7 +79,9 @@ int main(int argc, char** argv) {
   // Destroyed by finishWorker.
   Clockette* worker = new Clockette();
   int status = 1;
-  if (worker->init(argc, argv) == 0) {
+  if (hasOption(argc, argv, "-check")) {
+    status = checkOnly(worker, argc, argv);
+  } else if (worker->init(argc, argv) == 0) {
     if (worker->usageShown) status = 0;
   } else {
     log.msg(__LINE__, 3, "%s started, %s", worker->name.c_str(), kVersionBanner);

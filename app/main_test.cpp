@@ -1,6 +1,8 @@
 // The clockette program as a child process: start-up, usage and exit codes.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <string>
 
 #include "testing/ChildProcess.h"
@@ -36,8 +38,46 @@ TEST_F(ProgramTest, HelpAndUnknownOptionsPrintTheUsageAndExitWithZero) {
     ChildResult r = run({"-test", "-loglevel", "5", option});
     EXPECT_EQ(r.exitCode, 0) << option;
     EXPECT_EQ(r.out, "") << option;
-    EXPECT_EQ(r.err, usage) << option;
+    EXPECT_EQ(r.err, option == std::string("-h")
+                         ? usage
+                         : "unknown option '" + std::string(option) + "'\n" + usage)
+        << option;
   }
+}
+
+TEST_F(ProgramTest, VersionNeedsNoConfiguration) {
+  options_.env["CONFIG"] = kUnset;
+  ChildResult r = run({"--version"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, std::string(kBanner) + "\n");
+}
+
+TEST_F(ProgramTest, CheckNamesEveryUnusableSettingAndItsFix) {
+  writeFile(dir_.file("secret"), "pw\n");
+  chmod(dir_.file("secret").c_str(), 0644);
+  writeFile(dir_.file("setup/COMMON.Setup"),
+            "TIMESTAMP_HOST=no-such-host.invalid\nTS_CAFILE=" + dir_.file("secret") +
+                "\nTS_POLICY=no.oid\nTIMESTAMP_FALLBACK=http://127.0.0.1:8080, ftp://x:1\n"
+                "TIMESTAMP_PASSWORD_FILE=" +
+                dir_.file("secret") + "\nKV_ORDER_PORT=70000\nKVDIR=/sys\n");
+  ChildResult r = run({"-check", "-kvhost", "kv.invalid"});
+  EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+  for (const char* line :
+       {"TIMESTAMP_HOST: 'no-such-host.invalid' does not resolve", "TS_CAFILE: '",
+        "TS_POLICY: 'no.oid' is no object identifier", "TIMESTAMP_FALLBACK: entry 'ftp://x:1'",
+        "TIMESTAMP_PASSWORD_FILE: '", "KVHOST: 'kv.invalid' does not resolve",
+        "KV_ORDER_PORT: '70000'", "KVDIR: '/sys' is not writable"}) {
+    EXPECT_TRUE(contains(r.out, std::string("\n") + line) || r.out.rfind(line, 0) == 0)
+        << line << "\n"
+        << r.out;
+  }
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 8) << r.out;
+  EXPECT_TRUE(contains(r.out, "the unit's ReadWritePaths= allow")) << r.out;  // a sandbox hint
+  // Usable settings: nothing to say. (Test mode needs no KV.)
+  writeFile(dir_.file("setup/COMMON.Setup"), "TIMESTAMP_HOST=127.0.0.1\n");
+  r = run({"-check", "-test"});
+  EXPECT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_EQ(r.out, "configuration ok\n");
 }
 
 TEST_F(ProgramTest, CommonPackageConfiguresTheLogWithTheEventPrefix) {

@@ -2,7 +2,10 @@
 
 #include <pthread.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,6 +26,21 @@ std::atomic<bool> g_levels[Log::kMaxLevel + 1];
 std::mutex g_mutex;  // guards the file, its name and the prefix
 std::string g_fileName = "stderr";
 bool g_ownsFile = false;
+bool g_journal = false;  // lines go to the systemd journal, not to a file
+// The level of the last message this thread wrote: its continuation lines
+// go to the journal with the same priority.
+thread_local int t_lastLevel = 0;
+
+// The syslog priority of a level in the journal: 0-1 crit, 2 err, 3-4
+// warning, 5-7 notice, 8 info, 9 and above debug.
+int journalPriority(int level) {
+  if (level <= 1) return LOG_CRIT;
+  if (level == 2) return LOG_ERR;
+  if (level <= Log::kWarning) return LOG_WARNING;
+  if (level < Log::kInfo) return LOG_NOTICE;
+  if (level == Log::kInfo) return LOG_INFO;
+  return LOG_DEBUG;
+}
 
 FILE* out() { return Log::logfile ? Log::logfile : stderr; }
 
@@ -46,6 +64,27 @@ void applyVariables() {
 
 bool levelOn(int level) { return level >= 0 && level <= Log::kMaxLevel && g_levels[level]; }
 
+// True when standard error is the stream that systemd connected to the
+// journal for this service (JOURNAL_STREAM names its device and inode), not
+// merely inherited from a parent that runs under systemd.
+bool stderrIsJournal() {
+  const char* v = getenv("JOURNAL_STREAM");
+  unsigned long long dev = 0;
+  unsigned long long ino = 0;
+  if (v == nullptr || sscanf(v, "%llu:%llu", &dev, &ino) != 2) return false;
+  struct stat st;
+  return fstat(STDERR_FILENO, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+}
+
+// The journal keeps its own time, pid and program name, and sorts by
+// priority: a line carries neither the banner nor the time stamp.
+bool sendToJournal(int level, const char* component, const char* function, const char* text,
+                   bool continuation) {
+  return sd_journal_send("MESSAGE=%s::%s:%s %s", component, function, continuation ? "    " : "",
+                         text, "PRIORITY=%d", journalPriority(level), "CLOCKETTE_LEVEL=%d", level,
+                         nullptr) >= 0;
+}
+
 // Writes one line under the lock: prefix, time, pid, level, origin, message.
 void writeLine(int level, const char* component, const char* function, const char* format,
                va_list args, bool continuation) {
@@ -58,10 +97,12 @@ void writeLine(int level, const char* component, const char* function, const cha
   char stamp[32];
   strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tmv);
   std::lock_guard<std::mutex> lock(g_mutex);
+  // Without a journal to take it the line goes to standard error.
+  if (g_journal && sendToJournal(level, component, function, text, continuation)) return;
   FILE* f = out();
   if (continuation) {
     fprintf(f, "%s%s.%03ld %d %2d %s::%s:     %s\n", Log::_eventPrefix, stamp,
-            static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()), level, component,
+            static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()), 0, component,
             function, text);
   } else {
     fprintf(f, "%s%s.%03ld %d %2d %s::%s: %s\n", Log::_eventPrefix, stamp,
@@ -102,6 +143,7 @@ void Log::msg(int line, int level, const char* format, ...) {
 void Log::vmsg(int /*line*/, int level, const char* format, va_list args) {
   lastWritten_ = levelOn(level);
   if (!lastWritten_) return;
+  t_lastLevel = level;
   writeLine(level, component_, function_, format, args, false);
 }
 
@@ -109,7 +151,7 @@ void Log::msgc(const char* format, ...) {
   if (!lastWritten_) return;
   va_list ap;
   va_start(ap, format);
-  writeLine(0, component_, function_, format, ap, true);
+  writeLine(t_lastLevel, component_, function_, format, ap, true);
   va_end(ap);
 }
 
@@ -125,14 +167,20 @@ int Log::initFromConfig() {
   return 1;
 }
 
+// "journal" sends the lines to the systemd journal, without the banner and
+// time stamp, with a priority from the level; so does standard error when it
+// is the stream that systemd set up for the service (JOURNAL_STREAM).
 int Log::setLogFile(const char* name) {
   std::string path = name ? name : "";
-  if (path.empty() || path == "-" || path == "stderr") {
+  bool journal = path == "journal";
+  if (journal || path.empty() || path == "-" || path == "stderr") {
+    journal = journal || stderrIsJournal();
     std::lock_guard<std::mutex> lock(g_mutex);
     if (g_ownsFile) fclose(logfile);
     logfile = nullptr;
     g_ownsFile = false;
-    g_fileName = "stderr";
+    g_journal = journal;
+    g_fileName = journal ? "journal" : "stderr";
     return 1;
   }
   const char* dir = getenv("ZEPH_SRV_LOG");
@@ -145,6 +193,7 @@ int Log::setLogFile(const char* name) {
   if (g_ownsFile) fclose(logfile);
   logfile = f;
   g_ownsFile = true;
+  g_journal = false;
   g_fileName = path;
   return 1;
 }

@@ -1,11 +1,13 @@
 #include "base/Log.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "testing/TempDir.h"
+#include "testing/UnixDatagram.h"
 
 namespace {
 
@@ -67,6 +69,37 @@ TEST_F(LogTest, RelativeFileGoesUnderServerLogDirWithPrefixAndOnlyEnabledLevels)
   // A file that cannot be opened keeps the old destination.
   EXPECT_EQ(Log::setLogFile("/nonexistent-dir/x.log"), 0);
   EXPECT_STREQ(Log::logFileName(), "stderr");
+}
+
+// Plays journald where none runs (this needs root); a running journal is
+// left alone.
+TEST_F(LogTest, JournalLinesCarryPriorityFromLevelAndNoBanner) {
+  struct stat st;
+  if (stat("/run/systemd/journal/socket", &st) == 0) GTEST_SKIP() << "a journal runs here";
+  mkdir("/run/systemd", 0755);
+  mkdir("/run/systemd/journal", 0755);
+  UnixDatagram journal("/run/systemd/journal/socket");
+  if (!journal.bound()) GTEST_SKIP() << "cannot play the journal here";
+  ASSERT_EQ(Log::setLogFile("journal"), 1);
+  EXPECT_STREQ(Log::logFileName(), "journal");
+  Log::setEventPrefix("BANNER : ");
+  Log::setLevel("ALL", 1);
+  Log::unsetLevel(Log::kEntry);
+  Log log("Comp", "func", __FILE__, __LINE__, 13);
+  struct {
+    int level;
+    const char* priority;
+  } cases[] = {{1, "2"}, {2, "3"}, {3, "4"}, {4, "4"}, {5, "5"}, {8, "6"}, {9, "7"}};
+  for (const auto& c : cases) {
+    log.msg(__LINE__, c.level, "level %d", c.level);
+    std::string got = journal.receive();
+    EXPECT_TRUE(contains(got, "MESSAGE=Comp::func: level " + std::to_string(c.level) + "\n"))
+        << got;
+    EXPECT_TRUE(contains(got, std::string("PRIORITY=") + c.priority + "\n")) << got;
+    EXPECT_FALSE(contains(got, "BANNER")) << got;
+  }
+  log.msgc("more");  // a continuation keeps its message's priority
+  EXPECT_TRUE(contains(journal.receive(), "PRIORITY=7\n"));
 }
 
 }  // namespace

@@ -15,6 +15,8 @@
 #include <mutex>
 #include <new>
 
+#include "base/ServiceNotify.h"
+
 namespace metrics {
 namespace {
 
@@ -31,14 +33,23 @@ struct State {
   std::atomic<uint64_t> documentsOk{0};
   std::atomic<uint64_t> documentsFailed{0};
   std::atomic<uint64_t> timestamps[kResultSlots] = {};
-  std::atomic<uint64_t> answerBuckets[kBucketCount] = {};  // per bucket, not cumulative
-  std::atomic<uint64_t> answerCount{0};
-  std::atomic<uint64_t> answerMicros{0};
+  // By server position: per bucket, not cumulative.
+  std::atomic<uint64_t> answerBuckets[kMaxServers][kBucketCount] = {};
+  std::atomic<uint64_t> answerCount[kMaxServers] = {};
+  std::atomic<uint64_t> answerMicros[kMaxServers] = {};
+  std::atomic<bool> registered{false};
+  int64_t startMs = 0;                    // Unix time the process started; set once, before main
   std::atomic<int64_t> lastSuccessMs{0};  // Unix time, 0 until the first stamped file
   std::atomic<uint64_t> changes{0};
   std::atomic<uint64_t> servers[kMaxServers][4] = {};  // by ServerEvent
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "counters shared between processes");
+
+int64_t unixNowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 // Made before main runs, so that forked processes inherit the mapping; never
 // destroyed, since a thread may still count while the process ends.
@@ -46,7 +57,9 @@ State& state() {
   static State* s = [] {
     void* shared =
         mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return shared == MAP_FAILED ? new State : new (shared) State;
+    State* made = shared == MAP_FAILED ? new State : new (shared) State;
+    made->startMs = unixNowMs();
+    return made;
   }();
   return *s;
 }
@@ -66,12 +79,6 @@ std::string resultLabel(size_t slot) {
   return "error_" + std::to_string(slot);
 }
 
-int64_t unixNowMs() {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 void appendf(std::string* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void appendf(std::string* out, const char* format, ...) {
   char line[256];
@@ -88,6 +95,8 @@ void countDocument(bool ok) {
   State& s = state();
   ++(ok ? s.documentsOk : s.documentsFailed);
   ++s.changes;
+  service::notifyStatus(std::to_string(s.documentsOk + s.documentsFailed) + " documents done, " +
+                        std::to_string(s.documentsFailed) + " failed");
 }
 
 void countTimestamp(int result) {
@@ -102,24 +111,46 @@ void countTimestamp(int result) {
   ++s.changes;
 }
 
-void observeAnswer(double seconds) {
-  State& s = state();
-  for (size_t i = 0; i < kBucketCount; ++i) {
-    if (seconds <= kBuckets[i]) {
-      ++s.answerBuckets[i];
-      break;
-    }
-  }
-  s.answerMicros += static_cast<uint64_t>(std::max(seconds, 0.0) * 1e6);
-  ++s.answerCount;
-  ++s.changes;
-}
-
 // Names of the servers counted; set at start, read by the reporting thread.
 std::mutex serverNamesMutex;
 std::vector<std::string>& serverNames() {
   static auto* names = new std::vector<std::string>;
   return *names;
+}
+// Names of the servers whose exchanges are timed, whether or not counted.
+std::vector<std::string>& exchangeNames() {
+  static auto* names = new std::vector<std::string>;
+  return *names;
+}
+
+void nameExchangeServers(const std::vector<std::string>& names) {
+  std::lock_guard<std::mutex> lock(serverNamesMutex);
+  exchangeNames().assign(names.begin(), names.begin() + std::min(names.size(), kMaxServers));
+}
+
+void observeAnswer(const std::string& server, double seconds) {
+  size_t at = 0;
+  {
+    std::lock_guard<std::mutex> lock(serverNamesMutex);
+    const std::vector<std::string>& names = exchangeNames();
+    at = static_cast<size_t>(std::find(names.begin(), names.end(), server) - names.begin());
+    if (at == names.size()) at = 0;  // an unnamed server shares the first histogram
+  }
+  State& s = state();
+  for (size_t i = 0; i < kBucketCount; ++i) {
+    if (seconds <= kBuckets[i]) {
+      ++s.answerBuckets[at][i];
+      break;
+    }
+  }
+  s.answerMicros[at] += static_cast<uint64_t>(std::max(seconds, 0.0) * 1e6);
+  ++s.answerCount[at];
+  ++s.changes;
+}
+
+void setRegistered(bool registered) {
+  state().registered = registered;
+  ++state().changes;
 }
 
 void nameServers(const std::vector<std::string>& names) {
@@ -161,6 +192,18 @@ std::string prometheusText() {
   State& s = state();
   std::string out;
   out +=
+      "# HELP clockette_build_info The worker's version.\n"
+      "# TYPE clockette_build_info gauge\n"
+      "clockette_build_info{version=\"" CLOCKETTE_VERSION
+      "\"} 1\n"
+      "# HELP clockette_process_start_time_seconds Unix time the worker started.\n"
+      "# TYPE clockette_process_start_time_seconds gauge\n";
+  appendf(&out, "clockette_process_start_time_seconds %.3f\n", s.startMs / 1e3);
+  out +=
+      "# HELP clockette_registered 1 while the worker is registered with the KV.\n"
+      "# TYPE clockette_registered gauge\n";
+  appendf(&out, "clockette_registered %d\n", s.registered ? 1 : 0);
+  out +=
       "# HELP clockette_documents_total Documents worked on, by result.\n"
       "# TYPE clockette_documents_total counter\n";
   appendf(&out, "clockette_documents_total{result=\"ok\"} %" PRIu64 "\n", s.documentsOk.load());
@@ -170,25 +213,33 @@ std::string prometheusText() {
       "# HELP clockette_timestamps_total Files to be stamped, by result.\n"
       "# TYPE clockette_timestamps_total counter\n";
   for (size_t slot = 0; slot < kResultSlots; ++slot) {
-    uint64_t n = s.timestamps[slot];
-    if (n == 0 && slot != 0) continue;  // ok is always shown
+    uint64_t n = s.timestamps[slot];  // every result from the start, so rates work at once
     appendf(&out, "clockette_timestamps_total{result=\"%s\"} %" PRIu64 "\n",
             resultLabel(slot).c_str(), n);
   }
   out +=
       "# HELP clockette_tsa_answer_seconds Time a Timestamp Server exchange took.\n"
       "# TYPE clockette_tsa_answer_seconds histogram\n";
-  uint64_t cumulative = 0;
-  for (size_t i = 0; i < kBucketCount; ++i) {
-    cumulative += s.answerBuckets[i];
-    appendf(&out, "clockette_tsa_answer_seconds_bucket{le=\"%g\"} %" PRIu64 "\n", kBuckets[i],
-            cumulative);
+  std::unique_lock<std::mutex> names(serverNamesMutex);
+  const std::vector<std::string> servers =
+      exchangeNames().empty() ? std::vector<std::string>{""} : exchangeNames();
+  names.unlock();
+  for (size_t at = 0; at < servers.size(); ++at) {
+    const char* server = servers[at].c_str();
+    uint64_t cumulative = 0;
+    for (size_t i = 0; i < kBucketCount; ++i) {
+      cumulative += s.answerBuckets[at][i];
+      appendf(&out, "clockette_tsa_answer_seconds_bucket{server=\"%s\",le=\"%g\"} %" PRIu64 "\n",
+              server, kBuckets[i], cumulative);
+    }
+    // Read after the buckets, and never below them, so the series stays cumulative.
+    uint64_t count = std::max<uint64_t>(s.answerCount[at], cumulative);
+    appendf(&out, "clockette_tsa_answer_seconds_bucket{server=\"%s\",le=\"+Inf\"} %" PRIu64 "\n",
+            server, count);
+    appendf(&out, "clockette_tsa_answer_seconds_sum{server=\"%s\"} %.6f\n", server,
+            s.answerMicros[at] / 1e6);
+    appendf(&out, "clockette_tsa_answer_seconds_count{server=\"%s\"} %" PRIu64 "\n", server, count);
   }
-  // Read after the buckets, and never below them, so the series stays cumulative.
-  uint64_t count = std::max<uint64_t>(s.answerCount, cumulative);
-  appendf(&out, "clockette_tsa_answer_seconds_bucket{le=\"+Inf\"} %" PRIu64 "\n", count);
-  appendf(&out, "clockette_tsa_answer_seconds_sum %.6f\n", s.answerMicros / 1e6);
-  appendf(&out, "clockette_tsa_answer_seconds_count %" PRIu64 "\n", count);
   out +=
       "# HELP clockette_last_success_timestamp_seconds Unix time of the last stamped file (0: "
       "none yet).\n"

@@ -26,8 +26,16 @@ void countDocument(bool ok);
 // result as "other".
 void countTimestamp(int result);
 
-// One exchange with a Timestamp Server took seconds, answered or not.
-void observeAnswer(double seconds);
+// One exchange with the Timestamp Server named server (as
+// nameExchangeServers named it; any other shares the first one's histogram)
+// took seconds, answered or not.
+void observeAnswer(const std::string& server, double seconds);
+// The servers whose exchanges are timed, each with a histogram of its own:
+// every configured server, named once at start before test mode forks.
+void nameExchangeServers(const std::vector<std::string>& names);
+
+// Registered with the KV (true) or not (false, at start).
+void setRegistered(bool registered);
 
 // Timestamp Servers by position: 0 the primary, then the fallbacks (at most
 // kMaxServers). Named once at start, before any worker is forked, when retries or

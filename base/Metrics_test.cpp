@@ -24,7 +24,7 @@ TEST(MetricsTest, CountsFromManyThreadsAllArrive) {
     threads.emplace_back([] {
       for (int i = 0; i < kEach; ++i) {
         metrics::countTimestamp(i % 2 == 0 ? 0 : -2);
-        metrics::observeAnswer(0.01);
+        metrics::observeAnswer("", 0.01);
         metrics::countDocument(i % 4 != 0);
       }
     });

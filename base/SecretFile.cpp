@@ -31,11 +31,15 @@ bool readSecretFile(const char* path, std::string* secret, std::string* problem)
     *problem = quoted(path) + " is no regular file";
     return false;
   }
-  if ((st.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+  // Root owning the file and letting the worker's own group read it
+  // (0640 root:<group>) is the packaged way to hand a service a secret.
+  bool groupIsWorkers = st.st_uid == 0 && st.st_gid == getegid();
+  if ((st.st_mode & S_IROTH) != 0 || ((st.st_mode & S_IRGRP) != 0 && !groupIsWorkers)) {
     char mode[8];
     snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
     *problem = quoted(path) + " may be read by its group or others (mode " + mode +
-               "): allow reading by its owner only (chmod 600)";
+               "): allow reading by its owner only (chmod 600), or by root and the worker's group "
+               "(chown root:<group>; chmod 640)";
     return false;
   }
   std::string text;

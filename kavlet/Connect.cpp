@@ -5,6 +5,8 @@
 
 #include "base/Log.h"
 #include "base/Stop.h"
+#include "base/Metrics.h"
+#include "base/ServiceNotify.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
 #include "kavlet/Reporter.h"
@@ -42,6 +44,7 @@ int Kavlet::connectToKV(ToolHandler* handler) {
   Log log("Kavlet", "connectToKV", __FILE__, __LINE__, 13);
   if (!testCount.empty()) {
     log.msg(__LINE__, 8, "using Test option");
+    service::notifyReady();
     return test();
   }
   startSignalThread();
@@ -54,6 +57,7 @@ int Kavlet::connectToKVForService(ToolHandler* handler) {
   Log log("Kavlet", "connectToKVForService", __FILE__, __LINE__, 13);
   if (!testCount.empty()) {
     log.msg(__LINE__, 8, "using Test option");
+    service::notifyReady();
     return test();
   }
   startSignalThread();
@@ -79,6 +83,8 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
     log.msg(__LINE__, 3, "registered with the KV at %s port %u as type '%s', orders to port %u",
             kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(), ToolServicePort());
     reporterStart(true);
+    metrics::setRegistered(true);
+    service::notifyReady();
     return rc;
   }
   int code = 1;

@@ -10,6 +10,7 @@
 
 #include "base/Log.h"
 #include "base/Platform.h"
+#include "base/SandboxHint.h"
 #include "base/SettingsLine.h"
 #include "base/Setup.h"
 #include "base/SystemError.h"
@@ -143,8 +144,10 @@ void Kavlet::readEnvironment() {
       if (c == '\\') c = '/';
     kvDir = dir;
     if (testCount.empty() && chdir(kvDir.c_str()) != 0) {
+      int err = errno;
       log.msg(__LINE__, 2, "cannot change to KVDIR '%s': '%s'", kvDir.c_str(),
-              systemError(errno).c_str());
+              systemError(err).c_str());
+      if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
     }
   }
 }
@@ -212,6 +215,9 @@ void Kavlet::parseArgv(int argc, char** argv) {
       continue;
     }
     if (parseOneArgument(argc, argv, &i) == 0) {
+      // Under a service manager the usage alone reads like a normal end:
+      // one line first says what was wrong.
+      fprintf(stderr, "unknown option '%s'\n", arg);
       printUsage();
       usageShown = true;
       return;

@@ -95,10 +95,14 @@ int Kavlet::test() {
   int repetitions = std::max(atoi(testCount.c_str()), 1);
   bool allDone = true;
   auto report = [&](int r, size_t i, int result) {
-    if (result == 0) allDone = false;
     printf("%s %04d %04d op=%-10s doc='%s'\n", getTime(), r, static_cast<int>(i) + 1,
            result != 0 ? okStatus.c_str() : errorStatus.c_str(), documents[i].c_str());
     fflush(stdout);
+    // The reasons are in the log; the first failure says where that is.
+    if (result == 0 && allDone) {
+      fprintf(stderr, "a document failed: why is in the log %s\n", Log::logFileName());
+    }
+    if (result == 0) allDone = false;
   };
   for (int r = 1; r <= repetitions && !stopRequested(); ++r) {
     if (apart) {

@@ -82,6 +82,9 @@ const HostAddressList& getMyInetAddr() {
   }
   if (!found) {
     log.msg(__LINE__, 1, "could not resolve address of %s, errno=%d", myName, err);
+    log.msgc(
+        "set MY_HOST_NAME to a name or address of this host that resolves and that the "
+        "KV can reach");
     return mine;  // empty: asked again next time
   }
   char text[INET6_ADDRSTRLEN + 16];

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/Log.h"
@@ -58,6 +59,16 @@ void decide(ToolNext next) {
 
 }  // namespace
 
+int ToolOrderPort(const char* text) {
+  if (text == nullptr || *text == '\0') return 0;
+  if (*text < '0' || *text > '9') return -1;  // strtol would pass blanks and signs
+  char* end = nullptr;
+  errno = 0;
+  long port = strtol(text, &end, 10);
+  if (errno != 0 || *end != '\0' || port < 0 || port > 65535) return -1;
+  return static_cast<int>(port);
+}
+
 int ToolCreateService(int protocol) {
   Log log("ToolService", "ToolCreateService", __FILE__, __LINE__, 13);
   ServiceState& s = state();
@@ -65,10 +76,19 @@ int ToolCreateService(int protocol) {
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
   v4.sin_addr.s_addr = htonl(INADDR_ANY);
-  v4.sin_port = 0;
+  // A fixed port lets a firewall rule for the KV's orders stay narrow.
+  const char* fixed = getenv("KV_ORDER_PORT");
+  int port = ToolOrderPort(fixed);
+  if (port < 0) {
+    log.msg(__LINE__, 2, "KV_ORDER_PORT '%s' is no UDP port from 0 to 65535, using any free port",
+            fixed);
+    port = 0;
+  }
+  v4.sin_port = htons(static_cast<uint16_t>(port));
   SVCXPRT* xprt = svcudp_create(&v4);
   if (xprt == nullptr) {
-    log.msg(__LINE__, 5, "cannot create socket");
+    log.msg(__LINE__, port == 0 ? 5 : 2, "cannot create socket%s%s",
+            port == 0 ? "" : " on KV_ORDER_PORT ", port == 0 ? "" : fixed);
     return -1;
   }
   if (!svc_register(xprt, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {

@@ -25,7 +25,13 @@
 struct SVCXPRT;
 struct svc_req;
 
-// Creates the IPv4 service on an ephemeral port and an IPv6 one on the same
+// The port of KV_ORDER_PORT's value: 0 (any free port) for null or empty,
+// -1 for anything but a whole number from 0 to 65535.
+int ToolOrderPort(const char* text);
+
+// Creates the IPv4 service on the port KV_ORDER_PORT names (a value that is
+// no port is logged at level 2; unset, empty or 0: an ephemeral port) and an
+// IPv6 one on the same
 // port, both dispatching to ToolDispatch and serving only the callers that
 // KvSenders.h accepts. protocol is passed on to the
 // registration (kept for the record only; no port mapper is contacted).

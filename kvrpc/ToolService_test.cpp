@@ -17,8 +17,9 @@ using namespace testing_support;
 // kvprobe serving the callback program in simulation mode (no KV needed).
 class ServedProbe : public LinePeer {
  public:
-  explicit ServedProbe(const std::string& registration = "hi")
-      : LinePeer({kvprobePath(), "-l", "9", registration, "DEBUG", "tool", "port", "serve"}) {
+  explicit ServedProbe(const std::string& registration = "hi", const ChildOptions& options = {})
+      : LinePeer({kvprobePath(), "-l", "9", registration, "DEBUG", "tool", "port", "serve"},
+                 options) {
     std::string line;
     if (waitFor("port ", &line)) port_ = static_cast<int>(numberAfter(line, "port"));
   }
@@ -65,6 +66,23 @@ TEST(ToolServiceTest, AnswersEveryProcedureOnIpv4AndIpv6OnTheSamePort) {
   probe.drain(1);
   EXPECT_EQ(probe.countLines("WORK"), 4);
   EXPECT_EQ(probe.countLines("CTRL"), 2);
+}
+
+TEST(ToolServiceTest, KvOrderPortFixesThePortAndAnythingButAPortIsRefused) {
+  int fixed = 0;
+  {  // a port that is free now
+    ServedProbe any;
+    fixed = any.port();
+  }
+  ASSERT_GT(fixed, 0);
+  ChildOptions options;
+  options.env["KV_ORDER_PORT"] = std::to_string(fixed);
+  ServedProbe probe("hi", options);
+  EXPECT_EQ(probe.port(), fixed);
+  EXPECT_EQ(kvminiCall("127.0.0.1:" + std::to_string(fixed), {"call", "0"}), "reply void");
+  for (const char* bad : {"-1", "65536", "80x", " 1"}) EXPECT_EQ(ToolOrderPort(bad), -1) << bad;
+  EXPECT_EQ(ToolOrderPort(""), 0);
+  EXPECT_EQ(ToolOrderPort("65535"), 65535);
 }
 
 TEST(ToolServiceTest, WorkOrderOfMode2IsAcknowledgedWorkedAndEndsTheProcess) {

@@ -9,7 +9,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libtirpc-dev
   clang libclang-rt-14-dev rpcsvc-proto
-  systemd
+  systemd libsystemd-dev
+  dpkg-dev lintian
 )
 
 missing=()

@@ -164,6 +164,24 @@ std::string bodyText(const ResponseBuffer& rb) {
   return std::string(reinterpret_cast<const char*>(rb.data), rb.used).c_str();
 }
 
+// What the operator most likely has to change when a failure has a usual
+// cause; null otherwise.
+const char* likelyCause(CURLcode rc, const char* details, const TsServer& server) {
+  if (rc == CURLE_PEER_FAILED_VERIFICATION) {
+    return "the server's certificate was not accepted: TS_CAFILE must hold the CA that issued "
+           "it, and the host name must be one the certificate names";
+  }
+  // A plain HTTP server never answers a TLS greeting the way TLS expects:
+  // the handshake times out or fails on the first bytes back.
+  bool noHandshake = rc == CURLE_SSL_CONNECT_ERROR ||
+                     (rc == CURLE_OPERATION_TIMEDOUT && strstr(details, "SSL") != nullptr);
+  if (server.protocol == "https" && noHandshake) {
+    return "connected, but no TLS handshake: is the port a plain HTTP port? https needs the "
+           "server's TLS port (TIMESTAMP_PORT), or set TIMESTAMP_PROTOCOL=http";
+  }
+  return nullptr;
+}
+
 // The URL of server, "" when it cannot be allocated: as written when it has
 // one, else "<protocol>://<host>:<port>/</<path>". The "/</" between port and
 // path is what the deployed Timestamp Servers expect; it is not a typo.
@@ -255,6 +273,7 @@ int transferResult(Log& log, CURL* c, CURLcode rc, const TsServer& server,
     *outcome = {-4, curlFailureMayPass(rc), curl_easy_strerror(rc)};
     log.msgc("Timestamp Server %s: %s", serverName(server).c_str(),
              curlError[0] ? curlError : "no details");
+    if (const char* cause = likelyCause(rc, curlError, server)) log.msgc("%s", cause);
     return -4;
   }
   long status = 0;

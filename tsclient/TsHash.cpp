@@ -12,6 +12,7 @@
 
 #include "base/Log.h"
 #include "base/Owners.h"
+#include "base/SandboxHint.h"
 #include "base/SystemError.h"
 #include "der/CAsn1messageImprint.h"
 #include "der/Der.h"
@@ -75,6 +76,7 @@ int computeHashOfOpenFile(int fd, const char* path, int nid, CAsn1messageImprint
     int err = errno;
     log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
             systemError(err).c_str());
+    if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
     return -1;
   }
   if (!S_ISREG(st.st_mode)) {
@@ -106,6 +108,7 @@ int computeHashOfOpenFile(int fd, const char* path, int nid, CAsn1messageImprint
     case FileDigestResult::kReadFailed:
       log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", path, err,
               systemError(err).c_str());
+      if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
       return -1;
     case FileDigestResult::kStopped:
       log.msg(__LINE__, 2, "hashing of %s stopped", path);

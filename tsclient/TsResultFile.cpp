@@ -7,6 +7,7 @@
 
 #include "base/Log.h"
 #include "base/ReplaceFile.h"
+#include "base/SandboxHint.h"
 #include "base/SystemError.h"
 #include "der/CAsn1string.h"
 #include "encoding/Base64Crc.h"
@@ -19,6 +20,7 @@ const char kComponent[] = "zpTrequest";
 int unwritable(Log& log, const char* target, const std::string& step, int err) {
   log.msg(__LINE__, 2, "Unable to open %s for writing: %s failed: errno=%d (%s)", target,
           step.c_str(), err, systemError(err).c_str());
+  if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
   return -5;
 }
 

@@ -163,6 +163,7 @@ void TsServers::configure(const TsServer& primary, const std::vector<TsServer>& 
   // The counts per server are shown where they tell something.
   bool inUse = policy.retries > 0 || entries_.size() > 1;
   metrics::nameServers(inUse ? names : std::vector<std::string>());
+  metrics::nameExchangeServers(names);
 }
 
 void TsServers::configureFromEnvironment(Log& log, const TsServer& primary, long timeoutS) {

@@ -82,7 +82,7 @@ TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsig
   errno = 0;
   long long started = steadyNowMs();
   int rc = transport.exchange(log, server, request, timeoutMs, &rb, &offset, &outcome);
-  metrics::observeAnswer((steadyNowMs() - started) / 1000.0);
+  metrics::observeAnswer(server.name(), (steadyNowMs() - started) / 1000.0);
   if (rc != 0) {
     outcome.result = rc;  // failures without a reason of their own are final
     return outcome;

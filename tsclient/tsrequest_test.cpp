@@ -368,8 +368,17 @@ TEST_F(TsRequestTest, TlsChecksFollowTsCafileAndTsVerfhost) {
     initTsServer(c.host, static_cast<uint16_t>(c.server.httpsPort()), "https", nullptr);
     LogCapture log;
     EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), c.result) << log.text();
+    // A refused certificate names the setting that decides.
+    EXPECT_EQ(contains(log.text(), "TS_CAFILE must hold the CA"), c.result != 0) << log.text();
     unlink(target_.c_str());
   }
+  // https against a plain HTTP port: the handshake never ends, and the log says why.
+  ScopedEnv connectTimeout("TS_CONNECT_TIMEOUT", "1");
+  ScopedEnv timeout("TS_TIMEOUT", "3");
+  initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "https", nullptr);
+  LogCapture log;
+  EXPECT_EQ(requestTimestamp(source_.c_str(), target_.c_str()), -2);
+  EXPECT_TRUE(contains(log.text(), "is the port a plain HTTP port?")) << log.text();
 }
 
 TEST_F(TsRequestTest, CredentialsOverAnUncheckedConnectionDrawOneWarning) {
