@@ -7,9 +7,7 @@
 
 #include "base/Log.h"
 #include "der/CAsn1issuerSerial.h"
-#include "der/CAsn1time.h"
 #include "der/Der.h"
-#include "ossl/KeyType.h"
 #include "ossl/OpenSslErrors.h"
 
 namespace {
@@ -18,15 +16,6 @@ std::string nameText(const X509_NAME* name) {
   char buf[1024];
   if (X509_NAME_oneline(name, buf, sizeof(buf)) == nullptr) return std::string();
   return buf;
-}
-
-bool derOf(const ASN1_TIME* t, std::vector<unsigned char>* der) {
-  unsigned char* out = nullptr;
-  int n = i2d_ASN1_TIME(t, &out);
-  if (n <= 0) return false;
-  OpenSslBytesPtr owner(out);
-  der->assign(out, out + n);
-  return true;
 }
 
 bool toEpoch(const ASN1_TIME* t, time_t* out) {
@@ -80,13 +69,9 @@ void CCertInfo::clear() {
   der_.clear();
   issuerDer_.clear();
   serial_.clear();
-  issuerText_.clear();
   subjectText_.clear();
-  notBeforeDer_.clear();
-  notAfterDer_.clear();
   notBefore_ = notAfter_ = 0;
   publicKey_.reset();
-  signatureNid_ = NID_undef;
 }
 
 bool CCertInfo::analyze() {
@@ -115,17 +100,14 @@ bool CCertInfo::analyze() {
   serial_.assign(q, q + len);
 
   if (!toEpoch(X509_get0_notBefore(c), &notBefore_) ||
-      !toEpoch(X509_get0_notAfter(c), &notAfter_) ||
-      !derOf(X509_get0_notBefore(c), &notBeforeDer_) ||
-      !derOf(X509_get0_notAfter(c), &notAfterDer_)) {
+      !toEpoch(X509_get0_notAfter(c), &notAfter_)) {
     return false;
   }
   publicKey_.reset(X509_get_pubkey(c));
   if (!publicKey_) return false;
-  signatureNid_ = X509_get_signature_nid(c);
-  issuerText_ = nameText(issuer);
   subjectText_ = nameText(subject);
-  log.msg(__LINE__, 9, "certificate of %s issued by %s", subjectText_.c_str(), issuerText_.c_str());
+  log.msg(__LINE__, 9, "certificate of %s issued by %s", subjectText_.c_str(),
+          nameText(issuer).c_str());
   return true;
 }
 
@@ -163,18 +145,6 @@ int CCertInfo::readPEM(const char* file) {
   return 0;
 }
 
-int CCertInfo::writePEM(const char* file) const {
-  Log log("CCertInfo", "writePEM", __FILE__, __LINE__, 13);
-  BioPtr out(cert_ && file != nullptr ? BIO_new_file(file, "w") : nullptr);
-  if (!out || PEM_write_bio_X509(out.get(), cert_.get()) != 1 || BIO_flush(out.get()) != 1) {
-    log.msg(__LINE__, 2, "PEM_write_X509 failed. Output file was %s",
-            file != nullptr ? file : "(null)");
-    logOpenSslErrorQueue("CCertInfo", "writePEM");
-    return -1;
-  }
-  return 0;
-}
-
 int CCertInfo::getDER(DerWriter& out) const {
   Log log("CCertInfo", "getDER", __FILE__, __LINE__, 13);
   if (der_.empty()) {
@@ -184,8 +154,6 @@ int CCertInfo::getDER(DerWriter& out) const {
   out.bytes(der_);
   return 0;
 }
-
-std::string CCertInfo::GetIssuerName() const { return issuerText_; }
 
 std::string CCertInfo::GetSubjectName() const { return subjectText_; }
 
@@ -202,43 +170,12 @@ int CCertInfo::GetIssuerAndSerial(CAsn1issuerSerial* out) const {
   return 0;
 }
 
-int CCertInfo::GetTimeNotBefore(CAsn1time* out) const {
-  if (notBeforeDer_.empty()) return -1;
-  unsigned int pos = 0;
-  return out->setDER(notBeforeDer_.data(), &pos, static_cast<unsigned int>(notBeforeDer_.size()));
-}
-
-int CCertInfo::GetTimeNotAfter(CAsn1time* out) const {
-  if (notAfterDer_.empty()) return -1;
-  unsigned int pos = 0;
-  return out->setDER(notAfterDer_.data(), &pos, static_cast<unsigned int>(notAfterDer_.size()));
-}
-
 std::string CCertInfo::GetTimeNotBeforeText() const {
   return ok() ? epochText(notBefore_) : std::string();
 }
 
 std::string CCertInfo::GetTimeNotAfterText() const {
   return ok() ? epochText(notAfter_) : std::string();
-}
-
-int CCertInfo::GetKeyType() const {
-  Log log("CCertInfo", "GetKeyType", __FILE__, __LINE__, 13);
-  if (!publicKey_) return -1;
-  return keyTypeFromOpenSslId(EVP_PKEY_get_base_id(publicKey_.get()));
-}
-
-int CCertInfo::GetKeyLength() const {
-  Log log("CCertInfo", "GetKeyLength", __FILE__, __LINE__, 13);
-  int type = GetKeyType();
-  if (type != kKeyTypeRsa && type != kKeyTypeDsa) return -1;
-  int bytes = (EVP_PKEY_get_bits(publicKey_.get()) + 7) / 8;
-  if (type == kKeyTypeRsa) {
-    log.msg(__LINE__, 9, "determined RSA key length=%d bytes", bytes);
-  } else {
-    log.msg(__LINE__, 9, "determined DSA key length=%d bytes", bytes);
-  }
-  return bytes;
 }
 
 EvpPkeyPtr CCertInfo::GetRSAPublicKey() const {
@@ -251,46 +188,4 @@ EvpPkeyPtr CCertInfo::GetDSApublicKey() const {
   if (!publicKey_ || EVP_PKEY_get_base_id(publicKey_.get()) != EVP_PKEY_DSA) return nullptr;
   EVP_PKEY_up_ref(publicKey_.get());
   return EvpPkeyPtr(publicKey_.get());
-}
-
-int CCertInfo::GetFingerprint(int digestNid, unsigned char* md, unsigned int* length) const {
-  Log log("CCertInfo", "GetFingerprint", __FILE__, __LINE__, 13);
-  const EVP_MD* digest = EVP_get_digestbynid(digestNid);
-  if (!cert_ || digest == nullptr) {
-    log.msg(__LINE__, 2, "can't get a digest EVP for NID %d", digestNid);
-    return -1;
-  }
-  if (X509_digest(cert_.get(), digest, md, length) != 1) {
-    logOpenSslErrorQueue("CCertInfo", "GetFingerprint");
-    return -1;
-  }
-  return 0;
-}
-
-std::string CCertInfo::GetFingerprint(int digestNid) const {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  if (GetFingerprint(digestNid, md, &n) != 0) return std::string();
-  std::string text;
-  char hex[4];
-  for (unsigned int i = 0; i < n; ++i) {
-    snprintf(hex, sizeof(hex), i == 0 ? "%02X" : ":%02X", md[i]);
-    text += hex;
-  }
-  return text;
-}
-
-int CCertInfo::VerifyCertSignature(const CCertInfo& issuer) const {
-  return VerifyCertSignature(issuer.GetPublicKey());
-}
-
-int CCertInfo::VerifyCertSignature(EVP_PKEY* issuerKey) const {
-  Log log("CCertInfo", "VerifyCertSignature", __FILE__, __LINE__, 13);
-  if (!cert_ || issuerKey == nullptr) return -2;
-  if (X509_verify(cert_.get(), issuerKey) != 1) {
-    log.msg(__LINE__, 7, "certificate signature of %s does not verify", subjectText_.c_str());
-    clearOpenSslErrors();
-    return -1;
-  }
-  return 0;
 }

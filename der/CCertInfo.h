@@ -2,10 +2,10 @@
 // the local signer.
 //
 // The object owns the decoded certificate (X509) and the fields taken out of
-// it at load time: issuer, subject, serial number, validity, public key and
-// signature algorithm. A certificate that failed to decode or to analyse
-// leaves ok() false and every accessor answers "nothing" (empty text, null
-// key, negative result). Not thread-safe; distinct objects are independent.
+// it at load time: issuer, subject, serial number, validity and public key.
+// A certificate that failed to decode or to analyse leaves ok() false and
+// every accessor answers "nothing" (empty text, null key, negative result).
+// Not thread-safe; distinct objects are independent.
 #ifndef DER_CCERTINFO_H_
 #define DER_CCERTINFO_H_
 
@@ -19,7 +19,6 @@
 
 class CAsn1issuerSerial;
 class DerWriter;
-class CAsn1time;
 
 class CCertInfo {
  public:
@@ -39,8 +38,6 @@ class CCertInfo {
   // -1 when the file cannot be opened, -2 when it holds no certificate,
   // -3 when its fields cannot be analysed.
   int readPEM(const char* file);
-  // Writes the certificate as PEM. 0 on success, -1 on failure.
-  int writePEM(const char* file) const;
 
   // The certificate's DER, exactly as decoded (or as read from PEM).
   const std::vector<unsigned char>& der() const { return der_; }
@@ -51,11 +48,8 @@ class CCertInfo {
   // The OpenSSL certificate, owned by this object (null when !ok()).
   X509* x509() const { return cert_.get(); }
 
-  // Issuer and subject in OpenSSL's one-line form ("/C=DE/O=.../CN=...").
-  std::string GetIssuerName() const;
+  // The subject in OpenSSL's one-line form ("/C=DE/O=.../CN=...").
   std::string GetSubjectName() const;
-  // The serial number's INTEGER contents.
-  const std::vector<unsigned char>& GetSerialNumber() const { return serial_; }
   // Fills an IssuerAndSerialNumber: the issuer Name and the serial number as
   // an INTEGER-tagged string. 0, or -1 when nothing is held or the issuer
   // does not decode.
@@ -64,39 +58,13 @@ class CCertInfo {
   // Validity bounds in seconds since 1970 (UTC).
   time_t GetNotBefore() const { return notBefore_; }
   time_t GetNotAfter() const { return notAfter_; }
-  // The bounds as certificate times (UTCTime or GeneralizedTime, as they are
-  // encoded in the certificate). 0, or -1 when nothing is held.
-  int GetTimeNotBefore(CAsn1time* out) const;
-  int GetTimeNotAfter(CAsn1time* out) const;
   // The bounds as "YYYY-MM-DD hh:mm:ss GMT" for messages.
   std::string GetTimeNotBeforeText() const;
   std::string GetTimeNotAfterText() const;
 
-  // 4 (RSA), 8 (DSA), or -1 for another key type or no certificate.
-  int GetKeyType() const;
-  // Size of the public key's modulus (RSA) or prime (DSA) in bytes; -1 when
-  // the key is of neither type.
-  int GetKeyLength() const;
-  // The public key (owned by this object); null when nothing is held.
-  EVP_PKEY* GetPublicKey() const { return publicKey_.get(); }
   // A new reference to the public key when it is RSA (resp. DSA), else null.
   EvpPkeyPtr GetRSAPublicKey() const;
   EvpPkeyPtr GetDSApublicKey() const;
-  // NID of the certificate's signature algorithm (e.g. sha256WithRSAEncryption),
-  // NID_undef when nothing is held.
-  int GetSignatureType() const { return signatureNid_; }
-
-  // Digest of the DER certificate with the digest of digestNid into md
-  // (room for EVP_MAX_MD_SIZE octets); *length receives the digest size.
-  // 0, or -1 for an unknown digest or no certificate.
-  int GetFingerprint(int digestNid, unsigned char* md, unsigned int* length) const;
-  // The same as upper-case hex pairs separated by ':' ("AB:CD:..."); empty on failure.
-  std::string GetFingerprint(int digestNid) const;
-
-  // Checks the certificate's signature with the issuer's public key.
-  // 0 when it verifies, -1 when it does not, -2 when nothing is held.
-  int VerifyCertSignature(const CCertInfo& issuer) const;
-  int VerifyCertSignature(EVP_PKEY* issuerKey) const;
 
  private:
   // Takes the fields out of cert_; false when one of them is missing.
@@ -107,14 +75,10 @@ class CCertInfo {
   std::vector<unsigned char> der_;
   std::vector<unsigned char> issuerDer_;
   std::vector<unsigned char> serial_;
-  std::string issuerText_;
   std::string subjectText_;
-  std::vector<unsigned char> notBeforeDer_;
-  std::vector<unsigned char> notAfterDer_;
   time_t notBefore_ = 0;
   time_t notAfter_ = 0;
   EvpPkeyPtr publicKey_;
-  int signatureNid_ = NID_undef;
 };
 
 #endif  // DER_CCERTINFO_H_
