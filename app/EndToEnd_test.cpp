@@ -567,11 +567,8 @@ TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrErrorAndOnlyTheKvMayCall) 
   EXPECT_TRUE(contains(text, "call from 127.0.0.2:")) << text;
   EXPECT_TRUE(contains(text, " ignored: only the KV ('127.0.0.1') may call")) << text;
   // The failure line says why on the line after it.
-  size_t failed = text.find("Error on document '" + bad + "', 'error', ");
-  ASSERT_NE(failed, std::string::npos) << text;
-  size_t next = text.find('\n', failed) + 1;
-  EXPECT_TRUE(contains(text.substr(next, text.find('\n', next) - next),
-                       "::work:     reason: wrong COMP COMMANDS statement in document '" + bad))
+  EXPECT_TRUE(std::regex_search(text, std::regex("Error on document '[^\n]*/b-bad', 'error', .*\n"
+                                                 ".*::work:     reason: wrong COMP COMMANDS")))
       << text;
 }
 
