@@ -3,7 +3,9 @@
 # administrator would: install, enable, change the setup file, upgrade to a
 # newer version, remove, purge. After each step it checks what the
 # maintainer scripts and dpkg left: the files, the conffiles, the service
-# user, the setup file's owner and mode, the enable link, the mask, the logs.
+# user, the setup file's owner and mode, the enable link, the mask, the logs,
+# and what the maintainer scripts ask of systemd (a restart on upgrade, a
+# stop on removal) where systemd is not running.
 # Needs root (skipped otherwise) and a machine where clockette is not
 # installed. Whatever happens, the packages are purged at the end and a
 # service user this check created is removed again.
@@ -125,11 +127,35 @@ grep -q "^# changed by the administrator" "$setup" || problem "the upgrade lost 
 [ "$(stat -c '%U:%G %a' "$setup")" = "root:clockette 640" ] || problem "the upgrade reset $setup"
 [ -L "$wants" ] || problem "the upgrade dropped the enable link"
 [ -f /var/log/clockette/clockette.log ] || problem "the upgrade removed the log"
-if [ -d /run/systemd/system ]; then
-  echo "package-lifecycle: systemd runs here, but no service was started: restart not seen"
+# No service runs here, so no restart can be seen. What the installed
+# maintainer scripts ask of systemd can: run where /run/systemd/system exists
+# (in a mount namespace of their own), with stand-ins that record the calls.
+for tool in systemctl deb-systemd-invoke deb-systemd-helper; do
+  mkdir -p "$work/bin"
+  printf '#!/bin/sh\necho "%s $*" >>%s\n' "$tool" "$work/calls" >"$work/bin/$tool"
+  chmod +x "$work/bin/$tool"
+done
+asks() {  # script and its arguments: prints the deb-systemd-invoke calls
+  : >"$work/calls"
+  unshare --mount sh -c 'mount -t tmpfs none /run && mkdir -p /run/systemd/system &&
+    PATH=$0:$PATH exec "$@"' "$work/bin" "$@" >/dev/null 2>&1 || echo "not run"
+  grep '^deb-systemd-invoke' "$work/calls" | tr '\n' ';'
+}
+if [ "$(asks true)" = "not run" ]; then
+  echo "package-lifecycle: no mount namespace here: the restart on upgrade is not seen"
 else
-  echo "package-lifecycle: systemd is not running here: the restart of a running service" \
-    "on upgrade is not seen (deb-systemd-invoke does nothing without systemd)"
+  info=/var/lib/dpkg/info/clockette
+  before=$fail
+  fail=0
+  [ "$(asks $info.postinst configure 22.0.0-1)" = "deb-systemd-invoke try-restart $unit;" ] ||
+    problem "an upgrade does not restart a running service: $(tr '\n' ';' <"$work/calls")"
+  [ -z "$(asks $info.postinst configure)" ] || problem "a new installation starts the service"
+  [ -z "$(asks $info.prerm upgrade "$version")" ] || problem "an upgrade stops the service first"
+  [ "$(asks $info.prerm remove)" = "deb-systemd-invoke stop $unit;" ] ||
+    problem "a removal does not stop the service"
+  [ "$fail" -ne 0 ] || echo "package-lifecycle: under systemd an upgrade restarts a running" \
+    "service (try-restart) and a removal stops it; not seen running (systemd is not PID 1 here)"
+  fail=$((fail | before))
 fi
 
 echo "package-lifecycle: remove"
