@@ -68,8 +68,10 @@ int Kavlet::work(const char* directory) {
         reason = "COMMANDS couldn't be written";
       } else {
         commandsWritten = true;
-        if (document->closeAll() == 0) result = 0;
-        reason = "the protocol or another file of the document couldn't be written";
+        if (document->closeAll() == 0) {
+          result = 0;
+          reason = "the protocol or another file of the document couldn't be written";
+        }
       }
     }
     if (result < 1) result = 0;
