@@ -93,12 +93,13 @@ class EndToEndTest : public ::testing::Test {
     return head + (" op=" + status + std::string(10 - status.size(), ' ') + " doc='" + doc + "'\n");
   }
   // kvmini handing out the documents of docs_ and the worker serving it
-  // (log level 10); false when the registration was not seen.
-  bool serve(std::vector<std::string> kvArgs = {}) {
+  // (at logLevel); false when the registration was not seen.
+  bool serve(std::vector<std::string> kvArgs = {}, const char* logLevel = "10") {
     std::vector<std::string> kv = {"--bind",  "127.0.0.1", "--worker-host", "127.0.0.1",
                                    "--queue", docs_,       "--exit-on-bye"};
     kv.insert(kv.end(), kvArgs.begin(), kvArgs.end());
-    return served_.start(kv, {kProgram, "-logfile", "clockette.log", "-loglevel", "10"}, options_);
+    return served_.start(kv, {kProgram, "-logfile", "clockette.log", "-loglevel", logLevel},
+                         options_);
   }
   bool waitForLog(const std::string& part) const {
     return waitForText(dir_.file("logs/clockette.log"), part);
@@ -545,7 +546,7 @@ TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrErrorAndOnlyTheKvMayCall) 
   std::string good = addDocument("a-good", "TIMESTAMP_FILE \"data file.txt\" data.tst\n",
                                  {{"data file.txt", "good"}});
   std::string bad = addDocument("b-bad", "TIMESTAMP_COMP\nCOMP broken text/plain\n");
-  ASSERT_TRUE(serve({"--final-ctrl", "1", "--final-text", "print"}));
+  ASSERT_TRUE(serve({"--final-ctrl", "1", "--final-text", "print"}, "2"));
   std::string line;
   ASSERT_TRUE(served_.kv->waitFor("SEND CTRL", &line, 30)) << log();
   ASSERT_EQ(line.rfind("SEND CTRL 1 \"print\"", 0), 0u) << line;
@@ -565,6 +566,10 @@ TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrErrorAndOnlyTheKvMayCall) 
   EXPECT_TRUE(contains(text, "summary: documents ok=1 failed=1, files stamped=1, ")) << text;
   EXPECT_TRUE(contains(text, "call from 127.0.0.2:")) << text;
   EXPECT_TRUE(contains(text, " ignored: only the KV ('127.0.0.1') may call")) << text;
+  // The failure line says why on the line after it.
+  EXPECT_TRUE(std::regex_search(text, std::regex("Error on document '[^\n]*/b-bad', 'error', .*\n"
+                                                 ".*::work:     reason: wrong COMP COMMANDS")))
+      << text;
 }
 
 // The time-outs are ten minutes: a stop that waited for them, or for the end

@@ -178,6 +178,8 @@ int Document::docMessage(Log& log, int line, int level, const char* format, ...)
   va_start(args, format);
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
+  // Later errors are mostly consequences of the first.
+  if (level <= 2 && failureReason_.empty()) failureReason_ = text;
   // Levels 5 and below are the error levels.
   String entry = level <= 5 ? String("ERROR: ") + text : String(text);
   return appendToProtocol(entry);

@@ -88,6 +88,10 @@ class Document {
   // with "ERROR: " in front at levels 5 and below. The text is cut at 2999
   // characters. Returns the result of appendToProtocol.
   int docMessage(Log& log, int line, int level, const char* format, ...) CLOCKETTE_PRINTF(5, 6);
+  // The text of the first docMessage at level 2 or below (cut as there):
+  // why the document failed, for the line that reports the failure. Empty
+  // when there was none.
+  const String& failureReason() const { return failureReason_; }
 
   // Commands::readable: 1 when COMMANDS was read or is missing, 0 when it
   // exists but cannot be read.
@@ -122,6 +126,7 @@ class Document {
   std::unique_ptr<Commands> commands_;
   std::unique_ptr<Protocol> protocol_;
   std::vector<String> createdFiles_;
+  String failureReason_;
 };
 
 #endif  // DOCFILES_DOCUMENT_H_

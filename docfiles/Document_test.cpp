@@ -93,6 +93,7 @@ TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
   EXPECT_EQ(doc.docMessage(scope, __LINE__, 2, "failed %s", "file.pdf"), 1);
   EXPECT_EQ(doc.docMessage(scope, __LINE__, 5, "at five"), 1);
   EXPECT_EQ(doc.docMessage(scope, __LINE__, 6, "fine %d", 6), 1);
+  EXPECT_EQ(doc.failureReason(), "failed file.pdf");  // the first at level 2, not the last error
   std::string longText(4000, 'm');
   doc.docMessage(scope, __LINE__, 8, "%s", longText.c_str());
   EXPECT_EQ(doc.closeProtocol(), 1);

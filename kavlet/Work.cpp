@@ -46,22 +46,32 @@ int Kavlet::work(const char* directory) {
   curErrorComment = errorComment;
 
   int result = 0;
+  // Why a failed document failed: the designed failure line names only its
+  // status and comment, while the level-2 line with the cause may be far
+  // above it among other documents' lines.
+  String reason = "the document's lock couldn't be taken";
   // One worker per document: held until the document is closed and deleted.
   DocumentLock lock;
   if (lock.acquire(dir, lockWaitSeconds(), *fileSystem) == 1 &&
       createDocument(dir, type.c_str()) != 0 && document != nullptr) {
     // A COMMANDS that exists but cannot be read must not pass for one
     // without statements: the document would go on without its work done.
-    result = document->commandsReadable() == 1 ? service(dir) : 0;
+    bool readable = document->commandsReadable() == 1;
+    result = readable ? service(dir) : 0;
+    reason = readable ? document->failureReason() : String("COMMANDS exists but cannot be read");
     bool commandsWritten = false;
     if (result >= 1) {
       // The protocol follows only once COMMANDS holds the outcome it tells.
       if (document->closeCommands() == 0) {
         result = 0;
         curErrorComment = "can't write to COMMANDS";
+        reason = "COMMANDS couldn't be written";
       } else {
         commandsWritten = true;
-        if (document->closeAll() == 0) result = 0;
+        if (document->closeAll() == 0) {
+          result = 0;
+          reason = "the protocol or another file of the document couldn't be written";
+        }
       }
     }
     if (result < 1) result = 0;
@@ -87,6 +97,7 @@ int Kavlet::work(const char* directory) {
         __LINE__, 3,
         kvTest ? "TEST::Error on document '%s', '%s', '%s'" : "Error on document '%s', '%s', '%s'",
         dir, errorStatus.c_str(), curErrorComment.c_str());
+    if (!reason.empty()) log.msgc("reason: %s", reason.c_str());
     return KVop(dir, errorStatus.c_str(), curErrorComment.c_str());
   }
   if (kvTest) {

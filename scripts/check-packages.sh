@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Builds the Debian packages from a build directory (any install prefix) and
 # checks them: the files each package holds (dpkg-deb -c), the conffiles,
-# lintian (no error, no warning) and the service unit (systemd-analyze
-# verify, and an exposure of at most 2.0 in systemd-analyze security).
+# lintian (no error, no warning), the service unit (systemd-analyze
+# verify, and an exposure of at most 2.0 in systemd-analyze security) and,
+# as root, their install, upgrade, removal and purge on this machine
+# (package-lifecycle.sh).
 #   bash scripts/check-packages.sh build
 set -euo pipefail
 build=$(cd "${1:-build}" && pwd)
@@ -77,6 +79,16 @@ else
   echo "check-packages: systemd-analyze missing, unit not checked" >&2
   fail=1
 fi
+
+# A placeholder maintainer passes lintian, but packages for a real archive
+# need a real address: -DCLOCKETTE_MAINTAINER="name <address>".
+maintainer=$(dpkg-deb -f "$worker" Maintainer)
+if grep -qE '@([^>]*\.)?(example\.(org|com|net)|invalid|localhost)>' <<<"$maintainer"; then
+  echo "check-packages: note: the maintainer $maintainer is a placeholder (CLOCKETTE_MAINTAINER)"
+fi
+
+# Install, upgrade, remove and purge on this machine (as root only).
+bash "$(dirname "$0")/package-lifecycle.sh" "$worker" "$tools" || fail=1
 
 [ "$fail" -eq 0 ] && echo "check-packages: $(basename "$worker") $(basename "$tools") ok"
 exit "$fail"
