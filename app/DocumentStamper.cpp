@@ -130,10 +130,12 @@ void chooseEarlyWrites(const std::vector<std::unique_ptr<Stamp>>& stamps) {
 
 }  // namespace
 
-DocumentStamper::DocumentStamper(Document* document, std::string directory, int parallel,
+DocumentStamper::DocumentStamper(Document* document, std::string directory,
+                                 TsRequester* requester, int parallel,
                                  const ConfinementSettings& confinement)
     : document_(document),
       dir_(std::move(directory)),
+      requester_(requester),
       parallel_(parallel),
       confinement_(dir_, confinement) {}
 
@@ -248,7 +250,7 @@ StampFailure DocumentStamper::exchangeAndCommit() {
   FileSystem& fs = document_->fileSystem();
   OrderedWork exchanges(stamps_.size(), parallel_, [this, &fs](size_t i) {
     Stamp& s = *stamps_[i];
-    s.result = fromFetchCode(fetchTimestamp(&s.imprint, &s.response));
+    s.result = fromFetchCode(requester_->fetchTimestamp(&s.imprint, &s.response));
     if (s.result == StampResult::kOk && s.early) {
       s.result = fromStoreCode(prepareTimestamp(&s.response, s.planned.target.c_str(), fs));
       s.prepared = s.result == StampResult::kOk;
