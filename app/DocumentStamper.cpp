@@ -143,6 +143,7 @@ DocumentStamper::~DocumentStamper() = default;
 
 StampStatements DocumentStamper::readStatements() {
   StampStatements s;
+  s.tokenMode = document_->options().tokenMode();
   s.files = values(document_, "TIMESTAMP_FILE");
   String unused;
   s.stampComponents = document_->getValueForFromCommands(String("TIMESTAMP_COMP"), unused) > 0;

@@ -88,6 +88,8 @@ int Kavlet::init(int argc, char** argv) {
   parseArgv(argc, argv);
   if (usageShown) return 0;
   initLog();
+  documentOptions =
+      readDocumentOptions(getenv("KV_PROTOCOL"), getenv("DOUBLE_QUOTED_COMMANDS_ARGUMENTS"));
   return 1;
 }
 

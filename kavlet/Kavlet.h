@@ -34,9 +34,9 @@
 
 #include "base/FileSystem.h"
 #include "base/String.h"
+#include "docfiles/Document.h"
 #include "kvrpc/ToolHandler.h"
 
-class Document;
 class SettingsLine;
 
 class Kavlet : public ToolHandler {
@@ -191,6 +191,8 @@ class Kavlet : public ToolHandler {
   // What the documents' files are written through; borrowed, the system's
   // unless a test puts a double here.
   FileSystem* fileSystem = &FileSystem::posix();
+  // Handed to every document; read from the environment by init.
+  DocumentOptions documentOptions;
   int kvTest;              // set by the control words kvTestOn/kvTestOff
   String curErrorComment;  // errorComment for the document in hand
   String errorStatus;      // status word of a failed document

@@ -35,7 +35,7 @@ int lockWaitSeconds() {
 int Kavlet::createDocument(const char* directory, const char* workerType) {
   Log log("Kavlet", "createDocument", __FILE__, __LINE__, 13);
   document = std::make_unique<Document>(directory ? directory : "", workerType ? workerType : "",
-                                        kWithProtocol, *fileSystem);
+                                        kWithProtocol, *fileSystem, documentOptions);
   return 1;
 }
 
