@@ -11,9 +11,8 @@
 // which set environment variables; the environment (readEnvironment); the
 // command line (parseArgv).
 //
-// Lifetime: main creates exactly one Kavlet (through the tool class); the
-// constructor makes it reachable as theKavlet for the designed entries of
-// kavlet/Kv.h. finishWorker destroys it at the end.
+// Lifetime: main creates exactly one Kavlet (through the tool class) and
+// hands it to finishWorker (kavlet/Kv.h), which destroys it at the end.
 //
 // After init, main calls connectKV: in test mode (-test) the work cycle runs
 // over the document directories under -testpath; otherwise the worker
@@ -43,8 +42,7 @@ class Kavlet : public ToolHandler {
  public:
   static constexpr int kDefaultKvPort = 4032;
 
-  // Sets the defaults, makes this object theKavlet and blocks the stop
-  // signals for the signal thread.
+  // Sets the defaults and blocks the stop signals for the signal thread.
   Kavlet();
   Kavlet(const Kavlet&) = delete;
   Kavlet& operator=(const Kavlet&) = delete;
@@ -208,9 +206,5 @@ class Kavlet : public ToolHandler {
   // Reads the -env setup packages named on the command line.
   void readEnvPackages(int argc, char** argv);
 };
-
-// The one Kavlet of the process; set by its constructor, cleared by its
-// destructor. Used only by finishWorker and the designed entries of kavlet/Kv.h.
-extern Kavlet* theKavlet;
 
 #endif  // KAVLET_KAVLET_H_
