@@ -32,6 +32,7 @@ struct TsSettings {
   std::string clientKeyFile;   // DER
   std::string clientCertFile;  // DER
   TsServer primary;            // as configured; retries and fallbacks live in TsServers
+  int digestNid = 0;  // TS_HASHALG, as getDigest reads it
   int tstInfoNid = 0;
   int policyNid = 0;
   long connectTimeoutS = kDefaultConnectTimeoutS;

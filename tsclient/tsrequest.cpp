@@ -162,6 +162,7 @@ int TsRequester::initTsServer(const char* host, uint16_t port, const char* proto
   s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
   s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
   s.responseLimit = responseLimitFromEnv(log);
+  s.digestNid = getDigest();
   bool settingsOk = readTokenSettings(log, &s);
   if (url != nullptr && *url != '\0' && !parseTsUrl(url, &primary)) {
     TsServer shown;
@@ -184,7 +185,7 @@ void TsRequester::describeTimestampSettings(SettingsLine* line) const {
   const TsSettings& s = settings_;
   line->add("tsa", serverName(s.primary));
   line->add("protocol", s.primary.protocol);
-  line->add("hash", OBJ_nid2sn(getDigest()));
+  line->add("hash", OBJ_nid2sn(s.digestNid));
   line->add("connect_timeout", std::to_string(s.connectTimeoutS) + "s");
   line->add("timeout", std::to_string(s.totalTimeoutS) + "s");
   line->add("verify_host", verifyHostWanted() ? "on" : "off");
@@ -362,7 +363,7 @@ int TsRequester::fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* respo
 int TsRequester::requestTimestamp(const char* source, const char* target) {
   Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
   CAsn1messageImprint imprint;
-  if (computeHash(source, getDigest(), &imprint) != 0) {
+  if (computeHash(source, settings_.digestNid, &imprint) != 0) {
     log.msg(__LINE__, 2, "Hashing %s failed", source);
     return -1;
   }

@@ -146,7 +146,8 @@ class TsRequester {
   int timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
                      const std::vector<unsigned char>& nonce) const;
 
-  const TsSettings& settings() const { return settings_; }
+  // The message digest files are hashed with (TS_HASHALG), set by initTsServer.
+  int digest() const { return settings_.digestNid; }
 
  private:
   TsSettings settings_;
