@@ -34,6 +34,7 @@
 #include "base/FileSystem.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
+#include "kvrpc/KVclient.h"
 #include "kvrpc/ToolHandler.h"
 
 class SettingsLine;
@@ -191,6 +192,8 @@ class Kavlet : public ToolHandler {
   FileSystem* fileSystem = &FileSystem::posix();
   // Handed to every document; read from the environment by init.
   DocumentOptions documentOptions;
+  // The worker's calls to the KV: registration, reports, goodbye.
+  KvClient kvClient;
   int kvTest;              // set by the control words kvTestOn/kvTestOff
   String curErrorComment;  // errorComment for the document in hand
   String errorStatus;      // status word of a failed document

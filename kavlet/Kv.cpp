@@ -44,7 +44,7 @@ int finishWorker(std::unique_ptr<Kavlet> worker, int status) {
   kvWorkerLock().lock();  // never released: nothing is served any more
   if (goodbyeAsked && exitInProgress == 0) {
     Log log(kComponent, "sig_handler", __FILE__, __LINE__, 13);
-    KVbye();
+    if (worker) worker->kvClient.KVbye();
     log.msg(__LINE__, 8, "KVbye() ...");
     status = 1;
   } else if (askedStatus >= 0) {
@@ -119,7 +119,7 @@ void callback(Kavlet* worker, int order, const char* directory) {
   if (worker == nullptr) {
     Log log(kComponent, "callback", __FILE__, __LINE__, 13);
     log.msg(__LINE__, 1, "Internal error ... exiting");
-    KVbye();
+    goodbyeAsked = true;  // said by finishWorker, through the worker's client
     endIfAsked(ToolNext::kExitError);
     return;
   }

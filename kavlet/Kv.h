@@ -61,8 +61,8 @@ ToolNext onConsoleEvent(int event);
 
 // The designed entries, each the decision above; an end it asks for raises
 // the stop request and gives finishWorker its status. callback:
-// worker->onWorkOrder (without a worker: "Internal error", goodbye, exit
-// status 1). ctrl: worker->onControlMessage; returns the reply (1 without a
+// worker->onWorkOrder (without a worker: "Internal error", then the goodbye
+// from finishWorker, exit status 1). ctrl: worker->onControlMessage; returns the reply (1 without a
 // worker). sigwin_handler returns 1 (handled). worker: borrowed for the call.
 void callback(Kavlet* worker, int order, const char* directory);
 int ctrl(Kavlet* worker, int code, const char* text);

@@ -87,17 +87,17 @@ int Kavlet::work(const char* directory) {
         __LINE__, 3,
         kvTest ? "TEST::Error on document '%s', '%s', '%s'" : "Error on document '%s', '%s', '%s'",
         dir, errorStatus.c_str(), curErrorComment.c_str());
-    return KVop(dir, errorStatus.c_str(), curErrorComment.c_str());
+    return kvClient.KVop(dir, errorStatus.c_str(), curErrorComment.c_str());
   }
   if (kvTest) {
     // Deliberately "error" with the ok comment: lets the KV's error path be
     // exercised with documents that were in fact processed.
     log.msg(__LINE__, 8, "TEST::Document '%s' processed well", dir);
-    return KVop(dir, errorStatus.c_str(), curOkComment.c_str());
+    return kvClient.KVop(dir, errorStatus.c_str(), curOkComment.c_str());
   }
   if (result == 1) {
     log.msg(__LINE__, 8, "Document '%s' processed well", dir);
-    return KVop(dir, okStatus.c_str(), curOkComment.c_str());
+    return kvClient.KVop(dir, okStatus.c_str(), curOkComment.c_str());
   }
   return extendedKVop(result, dir);
 }
@@ -105,7 +105,7 @@ int Kavlet::work(const char* directory) {
 int Kavlet::extendedKVop(int result, const char* directory) {
   Log log("Kavlet", "extendedKVop", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "Document '%s' processed well (service_return_value=%d)", directory, result);
-  return KVop(directory, okStatus.c_str(), curOkComment.c_str());
+  return kvClient.KVop(directory, okStatus.c_str(), curOkComment.c_str());
 }
 
 const char* Kavlet::getTime() {
