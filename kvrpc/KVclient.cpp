@@ -113,7 +113,9 @@ bool KvClient::startService(Log& log, const char* host, const char* caller) {
   State& s = state_;
   s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
   if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
-  if (ToolServiceSocket() != 0 || ToolCreateService(s.simulation ? 17 : 0) >= 0) return true;
+  if (ToolServiceSocket() != 0 || ToolCreateService(s.simulation ? 17 : 0, &senders_) >= 0) {
+    return true;
+  }
   log.msg(__LINE__, 5, "%s: ToolCreateService() failed; creating the Kavlet service failed",
           caller);
   return false;
@@ -215,7 +217,7 @@ int KvClient::KVconnect(const char* host, const char* type, uint16_t servicePort
   int rc = KVclnt_create(host, s.kvPort, &s.registration);
   if (rc != 0) return rc;
   // Before the hello: the KV may send an order as soon as it accepts us.
-  KVsetSenders(host);
+  senders_.set(host, getenv("KV_ACCEPT_FROM"));
 
   s.sharedTimeout.tv_sec = s.totalTimeout;
   int answer = 0;

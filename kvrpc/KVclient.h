@@ -3,9 +3,11 @@
 // goodbye.
 //
 // One KvClient per worker, made by its program: it keeps the registration
-// client, the registration record, the time-outs, the KV port and the
-// environment it read (getEnv). The handlers are borrowed by the tool service
-// (ToolService.h), which KVhi/KVinfo create.
+// client, the registration record, the time-outs, the KV port, the
+// environment it read (getEnv) and who may call back (KvSenders.h). The
+// handlers and the senders are borrowed by the tool service (ToolService.h),
+// which the first KVhi/KVinfo creates and which serves until the process
+// ends: the client that created it must live as long as it serves.
 // Results: 0 for success, -1 to -5 for registration failures (KVstringError
 // gives their texts), 1 when a call itself failed, otherwise the KV's answer.
 // Single-threaded: called from the worker's main thread.
@@ -23,6 +25,7 @@
 #include <string>
 
 #include "kvrpc/KVprot.h"
+#include "kvrpc/KvSenders.h"
 #include "kvrpc/ToolService.h"
 
 class Log;
@@ -130,6 +133,9 @@ class KvClient {
   bool startService(Log& log, const char* host, const char* caller);
 
   State state_;
+  // Who may call the callback service; made at registration, checked by
+  // the service for as long as it serves.
+  KvSenders senders_;
 };
 
 #endif  // KVRPC_KVCLIENT_H_
