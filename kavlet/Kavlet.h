@@ -29,6 +29,7 @@
 #define KAVLET_KAVLET_H_
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/FileSystem.h"
@@ -132,9 +133,8 @@ class Kavlet : public ToolHandler {
   // Returns 1 when every document was done, 0 otherwise (in a worker
   // process: 1 when it ended).
   int test();
-  // The local time as "[%Y/%m/%d %H:%M:%S] " in a process-wide buffer that
-  // the next call overwrites.
-  static const char* getTime();
+  // The local time as "[%Y/%m/%d %H:%M:%S] "; empty when it cannot be had.
+  static std::string getTime();
 
   // --- The KV's requests (kavlet/Kv.cpp) ---
 

@@ -108,9 +108,9 @@ int Kavlet::extendedKVop(int result, const char* directory) {
   return kvClient.KVop(directory, okStatus.c_str(), curOkComment.c_str());
 }
 
-const char* Kavlet::getTime() {
+std::string Kavlet::getTime() {
   Log log("Kavlet", "getTime", __FILE__, __LINE__, 13);
-  static char buffer[100];
+  char buffer[100];
   time_t now = time(nullptr);
   struct tm local;
   if (localtime_r(&now, &local) == nullptr ||
