@@ -11,6 +11,8 @@
 #include "kvrpc/KVclient.h"
 #include "kvrpc/KVprot.h"
 
+// The decisions below are process-wide on purpose: the signal thread makes
+// them while the main thread works, and a signal has no object to reach.
 std::atomic<int> exitInProgress{0};
 
 namespace {
