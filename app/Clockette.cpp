@@ -11,7 +11,6 @@
 #include "base/SecretFile.h"
 #include "base/Setup.h"
 #include "base/SettingsLine.h"
-#include "tsclient/tsrequest.h"
 
 namespace {
 
@@ -41,22 +40,22 @@ int Clockette::init(int argc, char** argv) {
     log.msg(__LINE__, 2, "TIMESTAMP_PASSWORD_FILE refused: %s", passwordFileProblem_.c_str());
     return 0;
   }
-  if (initTimeStamper() != 0) {
+  if (requester_.initTimeStamper() != 0) {
     log.msg(__LINE__, 2,
             "error in initializing timestamp library. The call of function initTimeStamper() "
             "failed.");
     return 0;
   }
   // The port is taken as atoi gave it and handed on modulo 65536.
-  if (initTsServer(host.c_str(), static_cast<uint16_t>(port), protocol.c_str(), urlPath.c_str(),
-                   url.c_str()) != 0) {
+  if (requester_.initTsServer(host.c_str(), static_cast<uint16_t>(port), protocol.c_str(),
+                              urlPath.c_str(), url.c_str()) != 0) {
     log.msg(__LINE__, 2,
             "error in initializing timestamp library. The call of function "
             "initTsServer(host='%s',port=%d,protocol='%s',path='%s') failed.",
             host.c_str(), port, protocol.c_str(), urlPath.c_str());
     return 0;
   }
-  if (initStamperAuth(login.c_str(), password.c_str()) != 0) {
+  if (requester_.initStamperAuth(login.c_str(), password.c_str()) != 0) {
     log.msg(__LINE__, 2,
             "error in initializing timestamp library. The call of function initStamperAuth() "
             "failed.");
@@ -156,7 +155,7 @@ void Clockette::readEnvironment() {
 std::string Clockette::settingsLine() const {
   SettingsLine line;
   describeSettings(&line);
-  describeTimestampSettings(&line);
+  requester_.describeTimestampSettings(&line);
   line.add("parallel", parallel);
   return line.text();
 }
@@ -277,5 +276,5 @@ int Clockette::service(const char* directory) {
     log.msg(__LINE__, 2, "no document open for '%s'", dir);
     return 0;
   }
-  return DocumentStamper(document.get(), dir, parallel, confinement_).run();
+  return DocumentStamper(document.get(), dir, &requester_, parallel, confinement_).run();
 }

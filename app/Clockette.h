@@ -17,6 +17,7 @@
 #include "app/Confinement.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
+#include "tsclient/tsrequest.h"
 
 class Clockette : public Kavlet {
  public:
@@ -78,6 +79,7 @@ class Clockette : public Kavlet {
 
   std::string passwordFileProblem_;  // why TIMESTAMP_PASSWORD_FILE was refused
   ConfinementSettings confinement_;
+  TsRequester requester_;  // configured by init, then used by every document
 };
 
 #endif  // APP_CLOCKETTE_H_

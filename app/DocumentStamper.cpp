@@ -130,10 +130,12 @@ void chooseEarlyWrites(const std::vector<std::unique_ptr<Stamp>>& stamps) {
 
 }  // namespace
 
-DocumentStamper::DocumentStamper(Document* document, std::string directory, int parallel,
+DocumentStamper::DocumentStamper(Document* document, std::string directory,
+                                 TsRequester* requester, int parallel,
                                  const ConfinementSettings& confinement)
     : document_(document),
       dir_(std::move(directory)),
+      requester_(requester),
       parallel_(parallel),
       confinement_(dir_, confinement) {}
 
@@ -141,6 +143,7 @@ DocumentStamper::~DocumentStamper() = default;
 
 StampStatements DocumentStamper::readStatements() {
   StampStatements s;
+  s.tokenMode = document_->options().tokenMode();
   s.files = values(document_, "TIMESTAMP_FILE");
   String unused;
   s.stampComponents = document_->getValueForFromCommands(String("TIMESTAMP_COMP"), unused) > 0;
@@ -228,7 +231,7 @@ StampFailure DocumentStamper::hashSources() {
     for (size_t i = first; i < end; ++i) {
       jobs.push_back({stamps_[i]->planned.source, files[i - first].get(), &stamps_[i]->imprint});
     }
-    size_t failed = hashFiles(&jobs, getDigest(), hashThreads());
+    size_t failed = hashFiles(&jobs, requester_->digest(), hashThreads());
     if (failed < jobs.size()) {
       const PlannedStamp& p = stamps_[first + failed]->planned;
       metrics::countTimestamp(metricsCode(StampResult::kHashFailed));
@@ -248,7 +251,7 @@ StampFailure DocumentStamper::exchangeAndCommit() {
   FileSystem& fs = document_->fileSystem();
   OrderedWork exchanges(stamps_.size(), parallel_, [this, &fs](size_t i) {
     Stamp& s = *stamps_[i];
-    s.result = fromFetchCode(fetchTimestamp(&s.imprint, &s.response));
+    s.result = fromFetchCode(requester_->fetchTimestamp(&s.imprint, &s.response));
     if (s.result == StampResult::kOk && s.early) {
       s.result = fromStoreCode(prepareTimestamp(&s.response, s.planned.target.c_str(), fs));
       s.prepared = s.result == StampResult::kOk;

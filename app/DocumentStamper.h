@@ -30,14 +30,16 @@
 
 class Document;
 class Log;
+class TsRequester;
 struct Stamp;
 
 class DocumentStamper {
  public:
   // document: open, borrowed for the stamper's life. directory: as the work
-  // cycle named it ("NULL" when it gave none).
-  DocumentStamper(Document* document, std::string directory, int parallel,
-                  const ConfinementSettings& confinement);
+  // cycle named it ("NULL" when it gave none). requester: configured,
+  // borrowed for the stamper's life.
+  DocumentStamper(Document* document, std::string directory, TsRequester* requester,
+                  int parallel, const ConfinementSettings& confinement);
   ~DocumentStamper();
   DocumentStamper(const DocumentStamper&) = delete;
   DocumentStamper& operator=(const DocumentStamper&) = delete;
@@ -59,6 +61,7 @@ class DocumentStamper {
 
   Document* document_;  // borrowed
   std::string dir_;
+  TsRequester* requester_;  // borrowed
   int parallel_;
   Confinement confinement_;
   std::vector<std::unique_ptr<Stamp>> stamps_;

@@ -15,10 +15,11 @@ constexpr size_t kStatementCopy = 999;
 using Token = TextLine::Token;
 
 // The first count tokens of text; false when one is missing.
-bool firstTokens(const std::string& text, size_t count, std::vector<std::string>* tokens) {
+bool firstTokens(const std::string& text, size_t count, int mode,
+                 std::vector<std::string>* tokens) {
   TextLine line(text.c_str());
   for (size_t i = 0; i < count; ++i) {
-    Token t(line.getNextToken());
+    Token t(line.getNextToken(mode));
     if (!t) return false;
     tokens->emplace_back(t.get());
   }
@@ -29,8 +30,11 @@ bool systemTakes(const std::string& path) { return path.size() < PATH_MAX; }
 
 class Planner {
  public:
-  Planner(const std::string& directory, const PathStatus& status)
-      : dir_(directory), status_(status), log_("clockette", "service", __FILE__, __LINE__, 13) {}
+  Planner(const std::string& directory, const PathStatus& status, int tokenMode)
+      : dir_(directory),
+        status_(status),
+        tokenMode_(tokenMode),
+        log_("clockette", "service", __FILE__, __LINE__, 13) {}
 
   // Both return false when the statement ends the plan.
   bool addFile(const std::string& value);
@@ -52,6 +56,7 @@ class Planner {
 
   const std::string& dir_;
   const PathStatus& status_;
+  int tokenMode_;
   Log log_;
   std::set<std::string> planned_;
 };
@@ -59,7 +64,7 @@ class Planner {
 bool Planner::addFile(const std::string& value) {
   log_.msg(__LINE__, 9, "TIMESTAMP_FILE '%s'", value.c_str());
   std::vector<std::string> t;
-  if (!firstTokens(value, 2, &t)) {
+  if (!firstTokens(value, 2, tokenMode_, &t)) {
     // Only skipped: an incomplete file statement does not fail the document.
     log_.msg(__LINE__, 2, "ignore wrong TIMESTAMP_FILE COMMANDS statement: '%s'", value.c_str());
     return true;
@@ -77,7 +82,7 @@ std::set<std::string> Planner::stampedNames(const std::vector<std::string>& valu
   for (const std::string& value : values) {
     log_.msg(__LINE__, 9, "'%s'", value.c_str());
     std::vector<std::string> t;
-    if (!firstTokens(value.substr(0, kStatementCopy), 1, &t)) continue;
+    if (!firstTokens(value.substr(0, kStatementCopy), 1, tokenMode_, &t)) continue;
     names.insert(t[0]);
     log_.msg(__LINE__, 9, "don't do timestamping for component '%s'", t[0].c_str());
   }
@@ -88,7 +93,7 @@ bool Planner::addComponent(const std::string& value, const std::set<std::string>
   log_.msg(__LINE__, 9, "'%s'", value.c_str());
   std::vector<std::string> t;
   // Unlike a file statement, a broken component fails the document.
-  if (!firstTokens(value, 3, &t)) {
+  if (!firstTokens(value, 3, tokenMode_, &t)) {
     return fail(StampResult::kWrongComp, "", "", value.substr(0, kStatementCopy));
   }
   const std::string& name = t[0];
@@ -132,7 +137,7 @@ std::string documentFilePath(const std::string& directory, const std::string& to
 
 StampPlan planStamps(const std::string& directory, const StampStatements& statements,
                      const PathStatus& status) {
-  Planner planner(directory, status);
+  Planner planner(directory, status, statements.tokenMode);
   for (const std::string& value : statements.files) {
     if (!planner.addFile(value)) return std::move(planner.plan);
   }

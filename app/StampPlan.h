@@ -21,6 +21,7 @@ struct StampStatements {
   bool stampComponents = false;                // a TIMESTAMP_COMP statement exists
   std::vector<std::string> stampedComponents;  // COMP_TIMESTAMP_FILE
   std::vector<std::string> components;         // COMP
+  int tokenMode = 1;                           // the TextLine rules the values are cut by
 };
 
 // One file to stamp.

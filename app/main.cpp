@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -76,11 +77,10 @@ int main(int argc, char** argv) {
   if (readSetup("COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
   installEventPrefix(argc > 0 ? argv[0] : "");
 
-  // Destroyed by finishWorker.
-  Clockette* worker = new Clockette();
+  auto worker = std::make_unique<Clockette>();
   int status = 1;
   if (hasOption(argc, argv, "-check")) {
-    status = checkOnly(worker, argc, argv);
+    status = checkOnly(worker.get(), argc, argv);
   } else if (worker->init(argc, argv) == 0) {
     if (worker->usageShown) status = 0;
   } else {
@@ -94,5 +94,5 @@ int main(int argc, char** argv) {
   }
   // The one way out, once the goodbye is said and the threads are stopped.
   // Without static destructors: idle side threads of libraries may remain.
-  _exit(finishWorker(status));
+  _exit(finishWorker(std::move(worker), status));
 }

@@ -17,10 +17,10 @@
 
 #include "base/Switch.h"
 
-char Log::_eventPrefix[512] = "";
-FILE* Log::logfile = nullptr;
-
 namespace {
+
+char g_eventPrefix[512] = "";
+FILE* g_file = nullptr;  // null: standard error
 
 std::atomic<bool> g_levels[Log::kMaxLevel + 1];
 std::mutex g_mutex;  // guards the file, its name and the prefix
@@ -42,7 +42,7 @@ int journalPriority(int level) {
   return LOG_DEBUG;
 }
 
-FILE* out() { return Log::logfile ? Log::logfile : stderr; }
+FILE* out() { return g_file ? g_file : stderr; }
 
 struct NamedLevel {
   const char* name;
@@ -101,11 +101,11 @@ void writeLine(int level, const char* component, const char* function, const cha
   if (g_journal && sendToJournal(level, component, function, text, continuation)) return;
   FILE* f = out();
   if (continuation) {
-    fprintf(f, "%s%s.%03ld %d %2d %s::%s:     %s\n", Log::_eventPrefix, stamp,
+    fprintf(f, "%s%s.%03ld %d %2d %s::%s:     %s\n", g_eventPrefix, stamp,
             static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()), 0, component,
             function, text);
   } else {
-    fprintf(f, "%s%s.%03ld %d %2d %s::%s: %s\n", Log::_eventPrefix, stamp,
+    fprintf(f, "%s%s.%03ld %d %2d %s::%s: %s\n", g_eventPrefix, stamp,
             static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()), level, component,
             function, text);
   }
@@ -176,8 +176,8 @@ int Log::setLogFile(const char* name) {
   if (journal || path.empty() || path == "-" || path == "stderr") {
     journal = journal || stderrIsJournal();
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_ownsFile) fclose(logfile);
-    logfile = nullptr;
+    if (g_ownsFile) fclose(g_file);
+    g_file = nullptr;
     g_ownsFile = false;
     g_journal = journal;
     g_fileName = journal ? "journal" : "stderr";
@@ -190,8 +190,8 @@ int Log::setLogFile(const char* name) {
   FILE* f = fopen(path.c_str(), "a");
   if (f == nullptr) return 0;
   std::lock_guard<std::mutex> lock(g_mutex);
-  if (g_ownsFile) fclose(logfile);
-  logfile = f;
+  if (g_ownsFile) fclose(g_file);
+  g_file = f;
   g_ownsFile = true;
   g_journal = false;
   g_fileName = path;
@@ -227,12 +227,17 @@ const char* Log::logFileName() {
 
 void Log::setEventPrefix(const char* prefix) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  snprintf(_eventPrefix, sizeof _eventPrefix, "%s", prefix ? prefix : "");
+  snprintf(g_eventPrefix, sizeof g_eventPrefix, "%s", prefix ? prefix : "");
 }
 
 void Log::flush() {
   std::lock_guard<std::mutex> lock(g_mutex);
   fflush(out());
+}
+
+FILE* Log::stream() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return out();
 }
 
 extern "C" void c_logmsg(const char* component, int level, const char* format, ...) {

@@ -14,6 +14,12 @@
 // A line: <event prefix><local time with ms> <pid> <level> <component>::<function>: <message>
 // Destination: standard error until setLogFile() names a file. All operations
 // are thread-safe (the signal thread logs too).
+//
+// The levels, the destination and the event prefix are the one piece of
+// mutable state the libraries share process-wide: every function of every
+// layer logs through a scope object, and handing a log target down to each
+// of them would change every signature for no gain in what a test can do
+// (tests capture the output through setLogFile).
 #ifndef BASE_LOG_H_
 #define BASE_LOG_H_
 
@@ -62,13 +68,12 @@ class Log {
   static int getLevel(int level);
   // The name of the file logged to, or "stderr".
   static const char* logFileName();
+  // Text written before every log line (the version banner and program path).
   static void setEventPrefix(const char* prefix);
   static void flush();
-
-  // Text written before every log line (the version banner and program path).
-  static char _eventPrefix[512];
-  // Where lines go; standard error until setLogFile. Borrowed by libcurl's debug output.
-  static FILE* logfile;
+  // Where lines go now: the log file, or standard error. For libcurl's debug
+  // output; valid until the next setLogFile.
+  static FILE* stream();
 
  private:
   const char* component_;

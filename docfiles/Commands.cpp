@@ -78,8 +78,8 @@ bool holdsTextAfterCr(const String& line) {
 
 }  // namespace
 
-Commands::Commands(const String& dir, const String& suffix, FileSystem& fs)
-    : FileH(dir + "/COMMANDS", suffix, fs) {
+Commands::Commands(const String& dir, const String& suffix, FileSystem& fs, int tokenMode)
+    : FileH(dir + "/COMMANDS", suffix, fs), tokenMode_(tokenMode) {
   Log log("Commands", "Commands", __FILE__, __LINE__, 13);
 }
 
@@ -112,7 +112,9 @@ int Commands::openForRead() {
   if (closeCommands() != 1) return 0;
   // The timestamp files of the statements the restore takes back go with them.
   std::vector<std::string> takenBack;
-  if (!recovered()) takenBack = rolledBackStamps(fileName().str(), backupName().str());
+  if (!recovered()) {
+    takenBack = rolledBackStamps(fileName().str(), backupName().str(), tokenMode_);
+  }
   if (recoverFromBackup() != 1) return 0;
   removeStampFiles(takenBack);
   int result = openFile(kReadText, 0);

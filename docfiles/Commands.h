@@ -34,8 +34,10 @@ class Document;
 class Commands : private FileH {
  public:
   // dir: the document directory; suffix: the worker tag naming the backup;
-  // fs: borrowed, outlives the object.
-  Commands(const String& dir, const String& suffix, FileSystem& fs = FileSystem::posix());
+  // fs: borrowed, outlives the object. tokenMode: the TextLine rules its
+  // statements' arguments are cut by.
+  Commands(const String& dir, const String& suffix, FileSystem& fs = FileSystem::posix(),
+           int tokenMode = 1);
   ~Commands() override;
   Commands(const Commands&) = delete;
   Commands& operator=(const Commands&) = delete;
@@ -129,6 +131,7 @@ class Commands : private FileH {
 
   List<CommandsEntries> entries_;
   List<String> toAdd_;
+  int tokenMode_;
   int deletionsPending_ = 0;
   int integrated_ = 0;
   int textAfterCr_ = 0;   // 1 when a line read held text after its first CR

@@ -12,24 +12,11 @@
 #include <string>
 
 #include "base/Owners.h"
+#include "base/Switch.h"
 #include "docfiles/DocumentLock.h"
 #include "docfiles/utl.h"
 
 namespace {
-
-// Process-wide: protocol lines are kept unless KV_PROTOCOL, read once when
-// the first protocol is created, says otherwise.
-bool g_protocolOn = true;
-bool g_protocolSwitchRead = false;
-
-void readProtocolSwitch() {
-  if (g_protocolSwitchRead) return;
-  g_protocolSwitchRead = true;
-  const char* v = getenv("KV_PROTOCOL");
-  // Only "on" in any letter case keeps it on; unlike other switches, "yes"
-  // and an empty value turn it off.
-  if (v != nullptr && String(v).lower() != "on") g_protocolOn = false;
-}
 
 // Names of the files the framework keeps in a document directory.
 bool sameFile(const struct stat& a, const struct stat& b) {
@@ -38,13 +25,27 @@ bool sameFile(const struct stat& a, const struct stat& b) {
 
 }  // namespace
 
-Document::Document(const String& directory, const String& tag, int withProtocol, FileSystem& fs)
-    : fs_(&fs), tag_(tag), directory_(directory), commands_(new Commands(directory, tag, fs)) {
+DocumentOptions readDocumentOptions(const char* kvProtocol, const char* doubleQuoted) {
+  Log log("Document", "readDocumentOptions", __FILE__, __LINE__, 13);
+  DocumentOptions options;
+  // Only "on" in any letter case keeps it on; unlike other switches, "yes"
+  // and an empty value turn it off.
+  if (kvProtocol != nullptr && String(kvProtocol).lower() != "on") options.protocolOn = false;
+  if (doubleQuoted != nullptr && !switchIsOn(doubleQuoted)) options.quoting = false;
+  log.msg(__LINE__, 8, "Env: DOUBLE_QUOTED_COMMANDS_ARGUMENTS='%s' (default=on)",
+          options.quoting ? "on" : "off");
+  return options;
+}
+
+Document::Document(const String& directory, const String& tag, int withProtocol, FileSystem& fs,
+                   const DocumentOptions& options)
+    : fs_(&fs),
+      options_(options),
+      tag_(tag),
+      directory_(directory),
+      commands_(new Commands(directory, tag, fs, options.tokenMode())) {
   Log log("Document", "Document", __FILE__, __LINE__, 13);
-  if (withProtocol != 0) {
-    protocol_.reset(new Protocol(directory, tag, fs));
-    readProtocolSwitch();
-  }
+  if (withProtocol != 0) protocol_.reset(new Protocol(directory, tag, fs));
 }
 
 Document::~Document() {
@@ -132,7 +133,7 @@ int Document::closeCommands() {
 
 int Document::appendToProtocol(const String& text) {
   Log log("Document", "appendToProtocol", __FILE__, __LINE__, 13);
-  if (!g_protocolOn || !protocol_) return 1;
+  if (!options_.protocolOn || !protocol_) return 1;
   return protocol_->appendToBuffer(text);
 }
 

@@ -8,9 +8,8 @@
 // files ("COMMANDS.<tag>"). Every change to the document's files goes
 // through the FileSystem given (base/FileSystem.h).
 //
-// Process-wide: the protocol switch. The first Document created with a
-// protocol reads KV_PROTOCOL; any value other than "on" (letter case
-// ignored) turns protocol lines off for the rest of the process.
+// The program settles the DocumentOptions once (readDocumentOptions) and
+// hands them to every Document it creates.
 //
 // Results are those of Commands, Protocol and FileH: 1 (or a count) for
 // success, 0 or less for failure. Not thread-safe.
@@ -30,12 +29,28 @@
 #include "docfiles/FileH.h"
 #include "docfiles/Protocol.h"
 
+// How the worker keeps its documents.
+struct DocumentOptions {
+  bool protocolOn = true;  // protocol lines are written
+  bool quoting = true;     // arguments are cut by the quoted rules (TextLine)
+
+  // The TextLine::getNextToken mode the quoting setting selects.
+  int tokenMode() const { return quoting ? 1 : 0; }
+};
+
+// The options from the values of KV_PROTOCOL and
+// DOUBLE_QUOTED_COMMANDS_ARGUMENTS (null: unset). Protocol lines are kept
+// when kvProtocol is null or "on" in any letter case; quoting follows the
+// common switch rule (base/Switch.h), null being on. The quoting setting is
+// logged at level 8.
+DocumentOptions readDocumentOptions(const char* kvProtocol, const char* doubleQuoted);
+
 class Document {
  public:
   // Opens nothing. withProtocol 0: no protocol file is kept. fs: borrowed,
   // outlives the document.
   Document(const String& directory, const String& tag, int withProtocol,
-           FileSystem& fs = FileSystem::posix());
+           FileSystem& fs = FileSystem::posix(), const DocumentOptions& options = {});
   // Closes and deletes every file handle, Commands and Protocol. Changes not
   // written by closeCommands / closeProtocol are dropped.
   virtual ~Document();
@@ -117,9 +132,11 @@ class Document {
   const String& directory() const { return directory_; }
   const String& tag() const { return tag_; }
   FileSystem& fileSystem() const { return *fs_; }
+  const DocumentOptions& options() const { return options_; }
 
  private:
   FileSystem* fs_;  // borrowed
+  DocumentOptions options_;
   String tag_;
   String directory_;
   std::vector<std::unique_ptr<FileH>> fileHandles_;

@@ -18,14 +18,6 @@ namespace {
 
 using namespace testing_support;
 
-// The protocol switch is read once per process: make sure this process sees
-// it on, whatever the environment of the test run says.
-class ProtocolSwitchOn : public ::testing::Environment {
- public:
-  void SetUp() override { unsetenv("KV_PROTOCOL"); }
-};
-const auto* const kProtocolOn = ::testing::AddGlobalTestEnvironment(new ProtocolSwitchOn);
-
 class DocumentTest : public ::testing::Test {
  protected:
   std::string file(const char* name) const { return dir_.file(name); }
@@ -105,37 +97,27 @@ TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
   EXPECT_TRUE(log.contains("test::DocMessage: failed file.pdf"));
 }
 
-// The switch is read once per process: each run is a probe process.
-ChildResult probe(std::vector<std::string> steps, const char* value) {
-  steps.insert(steps.begin(), DOCFILES_PROBE);
-  ChildOptions o;
-  o.env["KV_PROTOCOL"] = value;
-  return runChild(steps, o);
-}
-
-TEST_F(DocumentTest, ProtocolSwitchIsReadOnceByTheFirstDocumentWithAProtocol) {
+TEST_F(DocumentTest, OptionsFollowTheirVariables) {
   const struct {
-    const char* value;
+    const char* value;  // nullptr: unset
     bool kept;
-  } cases[] = {{"On", true}, {"oN", true}, {"yes", false}, {"", false}, {"1", false}};
-  for (const auto& c : cases) {
-    std::string d = file((std::string("v") + c.value).c_str());
+  } protocolCases[] = {{nullptr, true}, {"On", true}, {"oN", true}, {"yes", false}, {"", false}};
+  for (const auto& c : protocolCases) {
+    const DocumentOptions options = readDocumentOptions(c.value, nullptr);
+    std::string d = file((std::string("v") + (c.value ? c.value : "unset")).c_str());
     makeDir(d);
-    auto r = probe({"proto:" + d + ":1:text"}, c.value);
-    EXPECT_EQ(r.out, "proto 1\n") << c.value << r.err;
-    EXPECT_EQ(fileExists(d + "/KVprotocol"), c.kept) << c.value;
+    Document doc(d.c_str(), "probe", 1, FileSystem::posix(), options);
+    doc.appendToProtocol("text");
+    EXPECT_EQ(doc.closeAll(), 1);
+    EXPECT_EQ(fileExists(d + "/KVprotocol"), c.kept) << (c.value ? c.value : "unset");
   }
-  // A document without a protocol does not read the switch; the next one
-  // with a protocol does, and the value then holds for the process.
-  for (const char* name : {"d1", "d2", "d3"}) makeDir(file(name));
-  auto r =
-      probe({"proto:" + file("d1") + ":0:x", "env:KV_PROTOCOL=on", "proto:" + file("d2") + ":1:y",
-             "env:KV_PROTOCOL=off", "proto:" + file("d3") + ":1:z"},
-            "off");
-  EXPECT_EQ(r.out, "proto 1\nproto 1\nproto 1\n") << r.err;
-  EXPECT_FALSE(fileExists(file("d1/KVprotocol")));
-  EXPECT_TRUE(fileExists(file("d2/KVprotocol")));
-  EXPECT_TRUE(fileExists(file("d3/KVprotocol")));
+  const struct {
+    const char* value;  // nullptr: unset; the values follow the common switch rule
+    int mode;
+  } quotingCases[] = {{nullptr, 1}, {"JA", 1}, {"No", 0}, {"", 0}};
+  for (const auto& c : quotingCases) {
+    EXPECT_EQ(readDocumentOptions(nullptr, c.value).tokenMode(), c.mode) << c.value;
+  }
 }
 
 // A rewrite killed after some of its lines (or before its first one) leaves
@@ -151,10 +133,8 @@ TEST_F(DocumentTest, RewriteKilledHalfWayLeavesTheOldFile) {
     writeFile(file("COMMANDS"), original);
     unlink(file("COMMANDS.clockette").c_str());
     {
-      ChildOptions o;
-      o.env["KV_PROTOCOL"] = kUnset;
       BackgroundChild child(
-          {DOCFILES_PROBE, "rewrite:" + dir_.path() + ":clockette:" + std::to_string(stopAt)}, o);
+          {DOCFILES_PROBE, "rewrite:" + dir_.path() + ":clockette:" + std::to_string(stopAt)});
       std::string line;
       ASSERT_TRUE(child.readLine(&line, 30));
       ASSERT_EQ(line, "STOPPED");

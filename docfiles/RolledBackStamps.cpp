@@ -20,7 +20,7 @@ constexpr size_t kMaxCommands = 64 << 20;  // a COMMANDS file larger than this i
 
 // The tokens of each line of the regular file at path (not followed through
 // a symbolic link); false when it cannot be read.
-bool readStatements(int dir, const std::string& name,
+bool readStatements(int dir, const std::string& name, int tokenMode,
                     std::vector<std::vector<std::string>>* statements) {
   UniqueFd fd(openat(dir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat st;
@@ -40,7 +40,7 @@ bool readStatements(int dir, const std::string& name,
     if (end == std::string::npos) end = text.size();
     TextLine line(text.substr(start, end - start).c_str());
     std::vector<std::string> tokens;
-    while (TextLine::Token t{line.getNextToken()}) tokens.emplace_back(t.get());
+    while (TextLine::Token t{line.getNextToken(tokenMode)}) tokens.emplace_back(t.get());
     statements->push_back(std::move(tokens));
     start = end + 1;
   }
@@ -71,7 +71,8 @@ void addTokens(const std::vector<std::vector<std::string>>& statements,
 
 }  // namespace
 
-std::vector<std::string> rolledBackStamps(const std::string& commands, const std::string& backup) {
+std::vector<std::string> rolledBackStamps(const std::string& commands, const std::string& backup,
+                                          int tokenMode) {
   Log log("RolledBackStamps", "rolledBackStamps", __FILE__, __LINE__, 13);
   size_t slash = commands.rfind('/');
   std::string directory = slash == std::string::npos ? "." : commands.substr(0, slash);
@@ -82,8 +83,8 @@ std::vector<std::string> rolledBackStamps(const std::string& commands, const std
   struct stat b;
   if (!dir.valid() || fstatat(dir.get(), backupName.c_str(), &b, AT_SYMLINK_NOFOLLOW) != 0 ||
       !S_ISREG(b.st_mode) || b.st_uid != geteuid() ||
-      !readStatements(dir.get(), commands.substr(slash + 1), &now) ||
-      !readStatements(dir.get(), backupName, &before)) {
+      !readStatements(dir.get(), commands.substr(slash + 1), tokenMode, &now) ||
+      !readStatements(dir.get(), backupName, tokenMode, &before)) {
     return {};
   }
   std::set<std::pair<std::string, std::string>> kept;
@@ -107,7 +108,7 @@ std::vector<std::string> rolledBackStamps(const std::string& commands, const std
     std::string name = e->d_name;
     if (name.compare(0, 9, "COMMANDS.") != 0 || name == backupName) continue;
     std::vector<std::vector<std::string>> other;
-    if (readStatements(dir.get(), name, &other)) addTokens(other, &named);
+    if (readStatements(dir.get(), name, tokenMode, &other)) addTokens(other, &named);
   }
   std::vector<std::string> files;
   for (const std::string& file : candidates) {

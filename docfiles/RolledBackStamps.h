@@ -17,7 +17,9 @@
 // backup does, unless another statement of commands, of backup or of another
 // "COMMANDS.*" backup in the directory names them too. Nothing when backup
 // is no regular file of this process's user (it is not restored then).
-std::vector<std::string> rolledBackStamps(const std::string& commands, const std::string& backup);
+// tokenMode: the TextLine rules the statements are cut by.
+std::vector<std::string> rolledBackStamps(const std::string& commands, const std::string& backup,
+                                          int tokenMode = 1);
 
 // Once the restore is done: removes those of files that are regular files;
 // the number removed (each logged at level 8). A crash before this leaves

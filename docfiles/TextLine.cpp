@@ -7,15 +7,9 @@
 #include <string>
 
 #include "base/Log.h"
-#include "base/Switch.h"
 #include "docfiles/utl.h"
 
 namespace {
-
-// Process-wide: quoting is on unless DOUBLE_QUOTED_COMMANDS_ARGUMENTS says
-// otherwise, and the variable is read once per process.
-bool g_quoting = true;
-bool g_switchRead = false;
 
 // The quoted rules as a state machine over character classes.
 enum CharClass { kQuote, kSpace, kTab, kBackslash, kNul, kOther, kClassCount };
@@ -118,18 +112,6 @@ void TextLine::reset() {
 void TextLine::free(void* p) {
   Log log("TextLine", "free", __FILE__, __LINE__, 13);
   ::free(p);
-}
-
-char* TextLine::getNextToken() {
-  Log log("TextLine", "getNextToken", __FILE__, __LINE__, 13);
-  if (!g_switchRead) {
-    const char* v = getenv("DOUBLE_QUOTED_COMMANDS_ARGUMENTS");
-    if (v != nullptr && !switchIsOn(v)) g_quoting = false;
-    g_switchRead = true;
-    log.msg(__LINE__, 8, "Env: DOUBLE_QUOTED_COMMANDS_ARGUMENTS='%s' (default=on)",
-            g_quoting ? "on" : "off");
-  }
-  return getNextToken(g_quoting ? 1 : 0);
 }
 
 char* TextLine::getNextToken(int mode) {

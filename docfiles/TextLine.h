@@ -6,9 +6,8 @@
 //
 // Two rule sets exist. The quoted rules (the default) keep blanks inside
 // double quotes and treat backslashes before a quote as escapes; the plain
-// rules cut at blanks only. getNextToken() picks the rule set from the
-// process-wide switch DOUBLE_QUOTED_COMMANDS_ARGUMENTS, which is read from
-// the environment on the first call in the process and never again.
+// rules cut at blanks only. The worker's choice between them is
+// DocumentOptions::quoting (docfiles/Document.h).
 //
 // Not thread-safe: the worker tokenizes on its one service thread.
 #ifndef DOCFILES_TEXTLINE_H_
@@ -31,11 +30,9 @@ class TextLine {
   // Starts tokenizing the line again from its beginning.
   void reset();
 
-  // The next token under the rules the process-wide switch selects, or null
-  // when the line is exhausted or malformed. An empty quoted argument ("")
-  // also yields null, but the line is not exhausted then.
-  char* getNextToken();
-  // mode 1: quoted rules, mode 0: plain rules; any other mode gives null.
+  // The next token, or null when the line is exhausted or malformed. mode 1:
+  // quoted rules, mode 0: plain rules; any other mode gives null. An empty
+  // quoted argument ("") also yields null, but the line is not exhausted then.
   char* getNextToken(int mode);
 
   // Releases a token; null is ignored.

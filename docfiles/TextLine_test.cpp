@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "docfiles/SplitString.h"
-#include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
 
 namespace {
@@ -95,35 +94,6 @@ TEST(TextLine, ResetOtherModesAndNullText) {
   EXPECT_EQ(none.length(), 0);
   EXPECT_EQ(tokensOf(nullptr, 1), Tokens{});
   EXPECT_EQ(tokensOf(nullptr, 0), Tokens{});
-}
-
-// The switch is process-wide and read once, so each case runs in a process
-// of its own.
-std::string probeTokens(std::vector<std::string> steps, const char* value) {
-  steps.insert(steps.begin(), DOCFILES_PROBE);
-  ChildOptions o;
-  o.env["DOUBLE_QUOTED_COMMANDS_ARGUMENTS"] = value ? value : kUnset;
-  ChildResult r = runChild(steps, o);
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  return r.out;
-}
-
-TEST(TextLineSwitch, EnvironmentChoosesTheRulesOncePerProcess) {
-  const std::string quoted = "[a b][c]\n";
-  const std::string plain = "[\"a][b\"][c]\n";
-  const char* const line = "tok:\"a b\" c";
-  struct Case {
-    const char* value;  // null: unset; the values follow the common switch rule
-    std::string tokens;
-  } cases[] = {{nullptr, quoted}, {"JA", quoted}, {"No", plain}, {"", plain}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(probeTokens({line}, c.value), c.tokens) << (c.value ? c.value : "unset");
-  }
-  // Changing the variable later in the process changes nothing.
-  EXPECT_EQ(probeTokens({line, "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=no", line}, nullptr),
-            quoted + quoted);
-  EXPECT_EQ(probeTokens({line, "env:DOUBLE_QUOTED_COMMANDS_ARGUMENTS=yes", line}, "0"),
-            plain + plain);
 }
 
 TEST(GetKeyAndVal, KeysAndValues) {

@@ -19,9 +19,9 @@ namespace {
 // Hands a configured KV port to the client calls; 0 or less keeps their
 // default (KVPORT or 4032). The port travels as an unsigned 16-bit value,
 // so a larger one is taken modulo 65536, as -P and KVPORT always were.
-void setKvPort(int port) {
+void setKvPort(KvClient* kv, int port) {
   if (port <= 0) return;
-  KVSetPort(static_cast<uint16_t>(port));
+  kv->KVSetPort(static_cast<uint16_t>(port));
 }
 
 }  // namespace
@@ -48,7 +48,7 @@ int Kavlet::connectToKV(ToolHandler* handler) {
     return test();
   }
   startSignalThread();
-  setKvPort(kvPort);
+  setKvPort(&kvClient, kvPort);
   if (callKVhi(handler, kvHost.c_str(), 0) < 0 || stopRequested()) return 0;
   return run() == ToolNext::kExitOk ? 1 : 0;
 }
@@ -61,14 +61,14 @@ int Kavlet::connectToKVForService(ToolHandler* handler) {
     return test();
   }
   startSignalThread();
-  setKvPort(kvPort);
+  setKvPort(&kvClient, kvPort);
   int rc = callKVhi(handler, kvHost.c_str(), 1);
   // Exit code 1 is the result 0 (main's mapping); the others stand for themselves.
   if (rc < 0) return rc == -1 ? 0 : -rc;
   // Held so that a signal waits for the service and its goodbye.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
   int result = service(nullptr);
-  KVbye();
+  kvClient.KVbye();
   return result;
 }
 
@@ -77,8 +77,8 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
   // A signal during the registration waits for it, then says goodbye: the
   // goodbye must not run on the client state KVhi is filling in.
   std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
-  int rc = KVhi(host, type.c_str(), handler);
-  KVtarget kv = KVlastTarget();
+  int rc = kvClient.KVhi(host, type.c_str(), handler);
+  KVtarget kv = kvClient.KVlastTarget();
   if (rc >= 0) {
     log.msg(__LINE__, 3, "registered with the KV at %s port %u as type '%s', orders to port %u",
             kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(), ToolServicePort());

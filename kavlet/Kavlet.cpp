@@ -16,8 +16,6 @@
 #include "base/SystemError.h"
 #include "docfiles/Document.h"
 
-Kavlet* theKavlet = nullptr;
-
 namespace {
 
 // Longest -env value that is looked at (with the NUL).
@@ -59,13 +57,10 @@ Kavlet::Kavlet()
       okStatus("ok"),
       suspendTime(300) {
   Log log("Kavlet", "Kavlet", __FILE__, __LINE__, 13);
-  theKavlet = this;
   installHandlers();
 }
 
-Kavlet::~Kavlet() {
-  if (theKavlet == this) theKavlet = nullptr;
-}
+Kavlet::~Kavlet() = default;
 
 int Kavlet::checkBeforeConnect() { return 1; }
 
@@ -88,6 +83,8 @@ int Kavlet::init(int argc, char** argv) {
   parseArgv(argc, argv);
   if (usageShown) return 0;
   initLog();
+  documentOptions =
+      readDocumentOptions(getenv("KV_PROTOCOL"), getenv("DOUBLE_QUOTED_COMMANDS_ARGUMENTS"));
   return 1;
 }
 

@@ -11,9 +11,8 @@
 // which set environment variables; the environment (readEnvironment); the
 // command line (parseArgv).
 //
-// Lifetime: main creates exactly one Kavlet (through the tool class); the
-// constructor makes it reachable as theKavlet for the designed entries of
-// kavlet/Kv.h. finishWorker destroys it at the end.
+// Lifetime: main creates exactly one Kavlet (through the tool class) and
+// hands it to finishWorker (kavlet/Kv.h), which destroys it at the end.
 //
 // After init, main calls connectKV: in test mode (-test) the work cycle runs
 // over the document directories under -testpath; otherwise the worker
@@ -30,21 +29,22 @@
 #define KAVLET_KAVLET_H_
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/FileSystem.h"
 #include "base/String.h"
+#include "docfiles/Document.h"
+#include "kvrpc/KVclient.h"
 #include "kvrpc/ToolHandler.h"
 
-class Document;
 class SettingsLine;
 
 class Kavlet : public ToolHandler {
  public:
   static constexpr int kDefaultKvPort = 4032;
 
-  // Sets the defaults, makes this object theKavlet and blocks the stop
-  // signals for the signal thread.
+  // Sets the defaults and blocks the stop signals for the signal thread.
   Kavlet();
   Kavlet(const Kavlet&) = delete;
   Kavlet& operator=(const Kavlet&) = delete;
@@ -133,9 +133,8 @@ class Kavlet : public ToolHandler {
   // Returns 1 when every document was done, 0 otherwise (in a worker
   // process: 1 when it ended).
   int test();
-  // The local time as "[%Y/%m/%d %H:%M:%S] " in a process-wide buffer that
-  // the next call overwrites.
-  static const char* getTime();
+  // The local time as "[%Y/%m/%d %H:%M:%S] "; empty when it cannot be had.
+  static std::string getTime();
 
   // --- The KV's requests (kavlet/Kv.cpp) ---
 
@@ -191,6 +190,10 @@ class Kavlet : public ToolHandler {
   // What the documents' files are written through; borrowed, the system's
   // unless a test puts a double here.
   FileSystem* fileSystem = &FileSystem::posix();
+  // Handed to every document; read from the environment by init.
+  DocumentOptions documentOptions;
+  // The worker's calls to the KV: registration, reports, goodbye.
+  KvClient kvClient;
   int kvTest;              // set by the control words kvTestOn/kvTestOff
   String curErrorComment;  // errorComment for the document in hand
   String errorStatus;      // status word of a failed document
@@ -206,9 +209,5 @@ class Kavlet : public ToolHandler {
   // Reads the -env setup packages named on the command line.
   void readEnvPackages(int argc, char** argv);
 };
-
-// The one Kavlet of the process; set by its constructor, cleared by its
-// destructor. Used only by finishWorker and the designed entries of kavlet/Kv.h.
-extern Kavlet* theKavlet;
 
 #endif  // KAVLET_KAVLET_H_

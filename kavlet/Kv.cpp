@@ -11,6 +11,8 @@
 #include "kvrpc/KVclient.h"
 #include "kvrpc/KVprot.h"
 
+// The decisions below are process-wide on purpose: the signal thread makes
+// them while the main thread works, and a signal has no object to reach.
 std::atomic<int> exitInProgress{0};
 
 namespace {
@@ -40,18 +42,18 @@ std::recursive_mutex& kvWorkerLock() {
   return *lock;
 }
 
-int finishWorker(int status) {
+int finishWorker(std::unique_ptr<Kavlet> worker, int status) {
   kvWorkerLock().lock();  // never released: nothing is served any more
   if (goodbyeAsked && exitInProgress == 0) {
     Log log(kComponent, "sig_handler", __FILE__, __LINE__, 13);
-    KVbye();
+    if (worker) worker->kvClient.KVbye();
     log.msg(__LINE__, 8, "KVbye() ...");
     status = 1;
   } else if (askedStatus >= 0) {
     status = askedStatus;
   }
   stopSignalThread();
-  delete theKavlet;
+  worker.reset();
   reporterFinish();
   Log::flush();
   fflush(nullptr);
@@ -115,20 +117,20 @@ ToolNext onConsoleEvent(int event) {
   return onStopSignal(kTermSignal);
 }
 
-void callback(int order, const char* directory) {
-  if (theKavlet == nullptr) {
+void callback(Kavlet* worker, int order, const char* directory) {
+  if (worker == nullptr) {
     Log log(kComponent, "callback", __FILE__, __LINE__, 13);
     log.msg(__LINE__, 1, "Internal error ... exiting");
-    KVbye();
+    goodbyeAsked = true;  // said by finishWorker, through the worker's client
     endIfAsked(ToolNext::kExitError);
     return;
   }
-  endIfAsked(theKavlet->onWorkOrder(order, directory));
+  endIfAsked(worker->onWorkOrder(order, directory));
 }
 
-int ctrl(int code, const char* text) {
+int ctrl(Kavlet* worker, int code, const char* text) {
   int reply = 1;
-  if (theKavlet != nullptr) endIfAsked(theKavlet->onControlMessage(code, text, &reply));
+  if (worker != nullptr) endIfAsked(worker->onControlMessage(code, text, &reply));
   return reply;
 }
 

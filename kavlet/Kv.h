@@ -22,9 +22,12 @@
 #define KAVLET_KV_H_
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 #include "kvrpc/ToolHandler.h"
+
+class Kavlet;
 
 // 1 once the KV has ordered the exit; a signal then only logs, and no goodbye
 // is said.
@@ -38,10 +41,10 @@ std::recursive_mutex& kvWorkerLock();
 // failed): after a stop signal, unless the KV's exit order came first, says
 // goodbye to the KV and makes the status 1; after a designed entry asked
 // for an end, makes the status the one it asked for. Then stops the signal
-// thread, destroys theKavlet, writes the last summary and metrics
+// thread, destroys worker, writes the last summary and metrics
 // (kavlet/Reporter.h) and flushes the log and stdio. Takes kvWorkerLock for
 // good. Returns the exit status for main to end the process with.
-int finishWorker(int status);
+int finishWorker(std::unique_ptr<Kavlet> worker, int status);
 
 // A stop signal: asks for the goodbye and exit status 1 (kExitError; the
 // caller raises the stop request), unless the KV's exit order is already
@@ -58,11 +61,11 @@ ToolNext onConsoleEvent(int event);
 
 // The designed entries, each the decision above; an end it asks for raises
 // the stop request and gives finishWorker its status. callback:
-// Kavlet::onWorkOrder (without a Kavlet: "Internal error", goodbye, exit
-// status 1). ctrl: Kavlet::onControlMessage; returns the reply.
-// sigwin_handler returns 1 (handled).
-void callback(int order, const char* directory);
-int ctrl(int code, const char* text);
+// worker->onWorkOrder (without a worker: "Internal error", then the goodbye
+// from finishWorker, exit status 1). ctrl: worker->onControlMessage; returns the reply (1 without a
+// worker). sigwin_handler returns 1 (handled). worker: borrowed for the call.
+void callback(Kavlet* worker, int order, const char* directory);
+int ctrl(Kavlet* worker, int code, const char* text);
 void sig_handler(int signal);
 int sigwin_handler(int event);
 

@@ -45,7 +45,7 @@ bool listDocuments(const String& path, std::vector<String>* documents) {
     printf("cannot open directory '%s': '%s'\n", path.c_str(), systemError(errno).c_str());
     return false;
   }
-  printf("%s --------- start test ...\n", Kavlet::getTime());
+  printf("%s --------- start test ...\n", Kavlet::getTime().c_str());
   while (dirent* entry = readdir(dir.get())) {
     String name = entry->d_name;
     if (name == "." || name == "..") continue;
@@ -57,9 +57,9 @@ bool listDocuments(const String& path, std::vector<String>* documents) {
       rc = errno;
     }
     if (rc != 0) {
-      printf("%s cannot access path '%s': '%s'\n", Kavlet::getTime(), entryPath.c_str(),
+      printf("%s cannot access path '%s': '%s'\n", Kavlet::getTime().c_str(), entryPath.c_str(),
              systemError(rc).c_str());
-      printf("%s --------- finished test\n", Kavlet::getTime());
+      printf("%s --------- finished test\n", Kavlet::getTime().c_str());
       return false;
     }
     if (S_ISDIR(st.st_mode)) documents->push_back(entryPath);
@@ -95,7 +95,7 @@ int Kavlet::test() {
   int repetitions = std::max(atoi(testCount.c_str()), 1);
   bool allDone = true;
   auto report = [&](int r, size_t i, int result) {
-    printf("%s %04d %04d op=%-10s doc='%s'\n", getTime(), r, static_cast<int>(i) + 1,
+    printf("%s %04d %04d op=%-10s doc='%s'\n", getTime().c_str(), r, static_cast<int>(i) + 1,
            result != 0 ? okStatus.c_str() : errorStatus.c_str(), documents[i].c_str());
     fflush(stdout);
     // The reasons are in the log; the first failure says where that is.
@@ -118,7 +118,7 @@ int Kavlet::test() {
   }
   if (stopRequested()) allDone = false;
   log.msg(__LINE__, 3, "%s", reporterSummary().c_str());
-  printf("%s --------- finished test with %s!\n", getTime(), allDone ? "success" : "error");
+  printf("%s --------- finished test with %s!\n", getTime().c_str(), allDone ? "success" : "error");
   fflush(stdout);
   return allDone ? 1 : 0;
 }

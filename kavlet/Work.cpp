@@ -35,7 +35,7 @@ int lockWaitSeconds() {
 int Kavlet::createDocument(const char* directory, const char* workerType) {
   Log log("Kavlet", "createDocument", __FILE__, __LINE__, 13);
   document = std::make_unique<Document>(directory ? directory : "", workerType ? workerType : "",
-                                        kWithProtocol, *fileSystem);
+                                        kWithProtocol, *fileSystem, documentOptions);
   return 1;
 }
 
@@ -98,17 +98,17 @@ int Kavlet::work(const char* directory) {
         kvTest ? "TEST::Error on document '%s', '%s', '%s'" : "Error on document '%s', '%s', '%s'",
         dir, errorStatus.c_str(), curErrorComment.c_str());
     if (!reason.empty()) log.msgc("reason: %s", reason.c_str());
-    return KVop(dir, errorStatus.c_str(), curErrorComment.c_str());
+    return kvClient.KVop(dir, errorStatus.c_str(), curErrorComment.c_str());
   }
   if (kvTest) {
     // Deliberately "error" with the ok comment: lets the KV's error path be
     // exercised with documents that were in fact processed.
     log.msg(__LINE__, 8, "TEST::Document '%s' processed well", dir);
-    return KVop(dir, errorStatus.c_str(), curOkComment.c_str());
+    return kvClient.KVop(dir, errorStatus.c_str(), curOkComment.c_str());
   }
   if (result == 1) {
     log.msg(__LINE__, 8, "Document '%s' processed well", dir);
-    return KVop(dir, okStatus.c_str(), curOkComment.c_str());
+    return kvClient.KVop(dir, okStatus.c_str(), curOkComment.c_str());
   }
   return extendedKVop(result, dir);
 }
@@ -116,12 +116,12 @@ int Kavlet::work(const char* directory) {
 int Kavlet::extendedKVop(int result, const char* directory) {
   Log log("Kavlet", "extendedKVop", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "Document '%s' processed well (service_return_value=%d)", directory, result);
-  return KVop(directory, okStatus.c_str(), curOkComment.c_str());
+  return kvClient.KVop(directory, okStatus.c_str(), curOkComment.c_str());
 }
 
-const char* Kavlet::getTime() {
+std::string Kavlet::getTime() {
   Log log("Kavlet", "getTime", __FILE__, __LINE__, 13);
-  static char buffer[100];
+  char buffer[100];
   time_t now = time(nullptr);
   struct tm local;
   if (localtime_r(&now, &local) == nullptr ||

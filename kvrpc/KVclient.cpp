@@ -21,30 +21,6 @@ constexpr int kByeSeconds = 5;
 constexpr int kCrtTotalSeconds = 15;
 constexpr int kCrtRetrySeconds = 2;
 
-struct ClientState {
-  CLIENT* registration = nullptr;
-  hello_kl hello{};
-  std::string helloType;  // owns hello.type's characters
-  int totalTimeout = 60;
-  int retryInterval = 2;
-  // One value shared by every call, changed by client creation (retry), the
-  // registration (total) and KVcrt; later calls inherit what the last one set.
-  timeval sharedTimeout{0, 0};
-  uint16_t kvPort = KV_DEFAULT_PORT;
-  bool portFixed = false;
-  long programOffset = 0;
-  std::string hostOverride, typeOverride;
-  bool hostOverridden = false, typeOverridden = false;
-  bool simulation = false;
-  bool envRead = false;
-  KVtarget lastTarget;
-};
-
-ClientState& st() {
-  static ClientState s;
-  return s;
-}
-
 const char* orNull(const char* text) { return text ? text : "NULL"; }
 // The wire has no null string; an absent text travels as an empty one.
 char* wireText(const char* text) { return const_cast<char*>(text ? text : ""); }
@@ -55,8 +31,10 @@ void reportRpcError(Log& log, int line, CLIENT* client, const char* prefix) {
   clnt_perror(client, prefix);
 }
 
-void applyOverrides(Log& log, const char** host, const char** type) {
-  ClientState& s = st();
+}  // namespace
+
+void KvClient::applyOverrides(Log& log, const char** host, const char** type) {
+  State& s = state_;
   if (s.hostOverridden) {
     log.msg(__LINE__, 5, "libkavlet: using hostname '%s' and not '%s'", s.hostOverride.c_str(),
             orNull(*host));
@@ -68,6 +46,8 @@ void applyOverrides(Log& log, const char** host, const char** type) {
     *type = s.typeOverride.c_str();
   }
 }
+
+namespace {
 
 // The tool's own address (first address of the host) with port 0; false
 // when the host's address is unknown.
@@ -127,24 +107,29 @@ std::string fitted(const char* text, size_t max, bool keepEnd) {
   return t.substr(0, to) + kCut;
 }
 
-// The start of KVhi and KVinfo (caller): simulation for the host "DEBUG",
-// and the callback service, created when none exists yet. false (logged) when
-// it cannot be made.
-bool startService(Log& log, const char* host, const char* caller) {
-  ClientState& s = st();
+}  // namespace
+
+bool KvClient::startService(Log& log, const char* host, const char* caller) {
+  State& s = state_;
   s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
   if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
-  if (ToolServiceSocket() != 0 || ToolCreateService(s.simulation ? 17 : 0) >= 0) return true;
+  if (ToolServiceSocket() != 0 || ToolCreateService(s.simulation ? 17 : 0, &senders_) >= 0) {
+    return true;
+  }
   log.msg(__LINE__, 5, "%s: ToolCreateService() failed; creating the Kavlet service failed",
           caller);
   return false;
 }
 
-}  // namespace
+KvClient::KvClient() = default;
 
-void getEnv() {
+KvClient::~KvClient() {
+  if (state_.registration != nullptr) clnt_destroy(state_.registration);
+}
+
+void KvClient::getEnv() {
   Log log("KVclient", "getEnv", __FILE__, __LINE__, 13);
-  ClientState& s = st();
+  State& s = state_;
   if (s.envRead) return;
   s.envRead = true;
   if (const char* host = getenv("kavletHOST")) {
@@ -174,17 +159,17 @@ void getEnv() {
   }
 }
 
-KVtarget KVlastTarget() { return st().lastTarget; }
+KVtarget KvClient::KVlastTarget() const { return state_.lastTarget; }
 
-void KVSetPort(uint16_t port) {
+void KvClient::KVSetPort(uint16_t port) {
   Log log("KVclient", "KVSetPort", __FILE__, __LINE__, 13);
-  st().kvPort = port;
-  st().portFixed = true;
+  state_.kvPort = port;
+  state_.portFixed = true;
 }
 
-int KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
+int KvClient::KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   Log log("KVclient", "KVclnt_create", __FILE__, __LINE__, 13);
-  ClientState& s = st();
+  State& s = state_;
   HostAddressList addresses;
   s.lastTarget = KVtarget{orNull(host), port, ""};
   int resolved = resolveHost(host, &addresses);
@@ -211,13 +196,13 @@ int KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   return 0;
 }
 
-int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo) {
+int KvClient::KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo) {
   Log log("KVclient", "KVconnect", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "KVconnect(host='%s',type='%s',port=%u,op_or_info=%d)", orNull(host),
           orNull(type), servicePort, opOrInfo);
   getEnv();
   applyOverrides(log, &host, &type);
-  ClientState& s = st();
+  State& s = state_;
 
   if (!ownAddress(&s.hello.address)) return kKvOwnAddressUnknown;
   s.hello.address.port = servicePort;
@@ -232,7 +217,7 @@ int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOr
   int rc = KVclnt_create(host, s.kvPort, &s.registration);
   if (rc != 0) return rc;
   // Before the hello: the KV may send an order as soon as it accepts us.
-  KVsetSenders(host);
+  senders_.set(host, getenv("KV_ACCEPT_FROM"));
 
   s.sharedTimeout.tv_sec = s.totalTimeout;
   int answer = 0;
@@ -252,29 +237,29 @@ int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOr
   return -1;
 }
 
-int KVhi(const char* host, const char* type, ToolHandler* handler) {
+int KvClient::KVhi(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVhi", __FILE__, __LINE__, 13);
   if (!startService(log, host, "KVhi")) return -5;
   if (handler != nullptr) ToolSetHandler(handler);
-  if (st().simulation) return ToolServiceSocket();
+  if (state_.simulation) return ToolServiceSocket();
   int rc = KVconnect(host, type, ToolServicePort(), 1);
   return rc < 0 ? rc : ToolServiceSocket();
 }
 
-int KVinfo(const char* host, const char* type, ToolHandler* handler) {
+int KvClient::KVinfo(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVinfo", __FILE__, __LINE__, 13);
   if (!startService(log, host, "KVinfo")) return -1;
   ToolSetInfoHandler(handler);
-  if (st().simulation) return ToolServiceSocket();
+  if (state_.simulation) return ToolServiceSocket();
   int rc = KVconnect(host, type, ToolServicePort(), 0);
   if (rc < 0) return rc;
   log.msg(__LINE__, 8, "KVinfo on in_sock %d", ToolServiceSocket());
   return ToolServiceSocket();
 }
 
-int KVop(const char* document, const char* text2, const char* text3) {
+int KvClient::KVop(const char* document, const char* text2, const char* text3) {
   Log log("KVclient", "KVop", __FILE__, __LINE__, 13);
-  ClientState& s = st();
+  State& s = state_;
   if (s.simulation) {
     log.msg(__LINE__, 5, "KVop('%s','%s','%s')\n", orNull(document), orNull(text2), orNull(text3));
     return 0;
@@ -307,13 +292,13 @@ int KVop(const char* document, const char* text2, const char* text3) {
   return answer;
 }
 
-int KVcrt(const char* hostname, const char* type, const char* path, const char* operation,
-          const char* comment) {
+int KvClient::KVcrt(const char* hostname, const char* type, const char* path,
+                   const char* operation, const char* comment) {
   Log log("KVclient", "KVcrt", __FILE__, __LINE__, 13);
   log.msg(__LINE__, 8, "KVcrt(hostname='%s', type='%s', path='%s', operation='%s',comment='%s')",
           orNull(hostname), orNull(type), orNull(path), orNull(operation), orNull(comment));
-  ClientState& s = st();
-  // Deliberately module-wide: every later call (KVop too) keeps these values.
+  State& s = state_;
+  // Deliberately client-wide: every later call (KVop too) keeps these values.
   s.totalTimeout = kCrtTotalSeconds;
   s.retryInterval = kCrtRetrySeconds;
   getEnv();
@@ -349,9 +334,9 @@ int KVcrt(const char* hostname, const char* type, const char* path, const char* 
   return answer;
 }
 
-int KVcrt2(const char* path, const char* operation, const char* comment) {
+int KvClient::KVcrt2(const char* path, const char* operation, const char* comment) {
   Log log("KVclient", "KVcrt2", __FILE__, __LINE__, 13);
-  ClientState& s = st();
+  State& s = state_;
   if (s.registration == nullptr) {
     log.msg(__LINE__, 2, "KVcrt2: not registered with a KV");
     return 1;
@@ -371,18 +356,18 @@ int KVcrt2(const char* path, const char* operation, const char* comment) {
   return answer;
 }
 
-void KValive() {
+void KvClient::KValive() {
   Log log("KVclient", "KValive", __FILE__, __LINE__, 13);
-  ClientState& s = st();
+  State& s = state_;
   if (s.registration == nullptr) return;
   // A zero time-out sends the message once and waits for nothing.
   clnt_call(s.registration, KVPROC_ALIVE, xdr_proc<xdr_hello_kl>, &s.hello, xdr_proc<xdr_void>,
             nullptr, seconds(0));
 }
 
-void KVbye() {
+void KvClient::KVbye() {
   Log log("KVclient", "KVbye", __FILE__, __LINE__, 13);
-  ClientState& s = st();
+  State& s = state_;
   if (s.registration == nullptr) return;
   // From now on a late control message ends the process and a late order is only logged.
   ToolSetHandler(nullptr);

@@ -2,13 +2,15 @@
 // result reports (KVop), document creation (KVcrt, KVcrt2), keep-alive and
 // goodbye.
 //
-// One registration per process: the module keeps the registration client, the
-// registration record, the time-outs, the KV port and the environment it read
-// (getEnv). The handlers are borrowed by the tool service (ToolService.h), which
-// KVhi/KVinfo create. Results: 0 for success, -1 to -5 for registration
-// failures (KVstringError gives their texts), 1 when a call itself failed,
-// otherwise the KV's answer. Single-threaded: called from the worker's main
-// thread (and its signal thread only for the goodbye).
+// One KvClient per worker, made by its program: it keeps the registration
+// client, the registration record, the time-outs, the KV port, the
+// environment it read (getEnv) and who may call back (KvSenders.h). The
+// handlers and the senders are borrowed by the tool service (ToolService.h),
+// which the first KVhi/KVinfo creates and which serves until the process
+// ends: the client that created it must live as long as it serves.
+// Results: 0 for success, -1 to -5 for registration failures (KVstringError
+// gives their texts), 1 when a call itself failed, otherwise the KV's answer.
+// Single-threaded: called from the worker's main thread.
 //
 // Environment, read once by getEnv: kavletHOST and kavletTYPE replace the
 // host and type the caller passes; KLCTO is "total[/retry]" in seconds (default
@@ -17,66 +19,22 @@
 #ifndef KVRPC_KVCLIENT_H_
 #define KVRPC_KVCLIENT_H_
 
+#include <sys/time.h>
+
 #include <cstdint>
 #include <string>
 
+#include "kvrpc/KVprot.h"
+#include "kvrpc/KvSenders.h"
 #include "kvrpc/ToolService.h"
 
+class Log;
 struct CLIENT;
 
 // The own host's address could not be found (logged by getMyInetAddr): the
 // result of KVhi, KVinfo, KVconnect and KVcrt that cannot tell the KV where
 // this tool is.
 constexpr int kKvOwnAddressUnknown = -6;
-
-// Registers the tool as a worker of type with the KV on host ("DEBUG":
-// simulation, nothing is sent). Creates the callback service on first use and
-// hands its work orders and control messages to handler (borrowed; null
-// keeps the handler in place). Returns the service socket (>= 0), or -1
-// (type not needed), -2 (host unknown), -3 (no answer), -4 (client creation),
-// -5 (service creation), kKvOwnAddressUnknown.
-int KVhi(const char* host, const char* type, ToolHandler* handler);
-
-// Registers the tool for information messages, which go to handler
-// (borrowed; null: they are refused). Returns the service socket or -1 to -4 (-1 also when the
-// service cannot be made).
-int KVinfo(const char* host, const char* type, ToolHandler* handler);
-
-// The registration exchange of KVhi (opOrInfo 1) and KVinfo (0): tells the KV
-// on host that a tool of type serves on servicePort. Returns 0, -1 to -4 or
-// kKvOwnAddressUnknown.
-int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo);
-
-// Reports the result of the order on document. Texts longer than their
-// fields (128, 60, 128 bytes) are shortened to fit, marked by "...": the
-// document keeps its end (logged at level 2), the others their start.
-// Returns the KV's result-report code (0 = ok), or 1 when the call failed.
-int KVop(const char* document, const char* text2, const char* text3);
-
-// Asks the KV on hostname to create the document path, over a client of its
-// own. Sets the module's time-outs to 15 s total / 2 s retry for every later
-// call. Returns 0 (accepted), the KV's refusal code, 1 (call failed), -2 or -4.
-int KVcrt(const char* hostname, const char* type, const char* path, const char* operation,
-          const char* comment);
-
-// The same through the registration client (only after a successful KVhi).
-// Returns the KV's answer or 1.
-int KVcrt2(const char* path, const char* operation, const char* comment);
-
-// Tells the KV that the tool is alive: sent once, no answer awaited.
-void KValive();
-// Says goodbye and drops the registration; afterwards the default handler
-// is in place again, so a late control message ends the process.
-void KVbye();
-// Fixes the KV's port; KVPORT no longer overrides it.
-void KVSetPort(uint16_t port);
-
-// Makes a UDP client for the KV's program on host:port, retransmitting every
-// retry interval. Returns 0 with *client set, -2 (host unknown) or -4.
-int KVclnt_create(const char* host, uint16_t port, CLIENT** client);
-
-// Reads the environment variables above; only the first call does anything.
-void getEnv();
 
 // Where the last client (KVclnt_create) was meant to reach the KV: host
 // (after kavletHOST), port, and, when the host could not be resolved, the
@@ -87,6 +45,97 @@ struct KVtarget {
   uint16_t port = 0;
   std::string resolverError;
 };
-KVtarget KVlastTarget();
+
+class KvClient {
+ public:
+  KvClient();
+  // Drops a registration that got no goodbye (nothing is sent).
+  ~KvClient();
+  KvClient(const KvClient&) = delete;
+  KvClient& operator=(const KvClient&) = delete;
+
+  // Registers the tool as a worker of type with the KV on host ("DEBUG":
+  // simulation, nothing is sent). Creates the callback service on first use and
+  // hands its work orders and control messages to handler (borrowed; null
+  // keeps the handler in place). Returns the service socket (>= 0), or -1
+  // (type not needed), -2 (host unknown), -3 (no answer), -4 (client creation),
+  // -5 (service creation), kKvOwnAddressUnknown.
+  int KVhi(const char* host, const char* type, ToolHandler* handler);
+
+  // Registers the tool for information messages, which go to handler
+  // (borrowed; null: they are refused). Returns the service socket or -1 to
+  // -4 (-1 also when the service cannot be made).
+  int KVinfo(const char* host, const char* type, ToolHandler* handler);
+
+  // The registration exchange of KVhi (opOrInfo 1) and KVinfo (0): tells the KV
+  // on host that a tool of type serves on servicePort. Returns 0, -1 to -4 or
+  // kKvOwnAddressUnknown.
+  int KVconnect(const char* host, const char* type, uint16_t servicePort, int opOrInfo);
+
+  // Reports the result of the order on document. Texts longer than their
+  // fields (128, 60, 128 bytes) are shortened to fit, marked by "...": the
+  // document keeps its end (logged at level 2), the others their start.
+  // Returns the KV's result-report code (0 = ok), or 1 when the call failed.
+  int KVop(const char* document, const char* text2, const char* text3);
+
+  // Asks the KV on hostname to create the document path, over a client of its
+  // own. Sets the client's time-outs to 15 s total / 2 s retry for every later
+  // call. Returns 0 (accepted), the KV's refusal code, 1 (call failed), -2 or -4.
+  int KVcrt(const char* hostname, const char* type, const char* path, const char* operation,
+            const char* comment);
+
+  // The same through the registration client (only after a successful KVhi).
+  // Returns the KV's answer or 1.
+  int KVcrt2(const char* path, const char* operation, const char* comment);
+
+  // Tells the KV that the tool is alive: sent once, no answer awaited.
+  void KValive();
+  // Says goodbye and drops the registration; afterwards the default handler
+  // is in place again, so a late control message ends the process.
+  void KVbye();
+  // Fixes the KV's port; KVPORT no longer overrides it.
+  void KVSetPort(uint16_t port);
+
+  // Makes a UDP client for the KV's program on host:port, retransmitting every
+  // retry interval. Returns 0 with *client set, -2 (host unknown) or -4.
+  int KVclnt_create(const char* host, uint16_t port, CLIENT** client);
+
+  // Reads the environment variables above; only the first call does anything.
+  void getEnv();
+
+  // Where the last client was meant to reach the KV.
+  KVtarget KVlastTarget() const;
+
+ private:
+  struct State {
+    CLIENT* registration = nullptr;
+    hello_kl hello{};
+    std::string helloType;  // owns hello.type's characters
+    int totalTimeout = 60;
+    int retryInterval = 2;
+    // One value shared by every call, changed by client creation (retry), the
+    // registration (total) and KVcrt; later calls inherit what the last one set.
+    timeval sharedTimeout{0, 0};
+    uint16_t kvPort = KV_DEFAULT_PORT;
+    bool portFixed = false;
+    long programOffset = 0;
+    std::string hostOverride, typeOverride;
+    bool hostOverridden = false, typeOverridden = false;
+    bool simulation = false;
+    bool envRead = false;
+    KVtarget lastTarget;
+  };
+
+  void applyOverrides(Log& log, const char** host, const char** type);
+  // The start of KVhi and KVinfo (caller): simulation for the host "DEBUG",
+  // and the callback service, created when none exists yet. false (logged)
+  // when it cannot be made.
+  bool startService(Log& log, const char* host, const char* caller);
+
+  State state_;
+  // Who may call the callback service; made at registration, checked by
+  // the service for as long as it serves.
+  KvSenders senders_;
+};
 
 #endif  // KVRPC_KVCLIENT_H_

@@ -15,22 +15,7 @@
 
 namespace {
 
-// An address without its port, IPv4 as 4 bytes, IPv6 as 16.
-struct Sender {
-  int family;
-  unsigned char bytes[16];
-};
-
-struct SenderState {
-  bool limited = false;  // false: everyone may call
-  std::string kvHost;
-  std::vector<Sender> accepted;
-};
-
-SenderState& state() {
-  static SenderState s;
-  return s;
-}
+using Sender = KvSenderAddress;
 
 // The address of a, an IPv4-mapped IPv6 address as the IPv4 address it is.
 Sender senderOf(const sockaddr* a) {
@@ -60,21 +45,6 @@ bool isLoopback(const Sender& s) {
                              : IN6_IS_ADDR_LOOPBACK(reinterpret_cast<const in6_addr*>(s.bytes));
 }
 
-void add(const Sender& s) {
-  for (const Sender& known : state().accepted) {
-    if (same(known, s)) return;
-  }
-  state().accepted.push_back(s);
-}
-
-// Adds every address of host; false when it does not resolve.
-bool addHost(const std::string& host) {
-  HostAddressList list;
-  if (resolveHost(host.c_str(), &list) != 0) return false;
-  for (const HostAddress& a : list) add(senderOf(a.sa()));
-  return true;
-}
-
 std::string trimmed(const std::string& text) {
   size_t begin = text.find_first_not_of(" \t");
   if (begin == std::string::npos) return "";
@@ -83,22 +53,34 @@ std::string trimmed(const std::string& text) {
 
 }  // namespace
 
-void KVsetSenders(const char* kvHost) {
+void KvSenders::add(const Sender& s) {
+  for (const Sender& known : accepted_) {
+    if (same(known, s)) return;
+  }
+  accepted_.push_back(s);
+}
+
+bool KvSenders::addHost(const std::string& host) {
+  HostAddressList list;
+  if (resolveHost(host.c_str(), &list) != 0) return false;
+  for (const HostAddress& a : list) add(senderOf(a.sa()));
+  return true;
+}
+
+void KvSenders::set(const char* kvHost, const char* acceptFrom) {
   Log log("KvSenders", "KVsetSenders", __FILE__, __LINE__, 13);
-  SenderState& s = state();
-  s.accepted.clear();
-  s.kvHost = kvHost ? kvHost : "";
-  s.limited = true;
-  addHost(s.kvHost);  // a KV host that does not resolve fails the registration anyway
+  accepted_.clear();
+  kvHost_ = kvHost ? kvHost : "";
+  limited_ = true;
+  addHost(kvHost_);  // a KV host that does not resolve fails the registration anyway
   bool loopbackKv = false;
-  for (const Sender& a : s.accepted) loopbackKv = loopbackKv || isLoopback(a);
+  for (const Sender& a : accepted_) loopbackKv = loopbackKv || isLoopback(a);
   if (loopbackKv) {
     addHost("127.0.0.1");
     addHost("::1");
   }
 
-  const char* extra = getenv("KV_ACCEPT_FROM");
-  std::string list = extra ? extra : "";
+  std::string list = acceptFrom ? acceptFrom : "";
   for (size_t start = 0; start <= list.size();) {
     size_t comma = list.find(',', start);
     if (comma == std::string::npos) comma = list.size();
@@ -106,20 +88,20 @@ void KVsetSenders(const char* kvHost) {
     start = comma + 1;
     if (host.empty()) continue;
     if (strcasecmp(host.c_str(), "any") == 0) {
-      s.limited = false;
+      limited_ = false;
     } else if (!addHost(host)) {
       log.msg(__LINE__, 2, "KV_ACCEPT_FROM: cannot resolve '%s'; calls from it are refused",
               host.c_str());
     }
   }
 
-  if (!s.limited) {
+  if (!limited_) {
     log.msg(__LINE__, 3, "KV_ACCEPT_FROM=any: calls from every host are carried out");
     return;
   }
   std::string text;
   char address[INET6_ADDRSTRLEN + 16];
-  for (const Sender& a : s.accepted) {
+  for (const Sender& a : accepted_) {
     sockaddr_storage ss{};
     if (a.family == AF_INET) {
       auto* v4 = reinterpret_cast<sockaddr_in*>(&ss);
@@ -136,33 +118,37 @@ void KVsetSenders(const char* kvHost) {
   log.msg(__LINE__, 9, "calls accepted from %s", text.c_str());
 }
 
-bool KVsenderAccepted(const sockaddr* addr, socklen_t len) {
-  const SenderState& s = state();
-  if (!s.limited) return true;
+bool KvSenders::accepted(const sockaddr* addr, socklen_t len) const {
+  if (!limited_) return true;
   if (addr == nullptr || len < static_cast<socklen_t>(sizeof(sa_family_t))) return false;
   Sender from = senderOf(addr);
-  for (const Sender& a : s.accepted) {
+  for (const Sender& a : accepted_) {
     if (same(a, from)) return true;
   }
   return false;
 }
 
-int ToolSenderCheck(SVCXPRT* xprt) {
-  const sockaddr* from = reinterpret_cast<const sockaddr*>(&xprt->xp_raddr);
-  if (KVsenderAccepted(from, xprt->xp_addrlen)) return 1;
+bool KvSenders::check(const sockaddr* from, socklen_t len) {
+  if (accepted(from, len)) return true;
   Log log("KvSenders", "ToolSenderCheck", __FILE__, __LINE__, 13);
-  // Anyone can send datagrams: a few lines a minute say what happens.
-  static RateLimit limit(5, 60);
   int suppressed = 0;
-  if (limit.admit(&suppressed)) {
+  if (refusals_.admit(&suppressed)) {
     char text[INET6_ADDRSTRLEN + 16];
     log.msg(__LINE__, 3,
             "call from %s ignored: only the KV ('%s') may call; KV_ACCEPT_FROM adds senders",
-            addressText(from, 1, text, sizeof text), state().kvHost.c_str());
+            addressText(from, 1, text, sizeof text), kvHost_.c_str());
     if (suppressed > 0) {
       log.msg(__LINE__, 3, "calls from other hosts than the KV ... suppressed %d times",
               suppressed);
     }
   }
-  return 0;
+  return false;
+}
+
+int ToolSenderCheck(SVCXPRT* xprt) {
+  auto* senders = static_cast<KvSenders*>(xprt->xp_check_context);
+  if (senders == nullptr) return 1;
+  return senders->check(reinterpret_cast<const sockaddr*>(&xprt->xp_raddr), xprt->xp_addrlen)
+             ? 1
+             : 0;
 }

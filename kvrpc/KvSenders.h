@@ -12,24 +12,57 @@
 // loopback KV address both count as the KV's. That lets in no one new: every
 // local process can send from the KV's loopback address anyway.
 //
-// The set is made at registration (KVconnect) and kept; before that, and in
-// simulation, every caller is served. Main thread only.
+// The KV client (KVclient.h) owns the set and makes it at registration
+// (KVconnect); before that, and in simulation, every caller is served. Main
+// thread only.
 #ifndef KVRPC_KVSENDERS_H_
 #define KVRPC_KVSENDERS_H_
 
 #include <sys/socket.h>
 
+#include <string>
+#include <vector>
+
+#include "base/RateLimit.h"
+
 struct SVCXPRT;
 
-// Makes the set from the KV host (as resolved now) and KV_ACCEPT_FROM.
-// Names that do not resolve are logged at level 2 and left out.
-void KVsetSenders(const char* kvHost);
+// An address without its port, IPv4 as 4 bytes, IPv6 as 16.
+struct KvSenderAddress {
+  int family;
+  unsigned char bytes[16];
+};
 
-// True when a call from addr is to be carried out.
-bool KVsenderAccepted(const sockaddr* addr, socklen_t len);
+class KvSenders {
+ public:
+  KvSenders() = default;
+  KvSenders(const KvSenders&) = delete;
+  KvSenders& operator=(const KvSenders&) = delete;
 
-// The check of the tool service's transports (rpc/Svc.h): KVsenderAccepted on
-// the caller of the current request; logs the calls it refuses.
+  // Makes the set from the KV host (as resolved now) and acceptFrom, the
+  // value of KV_ACCEPT_FROM (null: unset). Names that do not resolve are
+  // logged at level 2 and left out.
+  void set(const char* kvHost, const char* acceptFrom);
+
+  // True when a call from addr is to be carried out.
+  bool accepted(const sockaddr* addr, socklen_t len) const;
+
+  // accepted() for the caller of a request; logs the calls it refuses.
+  bool check(const sockaddr* from, socklen_t len);
+
+ private:
+  void add(const KvSenderAddress& s);
+  // Adds every address of host; false when it does not resolve.
+  bool addHost(const std::string& host);
+
+  bool limited_ = false;  // false: everyone may call
+  std::string kvHost_;
+  std::vector<KvSenderAddress> accepted_;
+  RateLimit refusals_{5, 60};  // anyone can send datagrams: a few lines a minute
+};
+
+// The check of the tool service's transports (rpc/Svc.h): KvSenders::check
+// of the transport's check context on the caller of the current request.
 int ToolSenderCheck(SVCXPRT* xprt);
 
 #endif  // KVRPC_KVSENDERS_H_

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -15,16 +14,16 @@
 namespace {
 
 // Whether a call from the numeric address (IPv4 or IPv6) is carried out.
-bool accepted(const std::string& address) {
+bool accepted(const KvSenders& senders, const std::string& address) {
   sockaddr_in6 v6{};
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
   v6.sin6_family = AF_INET6;
   if (inet_pton(AF_INET, address.c_str(), &v4.sin_addr) == 1) {
-    return KVsenderAccepted(reinterpret_cast<sockaddr*>(&v4), sizeof v4);
+    return senders.accepted(reinterpret_cast<sockaddr*>(&v4), sizeof v4);
   }
   EXPECT_EQ(inet_pton(AF_INET6, address.c_str(), &v6.sin6_addr), 1) << address;
-  return KVsenderAccepted(reinterpret_cast<sockaddr*>(&v6), sizeof v6);
+  return senders.accepted(reinterpret_cast<sockaddr*>(&v6), sizeof v6);
 }
 
 TEST(KvSendersTest, OnlyTheKvAndTheNamedHostsMayCall) {
@@ -44,19 +43,21 @@ TEST(KvSendersTest, OnlyTheKvAndTheNamedHostsMayCall) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.kvHost) + " / " + (c.acceptFrom ? c.acceptFrom : "unset"));
-    if (c.acceptFrom != nullptr) setenv("KV_ACCEPT_FROM", c.acceptFrom, 1);
-    KVsetSenders(c.kvHost);
-    unsetenv("KV_ACCEPT_FROM");
+    KvSenders senders;
+    senders.set(c.kvHost, c.acceptFrom);
     for (bool expected : {true, false}) {
       std::istringstream list(expected ? c.in : c.out);
-      for (std::string address; list >> address;) EXPECT_EQ(accepted(address), expected) << address;
+      for (std::string address; list >> address;) {
+        EXPECT_EQ(accepted(senders, address), expected) << address;
+      }
     }
   }
   // A sender address too short to hold its family is no sender.
-  KVsetSenders("192.0.2.1");
+  KvSenders senders;
+  senders.set("192.0.2.1", nullptr);
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
-  EXPECT_FALSE(KVsenderAccepted(reinterpret_cast<sockaddr*>(&v4), 1));
+  EXPECT_FALSE(senders.accepted(reinterpret_cast<sockaddr*>(&v4), 1));
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ int ToolOrderPort(const char* text) {
   return static_cast<int>(port);
 }
 
-int ToolCreateService(int protocol) {
+int ToolCreateService(int protocol, KvSenders* senders) {
   Log log("ToolService", "ToolCreateService", __FILE__, __LINE__, 13);
   ServiceState& s = state();
 
@@ -96,7 +96,7 @@ int ToolCreateService(int protocol) {
     svc_destroy(xprt);
     return -1;
   }
-  svc_set_sender_check(xprt, ToolSenderCheck);
+  svc_set_sender_check(xprt, ToolSenderCheck, senders);
   s.v4 = xprt;
   s.port = xprt->xp_port;
   log.msg(__LINE__, 8, "ToolCreateService on port %d", s.port);
@@ -116,7 +116,7 @@ int ToolCreateService(int protocol) {
   } else if (!svc_register(xprt6, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {
     log.msg(__LINE__, 8, "cannot register Tool service");
   } else {
-    svc_set_sender_check(xprt6, ToolSenderCheck);
+    svc_set_sender_check(xprt6, ToolSenderCheck, senders);
     s.v6 = xprt6;
   }
   return s.socket;

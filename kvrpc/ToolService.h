@@ -22,6 +22,7 @@
 #include "kvrpc/KVprot.h"
 #include "kvrpc/ToolHandler.h"
 
+class KvSenders;
 struct SVCXPRT;
 struct svc_req;
 
@@ -33,11 +34,12 @@ int ToolOrderPort(const char* text);
 // no port is logged at level 2; unset, empty or 0: an ephemeral port) and an
 // IPv6 one on the same
 // port, both dispatching to ToolDispatch and serving only the callers that
-// KvSenders.h accepts. protocol is passed on to the
+// senders accepts (borrowed for the life of the service; null: everyone).
+// protocol is passed on to the
 // registration (kept for the record only; no port mapper is contacted).
 // Returns the IPv4 socket, or -1 when the IPv4 service cannot be made; a
 // missing IPv6 service is logged and tolerated.
-int ToolCreateService(int protocol);
+int ToolCreateService(int protocol, KvSenders* senders = nullptr);
 
 // The dispatch routine of TOOLPROG version 1. A work order is acknowledged
 // (int 1) before the work handler runs, and not worked at all when the

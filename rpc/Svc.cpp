@@ -118,7 +118,10 @@ void svc_destroy(SVCXPRT* xprt) {
   xprt->xp_ops->xp_destroy(xprt);
 }
 
-void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check) { xprt->xp_check = check; }
+void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check, void* context) {
+  xprt->xp_check = check;
+  xprt->xp_check_context = context;
+}
 
 void svc_run() {
   svcRunning = true;

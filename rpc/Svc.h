@@ -54,6 +54,7 @@ struct SVCXPRT {
   uint32_t xp_xid;              // xid of the current request
   void* xp_p1;                  // transport-private data
   svc_sender_check_t xp_check;  // null: every caller is served
+  void* xp_check_context;       // for xp_check; borrowed
 };
 
 struct svc_req {
@@ -80,8 +81,9 @@ void xprt_unregister(SVCXPRT* xprt);
 SVCXPRT* svc_xprt_of(int fd);
 // Unregisters, closes and frees a transport.
 void svc_destroy(SVCXPRT* xprt);
-// Installs the check of the callers of a transport's requests (null: none).
-void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check);
+// Installs the check of the callers of a transport's requests (null: none)
+// and what it checks against (borrowed, as long as the transport serves).
+void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check, void* context = nullptr);
 
 // The read set and highest descriptor + 1 of the loop.
 extern fd_set svc_fdset;

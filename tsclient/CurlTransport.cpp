@@ -208,7 +208,7 @@ void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlEr
   }
   if (getenv("CURL_DEBUG") != nullptr) {
     curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
-    curl_easy_setopt(c, CURLOPT_STDERR, Log::logfile);
+    curl_easy_setopt(c, CURLOPT_STDERR, Log::stream());
     curl_easy_setopt(c, CURLOPT_VERBOSE, 1L);
   }
   if (!s.caFile.empty()) {

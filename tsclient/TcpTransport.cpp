@@ -16,7 +16,6 @@
 #include "base/Resolver.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
-#include "tsclient/TsSettings.h"
 
 namespace {
 
@@ -174,8 +173,8 @@ TcpReply readTcpReply(const unsigned char* data, uint64_t used, uint64_t capacit
   return {0, kHeaderSize, cutShort};
 }
 
-int openSocket(const char* host, uint16_t port) {
-  return openSocketBefore(host, port, tsSettings().connectTimeoutS, LLONG_MAX);
+int openSocket(const char* host, uint16_t port, long connectTimeoutS) {
+  return openSocketBefore(host, port, connectTimeoutS, LLONG_MAX);
 }
 
 int TcpTransport::exchange(Log& log, const TsServer& server,

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "tsclient/TsSettings.h"
 #include "tsclient/TsTransport.h"
 
 // The frame of a request: a 4-byte big-endian length (that of der plus the
@@ -34,8 +35,8 @@ struct TcpReply {
 TcpReply readTcpReply(const unsigned char* data, uint64_t used, uint64_t capacity);
 
 // A TCP socket connected to host:port, or -1. Refused connections are tried
-// again every second, up to 10 attempts and within the connect time-out.
-int openSocket(const char* host, uint16_t port);
+// again every second, up to 10 attempts and within connectTimeoutS.
+int openSocket(const char* host, uint16_t port, long connectTimeoutS = kDefaultConnectTimeoutS);
 
 class TcpTransport : public TsTransport {
  public:

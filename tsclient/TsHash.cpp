@@ -43,15 +43,12 @@ int digestNidByName(const char* name) {
 
 int getDigest() {
   Log log(kComponent, "getDigest", __FILE__, __LINE__, 13);
-  static int chosen = -1;
-  if (chosen != -1) return chosen;
   const char* name = getenv("TS_HASHALG");
   int nid = digestNidByName(name);
   if (nid == NID_undef) {
     log.msg(__LINE__, 2, "Message Digest '%s' unknown .. defaulting to SHA256", name);
     nid = NID_sha256;
   }
-  chosen = nid;
   return nid;
 }
 

@@ -16,7 +16,8 @@ class CAsn1messageImprint;
 int digestNidByName(const char* name);
 
 // The NID of the message digest chosen by TS_HASHALG (unset: SHA-256; an
-// unknown name is logged and SHA-256 is used). Read once per process.
+// unknown name is logged and SHA-256 is used). The requester reads it once,
+// in initTsServer (TsRequester::digest).
 int getDigest();
 
 // Hashes the regular file at path with digest nid into imprint. -1 when the

@@ -344,8 +344,3 @@ int TsServers::run(const TsAttemptFunction& attempt) {
   }
   return last.result;
 }
-
-TsServers& tsServers() {
-  static TsServers servers;
-  return servers;
-}

@@ -136,7 +136,4 @@ class TsServers {
   TsRetryPolicy policy_;
 };
 
-// The requester's servers, one set per process.
-TsServers& tsServers();
-
 #endif  // TSCLIENT_TSSERVERS_H_

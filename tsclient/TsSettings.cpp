@@ -25,11 +25,6 @@ const char* envText(const char* name) {
 
 }  // namespace
 
-TsSettings& tsSettings() {
-  static TsSettings s;
-  return s;
-}
-
 long timeoutFromEnv(Log& log, const char* name, long fallback) {
   const char* value = getenv(name);
   if (value == nullptr || *value == '\0') return fallback;

@@ -1,6 +1,6 @@
-// TsSettings: the requester's configuration, one per process. The init
-// functions of tstl/tsrequest.h fill it before any stamping; the exchanges
-// then only read it, on several threads at once, without a lock.
+// TsSettings: the requester's configuration, held by its TsRequester. The
+// init functions of tsclient/tsrequest.h fill it before any stamping; the
+// exchanges then only read it, on several threads at once, without a lock.
 #ifndef TSCLIENT_TSSETTINGS_H_
 #define TSCLIENT_TSSETTINGS_H_
 
@@ -31,7 +31,8 @@ struct TsSettings {
   bool haveClientAuth = false;
   std::string clientKeyFile;   // DER
   std::string clientCertFile;  // DER
-  TsServer primary;            // as configured; retries and fallbacks live in tsServers()
+  TsServer primary;            // as configured; retries and fallbacks live in TsServers
+  int digestNid = 0;  // TS_HASHALG, as getDigest reads it
   int tstInfoNid = 0;
   int policyNid = 0;
   long connectTimeoutS = kDefaultConnectTimeoutS;
@@ -45,9 +46,6 @@ struct TsSettings {
   std::string caFile;                 // TLS: the server chain is checked against it when set
   std::unique_ptr<TokenTrust> trust;  // null: no anchors, no extra certificates
 };
-
-// The settings of the process.
-TsSettings& tsSettings();
 
 // The whole number of seconds in the variable name (1 to INT_MAX / 1000, so
 // that its milliseconds fit libcurl's and poll's int), else fallback; a value

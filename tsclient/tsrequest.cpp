@@ -41,9 +41,8 @@ constexpr unsigned int kNonceOctets = 8;
 
 // Fills the DER TimeStampReq for imprint, with the configured options and
 // the nonce when one is given. False when encoding fails.
-bool encodeRequest(CAsn1messageImprint* imprint, const std::vector<unsigned char>* nonce,
-                   std::vector<unsigned char>* der) {
-  const TsSettings& s = tsSettings();
+bool encodeRequest(const TsSettings& s, CAsn1messageImprint* imprint,
+                   const std::vector<unsigned char>* nonce, std::vector<unsigned char>* der) {
   CAsn1IETFrequest request;
   if (s.policyNidRequested != 0) {
     request.reqPolicy.nid = s.policyNidRequested;
@@ -68,9 +67,9 @@ bool encodeRequest(CAsn1messageImprint* imprint, const std::vector<unsigned char
 
 // One exchange with server for the DER request, within timeoutMs: the
 // designed exchange and its checks. The answer goes into response.
-TsAttempt exchangeWith(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
-                       long long timeoutMs, CAsn1string* response) {
-  const TsSettings& settings = tsSettings();
+TsAttempt exchangeWith(Log& log, const TsSettings& settings, const TsServer& server,
+                       const std::vector<unsigned char>& request, long long timeoutMs,
+                       CAsn1string* response) {
   const CurlTransport http(&settings);
   const TcpTransport tcp(settings.connectTimeoutS);
   const TsTransport& transport = isHttpServer(server) ? static_cast<const TsTransport&>(http) : tcp;
@@ -131,18 +130,18 @@ void logOpenSslErrors() {
   if (!text.empty()) log.msg(__LINE__, 2, "%s", text.c_str());
 }
 
-int initTimeStamper() {
+int TsRequester::initTimeStamper() {
   Log log(kComponent, "initTimeStamper", __FILE__, __LINE__, 13);
   OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
-  TsSettings& s = tsSettings();
+  TsSettings& s = settings_;
   s.tstInfoNid = getOrCreateOID("1.2.840.113549.1.9.16.1.4", "TSTInfo", "id-smime-ct-TSTInfo");
   if (s.tstInfoNid == 0) return 1;
   s.policyNid = getOrCreateOID("1.3.6.1.4.1.7359.1.2", "tsPol", "Timestamper Policy");
   return s.policyNid == 0 ? 1 : 0;
 }
 
-int initTsServer(const char* host, uint16_t port, const char* protocol, const char* path,
-                 const char* url) {
+int TsRequester::initTsServer(const char* host, uint16_t port, const char* protocol,
+                              const char* path, const char* url) {
   Log log(kComponent, "initTsServer", __FILE__, __LINE__, 13);
   startSockets(1, 1);
   ERR_load_crypto_strings();
@@ -154,7 +153,7 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   unsigned char noise[1024];
   RAND_seed(noise, sizeof noise);
 
-  TsSettings& s = tsSettings();
+  TsSettings& s = settings_;
   TsServer primary;
   primary.host = host ? host : "";
   primary.port = port;
@@ -163,6 +162,7 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
   s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
   s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
   s.responseLimit = responseLimitFromEnv(log);
+  s.digestNid = getDigest();
   bool settingsOk = readTokenSettings(log, &s);
   if (url != nullptr && *url != '\0' && !parseTsUrl(url, &primary)) {
     TsServer shown;
@@ -176,16 +176,16 @@ int initTsServer(const char* host, uint16_t port, const char* protocol, const ch
           primary.path.c_str());
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
-  tsServers().configureFromEnvironment(log, primary, s.totalTimeoutS);
+  servers_.configureFromEnvironment(log, primary, s.totalTimeoutS);
   s.primary = primary;
   return settingsOk ? 0 : -1;
 }
 
-void describeTimestampSettings(SettingsLine* line) {
-  const TsSettings& s = tsSettings();
+void TsRequester::describeTimestampSettings(SettingsLine* line) const {
+  const TsSettings& s = settings_;
   line->add("tsa", serverName(s.primary));
   line->add("protocol", s.primary.protocol);
-  line->add("hash", OBJ_nid2sn(getDigest()));
+  line->add("hash", OBJ_nid2sn(s.digestNid));
   line->add("connect_timeout", std::to_string(s.connectTimeoutS) + "s");
   line->add("timeout", std::to_string(s.totalTimeoutS) + "s");
   line->add("verify_host", verifyHostWanted() ? "on" : "off");
@@ -196,12 +196,12 @@ void describeTimestampSettings(SettingsLine* line) {
   line->add("policy", s.policyOid.empty() ? "none" : s.policyOid);
   line->add("trust_anchors", s.trust && s.trust->hasAnchors() ? "on" : "off");  // TS_TRUST_CA
   line->add("response_limit", static_cast<long>(s.responseLimit));
-  line->addPairs(tsServers().settingsText());
+  line->addPairs(servers_.settingsText());
 }
 
-int initStamperAuth(const char* login, const char* password) {
+int TsRequester::initStamperAuth(const char* login, const char* password) {
   Log log(kComponent, "initStamperAuth", __FILE__, __LINE__, 13);
-  TsSettings& s = tsSettings();
+  TsSettings& s = settings_;
   OPENSSL_cleanse(s.credentials.data(), s.credentials.size());
   s.credentials.clear();
   s.haveCredentials = false;
@@ -230,9 +230,9 @@ int initStamperAuth(const char* login, const char* password) {
   return 0;
 }
 
-int initSSLAuth(const char* keyFile, const char* certFile) {
+int TsRequester::initSSLAuth(const char* keyFile, const char* certFile) {
   Log log(kComponent, "initSSLAuth", __FILE__, __LINE__, 13);
-  TsSettings& s = tsSettings();
+  TsSettings& s = settings_;
   s.clientKeyFile.clear();
   s.clientCertFile.clear();
   s.haveClientAuth = false;
@@ -250,17 +250,17 @@ int initSSLAuth(const char* keyFile, const char* certFile) {
   return 0;
 }
 
-int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response,
+int TsRequester::requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response,
                      const std::vector<unsigned char>* nonce) {
   Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
   std::vector<unsigned char> request;
-  if (!encodeRequest(imprint, nonce, &request)) {
+  if (!encodeRequest(settings_, imprint, nonce, &request)) {
     log.msg(__LINE__, 2, "Error while creating timestamp request.");
     return -1;
   }
   // Retries and fallback servers, when configured, happen in here.
-  return tsServers().run([&](const TsServer& server, long long timeoutMs) {
-    return exchangeWith(log, server, request, timeoutMs, response);
+  return servers_.run([&](const TsServer& server, long long timeoutMs) {
+    return exchangeWith(log, settings_, server, request, timeoutMs, response);
   });
 }
 
@@ -310,10 +310,10 @@ bool newNonce(std::vector<unsigned char>* nonce) {
   return true;
 }
 
-int timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
-                   const std::vector<unsigned char>& nonce) {
+int TsRequester::timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
+                                const std::vector<unsigned char>& nonce) const {
   Log log(kComponent, "timestampCheck", __FILE__, __LINE__, 13);
-  const TsSettings& s = tsSettings();
+  const TsSettings& s = settings_;
   TokenExpectations expect;
   expect.hashNid = imprint->hashAlgorithm.algorithm.nid;
   expect.digest.assign(imprint->hashedMessage.data(),
@@ -338,10 +338,10 @@ int timestampCheck(CAsn1messageImprint* imprint, CAsn1string* response,
   return 0;
 }
 
-int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
+int TsRequester::fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
   Log log(kComponent, "fetchTimestamp", __FILE__, __LINE__, 13);
   std::vector<unsigned char> nonce;
-  if (tsSettings().sendNonce && !newNonce(&nonce)) {
+  if (settings_.sendNonce && !newNonce(&nonce)) {
     log.msg(__LINE__, 2, "Error while creating timestamp request.");
     log.msg(__LINE__, 2, "Requesting timestamp failed");
     return -2;
@@ -360,10 +360,10 @@ int fetchTimestamp(CAsn1messageImprint* imprint, CAsn1string* response) {
   return 0;
 }
 
-int requestTimestamp(const char* source, const char* target) {
+int TsRequester::requestTimestamp(const char* source, const char* target) {
   Log log(kComponent, "requestTimestamp", __FILE__, __LINE__, 13);
   CAsn1messageImprint imprint;
-  if (computeHash(source, getDigest(), &imprint) != 0) {
+  if (computeHash(source, settings_.digestNid, &imprint) != 0) {
     log.msg(__LINE__, 2, "Hashing %s failed", source);
     return -1;
   }

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 #include "base/Log.h"
 #include "base/Setup.h"
@@ -87,8 +88,7 @@ void dropPrivileges() {
 int main(int argc, char** argv) {
   dropPrivileges();
   if (readSetup("COMMON") < 0) return 1;
-  // Destroyed by finishWorker.
-  TestWorker* worker = new TestWorker();
+  auto worker = std::make_unique<TestWorker>();
   int status = 1;
   if (worker->init(argc, argv) != 0) {
     int rc = worker->oneShot ? worker->connectKVForService() : worker->connectKV();
@@ -96,5 +96,5 @@ int main(int argc, char** argv) {
   } else if (worker->usageShown) {
     status = 0;
   }
-  _exit(finishWorker(status));
+  _exit(finishWorker(std::move(worker), status));
 }

@@ -63,9 +63,11 @@ void out(const char* format, ...) {
 // Prints every request it gets; the KV's exit order ends the loop.
 class ProbeHandler : public ToolHandler {
  public:
+  explicit ProbeHandler(KvClient* kv) : kv_(kv) {}
+
   ToolNext onWorkOrder(int number, const char* text) override {
     out("WORK %d %s", number, text ? text : "NULL");
-    if (opAfterWork) out("op %d", KVop(text, "ok", ""));
+    if (opAfterWork) out("op %d", kv_->KVop(text, "ok", ""));
     return ToolNext::kGoOn;
   }
   ToolNext onControlMessage(int number, const char* text, int* reply) override {
@@ -77,9 +79,10 @@ class ProbeHandler : public ToolHandler {
   void onInfoMessage(const char* text, int number) override {
     out("INFO %s %d", text ? text : "NULL", number);
   }
-};
 
-ProbeHandler probe;
+ private:
+  KvClient* kv_;  // borrowed, lives as long as main
+};
 
 int usage() {
   fprintf(stderr, "usage: kvprobe [-l LEVEL] [-log FILE] [-opwork] STEP...\n");
@@ -90,6 +93,8 @@ int usage() {
 
 int main(int argc, char** argv) {
   Log::init();
+  KvClient kv;
+  ProbeHandler probe(&kv);
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
     if (strcmp(argv[i], "-l") == 0 && i + 1 < argc) {
@@ -109,32 +114,32 @@ int main(int argc, char** argv) {
     long long start = nowMs();
     auto ms = [start] { return nowMs() - start; };
     if (step == "setport" && left >= 1) {
-      KVSetPort(static_cast<uint16_t>(atoi(argv[++i])));
+      kv.KVSetPort(static_cast<uint16_t>(atoi(argv[++i])));
     } else if (step == "hi" && left >= 2) {
-      int rc = KVhi(argv[i + 1], argv[i + 2], &probe);
+      int rc = kv.KVhi(argv[i + 1], argv[i + 2], &probe);
       i += 2;
       out("hi %d ms=%lld", rc, ms());
     } else if (step == "info" && left >= 2) {
-      int rc = KVinfo(argv[i + 1], argv[i + 2], &probe);
+      int rc = kv.KVinfo(argv[i + 1], argv[i + 2], &probe);
       i += 2;
       out("info %d ms=%lld", rc, ms());
     } else if (step == "op" && left >= 3) {
-      int rc = KVop(argv[i + 1], argv[i + 2], argv[i + 3]);
+      int rc = kv.KVop(argv[i + 1], argv[i + 2], argv[i + 3]);
       i += 3;
       out("op %d ms=%lld", rc, ms());
     } else if (step == "crt" && left >= 5) {
-      int rc = KVcrt(argv[i + 1], argv[i + 2], argv[i + 3], argv[i + 4], argv[i + 5]);
+      int rc = kv.KVcrt(argv[i + 1], argv[i + 2], argv[i + 3], argv[i + 4], argv[i + 5]);
       i += 5;
       out("crt %d ms=%lld", rc, ms());
     } else if (step == "crt2" && left >= 3) {
-      int rc = KVcrt2(argv[i + 1], argv[i + 2], argv[i + 3]);
+      int rc = kv.KVcrt2(argv[i + 1], argv[i + 2], argv[i + 3]);
       i += 3;
       out("crt2 %d ms=%lld", rc, ms());
     } else if (step == "alive") {
-      KValive();
+      kv.KValive();
       out("alive ms=%lld", ms());
     } else if (step == "bye") {
-      KVbye();
+      kv.KVbye();
       out("bye ms=%lld", ms());
     } else if (step == "port") {
       out("port %u socket %d", ToolServicePort(), ToolServiceSocket());

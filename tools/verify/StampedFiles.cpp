@@ -21,11 +21,11 @@ const char kReaderTag[] = "clockette-verify";
 using Token = TextLine::Token;
 
 // The first count tokens of a statement value; empty when one is missing.
-std::vector<std::string> tokensOf(const String& value, int count) {
+std::vector<std::string> tokensOf(const String& value, int count, int mode) {
   TextLine line(value.c_str());
   std::vector<std::string> tokens;
   for (int i = 0; i < count; ++i) {
-    Token t(line.getNextToken());
+    Token t(line.getNextToken(mode));
     if (!t) return {};
     tokens.emplace_back(t.get());
   }
@@ -43,21 +43,21 @@ std::vector<String> valuesOf(Commands* commands, const char* key) {
   return std::vector<String>(values.begin(), values.end());
 }
 
-void readDocument(const std::string& dir, std::vector<StampedFile>* out) {
+void readDocument(const std::string& dir, int mode, std::vector<StampedFile>* out) {
   Commands commands(String(dir.c_str()), String(kReaderTag));
   for (const String& value : valuesOf(&commands, "TIMESTAMP_FILE")) {
-    std::vector<std::string> t = tokensOf(value, 2);
+    std::vector<std::string> t = tokensOf(value, 2, mode);
     // The worker skips such a statement too: it names no timestamp file.
     if (t.empty()) continue;
     out->push_back({dir, pathOf(dir, t[0]), pathOf(dir, t[1]), ""});
   }
   std::map<std::string, std::string> componentFiles;
   for (const String& value : valuesOf(&commands, "COMP")) {
-    std::vector<std::string> t = tokensOf(value, 3);
+    std::vector<std::string> t = tokensOf(value, 3, mode);
     if (!t.empty()) componentFiles.emplace(t[0], t[2]);
   }
   for (const String& value : valuesOf(&commands, "COMP_TIMESTAMP_FILE")) {
-    std::vector<std::string> t = tokensOf(value, 2);
+    std::vector<std::string> t = tokensOf(value, 2, mode);
     if (t.empty()) {
       out->push_back({dir, "", dir + "/COMMANDS",
                       "COMP_TIMESTAMP_FILE statement without name and file: '" +
@@ -81,12 +81,12 @@ bool isDirectory(const std::string& path) {
 
 }  // namespace
 
-int findStampedFiles(const std::string& root, std::vector<StampedFile>* out) {
+int findStampedFiles(const std::string& root, std::vector<StampedFile>* out, int tokenMode) {
   if (!isDirectory(root)) return -1;
   struct stat st;
   int documents = 0;
   if (stat((root + "/COMMANDS").c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-    readDocument(root, out);
+    readDocument(root, tokenMode, out);
     ++documents;
   }
   std::vector<std::string> names;
@@ -97,6 +97,8 @@ int findStampedFiles(const std::string& root, std::vector<StampedFile>* out) {
     }
   }
   std::sort(names.begin(), names.end());
-  for (const std::string& name : names) documents += findStampedFiles(root + "/" + name, out);
+  for (const std::string& name : names) {
+    documents += findStampedFiles(root + "/" + name, out, tokenMode);
+  }
   return documents;
 }

@@ -27,7 +27,8 @@ struct StampedFile {
 // Appends the timestamp files of the documents at or under root to *out,
 // documents and their subdirectories in byte order of their names, each
 // document's statements in file order. Returns the number of documents, or
-// -1 when root is no directory.
-int findStampedFiles(const std::string& root, std::vector<StampedFile>* out);
+// -1 when root is no directory. tokenMode: the TextLine rules the
+// statements are cut by, as the worker's DOUBLE_QUOTED_COMMANDS_ARGUMENTS says.
+int findStampedFiles(const std::string& root, std::vector<StampedFile>* out, int tokenMode = 1);
 
 #endif  // TOOLS_VERIFY_STAMPEDFILES_H_

@@ -6,12 +6,14 @@
 // when every timestamp verified; 1 when one did not; 2 for bad usage, trust
 // files that cannot be read, or directories without any document.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "base/Log.h"
+#include "docfiles/Document.h"
 #include "tools/verify/StampAudit.h"
 #include "tools/verify/StampedFiles.h"
 #include "tsclient/TokenCheck.h"
@@ -115,8 +117,10 @@ int main(int argc, char** argv) {
   }
   std::vector<StampedFile> stamps;
   int documents = 0;
+  const int tokenMode =
+      readDocumentOptions(nullptr, getenv("DOUBLE_QUOTED_COMMANDS_ARGUMENTS")).tokenMode();
   for (const std::string& dir : options.dirs) {
-    int found = findStampedFiles(dir, &stamps);
+    int found = findStampedFiles(dir, &stamps, tokenMode);
     if (found < 0) {
       fprintf(stderr, "%s is no directory\n", dir.c_str());
       return 2;
