@@ -1,6 +1,6 @@
 // Owners of the C library's resources: descriptors, streams, directory
 // streams, address lists and malloc'ed memory. The one place these are
-// defined; OpenSSL's objects have their owners in tstl/OpenSslPtr.h.
+// defined; OpenSSL's objects have their owners in ossl/OpenSslPtr.h.
 #ifndef BASE_OWNERS_H_
 #define BASE_OWNERS_H_
 

@@ -11,12 +11,12 @@
 // Results: 0 for success, distinct negative codes per failure (listed at each
 // function); every failure is logged at level 2.
 //
-// The parts: the settings (tstl/TsSettings.h), hashing (tstl/TsHash.h), the
-// exchange behind tstl/TsTransport.h (tstl/CurlTransport.h for HTTP and
-// HTTPS, tstl/TcpTransport.h for raw TCP) and the timestamp file
-// (tstl/TsResultFile.h). This header declares the designed interface; the
+// The parts: the settings (tsclient/TsSettings.h), hashing (tsclient/TsHash.h), the
+// exchange behind tsclient/TsTransport.h (tsclient/CurlTransport.h for HTTP and
+// HTTPS, tsclient/TcpTransport.h for raw TCP) and the timestamp file
+// (tsclient/TsResultFile.h). This header declares the designed interface; the
 // hashing and timestamp file functions come with the headers it includes,
-// openSocket with tstl/TcpTransport.h.
+// openSocket with tsclient/TcpTransport.h.
 //
 // Threads: the init functions and getDigest run before any stamping (the
 // configuration is not locked; the servers' holds and counts are). After
@@ -82,7 +82,7 @@ class TsRequester {
   // Sets the Timestamp Server: host, port, protocol ("http" and "https" go
   // through libcurl, anything else is the raw TCP transport) and URL path (null:
   // "/"). Also reads the time-out variables, the retry and fallback settings
-  // (tstl/TsServers.h), and the request and check settings:
+  // (tsclient/TsServers.h), and the request and check settings:
   //   TS_NONCE (switch): send a random 64-bit nonce; the answer must echo it.
   //   TS_CERTREQ (switch): ask for the signer certificate (certReq TRUE).
   //   TS_POLICY=<OID>: send reqPolicy; the answer's policy must equal it.
@@ -131,7 +131,7 @@ class TsRequester {
   // failed, a stop); -5 HTTP status other than 200; -7 answer of 4096 bytes or more;
   // -8 nothing received; -9 the server answered 05 00 (not working); -10 a raw
   // TCP answer with a flag byte other than 5. With retries or fallback servers
-  // configured it may make several attempts (tstl/TsServers.h); the result and
+  // configured it may make several attempts (tsclient/TsServers.h); the result and
   // the response are then those of the last one. The request carries nonce
   // (INTEGER content octets) when one is given and not empty.
   int requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* response,
