@@ -28,7 +28,6 @@ TEST(CAsn1string, EncodesWithTheCallersTagAndDecodesAnyTag) {
   EXPECT_EQ(pos, 4u);
 }
 
-// logText shows the tag, the length and eight bytes.
 TEST(CAsn1string, LogTextShowsTagLengthAndEightBytes) {
   // Only printable ASCII is shown as it is: DEL is a dot too.
   CAsn1string s(0x04, reinterpret_cast<const unsigned char*>("012345\177789"), 10);
