@@ -37,6 +37,7 @@ class FuzzHandler : public ToolHandler {
 FuzzHandler handler;
 
 struct Service {
+  ToolService tool;
   SVCXPRT* transport = nullptr;
   int replySocket = -1;
   sockaddr_in replyTo{};
@@ -44,9 +45,9 @@ struct Service {
   Service() {
     // Millions of inputs: keep the log (decoding errors at level 2) out of the way.
     Log::setLogFile("/dev/null");
-    if (ToolCreateService(0) < 0) abort();
-    ToolSetHandler(&handler);
-    transport = ToolServiceTransport(false);
+    if (tool.create(0) < 0) abort();
+    tool.setHandler(&handler);
+    transport = tool.transport(false);
     replySocket = socket(AF_INET, SOCK_DGRAM, 0);
     replyTo.sin_family = AF_INET;
     replyTo.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -63,7 +64,7 @@ struct Service {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Service service;
   // Both branches of the info procedure: with and without a handler.
-  ToolSetInfoHandler(size % 2 ? &handler : nullptr);
+  service.tool.setInfoHandler(size % 2 ? &handler : nullptr);
   svcudp_dispatch(service.transport, data, size, reinterpret_cast<sockaddr*>(&service.replyTo),
                   sizeof service.replyTo);
   char reply[9000];
@@ -71,6 +72,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   // An input that ended the service (work mode 2, control code 0) must not
   // silence the next one.
-  ToolTakeNext();
+  service.tool.takeNext();
   return 0;
 }

@@ -81,7 +81,8 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
   KVtarget kv = kvClient.KVlastTarget();
   if (rc >= 0) {
     log.msg(__LINE__, 3, "registered with the KV at %s port %u as type '%s', orders to port %u",
-            kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(), ToolServicePort());
+            kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(),
+            kvClient.service().port());
     reporterStart(true);
     metrics::setRegistered(true);
     service::notifyReady();
@@ -127,5 +128,5 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
 
 ToolNext Kavlet::run() {
   Log log("Kavlet", "run", __FILE__, __LINE__, 13);
-  return ToolServe();
+  return kvClient.service().serve();
 }

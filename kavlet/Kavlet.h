@@ -166,7 +166,7 @@ class Kavlet : public ToolHandler {
   // variant (forService 0), in the one-shot variant 1 for a refusal or an
   // unknown own address and the negated result for any other failure.
   int callKVhi(ToolHandler* handler, const char* host, int forService);
-  // The RPC service loop; returns what ended it (ToolServe).
+  // The RPC service loop; returns what ended it (ToolService::serve).
   ToolNext run();
 
   // Settings, in the order the framework has always kept them. Public: the

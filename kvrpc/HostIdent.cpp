@@ -25,6 +25,8 @@ struct HostNames {
   std::string configured;
 };
 
+// The host's names are facts of the process, read once; callers keep the
+// pointers MY_HOST_NAME and myFullHostName return.
 HostNames& names() {
   static HostNames n;
   return n;
@@ -64,6 +66,7 @@ const char* myFullHostName() {
 
 const HostAddressList& getMyInetAddr() {
   Log log("HostIdent", "getMyInetAddr", __FILE__, __LINE__, 13);
+  // Kept for the process, like the names; the caller holds a reference.
   static HostAddressList mine;
   if (!mine.empty()) return mine;
   const char* myName = MY_HOST_NAME();

@@ -113,7 +113,7 @@ bool KvClient::startService(Log& log, const char* host, const char* caller) {
   State& s = state_;
   s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
   if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
-  if (ToolServiceSocket() != 0 || ToolCreateService(s.simulation ? 17 : 0, &senders_) >= 0) {
+  if (service_.socket() != 0 || service_.create(s.simulation ? 17 : 0, &senders_) >= 0) {
     return true;
   }
   log.msg(__LINE__, 5, "%s: ToolCreateService() failed; creating the Kavlet service failed",
@@ -240,21 +240,21 @@ int KvClient::KVconnect(const char* host, const char* type, uint16_t servicePort
 int KvClient::KVhi(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVhi", __FILE__, __LINE__, 13);
   if (!startService(log, host, "KVhi")) return -5;
-  if (handler != nullptr) ToolSetHandler(handler);
-  if (state_.simulation) return ToolServiceSocket();
-  int rc = KVconnect(host, type, ToolServicePort(), 1);
-  return rc < 0 ? rc : ToolServiceSocket();
+  if (handler != nullptr) service_.setHandler(handler);
+  if (state_.simulation) return service_.socket();
+  int rc = KVconnect(host, type, service_.port(), 1);
+  return rc < 0 ? rc : service_.socket();
 }
 
 int KvClient::KVinfo(const char* host, const char* type, ToolHandler* handler) {
   Log log("KVclient", "KVinfo", __FILE__, __LINE__, 13);
   if (!startService(log, host, "KVinfo")) return -1;
-  ToolSetInfoHandler(handler);
-  if (state_.simulation) return ToolServiceSocket();
-  int rc = KVconnect(host, type, ToolServicePort(), 0);
+  service_.setInfoHandler(handler);
+  if (state_.simulation) return service_.socket();
+  int rc = KVconnect(host, type, service_.port(), 0);
   if (rc < 0) return rc;
-  log.msg(__LINE__, 8, "KVinfo on in_sock %d", ToolServiceSocket());
-  return ToolServiceSocket();
+  log.msg(__LINE__, 8, "KVinfo on in_sock %d", service_.socket());
+  return service_.socket();
 }
 
 int KvClient::KVop(const char* document, const char* text2, const char* text3) {
@@ -370,7 +370,7 @@ void KvClient::KVbye() {
   State& s = state_;
   if (s.registration == nullptr) return;
   // From now on a late control message ends the process and a late order is only logged.
-  ToolSetHandler(nullptr);
+  service_.setHandler(nullptr);
   if (clnt_call(s.registration, KVPROC_BYE, xdr_proc<xdr_hello_kl>, &s.hello, xdr_proc<xdr_void>,
                 nullptr, seconds(kByeSeconds)) != RPC_SUCCESS) {
     reportRpcError(log, __LINE__, s.registration, "KVbye");

@@ -4,10 +4,9 @@
 //
 // One KvClient per worker, made by its program: it keeps the registration
 // client, the registration record, the time-outs, the KV port, the
-// environment it read (getEnv) and who may call back (KvSenders.h). The
-// handlers and the senders are borrowed by the tool service (ToolService.h),
-// which the first KVhi/KVinfo creates and which serves until the process
-// ends: the client that created it must live as long as it serves.
+// environment it read (getEnv), who may call back (KvSenders.h) and the tool
+// service (ToolService.h) they call, whose sockets the first KVhi/KVinfo
+// creates and which serves while the client lives.
 // Results: 0 for success, -1 to -5 for registration failures (KVstringError
 // gives their texts), 1 when a call itself failed, otherwise the KV's answer.
 // Single-threaded: called from the worker's main thread.
@@ -106,6 +105,9 @@ class KvClient {
   // Where the last client was meant to reach the KV.
   KVtarget KVlastTarget() const;
 
+  // The callback service: its port, its loop.
+  ToolService& service() { return service_; }
+
  private:
   struct State {
     CLIENT* registration = nullptr;
@@ -136,6 +138,8 @@ class KvClient {
   // Who may call the callback service; made at registration, checked by
   // the service for as long as it serves.
   KvSenders senders_;
+  // Checks callers against senders_, so it goes first.
+  ToolService service_;
 };
 
 #endif  // KVRPC_KVCLIENT_H_

@@ -33,7 +33,7 @@ class ToolHandler {
   // when the result is kGoOn; with any other result nothing is answered.
   virtual ToolNext onControlMessage(int code, const char* text, int* reply) = 0;
   // An information message (note the order: text first); never answered.
-  // Called only on the handler installed for them (ToolSetInfoHandler).
+  // Called only on the handler installed for them (ToolService::setInfoHandler).
   virtual void onInfoMessage(const char* text, int number) {
     (void)text;
     (void)number;

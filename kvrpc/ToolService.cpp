@@ -14,50 +14,28 @@
 
 namespace {
 
-// Serves until the first KVhi and again after KVbye.
-class DefaultHandler : public ToolHandler {
- public:
-  ToolNext onWorkOrder(int number, const char* text) override {
-    DefaultWorker(number, text);
-    return ToolNext::kGoOn;
-  }
-  ToolNext onControlMessage(int code, const char* text, int*) override {
-    return DefaultCtrl(code, text);
-  }
-};
-
-DefaultHandler defaultHandler;
-
-struct ServiceState {
-  int socket = 0;  // 0: no service yet
-  uint16_t port = 0;
-  uint32_t socketMask = 0;
-  SVCXPRT* v4 = nullptr;  // owned by the runtime's descriptor table
-  SVCXPRT* v6 = nullptr;
-  ToolHandler* handler = &defaultHandler;
-  ToolHandler* info = nullptr;
-  ToolNext next = ToolNext::kGoOn;  // the end a handler asked for
-};
-
-ServiceState& state() {
-  static ServiceState s;
-  return s;
-}
-
 // Source file names in messages carry no directory.
 const char* baseName(const char* path) {
   const char* slash = strrchr(path, '/');
   return slash ? slash + 1 : path;
 }
 
-// Stops the loop when next asks for the end of the process.
-void decide(ToolNext next) {
-  if (next == ToolNext::kGoOn) return;
-  state().next = next;
-  terminateSvcrun();
+}  // namespace
+
+ToolNext ToolService::DefaultHandler::onWorkOrder(int number, const char* text) {
+  DefaultWorker(number, text);
+  return ToolNext::kGoOn;
 }
 
-}  // namespace
+ToolNext ToolService::DefaultHandler::onControlMessage(int code, const char* text, int*) {
+  return DefaultCtrl(code, text);
+}
+
+void ToolService::decide(ToolNext next) {
+  if (next == ToolNext::kGoOn) return;
+  next_ = next;
+  terminateSvcrun(rpc_);
+}
 
 int ToolOrderPort(const char* text) {
   if (text == nullptr || *text == '\0') return 0;
@@ -69,9 +47,8 @@ int ToolOrderPort(const char* text) {
   return static_cast<int>(port);
 }
 
-int ToolCreateService(int protocol, KvSenders* senders) {
+int ToolService::create(int protocol, KvSenders* senders) {
   Log log("ToolService", "ToolCreateService", __FILE__, __LINE__, 13);
-  ServiceState& s = state();
 
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
@@ -85,51 +62,53 @@ int ToolCreateService(int protocol, KvSenders* senders) {
     port = 0;
   }
   v4.sin_port = htons(static_cast<uint16_t>(port));
-  SVCXPRT* xprt = svcudp_create(&v4);
+  SVCXPRT* xprt = svcudp_create(rpc_, &v4);
   if (xprt == nullptr) {
     log.msg(__LINE__, port == 0 ? 5 : 2, "cannot create socket%s%s",
             port == 0 ? "" : " on KV_ORDER_PORT ", port == 0 ? "" : fixed);
     return -1;
   }
-  if (!svc_register(xprt, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {
+  if (!svc_register(xprt, TOOLPROG, TOOLVERS, dispatch, protocol, this)) {
     log.msg(__LINE__, 5, "cannot register Tool service");
     svc_destroy(xprt);
     return -1;
   }
   svc_set_sender_check(xprt, ToolSenderCheck, senders);
-  s.v4 = xprt;
-  s.port = xprt->xp_port;
-  log.msg(__LINE__, 8, "ToolCreateService on port %d", s.port);
-  s.socket = xprt->xp_sock;
-  s.socketMask |= 1u << (xprt->xp_sock % 32);
+  v4_ = xprt;
+  port_ = xprt->xp_port;
+  log.msg(__LINE__, 8, "ToolCreateService on port %d", port_);
+  socket_ = xprt->xp_sock;
+  socketMask_ |= 1u << (xprt->xp_sock % 32);
 
   // IPv6 is optional: a host without it is served on IPv4 alone.
   sockaddr_in6 v6{};
   v6.sin6_family = AF_INET6;
   v6.sin6_addr = in6addr_any;
-  v6.sin6_port = htons(s.port);
-  SVCXPRT* xprt6 = svcudp_create(&v6);
+  v6.sin6_port = htons(port_);
+  SVCXPRT* xprt6 = svcudp_create(rpc_, &v6);
   if (xprt6 == nullptr) {
     log.msg(__LINE__, 5,
             "Can`t create service for IPV6, the call of function svcudp_create() failed: '%s'",
             strerror(errno));
-  } else if (!svc_register(xprt6, TOOLPROG, TOOLVERS, ToolDispatch, protocol)) {
+  } else if (!svc_register(xprt6, TOOLPROG, TOOLVERS, dispatch, protocol, this)) {
     log.msg(__LINE__, 8, "cannot register Tool service");
   } else {
     svc_set_sender_check(xprt6, ToolSenderCheck, senders);
-    s.v6 = xprt6;
+    v6_ = xprt6;
   }
-  return s.socket;
+  return socket_;
 }
 
-void ToolDispatch(svc_req* request, SVCXPRT* transport) {
+void ToolService::dispatch(svc_req* request, SVCXPRT* transport) {
+  static_cast<ToolService*>(request->rq_context)->handle(request->rq_proc, transport);
+}
+
+void ToolService::handle(u_long proc, SVCXPRT* transport) {
   Log log("ToolService", "ToolDispatch", __FILE__, __LINE__, 13);
-  ServiceState& s = state();
-  u_long proc = request->rq_proc;
   log.msg(__LINE__, 8, "ToolDispatch %d", static_cast<int>(proc));
   // The process is ending: a request that came with the one that ended it
   // is left unanswered, as it would be by a process that is gone.
-  if (s.next != ToolNext::kGoOn) return;
+  if (next_ != ToolNext::kGoOn) return;
   if (proc > TOOLPROC_INFO) {
     svcerr_noproc(transport);
     return;
@@ -162,7 +141,7 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
                 order.text ? order.text : "NULL");
         break;
       }
-      ToolNext next = s.handler->onWorkOrder(order.number, order.text);
+      ToolNext next = handler_->onWorkOrder(order.number, order.text);
       log.msg(__LINE__, 9, "%s %d worker returns", baseName(__FILE__), __LINE__);
       // Mode 2 is the KV's last order for this worker.
       if (next == ToolNext::kGoOn && order.number == 2) next = ToolNext::kExitOk;
@@ -171,7 +150,7 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
     }
     case TOOLPROC_CTRL: {
       int result = 0;
-      ToolNext next = s.handler->onControlMessage(order.number, order.text, &result);
+      ToolNext next = handler_->onControlMessage(order.number, order.text, &result);
       if (next != ToolNext::kGoOn) {
         decide(next);  // ends before it answers
         break;
@@ -183,8 +162,8 @@ void ToolDispatch(svc_req* request, SVCXPRT* transport) {
     }
     case TOOLPROC_INFO:
       // Information messages are one-way: no reply, not even an empty one.
-      if (s.info != nullptr) {
-        s.info->onInfoMessage(order.text, order.number);
+      if (info_ != nullptr) {
+        info_->onInfoMessage(order.text, order.number);
       } else {
         svcerr_noproc(transport);
       }
@@ -204,24 +183,19 @@ ToolNext DefaultCtrl(int number, const char* text) {
   return ToolNext::kExitOk;
 }
 
-ToolNext ToolServe() {
-  svc_run();
-  return ToolTakeNext();
+ToolNext ToolService::serve() {
+  svc_run(rpc_);
+  return takeNext();
 }
 
-ToolNext ToolTakeNext() {
-  ToolNext next = state().next;
-  state().next = ToolNext::kGoOn;
+void ToolService::stop() { terminateSvcrun(rpc_); }
+
+ToolNext ToolService::takeNext() {
+  ToolNext next = next_;
+  next_ = ToolNext::kGoOn;
   return next;
 }
 
-int ToolServiceSocket() { return state().socket; }
-uint16_t ToolServicePort() { return state().port; }
-uint32_t ToolSocketMask() { return state().socketMask; }
-SVCXPRT* ToolServiceTransport(bool ipv6) { return ipv6 ? state().v6 : state().v4; }
-
-void ToolSetHandler(ToolHandler* handler) {
-  state().handler = handler != nullptr ? handler : &defaultHandler;
+void ToolService::setHandler(ToolHandler* handler) {
+  handler_ = handler != nullptr ? handler : &defaultHandler_;
 }
-
-void ToolSetInfoHandler(ToolHandler* handler) { state().info = handler; }

@@ -19,7 +19,9 @@
 #include "base/Resolver.h"
 #include "rpc/RpcMsg.h"
 
-rpc_createerr_t rpc_createerr;
+// A failed create returns no object that could carry its reason, so the
+// reason waits here for the thread that asked, as in ONC RPC.
+thread_local rpc_createerr_t rpc_createerr;
 
 namespace {
 
@@ -505,6 +507,8 @@ std::string errorText(const char* s, const rpc_err& e) {
   return out;
 }
 
+// The clnt_sperror family return a pointer, as in ONC RPC: the text stays
+// here until the thread's next call.
 thread_local std::string perrorBuf;
 
 }  // namespace

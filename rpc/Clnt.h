@@ -13,8 +13,8 @@
 // is dropped (and logged), and the call waits on, as it does for datagrams of
 // other senders: a local process that cannot see the call cannot answer it.
 //
-// A CLIENT is used by one thread at a time. The creation error is kept in the
-// process-wide rpc_createerr, as in ONC RPC.
+// A CLIENT is used by one thread at a time. The creation error is kept in
+// rpc_createerr, one per thread.
 #ifndef RPC_CLNT_H_
 #define RPC_CLNT_H_
 
@@ -72,7 +72,7 @@ struct rpc_createerr_t {
   rpc_err cf_error;
 };
 // Why the last clntudp_create failed.
-extern rpc_createerr_t rpc_createerr;
+extern thread_local rpc_createerr_t rpc_createerr;
 
 struct CLIENT;  // opaque
 

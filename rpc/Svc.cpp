@@ -14,29 +14,14 @@
 #include "base/Stop.h"
 #include "rpc/RpcMsg.h"
 
-fd_set svc_fdset;
-int svc_maxsock = 0;
-
 namespace {
 
 const char kComponent[] = "svc";
 
-struct Callout {
-  u_long prog;
-  u_long vers;
-  svc_dispatch_t dispatch;
-};
+using Callout = RpcService::Callout;
 
-std::vector<Callout>& callouts() {
-  static std::vector<Callout> list;
-  return list;
-}
-
-SVCXPRT* xports[NOFILE];
-std::atomic<bool> svcRunning{false};
-
-Callout* findCallout(u_long prog, u_long vers) {
-  for (Callout& c : callouts())
+Callout* findCallout(RpcService& svc, u_long prog, u_long vers) {
+  for (Callout& c : svc.callouts)
     if (c.prog == prog && c.vers == vers) return &c;
   return nullptr;
 }
@@ -52,8 +37,8 @@ void acceptedError(SVCXPRT* xprt, accept_stat astat) {
 }
 
 // Logs why a descriptor of the read set made select fail.
-void checkReadSet(const fd_set& set) {
-  for (int fd = 0; fd < svc_maxsock; ++fd) {
+void checkReadSet(const fd_set& set, int maxsock) {
+  for (int fd = 0; fd < maxsock; ++fd) {
     if (!FD_ISSET(fd, &set)) continue;
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
       c_logmsg(kComponent, 2, "FD%d closed meanwhile in %s", fd, "readfds");
@@ -68,15 +53,29 @@ void checkReadSet(const fd_set& set) {
 
 }  // namespace
 
-bool_t svc_register(SVCXPRT*, u_long prog, u_long vers, svc_dispatch_t dispatch, u_long) {
+RpcService::RpcService() : xports{} { FD_ZERO(&fdset); }
+
+RpcService::~RpcService() {
+  for (SVCXPRT*& xprt : xports) {
+    if (xprt == nullptr) continue;
+    SVCXPRT* gone = xprt;
+    xprt = nullptr;
+    gone->xp_ops->xp_destroy(gone);
+  }
+}
+
+bool_t svc_register(SVCXPRT* xprt, u_long prog, u_long vers, svc_dispatch_t dispatch, u_long,
+                    void* context) {
   // The protocol is not announced anywhere: there is no port mapper.
-  if (Callout* c = findCallout(prog, vers)) return c->dispatch == dispatch ? TRUE : FALSE;
-  callouts().push_back(Callout{prog, vers, dispatch});
+  RpcService& svc = *xprt->xp_svc;
+  if (Callout* c = findCallout(svc, prog, vers))
+    return c->dispatch == dispatch && c->context == context ? TRUE : FALSE;
+  svc.callouts.push_back(Callout{prog, vers, dispatch, context});
   return TRUE;
 }
 
-void svc_unregister(u_long prog, u_long vers) {
-  auto& list = callouts();
+void svc_unregister(RpcService& svc, u_long prog, u_long vers) {
+  auto& list = svc.callouts;
   for (auto it = list.begin(); it != list.end(); ++it) {
     if (it->prog == prog && it->vers == vers) {
       list.erase(it);
@@ -95,22 +94,26 @@ void xprt_register(SVCXPRT* xprt) {
     xprt->xp_sock = -1;
     return;
   }
-  xports[sock] = xprt;
+  RpcService& svc = *xprt->xp_svc;
+  svc.xports[sock] = xprt;
   c_logmsg(kComponent, 10, "set FD%d", sock);
-  FD_SET(sock, &svc_fdset);
-  if (sock + 1 > svc_maxsock) svc_maxsock = sock + 1;
+  FD_SET(sock, &svc.fdset);
+  if (sock + 1 > svc.maxsock) svc.maxsock = sock + 1;
 }
 
 void xprt_unregister(SVCXPRT* xprt) {
   const int sock = xprt->xp_sock;
-  if (sock < 0 || sock >= NOFILE || xports[sock] != xprt) return;
-  xports[sock] = nullptr;
+  RpcService& svc = *xprt->xp_svc;
+  if (sock < 0 || sock >= NOFILE || svc.xports[sock] != xprt) return;
+  svc.xports[sock] = nullptr;
   c_logmsg(kComponent, 10, "clr FD%d", sock);
-  FD_CLR(sock, &svc_fdset);
-  while (svc_maxsock > 0 && xports[svc_maxsock - 1] == nullptr) --svc_maxsock;
+  FD_CLR(sock, &svc.fdset);
+  while (svc.maxsock > 0 && svc.xports[svc.maxsock - 1] == nullptr) --svc.maxsock;
 }
 
-SVCXPRT* svc_xprt_of(int fd) { return fd >= 0 && fd < NOFILE ? xports[fd] : nullptr; }
+SVCXPRT* svc_xprt_of(const RpcService& svc, int fd) {
+  return fd >= 0 && fd < NOFILE ? svc.xports[fd] : nullptr;
+}
 
 void svc_destroy(SVCXPRT* xprt) {
   if (xprt == nullptr) return;
@@ -123,22 +126,22 @@ void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check, void* context
   xprt->xp_check_context = context;
 }
 
-void svc_run() {
-  svcRunning = true;
-  while (svcRunning && !stopRequested()) {
-    fd_set readfds = svc_fdset;
+void svc_run(RpcService& svc) {
+  svc.running = true;
+  while (svc.running && !stopRequested()) {
+    fd_set readfds = svc.fdset;
     c_logmsg(kComponent, 10, "before select %lx, maxSock=%d",
-             static_cast<unsigned long>(readfds.fds_bits[0]), svc_maxsock);
+             static_cast<unsigned long>(readfds.fds_bits[0]), svc.maxsock);
     // A stop request wakes the loop, which then ends.
     const int wake = stopWakeFd();
     bool watchStop = wake >= 0 && wake < FD_SETSIZE;
     if (watchStop) FD_SET(wake, &readfds);
-    const int n = select(watchStop ? std::max(svc_maxsock, wake + 1) : svc_maxsock, &readfds,
+    const int n = select(watchStop ? std::max(svc.maxsock, wake + 1) : svc.maxsock, &readfds,
                          nullptr, nullptr, nullptr);
     if (n < 0) {
       if (errno == EINTR) continue;
       perror("svc: - Select failed");
-      checkReadSet(svc_fdset);
+      checkReadSet(svc.fdset, svc.maxsock);
       break;
     }
     if (n == 0) continue;
@@ -147,23 +150,23 @@ void svc_run() {
       if (stopRequested()) break;
     }
     c_logmsg(kComponent, 10, "after select %lx", static_cast<unsigned long>(readfds.fds_bits[0]));
-    svc_getreqset(&readfds);
+    svc_getreqset(svc, &readfds);
   }
 }
 
-void terminateSvcrun() {
+void terminateSvcrun(RpcService& svc) {
   c_logmsg(kComponent, 10, "terminate on JVM exit");
-  svcRunning = false;
+  svc.running = false;
 }
 
-void svc_getreqset(fd_set* readfds) {
-  const int limit = svc_maxsock;
+void svc_getreqset(RpcService& svc, fd_set* readfds) {
+  const int limit = svc.maxsock;
   for (int fd = 0; fd < limit; ++fd)
-    if (FD_ISSET(fd, readfds)) svc_getreq_common(fd);
+    if (FD_ISSET(fd, readfds)) svc_getreq_common(svc, fd);
 }
 
-void svc_getreq_common(int fd) {
-  SVCXPRT* xprt = svc_xprt_of(fd);
+void svc_getreq_common(RpcService& svc, int fd) {
+  SVCXPRT* xprt = svc_xprt_of(svc, fd);
   if (xprt == nullptr) return;
   rpc_call_hdr hdr;
   if (!xprt->xp_ops->xp_recv(xprt, &hdr)) return;
@@ -187,20 +190,22 @@ void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr) {
     svcerr_auth(xprt, AUTH_REJECTEDCRED);
     return;
   }
-  if (Callout* c = findCallout(hdr->prog, hdr->vers)) {
+  RpcService& svc = *xprt->xp_svc;
+  if (Callout* c = findCallout(svc, hdr->prog, hdr->vers)) {
     svc_req req;
     req.rq_prog = hdr->prog;
     req.rq_vers = hdr->vers;
     req.rq_proc = hdr->proc;
     req.rq_cred = hdr->cred;
     req.rq_xprt = xprt;
+    req.rq_context = c->context;
     c->dispatch(&req, xprt);
     return;
   }
   // The program is known in other versions: tell the caller which.
   bool progFound = false;
   u_long low = ~0ul, high = 0;
-  for (const Callout& c : callouts()) {
+  for (const Callout& c : svc.callouts) {
     if (c.prog != hdr->prog) continue;
     progFound = true;
     if (c.vers < low) low = c.vers;

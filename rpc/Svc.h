@@ -1,12 +1,15 @@
 // The service side of the ONC RPC runtime: registered programs, the
 // descriptor set of the service loop, the loop itself, and the replies.
 //
+// All of it lives in an RpcService that its owner makes and hands to the
+// transports it creates and to svc_run; a transport knows its service
+// (xp_svc), so the replies and the registration need no service argument.
 // A dispatch routine is registered per (program, version) with svc_register;
 // nothing is registered with a port mapper. Transports (SvcUdp.h) put their
-// socket into a read set of NOFILE (512) descriptors with xprt_register; a
-// socket numbered 512 or more is refused and closed. svc_run waits on that
-// set and hands each request to its dispatch routine, which answers with
-// svc_sendreply or one of the svcerr_* replies.
+// socket into the service's read set of NOFILE (512) descriptors with
+// xprt_register; a socket numbered 512 or more is refused and closed.
+// svc_run waits on that set and hands each request to its dispatch routine,
+// which answers with svc_sendreply or one of the svcerr_* replies.
 //
 // Single-threaded: the loop and every dispatch run on the thread of svc_run.
 // terminateSvcrun may be called from any thread; the loop ends when its
@@ -17,13 +20,18 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
+#include <atomic>
+#include <vector>
+
 #include "rpc/RpcTypes.h"
 #include "rpc/Xdr.h"
 
 // Highest descriptor count the service loop serves.
 #define NOFILE 512
 
+class RpcService;
 struct SVCXPRT;
+struct svc_req;
 struct rpc_call_hdr;
 struct rpc_reply_parts;
 
@@ -55,6 +63,7 @@ struct SVCXPRT {
   void* xp_p1;                  // transport-private data
   svc_sender_check_t xp_check;  // null: every caller is served
   void* xp_check_context;       // for xp_check; borrowed
+  RpcService* xp_svc;           // the service it belongs to; borrowed
 };
 
 struct svc_req {
@@ -63,40 +72,63 @@ struct svc_req {
   u_long rq_proc;
   opaque_auth rq_cred;
   SVCXPRT* rq_xprt;
+  void* rq_context;  // what the routine was registered with
 };
 
 typedef void (*svc_dispatch_t)(svc_req* rqstp, SVCXPRT* xprt);
 
-// Registers dispatch for prog/vers (protocol is kept for the record only).
-// FALSE when prog/vers is already registered with another routine.
-bool_t svc_register(SVCXPRT* xprt, u_long prog, u_long vers, svc_dispatch_t dispatch,
-                    u_long protocol);
-void svc_unregister(u_long prog, u_long vers);
+// One service loop's state. It must outlive the transports made for it;
+// the transports still registered when it goes are closed and freed.
+// Change it only through the functions below.
+class RpcService {
+ public:
+  RpcService();
+  ~RpcService();
+  RpcService(const RpcService&) = delete;
+  RpcService& operator=(const RpcService&) = delete;
 
-// Puts the transport's socket into the read set; a socket >= NOFILE is
-// logged ("exceeded NOFILE=%d!!"), closed, and never served.
+  struct Callout {
+    u_long prog;
+    u_long vers;
+    svc_dispatch_t dispatch;
+    void* context;
+  };
+
+  fd_set fdset;             // the loop's read set
+  int maxsock = 0;          // highest descriptor of fdset + 1
+  SVCXPRT* xports[NOFILE];  // the transport of each descriptor
+  std::vector<Callout> callouts;
+  std::atomic<bool> running{false};  // cleared by terminateSvcrun
+};
+
+// Registers dispatch for prog/vers in the transport's service (protocol is
+// kept for the record only); each request for it reaches dispatch with
+// context in rq_context. FALSE when prog/vers is already registered with
+// another routine or context.
+bool_t svc_register(SVCXPRT* xprt, u_long prog, u_long vers, svc_dispatch_t dispatch,
+                    u_long protocol, void* context = nullptr);
+void svc_unregister(RpcService& svc, u_long prog, u_long vers);
+
+// Puts the transport's socket into its service's read set; a socket >=
+// NOFILE is logged ("exceeded NOFILE=%d!!"), closed, and never served.
 void xprt_register(SVCXPRT* xprt);
 void xprt_unregister(SVCXPRT* xprt);
 // The transport registered for a descriptor, or null.
-SVCXPRT* svc_xprt_of(int fd);
+SVCXPRT* svc_xprt_of(const RpcService& svc, int fd);
 // Unregisters, closes and frees a transport.
 void svc_destroy(SVCXPRT* xprt);
 // Installs the check of the callers of a transport's requests (null: none)
 // and what it checks against (borrowed, as long as the transport serves).
 void svc_set_sender_check(SVCXPRT* xprt, svc_sender_check_t check, void* context = nullptr);
 
-// The read set and highest descriptor + 1 of the loop.
-extern fd_set svc_fdset;
-extern int svc_maxsock;
-
 // Serves until terminateSvcrun, a stop request (base/Stop.h) or a select
 // failure other than EINTR.
-void svc_run();
+void svc_run(RpcService& svc);
 // Clears the running flag; logs "terminate on JVM exit" at level 10.
-void terminateSvcrun();
+void terminateSvcrun(RpcService& svc);
 // Serves the requests waiting on the descriptors of readfds / on one descriptor.
-void svc_getreqset(fd_set* readfds);
-void svc_getreq_common(int fd);
+void svc_getreqset(RpcService& svc, fd_set* readfds);
+void svc_getreq_common(RpcService& svc, int fd);
 // Checks a decoded call header and hands the request to its dispatch routine
 // or answers it with the standard error. Used by transports.
 void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr);

@@ -102,7 +102,7 @@ const svc_xp_ops kUdpOps = {udpRecv, udpGetargs, udpReply, udpFreeargs, udpDestr
 
 }  // namespace
 
-SVCXPRT* svcudp_bufcreate(int sockIn, u_int sendsz, u_int recvsz) {
+SVCXPRT* svcudp_bufcreate(RpcService& svc, int sockIn, u_int sendsz, u_int recvsz) {
   UniqueFd sock(sockIn == RPC_ANYSOCK ? socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP) : sockIn);
   if (sock.get() < 0) return nullptr;
   if (sockIn == RPC_ANYSOCK) {
@@ -138,6 +138,7 @@ SVCXPRT* svcudp_bufcreate(int sockIn, u_int sendsz, u_int recvsz) {
   xprt->xp_port = ntohs(port);
   xprt->xp_ops = &kUdpOps;
   xprt->xp_p1 = data.release();
+  xprt->xp_svc = &svc;
   xprt_register(xprt.get());
   if (xprt->xp_sock < 0) {  // refused (and closed) by xprt_register
     delete dataOf(xprt.get());
@@ -147,7 +148,7 @@ SVCXPRT* svcudp_bufcreate(int sockIn, u_int sendsz, u_int recvsz) {
   return xprt.release();
 }
 
-SVCXPRT* svcudp_create(const sockaddr* addr) {
+SVCXPRT* svcudp_create(RpcService& svc, const sockaddr* addr) {
   const int family = addr->sa_family;
   const int port = ntohs(family == AF_INET6 ? reinterpret_cast<const sockaddr_in6*>(addr)->sin6_port
                                             : reinterpret_cast<const sockaddr_in*>(addr)->sin_port);
@@ -169,7 +170,7 @@ SVCXPRT* svcudp_create(const sockaddr* addr) {
     return nullptr;
   }
   c_logmsg(kComponent, 8, "new sock FD%d for port %d", sock.get(), port);
-  return svcudp_bufcreate(sock.release(), SVCUDP_BUFSIZE, SVCUDP_BUFSIZE);
+  return svcudp_bufcreate(svc, sock.release(), SVCUDP_BUFSIZE, SVCUDP_BUFSIZE);
 }
 
 void svcudp_dispatch(SVCXPRT* xprt, const void* data, size_t len, const sockaddr* from,

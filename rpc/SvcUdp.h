@@ -12,19 +12,19 @@
 
 // Creates a datagram socket of addr's family, binds it to addr (IPv6
 // sockets are IPv6-only, so an IPv4 and an IPv6 service can share a port)
-// and registers the transport. Returns null on failure (errno tells why;
+// and registers the transport in svc. Returns null on failure (errno tells why;
 // EAFNOSUPPORT when the system has no IPv6), or when the socket's number
 // is NOFILE or more.
-SVCXPRT* svcudp_create(const struct sockaddr* addr);
-inline SVCXPRT* svcudp_create(const struct sockaddr_in* addr) {
-  return svcudp_create(reinterpret_cast<const sockaddr*>(addr));
+SVCXPRT* svcudp_create(RpcService& svc, const struct sockaddr* addr);
+inline SVCXPRT* svcudp_create(RpcService& svc, const struct sockaddr_in* addr) {
+  return svcudp_create(svc, reinterpret_cast<const sockaddr*>(addr));
 }
-inline SVCXPRT* svcudp_create(const struct sockaddr_in6* addr) {
-  return svcudp_create(reinterpret_cast<const sockaddr*>(addr));
+inline SVCXPRT* svcudp_create(RpcService& svc, const struct sockaddr_in6* addr) {
+  return svcudp_create(svc, reinterpret_cast<const sockaddr*>(addr));
 }
 // Wraps an existing, bound datagram socket (RPC_ANYSOCK: a new IPv4 socket on
 // an ephemeral port); the transport owns it from then on, also on failure.
-SVCXPRT* svcudp_bufcreate(int sock, u_int sendsz, u_int recvsz);
+SVCXPRT* svcudp_bufcreate(RpcService& svc, int sock, u_int sendsz, u_int recvsz);
 
 // Serves one datagram as if it had arrived on xprt from `from`: decodes the
 // call and dispatches it; replies go to `from` through the transport's

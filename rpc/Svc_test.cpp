@@ -89,7 +89,7 @@ TEST(Svc, NeitherASignalNorTerminateCutsTheWaitShort) {
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   sigaction(SIGUSR1, &old, nullptr);
   EXPECT_FALSE(svc.done()) << "an interrupted wait is resumed";
-  terminateSvcrun();
+  terminateSvcrun(svc.service());
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_FALSE(svc.done()) << "the loop sits in its wait until something arrives";
   // The request that wakes it is still served, and then the loop ends.
@@ -115,17 +115,18 @@ TEST(Svc, RefusesDescriptorsFromNofileOn) {
   ASSERT_EQ(NOFILE, dup2(s, NOFILE));
   close(s);
 
-  EXPECT_EQ(nullptr, svcudp_bufcreate(NOFILE, 0, 0));
+  RpcService svc;
+  EXPECT_EQ(nullptr, svcudp_bufcreate(svc, NOFILE, 0, 0));
   EXPECT_EQ(-1, fcntl(NOFILE, F_GETFD)) << "the refused socket is closed";
   EXPECT_TRUE(log.contains("exceeded NOFILE=512!!"));
   EXPECT_TRUE(log.contains("close FD512"));
 
-  SVCXPRT* last = svcudp_bufcreate(NOFILE - 1, 0, 0);
+  SVCXPRT* last = svcudp_bufcreate(svc, NOFILE - 1, 0, 0);
   ASSERT_NE(nullptr, last);
-  EXPECT_EQ(last, svc_xprt_of(NOFILE - 1));
-  EXPECT_EQ(NOFILE, svc_maxsock);
+  EXPECT_EQ(last, svc_xprt_of(svc, NOFILE - 1));
+  EXPECT_EQ(NOFILE, svc.maxsock);
   svc_destroy(last);
-  EXPECT_LT(svc_maxsock, NOFILE);
+  EXPECT_LT(svc.maxsock, NOFILE);
 }
 
 TEST(Svc, SelectFailureEndsTheLoop) {
@@ -133,18 +134,16 @@ TEST(Svc, SelectFailureEndsTheLoop) {
   // Both open files: they must do so before the victim's number becomes free.
   testing_support::LogCapture log;
   testing::internal::CaptureStderr();
-  SVCXPRT* victim = svcudp_bufcreate(RPC_ANYSOCK, 0, 0);
+  SVCXPRT* victim = svcudp_bufcreate(svc.service(), RPC_ANYSOCK, 0, 0);
   ASSERT_NE(nullptr, victim);
   EXPECT_NE(0, victim->xp_port) << "a socket of its own is bound to an ephemeral port";
   close(victim->xp_sock);  // closed behind the runtime's back
-  svc_run();               // returns at once: select reports the bad descriptor
+  svc_run(svc.service());  // returns at once: select reports the bad descriptor
   const std::string err = testing::internal::GetCapturedStderr();
   EXPECT_NE(std::string::npos, err.find("svc: - Select failed")) << err;
   EXPECT_TRUE(
       log.contains("FD" + std::to_string(victim->xp_sock) + " closed meanwhile in readfds"));
-  xprt_unregister(victim);
-  victim->xp_sock = -1;
-  svc_destroy(victim);
+  victim->xp_sock = -1;  // its number may be someone else's by now
 }
 
 TEST(Svc, IPv4AndIPv6ServicesShareAPort) {
@@ -153,7 +152,7 @@ TEST(Svc, IPv4AndIPv6ServicesShareAPort) {
   any6.sin6_family = AF_INET6;
   any6.sin6_addr = in6addr_any;
   any6.sin6_port = htons(static_cast<uint16_t>(svc.port()));
-  SVCXPRT* v6 = svcudp_create(&any6);
+  SVCXPRT* v6 = svcudp_create(svc.service(), &any6);
   if (v6 == nullptr && errno == EAFNOSUPPORT) GTEST_SKIP() << "no IPv6";
   ASSERT_NE(nullptr, v6);
   EXPECT_EQ(svc.port(), v6->xp_port);
@@ -170,8 +169,6 @@ TEST(Svc, IPv4AndIPv6ServicesShareAPort) {
   int sum = 0;
   EXPECT_EQ(RPC_SUCCESS, callAdd(cl.get(), 6, 7, &sum));
   EXPECT_EQ(13, sum);
-  svc.stop();
-  svc_destroy(v6);
 }
 
 TEST(Svc, DispatchesADatagramHandedInWithoutTheLoop) {

@@ -12,10 +12,13 @@ namespace {
 
 const char kComponent[] = "xdr";
 
+// XdrRequestScopes open on this thread: the XDR routines are called with
+// no object that could carry it.
 thread_local int requestScopes = 0;
 
 // Logs a decoded length too large to allocate; see XdrRequestScope.
 void logTooLarge(long long nodesize) {
+  // One limit for every decoder: a flood of bad lengths is one flood.
   static RateLimit limit(20, 60);
   int suppressed = 0;
   if (requestScopes > 0 && !limit.admit(&suppressed)) return;

@@ -1,6 +1,6 @@
-// Test helper: a UDP service of the test program on 127.0.0.1 whose loop
-// (svc_run) runs on a background thread, as the worker runs it on its main
-// thread.
+// Test helper: a UDP service of the test program on 127.0.0.1, in a service
+// of its own, whose loop (svc_run) runs on a background thread, as the
+// worker runs it on its main thread.
 #ifndef TESTING_RPCPEER_SERVICELOOP_H_
 #define TESTING_RPCPEER_SERVICELOOP_H_
 
@@ -62,24 +62,21 @@ class ServiceLoop {
  public:
   ServiceLoop() {
     sockaddr_in a = UdpSocket::loopback(0);
-    xprt_ = svcudp_create(&a);
+    xprt_ = svcudp_create(service_, &a);
     if (xprt_) svc_register(xprt_, TESTPROG, TESTVERS, testDispatch, 17);
   }
-  ~ServiceLoop() {
-    stop();
-    svc_unregister(TESTPROG, TESTVERS);
-    svc_destroy(xprt_);
-  }
+  ~ServiceLoop() { stop(); }
   ServiceLoop(const ServiceLoop&) = delete;
   ServiceLoop& operator=(const ServiceLoop&) = delete;
 
+  RpcService& service() { return service_; }
   SVCXPRT* xprt() const { return xprt_; }
   int port() const { return xprt_->xp_port; }
 
   void start() {
     done_ = false;
     thread_ = std::thread([this] {
-      svc_run();
+      svc_run(service_);
       done_ = true;
     });
   }
@@ -91,7 +88,7 @@ class ServiceLoop {
     if (!thread_.joinable()) return;
     UdpSocket waker;
     for (int i = 0; i < 250 && !done_; ++i) {
-      terminateSvcrun();
+      terminateSvcrun(service_);
       waker.sendTo({0, 0, 0, 0}, UdpSocket::loopback(port()));
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -105,6 +102,7 @@ class ServiceLoop {
   }
 
  private:
+  RpcService service_;
   SVCXPRT* xprt_ = nullptr;
   std::thread thread_;
   std::atomic<bool> done_{true};

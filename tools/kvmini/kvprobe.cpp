@@ -72,7 +72,7 @@ class ProbeHandler : public ToolHandler {
   }
   ToolNext onControlMessage(int number, const char* text, int* reply) override {
     out("CTRL %d %s", number, text ? text : "NULL");
-    if (number == KVctrlEXIT) terminateSvcrun();
+    if (number == KVctrlEXIT) kv_->service().stop();
     *reply = 100 + number;
     return ToolNext::kGoOn;
   }
@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
       kv.KVbye();
       out("bye ms=%lld", ms());
     } else if (step == "port") {
-      out("port %u socket %d", ToolServicePort(), ToolServiceSocket());
+      out("port %u socket %d", kv.service().port(), kv.service().socket());
     } else if (step == "myname") {
       out("myname %s", MY_HOST_NAME());
       char text[80];
@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
     } else if (step == "sleep" && left >= 1) {
       usleep(static_cast<useconds_t>(atoi(argv[++i])) * 1000);
     } else if (step == "serve") {
-      ToolNext next = ToolServe();
+      ToolNext next = kv.service().serve();
       if (next != ToolNext::kGoOn) {
         Log::flush();
         return toolExitStatus(next);
