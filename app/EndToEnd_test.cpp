@@ -47,16 +47,17 @@ class EndToEndTest : public ::testing::Test {
     delete tsa_;
     delete pki_;
   }
-  // A server sharing the suite's certificates (made once).
+  // A server sharing the suite's certificates (made once), checked to be ready.
   static TestTsa* startTsa(TestTsaOptions options) {
     options.dir = pki_->path();
-    return new TestTsa(testTsaProgram(), options);
+    auto* tsa = new TestTsa(testTsaProgram(), options);
+    EXPECT_TRUE(tsa->ready()) << options.fault;
+    return tsa;
   }
 
   void SetUp() override {
     ASSERT_TRUE(tsa_->ready());
-    makeDir(dir_.file("config"));
-    makeDir(dir_.file("config/setup"));
+    std::filesystem::create_directories(dir_.file("config/setup"));
     makeDir(dir_.file("logs"));
     makeDir(docs_);
     options_.cwd = dir_.path();
@@ -120,26 +121,22 @@ class EndToEndTest : public ::testing::Test {
   }
   // Under dir, each timestamp file (even places) verifies against its data file (the next).
   static void expectStamped(const std::string& dir, const std::vector<std::string>& pairs) {
-    for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
+    for (size_t i = 0; i + 1 < pairs.size(); i += 2)
       EXPECT_EQ(verify(dir + "/" + pairs[i], dir + "/" + pairs[i + 1]), "") << pairs[i];
-    }
   }
   static void expectAll(const std::string& text, const std::vector<std::string>& parts) {
     for (const std::string& part : parts)
       EXPECT_TRUE(contains(text, part)) << part << "\nin\n" << text;
   }
 
-  static TempDir* pki_;
-  static TestTsa* tsa_;
+  static inline TempDir* pki_ = nullptr;
+  static inline TestTsa* tsa_ = nullptr;
   TempDir dir_;
   std::string docs_ = dir_.file("docs");
   std::string notices_ = dir_.file("notices");
   ChildOptions options_;
   ServedWorker served_;
 };
-
-TempDir* EndToEndTest::pki_ = nullptr;
-TestTsa* EndToEndTest::tsa_ = nullptr;
 
 TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBackup) {
   TempDir elsewhere;
@@ -199,22 +196,20 @@ TEST_F(EndToEndTest, FilesAndComponentsAreStampedAndTheNextRunStartsFromTheBacku
 }
 
 TEST_F(EndToEndTest, WrongStatementsAreSkippedOrFailTheDocumentWithANotice) {
-  // Neither a one-token file statement nor a component without
-  // TIMESTAMP_COMP fails a document.
-  std::string skip = addDocument("a-skip",
-                                 "TIMESTAMP_FILE lonely.pdf\nTIMESTAMP_FILE data.txt data.tst\n"
-                                 "COMP c text/plain data.txt\n",
-                                 {{"data.txt", "a"}});
-  std::string broken = addDocument("b-wrong-comp",
-                                   "TIMESTAMP_FILE data.txt data.tst\nTIMESTAMP_COMP\n"
-                                   "COMP good text/plain data.txt\nCOMP broken text/plain\n",
-                                   {{"data.txt", "b"}});
+  // Neither a one-token file statement nor a component without TIMESTAMP_COMP fails a document.
+  std::string skip = addDocument(
+      "a-skip", "TIMESTAMP_FILE lonely.pdf\n" + kOneFile + "COMP c text/plain data.txt\n",
+      {{"data.txt", "a"}});
+  std::string broken = addDocument(
+      "b-wrong-comp",
+      kOneFile + "TIMESTAMP_COMP\nCOMP good text/plain data.txt\nCOMP broken text/plain\n",
+      {{"data.txt", "b"}});
   // A drive path counts as absolute: it is used without the directory.
-  std::string missing = addDocument("c-missing-source",
-                                    "TIMESTAMP_FILE data.txt data.tst\n"
-                                    "TIMESTAMP_FILE C:\\data\\a.pdf a.tst\n"
-                                    "TIMESTAMP_COMP\nCOMP late text/plain data.txt\n",
-                                    {{"data.txt", "c"}});
+  std::string missing = addDocument(
+      "c-missing-source",
+      kOneFile +
+          "TIMESTAMP_FILE C:\\data\\a.pdf a.tst\nTIMESTAMP_COMP\nCOMP late text/plain data.txt\n",
+      {{"data.txt", "c"}});
 
   ChildResult r = runTest();
   EXPECT_EQ(r.exitCode, 1) << r.out << log();
@@ -259,10 +254,9 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
   auto refusedAs = [](Path target, Path file) {
     return "timestamp file 'D/" + target + "' refused: it is the document's file 'D/" + file + "'";
   };
-  const std::string noticeCommands =
-      "SRV BASE 703 ERR: Kavlet 'clockette' cannot write timestamp file 'D/COMMANDS' of document";
   std::vector<Case> cases = {
-      {"commands", "data.txt COMMANDS", nullptr, refusedAs("COMMANDS", "COMMANDS"), noticeCommands},
+      {"commands", "data.txt COMMANDS", nullptr, refusedAs("COMMANDS", "COMMANDS"),
+       "SRV BASE 703 ERR: Kavlet 'clockette' cannot write timestamp file 'D/COMMANDS' of document"},
       {"backup-via-parent", "data.txt ../backup-via-parent/COMMANDS.clockette", nullptr,
        refusedAs("../backup-via-parent/COMMANDS.clockette", "COMMANDS.clockette")},
       {"other-backup", "data.txt COMMANDS.other", nullptr,
@@ -297,8 +291,7 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
       {"held-by-another-process", "data.txt data.tst",
        [&](Path d) {
          lock = open((d + "/.COMMANDS.lock").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-         struct flock whole = {};
-         whole.l_type = F_WRLCK;
+         struct flock whole = {F_WRLCK, SEEK_SET, 0, 0, 0};
          ASSERT_EQ(fcntl(lock, F_OFD_SETLK, &whole), 0);
        },
        "is being worked on by another process (lock 'D/.COMMANDS.lock' held for 1 s)"},
@@ -326,10 +319,9 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
   close(lock);
   EXPECT_FALSE(r.timedOut);
   EXPECT_EQ(r.exitCode, 1) << r.out << log();
-  std::string text = log();
-  std::string notes = notices();
-  auto withDoc = [](Path pattern, Path doc) {
-    return std::regex_replace(pattern, std::regex("D/"), doc + "/");
+  const std::string text = log(), notes = notices();
+  auto withDoc = [](Path text, Path doc) {
+    return std::regex_replace(text, std::regex("D/"), doc + "/");
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -354,19 +346,18 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
 // named timestamp file verifies, and no file of the documents is empty (only
 // the lock file holds nothing by design).
 TEST_F(EndToEndTest, RunsKilledAtRandomLeaveEveryDocumentWhole) {
-  constexpr int kDocuments = 200;
-  constexpr int kKills = 8;
+  constexpr int kDocuments = 200, kKills = 8;
   unsigned seed = static_cast<unsigned>(time(nullptr));
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   const std::string commands =
       "DOCTYPE test\nTIMESTAMP_FILE data.txt data.tst\nTIMESTAMP_COMP\nCOMP c text/plain c.txt\n";
   std::vector<std::string> docs;
-  for (int i = 0; i < kDocuments; ++i) {
+  for (int i = 0; i < kDocuments; ++i)
     docs.push_back(addDocument("d" + std::to_string(1000 + i), commands,
                                {{"data.txt", "data " + std::to_string(i)}, {"c.txt", "c"}}));
-  }
   const std::vector<std::string> args = testArgs();
+  const std::regex added("COMP_TIMESTAMP_FILE \"c\" \"(c_ts[0-9]+\\.txt)\"\n");
   std::uniform_int_distribution<int> delayMs(50, 1500);
   for (int k = 0; k < kKills; ++k) {
     BackgroundChild worker(args, options_);
@@ -379,16 +370,13 @@ TEST_F(EndToEndTest, RunsKilledAtRandomLeaveEveryDocumentWhole) {
   ASSERT_EQ(second.wait(120), 0) << log();
   for (const std::string& doc : docs) {
     std::string now = readFile(doc + "/COMMANDS");
-    std::string added = now.substr(std::min(commands.size(), now.size()));
     std::smatch m;
     if (now.compare(0, commands.size(), commands) != 0 ||
-        !std::regex_match(added, m,
-                          std::regex("COMP_TIMESTAMP_FILE \"c\" \"(c_ts[0-9]+\\.txt)\"\n"))) {
+        !std::regex_match(now.cbegin() + commands.size(), now.cend(), m, added)) {
       ADD_FAILURE() << doc << ": COMMANDS is\n" << now;
       continue;
     }
-    EXPECT_EQ(verify(doc + "/data.tst", doc + "/data.txt"), "");
-    EXPECT_EQ(verify(doc + "/" + m[1].str(), doc + "/c.txt"), "");
+    expectStamped(doc, {"data.tst", "data.txt", m[1].str(), "c.txt"});
     EXPECT_EQ(readFile(doc + "/COMMANDS.clockette"), commands) << doc;
     for (const auto& entry : std::filesystem::directory_iterator(doc)) {
       if (entry.path().filename() == ".COMMANDS.lock") continue;
@@ -397,23 +385,20 @@ TEST_F(EndToEndTest, RunsKilledAtRandomLeaveEveryDocumentWhole) {
   }
 }
 
-// The credentials from the options, or the password from a file only its
-// owner may read, reach the server, but never any output, log or protocol,
-// not even at the highest levels with libcurl's own trace.
+// From the options or from a password file only its owner may read; not
+// even the highest levels with libcurl's own trace show them.
 TEST_F(EndToEndTest, CredentialsReachTheServerButNoOutputOrLog) {
   TestTsaOptions guard;
   guard.requireAuth = true;
   guard.login = "secret-user";
   guard.password = "secret-word";
   std::unique_ptr<TestTsa> guarded(startTsa(guard));
-  ASSERT_TRUE(guarded->ready());
   std::string doc = addDocument("doc", kOneFile, {{"data.txt", "d"}});
   std::string passwordFile = dir_.file("password");
   writeFile(passwordFile, "secret-word\n");
   options_.env["TIMESTAMP_PORT"] = std::to_string(guarded->httpPort());
-  for (const char* on : {"LOG_DEBUG", "LOG_ENTRY", "LOG_INFO", "LOG_RPC", "CURL_DEBUG"}) {
+  for (const char* on : {"LOG_DEBUG", "LOG_ENTRY", "LOG_INFO", "LOG_RPC", "CURL_DEBUG"})
     options_.env[on] = "on";
-  }
   const ChildOptions plain = options_;
   struct Case {
     const char* name;
@@ -444,16 +429,14 @@ TEST_F(EndToEndTest, CredentialsReachTheServerButNoOutputOrLog) {
     EXPECT_EQ(refused ? "" : verify(doc + "/data.tst", doc + "/data.txt"), "");
     std::string everything = r.out + r.err + log() + readIfThere(doc + "/KVprotocol");
     EXPECT_TRUE(contains(everything, c.logged)) << everything;
-    for (const char* secret : {"secret", "c2VjcmV0LXVzZXI6c2VjcmV0LXdvcmQ="}) {
+    for (const char* secret : {"secret", "c2VjcmV0LXVzZXI6c2VjcmV0LXdvcmQ="})
       EXPECT_FALSE(contains(everything, secret)) << secret;
-    }
     remove((doc + "/data.tst").c_str());
     removeLog();
   }
 }
 
-// At the default level: the settings, the summary, and one warning for a
-// missing COMMON package (none for a missing -env package).
+// One warning for a missing COMMON package, none for a missing -env package.
 TEST_F(EndToEndTest, TheDefaultLevelShowsTheSettingsTheSummaryAndAMissingCommonSetup) {
   addDocument("a-good", "TIMESTAMP_FILE one.txt one.tst\nTIMESTAMP_FILE two.txt two.tst\n",
               {{"one.txt", "1"}, {"two.txt", "2"}});
@@ -493,11 +476,10 @@ TEST_F(EndToEndTest, TheDefaultLevelShowsTheSettingsTheSummaryAndAMissingCommonS
                       answers + "bucket{server=\"" + server + "\",le=\"60\"} 2\n",
                       answers + "bucket{server=\"" + server + "\",le=\"+Inf\"} 2\n",
                       "clockette_build_info{version=\"22.3.0\"} 1\n", "clockette_registered 0\n"});
-  EXPECT_GE(numberAfter(metrics, "clockette_process_start_time_seconds"),
-            static_cast<double>(started - 1));
-  double lastSuccess = numberAfter(metrics, "clockette_last_success_timestamp_seconds");
-  EXPECT_GE(lastSuccess, static_cast<double>(started));
-  EXPECT_LE(lastSuccess, static_cast<double>(time(nullptr) + 1));
+  EXPECT_GE(numberAfter(metrics, "clockette_process_start_time_seconds"), started - 1);
+  long lastSuccess = numberAfter(metrics, "clockette_last_success_timestamp_seconds");
+  EXPECT_GE(lastSuccess, started);
+  EXPECT_LE(lastSuccess, time(nullptr) + 1);
 
   // Without the configuration directory the warning names the directory.
   removeLog();
@@ -509,10 +491,8 @@ TEST_F(EndToEndTest, TheDefaultLevelShowsTheSettingsTheSummaryAndAMissingCommonS
                    "' (CONFIG) does not exist; only the environment"});
 }
 
-// KV mode: kvmini registers the worker, hands it every document of its
-// queue as an order, then sends the control message "print". A call from
-// another host than the KV's is ignored; the worker is then stopped with
-// SIGTERM and says goodbye.
+// kvmini hands out every document of its queue as an order, then sends the
+// control message "print"; then the worker is stopped with SIGTERM.
 TEST_F(EndToEndTest, UnderTheKvEachOrderIsReportedOkOrErrorAndOnlyTheKvMayCall) {
   std::string good = addDocument("a-good", "TIMESTAMP_FILE \"data file.txt\" data.tst\n",
                                  {{"data file.txt", "good"}});
@@ -548,7 +528,6 @@ TEST_F(EndToEndTest, AStopEndsTheWorkerPromptlyInTheMiddleOfADocument) {
   TestTsaOptions hanging;
   hanging.fault = "hang";
   std::unique_ptr<TestTsa> silent(startTsa(hanging));
-  ASSERT_TRUE(silent->ready());
   struct Case {
     int signal;
     const char* protocol;
@@ -576,8 +555,7 @@ TEST_F(EndToEndTest, AStopEndsTheWorkerPromptlyInTheMiddleOfADocument) {
     EXPECT_EQ(served_.worker->stop(c.signal, 5), 1) << log();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
     EXPECT_TRUE(served_.kv->waitFor("BYE ")) << log();
-    // Left as a failed document is left, and not reported: the KV hands it
-    // out again.
+    // Left as a failed document, and not reported: the KV hands it out again.
     EXPECT_EQ(served_.kv->countLines("OP "), 0);
     EXPECT_EQ(readFile(doc + "/COMMANDS"), kOneFile);
     EXPECT_FALSE(fileExists(doc + "/data.tst"));
@@ -600,9 +578,8 @@ std::vector<int> childrenOf(int pid) {
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     std::string name = entry.path().filename();
     int parent = 0;
-    if (sscanf(procStat(name).c_str(), " %*c %d", &parent) == 1 && parent == pid) {
+    if (sscanf(procStat(name).c_str(), " %*c %d", &parent) == 1 && parent == pid)
       found.push_back(atoi(name.c_str()));
-    }
   }
   return found;
 }
@@ -610,11 +587,10 @@ std::vector<int> childrenOf(int pid) {
 double cpuSeconds(int pid) {
   char state = 'Z';
   unsigned long user = 0, system = 0;
-  if (sscanf(procStat(std::to_string(pid)).c_str(),
-             " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %lu %lu", &state, &user, &system) != 3 ||
-      state == 'Z') {
-    return -1;
-  }
+  int fields =
+      sscanf(procStat(std::to_string(pid)).c_str(),
+             " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %lu %lu", &state, &user, &system);
+  if (fields != 3 || state == 'Z') return -1;
   return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 bool allGoneWithin(const std::vector<int>& pids, std::chrono::milliseconds limit) {
@@ -626,15 +602,13 @@ bool allGoneWithin(const std::vector<int>& pids, std::chrono::milliseconds limit
   return true;
 }
 
-// -jobs 3 while every exchange takes seconds: a stop of the parent ends every
-// worker and then the parent, a stop of one worker ends only that one (its
-// document fails, the others go on), and workers whose parent is killed end
-// by themselves. No stop raises a notification, and nothing spins.
+// -jobs 3 while every exchange takes seconds: a stop of one worker fails only
+// its document, workers whose parent is killed end by themselves. No stop
+// raises a notification, and nothing spins.
 TEST_F(EndToEndTest, SideBySideWorkersStopWithTheParentAloneAndWhenTheParentDies) {
   TestTsaOptions slow;
   slow.extraArgs = {"--delay-ms", "4000"};
   std::unique_ptr<TestTsa> slowTsa(startTsa(slow));
-  ASSERT_TRUE(slowTsa->ready());
   options_.env["TIMESTAMP_PORT"] = std::to_string(slowTsa->httpPort());
   for (int stop : {SIGTERM, 0, SIGKILL}) {  // 0: SIGTERM to one worker
     SCOPED_TRACE(stop);
@@ -648,12 +622,10 @@ TEST_F(EndToEndTest, SideBySideWorkersStopWithTheParentAloneAndWhenTheParentDies
     kill(stop == 0 ? workers[0] : parent.pid(), stop == 0 ? SIGTERM : stop);
     if (stop == 0) {
       EXPECT_TRUE(allGoneWithin({workers[0]}, std::chrono::seconds(2)));
-      auto used = [&] {
-        return cpuSeconds(parent.pid()) + cpuSeconds(workers[1]) + cpuSeconds(workers[2]);
-      };
-      double before = used();
+      double before = cpuSeconds(parent.pid()) + cpuSeconds(workers[1]) + cpuSeconds(workers[2]);
       std::this_thread::sleep_for(std::chrono::seconds(1));
-      EXPECT_LT(used() - before, 0.3);
+      double after = cpuSeconds(parent.pid()) + cpuSeconds(workers[1]) + cpuSeconds(workers[2]);
+      EXPECT_LT(after - before, 0.3);
       std::string out, line;
       while (parent.readLine(&line, 30)) out += line + "\n";
       EXPECT_EQ(parent.wait(10), 1);
@@ -683,9 +655,8 @@ TEST_F(EndToEndTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
   // The document's file names and COMMANDS (timestamps differ from run to run).
   auto snapshot = [](const std::string& doc) {
     std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(doc)) {
+    for (const auto& entry : std::filesystem::directory_iterator(doc))
       names.insert(entry.path().filename());
-    }
     std::string text;
     for (const std::string& n : names) text += n + "\n";
     return text + "--\n" + readFile(doc + "/COMMANDS");
@@ -698,7 +669,8 @@ TEST_F(EndToEndTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
        "TIMESTAMP_FILE f5.txt t5.tst\n", "error", {}, {"t1.tst", "t2.tst", "t4.tst", "t5.tst"}},
       {"b-third-component-broken", "TIMESTAMP_COMP\nCOMP a text/plain f1.txt\n"
        "COMP a text/plain f2.txt\nCOMP broken text/plain\nCOMP d text/plain f4.txt\n"
-       "COMP e text/plain f5.txt\n", "error", {}, {"a_ts0.txt", "a_ts1.txt", "d_ts0.txt", "e_ts0.txt"}},
+       "COMP e text/plain f5.txt\n", "error", {},
+       {"a_ts0.txt", "a_ts1.txt", "d_ts0.txt", "e_ts0.txt"}},
       // Names taken by earlier files of the same document are skipped, as
       // when each file is written before the next name is chosen.
       {"c-names-in-order", "TIMESTAMP_FILE f1.txt a_ts0.txt\nTIMESTAMP_COMP\n"
@@ -717,9 +689,8 @@ TEST_F(EndToEndTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
        "TIMESTAMP_FILE f1.txt .t.tst.tmp\nTIMESTAMP_FILE f2.txt t.tst\n", "ok", {"t.tst"},
        {".t.tst.tmp"}},
   };
-  const std::map<std::string, std::string> data = {
-      {"f1.txt", "one"}, {"f2.txt", "two"}, {"f3.txt", "three"}, {"f4.txt", "four"},
-      {"f5.txt", "five"}};
+  const std::map<std::string, std::string> data = {{"f1.txt", "one"}, {"f2.txt", "two"},
+      {"f3.txt", "three"}, {"f4.txt", "four"}, {"f5.txt", "five"}};
   // clang-format on
   // One after the other, then side by side (files and documents).
   const std::pair<const char*, const char*> runs[] = {{"1", "1"}, {"8", "3"}};
@@ -753,9 +724,8 @@ TEST_F(EndToEndTest, AnyParallelismLeavesWhatOneAfterTheOtherLeaves) {
   }
 }
 
-// Retries and fallback servers: test Timestamp Servers that fail in chosen
-// ways, and loopback ports that refuse every connection. The servers count
-// the requests they get.
+// Test Timestamp Servers that fail in chosen ways, and loopback ports that
+// refuse every connection. The servers count the requests they get.
 TEST_F(EndToEndTest, FailuresThatMayPassAreRetriedOrSentOnAndAnswersAreNot) {
   const struct {
     const char* name;
@@ -814,37 +784,29 @@ TEST_F(EndToEndTest, FailuresThatMayPassAreRetriedOrSentOnAndAnswersAreNot) {
     std::string fallback;
     for (const std::string& peer : c.peers) {
       size_t slash = peer.find('/'), star = peer.find('*');
-      std::string fault = peer.substr(0, slash),
-                  protocol = peer.substr(slash + 1, star - slash - 1);
-      int port;
-      if (fault == "refuse") {
-        refusing.push_back(-1);
-        port = unservedPort(SOCK_STREAM, &refusing.back());
-        servers.push_back(nullptr);
-      } else {
-        TestTsaOptions o;
-        o.requireAuth = fault == "auth";
-        o.login = "someone";
-        o.fault = o.requireAuth ? "" : fault;
-        if (star != std::string::npos) o.faultCount = atol(peer.c_str() + star + 1);
-        servers.emplace_back(startTsa(o));
-        ASSERT_TRUE(servers.back()->ready());
-        port = servers.back()->portFor(protocol);
-      }
+      std::string fault = peer.substr(0, slash);
+      std::string protocol = peer.substr(slash + 1, star - slash - 1);
+      TestTsaOptions o;
+      o.requireAuth = fault == "auth";
+      o.login = "someone";
+      o.fault = o.requireAuth ? "" : fault;
+      if (star != std::string::npos) o.faultCount = atol(peer.c_str() + star + 1);
+      servers.emplace_back(fault == "refuse" ? nullptr : startTsa(o));
+      refusing.push_back(-1);
+      int port = servers.back() ? servers.back()->portFor(protocol)
+                                : unservedPort(SOCK_STREAM, &refusing.back());
       if (servers.size() == 1) {
         options_.env["TIMESTAMP_PROTOCOL"] = protocol;
         options_.env["TIMESTAMP_PORT"] = std::to_string(port);
       } else {
-        fallback +=
-            (fallback.empty() ? "" : ",") + protocol + "://127.0.0.1:" + std::to_string(port);
+        fallback += "," + protocol + "://127.0.0.1:" + std::to_string(port);
       }
     }
-    if (!fallback.empty()) options_.env["TIMESTAMP_FALLBACK"] = fallback;
+    if (!fallback.empty()) options_.env["TIMESTAMP_FALLBACK"] = fallback.substr(1);
     for (const auto& e : c.env) options_.env[e.first] = e.second;
     std::vector<std::string> docs;
-    for (int d = 0; d < c.documents; ++d) {
+    for (int d = 0; d < c.documents; ++d)
       docs.push_back(addDocument(std::to_string(d), kOneFile, {{"data.txt", std::to_string(d)}}));
-    }
 
     ChildResult r = runTest();
     std::string text = log();
@@ -852,10 +814,9 @@ TEST_F(EndToEndTest, FailuresThatMayPassAreRetriedOrSentOnAndAnswersAreNot) {
     EXPECT_EQ(r.exitCode, c.stamped ? 0 : 1) << r.out << r.err << text;
     EXPECT_TRUE(contains(text, c.logged)) << text;
     EXPECT_FALSE(c.notLogged && contains(text, c.notLogged)) << text;
-    for (size_t i = 0; i < c.requests.size(); ++i) {
+    for (size_t i = 0; i < c.requests.size(); ++i)
       EXPECT_EQ(servers[i] ? count(servers[i]->stop(), "request transport=") : -1, c.requests[i])
           << "peer " << i;
-    }
     for (const std::string& doc : docs) {
       EXPECT_EQ(c.stamped ? verify(doc + "/data.tst", doc + "/data.txt") : "", "");
       EXPECT_EQ(fileExists(doc + "/data.tst"), c.stamped);
