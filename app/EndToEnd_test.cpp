@@ -242,7 +242,8 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
   writeFile(dir_.file("config/setup/COMMON.Setup"), "LOGLEVEL=2\n");
   int lock = -1;
   TempDir elsewhere;
-  writeFile(elsewhere.file("secret"), "TIMESTAMP_PASSWORD=hunter2\n");
+  const std::string secret = elsewhere.file("secret");
+  writeFile(secret, "TIMESTAMP_PASSWORD=hunter2\n");
   struct Case {
     std::string name;
     std::string statement;  // the second statement, after a good one
@@ -277,12 +278,10 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
        },
        "file 'D/COMMANDS' is a symbolic link; it is not opened"},
       {"backup-is-a-link", "data.txt data.tst",
-       [&](Path d) {
-         symlink(elsewhere.file("secret").c_str(), (d + "/COMMANDS.clockette").c_str());
-       },
+       [&](Path d) { symlink(secret.c_str(), (d + "/COMMANDS.clockette").c_str()); },
        "refused backup 'D/COMMANDS.clockette': it is no regular file owned by this worker's user"},
-      {"source-outside", elsewhere.file("secret") + " leak.tst", nullptr,
-       "source file '" + elsewhere.file("secret") + "' refused: it lies outside the directories",
+      {"source-outside", secret + " leak.tst", nullptr,
+       "source file '" + secret + "' refused: it lies outside the directories",
        "SRV BASE 703 ERR: Kavlet 'clockette' cannot write timestamp file 'D/leak.tst'"},
       {"worker-log", "data.txt ../../logs/clockette.log", nullptr,
        "timestamp file 'D/../../logs/clockette.log' refused: it is the worker's file"},
@@ -320,9 +319,7 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
   EXPECT_FALSE(r.timedOut);
   EXPECT_EQ(r.exitCode, 1) << r.out << log();
   const std::string text = log(), notes = notices();
-  auto withDoc = [](Path text, Path doc) {
-    return std::regex_replace(text, std::regex("D/"), doc + "/");
-  };
+  auto withDoc = [](Path t, Path d) { return std::regex_replace(t, std::regex("D/"), d + "/"); };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     std::string doc = docs_ + "/" + c.name;
