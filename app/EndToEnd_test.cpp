@@ -290,7 +290,8 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
       {"held-by-another-process", "data.txt data.tst",
        [&](Path d) {
          lock = open((d + "/.COMMANDS.lock").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-         struct flock whole = {F_WRLCK, SEEK_SET, 0, 0, 0};
+         struct flock whole = {};
+         whole.l_type = F_WRLCK;
          ASSERT_EQ(fcntl(lock, F_OFD_SETLK, &whole), 0);
        },
        "is being worked on by another process (lock 'D/.COMMANDS.lock' held for 1 s)"},
