@@ -90,14 +90,13 @@ TEST_F(KavletTest, LaterSourcesWin) {
     int level;
     const char* type;
   } cases[] = {
-      {{"/bin/worker"}, 5000, "commonhost", 6, "worker"},
-      {{"/bin/worker", "-env", "site"}, 5001, "commonhost", 6, "worker"},
-      {{"/bin/worker", "-env", "site", "-P", "6000", "-kvhost", "cmd", "-loglevel", "3", "-type",
-        "stamper"},
+      {{"/bin/w"}, 5000, "commonhost", 6, "w"},
+      {{"/bin/w", "-env", "site"}, 5001, "commonhost", 6, "w"},
+      {{"/w", "-env", "site", "-P", "6000", "-kvhost", "cmd", "-loglevel", "3", "-type", "t"},
        6000,
        "cmd",
        3,
-       "stamper"},
+       "t"},
   };
   for (Case& c : cases) {
     TestKavlet k;
@@ -106,7 +105,7 @@ TEST_F(KavletTest, LaterSourcesWin) {
     EXPECT_EQ(k.kvHost, c.host);
     EXPECT_EQ(k.logLevel, c.level);
     EXPECT_EQ(k.type, c.type);
-    EXPECT_EQ(k.name, "worker");
+    EXPECT_EQ(k.name, "w");
   }
 }
 
@@ -192,21 +191,19 @@ TEST_F(KavletTest, LogLevelOptionAndParameterPackageSwitchLevels) {
 }
 
 TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
-  {
+  struct Case {
+    Argv args;
+    const char* file;
+  } cases[] = {{{"/bin/w", "-type", "stamper", "-loglevel", "13"}, "stamper.log"},
+               {{"/bin/w", "-type", "", "-logfile", "sub.log"}, "sub.log"}};
+  for (Case& c : cases) {
     TestKavlet k;
-    Argv a{"/bin/w", "-type", "stamper", "-loglevel", "13"};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    EXPECT_EQ(k.logFile, "stamper.log");
+    ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
+    EXPECT_EQ(k.logFile, c.file);
     EXPECT_EQ(k.serverLogDir, config_.file("logs"));
-    EXPECT_EQ(std::string(Log::logFileName()), config_.file("logs/stamper.log"));
+    EXPECT_EQ(std::string(Log::logFileName()), config_.file("logs/") + c.file);
+    EXPECT_TRUE(fileExists(config_.file("logs/") + c.file));
   }
-  {
-    TestKavlet k;
-    Argv a{"/bin/w", "-type", "", "-logfile", "sub.log"};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    EXPECT_EQ(k.logFile, "sub.log");
-  }
-  EXPECT_TRUE(fileExists(config_.file("logs/sub.log")));
   std::string text = readFile(config_.file("logs/stamper.log"));
   EXPECT_TRUE(contains(text, "Kavlet::initLog")) << text;
 }
