@@ -16,8 +16,7 @@ namespace {
 
 using namespace testing_support;
 
-class TestKavlet : public Kavlet {
- public:
+struct TestKavlet : Kavlet {
   int service(const char*) override { return 1; }
 };
 
@@ -85,17 +84,15 @@ TEST_F(KavletTest, LaterSourcesWin) {
   ASSERT_EQ(readSetup("COMMON"), 1);
   struct Case {
     Argv args;
-    int port;
-    const char* host;
-    int level;
-    const char* type;
+    int port, level;
+    const char *host, *type;
   } cases[] = {
-      {{"/bin/w"}, 5000, "commonhost", 6, "w"},
-      {{"/bin/w", "-env", "site"}, 5001, "commonhost", 6, "w"},
+      {{"/bin/w"}, 5000, 6, "commonhost", "w"},
+      {{"/bin/w", "-env", "site"}, 5001, 6, "commonhost", "w"},
       {{"/w", "-env", "site", "-P", "6000", "-kvhost", "cmd", "-loglevel", "3", "-type", "t"},
        6000,
-       "cmd",
        3,
+       "cmd",
        "t"},
   };
   for (Case& c : cases) {
@@ -131,15 +128,14 @@ TEST_F(KavletTest, EnvPackagesAreReadInOrderIncludingEmptyNames) {
 TEST_F(KavletTest, TestModeOption) {
   struct Case {
     Argv args;
-    const char* testCount;
     int level;
-    const char* testPath;
+    const char *testCount, *testPath;
   } cases[] = {
-      {{"w", "-test", "3"}, "3", 2, ""},
-      {{"w", "-test", "-loglevel", "9"}, "-test", 9, ""},
-      {{"w", "-loglevel", "9", "-test"}, "-test", 9, ""},
-      {{"w", "-test", "", "-testpath", "/docs"}, "-test", 2, "/docs"},
-      {{"w", "-testpath", "/docs"}, "", 2, "/docs"},
+      {{"w", "-test", "3"}, 2, "3", ""},
+      {{"w", "-test", "-loglevel", "9"}, 9, "-test", ""},
+      {{"w", "-loglevel", "9", "-test"}, 9, "-test", ""},
+      {{"w", "-test", "", "-testpath", "/docs"}, 2, "-test", "/docs"},
+      {{"w", "-testpath", "/docs"}, 2, "", "/docs"},
   };
   for (Case& c : cases) {
     TestKavlet k;
@@ -204,8 +200,7 @@ TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
     EXPECT_EQ(std::string(Log::logFileName()), config_.file("logs/") + c.file);
     EXPECT_TRUE(fileExists(config_.file("logs/") + c.file));
   }
-  std::string text = readFile(config_.file("logs/stamper.log"));
-  EXPECT_TRUE(contains(text, "Kavlet::initLog")) << text;
+  EXPECT_TRUE(contains(readFile(config_.file("logs/stamper.log")), "Kavlet::initLog"));
 }
 
 TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndEndTheStart) {
@@ -226,9 +221,8 @@ TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndEndTheStart) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(k.init(c.argv.argc(), c.argv.argv()), 0);
     EXPECT_TRUE(k.usageShown);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind(
-                  std::string(c.before) + " Usage: w [options...]\n", 0),
-              0u);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err.rfind(std::string(c.before) + " Usage: w [options...]\n", 0), 0u) << err;
   }
 }
 

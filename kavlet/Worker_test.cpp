@@ -71,9 +71,8 @@ class WorkerProcessTest : public ::testing::Test {
                        const std::map<std::string, std::string>& extraEnv = {}) {
     return served_.start(std::move(kvArgs), argv({}), env(extraEnv));
   }
-  // Sends a work order to the worker; kvmini's reply line. The request is
-  // sent once (no retransmission within the time-out), so that a slow
-  // machine does not make the worker see it twice.
+  // Sends a work order once (no retransmission within the time-out: a slow
+  // machine must not make the worker see it twice); kvmini's reply line.
   std::string order(const std::string& directory) const {
     return kvminiCall(served_.at, {"work", "--timeout", "20", "--retry", "20", directory});
   }
@@ -111,26 +110,22 @@ TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv
   for (const std::string& d : {broken, broken + "/a", deep, deep + "/" + longName}) makeDir(d);
   ASSERT_EQ(symlink((broken + "/nowhere").c_str(), (broken + "/gone").c_str()), 0);
   writeFile(dir_.file("file"), "x");
-
+  const std::string start = "T  --------- start test ...\nT  ", end = "T  --------- finished test";
+  const std::string ok = " op=ok         doc='", error = " op=error      doc='";
   struct Case {
-    std::string path;
-    std::string out;
+    std::string path, out;
     int exitCode = 1;  // a failed document fails the run
   } cases[] = {
-      {docs, "T  --------- start test ...\nT  0001 0001 op=ok         doc='" + a +
-                 "'\nT  0001 0002 op=error      doc='" + docs +
-                 "/b'\nT  0002 0001 op=ok         doc='" + a +
-                 "'\nT  0002 0002 op=error      doc='" + docs +
-                 "/b'\nT  --------- finished test with error!\n"},
+      {docs, start + "0001 0001" + ok + a + "'\nT  0001 0002" + error + docs + "/b'\nT  0002 0001" +
+                 ok + a + "'\nT  0002 0002" + error + docs + "/b'\n" + end + " with error!\n"},
       {single,
-       "T  --------- start test ...\nT  0001 0001 op=ok         doc='" + single +
-           "'\nT  0002 0001 op=ok         doc='" + single +
-           "'\nT  --------- finished test with success!\n",
+       start + "0001 0001" + ok + single + "'\nT  0002 0001" + ok + single + "'\n" + end +
+           " with success!\n",
        0},
-      {broken, "T  --------- start test ...\nT  cannot access path '" + broken +
-                   "/gone': 'No such file or directory'\nT  --------- finished test\n"},
-      {deep, "T  --------- start test ...\nT  cannot access path '" + deep + "/" + longName +
-                 "': 'File name too long'\nT  --------- finished test\n"},
+      {broken, start + "cannot access path '" + broken + "/gone': 'No such file or directory'\n" +
+                   end + "\n"},
+      {deep, start + "cannot access path '" + deep + "/" + longName + "': 'File name too long'\n" +
+                 end + "\n"},
       {dir_.file("missing"),
        "cannot access path '" + dir_.file("missing") + "': 'No such file or directory'\n"},
       {dir_.file("file"), "path '" + dir_.file("file") + "' must be a directory\n"},
@@ -151,16 +146,10 @@ TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv
 TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
   ASSERT_TRUE(startRegistered());
   EXPECT_TRUE(contains(served_.kv->drain(0).back(), "type=\"kavlet_testworker\" -> 1"));
-
   struct Case {
-    const char* name;
-    const char* control;  // sent before the order, if any
-    const char* commands;
-    const char* status;
-    const char* comment;
-    const char* logLine;
+    const char *name, *control;  // control: sent before the order, if any
+    const char *commands, *status, *comment, *logLine;
   } cases[] = {
-      // clang-format off
       {"done", nullptr, "TESTWORKER ok\n", "ok", "document has been processed",
        "Document '%' processed well"},
       {"failed", nullptr, "TESTWORKER fail\n", "error", "could not process document",
@@ -174,7 +163,6 @@ TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
        "TEST::Error on document '%'"},
       {"done-after", "kvTestOff", "TESTWORKER ok\n", "ok", "document has been processed",
        "Document '%' processed well"},
-      // clang-format on
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -195,7 +183,6 @@ TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
   EXPECT_TRUE(served_.worker->running());
 }
 
-// The KV refuses the report here: that ends the worker.
 TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnErrorAndARefusedReportEndsTheWorker) {
   // The worker runs as "nobody" when the test runs as root, so that the
   // directory's permissions hold for it.
@@ -252,8 +239,8 @@ TEST_F(WorkerProcessTest, ExitOrderAndStopSignalsEndTheWorkerAndHangupIsIgnored)
 
 TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
   ASSERT_TRUE(startRegistered());
-  std::string release = dir_.file("release");
-  std::string held = document("held", "TESTWORKER hold " + release + "\n");
+  std::string release = dir_.file("release"),
+              held = document("held", "TESTWORKER hold " + release + "\n");
   EXPECT_EQ(order(held), "reply 1");  // acknowledged while the work goes on
   ASSERT_TRUE(waitForText(release + ".entered"));
   kill(served_.worker->pid(), SIGTERM);
@@ -309,8 +296,7 @@ TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {
   KvMini kv;
   struct Case {
     const char* action;
-    int port;
-    int exitCode;
+    int port, exitCode;
   } cases[] = {
       {"ok", kv.port(), 0},
       {"fail", kv.port(), 1},
@@ -339,9 +325,8 @@ TEST_F(WorkerProcessTest, AnswersFromAnotherAddressNeitherRegisterNorEndTheWorke
   BackgroundChild worker(
       argv({}),
       env({{"KVHOST", "127.0.0.1"}, {"KVPORT", std::to_string(kv.port())}, {"KLCTO", "30/30"}}));
-  // The forger answers the worker's next call first; the KV's answer follows.
-  // Each is an accepted reply with an int result: xid, REPLY, MSG_ACCEPTED,
-  // null verifier, SUCCESS.
+  // The forger answers the worker's next call first, then the KV: accepted
+  // replies with an int result (xid, REPLY, MSG_ACCEPTED, null verifier, SUCCESS).
   auto forgeThenAnswer = [&](uint32_t forged, uint32_t genuine) {
     std::vector<uint8_t> call;
     sockaddr_in from;
@@ -352,7 +337,6 @@ TEST_F(WorkerProcessTest, AnswersFromAnotherAddressNeitherRegisterNorEndTheWorke
   forgeThenAnswer(0, 1);  // a forged "not accepted" would end it at once
   ASSERT_TRUE(waitForLog("orders to port"));
   const std::string at = "127.0.0.1:" + std::to_string(numberAfter(logText(), "orders to port"));
-
   std::string orderReply;
   std::thread order([&] {
     orderReply = kvminiCall(at, {"work", "--timeout", "30", "--retry", "30", doc});
