@@ -165,7 +165,7 @@ TEST(KVprot, WireMatchesTheSystemLibrary) {
     sockaddr_kl back;
     ASSERT_TRUE(decode(xdr_sockaddr_kl, ours, &back));
     EXPECT_EQ(v6 ? 23 : c.a.family, back.family);
-    EXPECT_EQ(static_cast<u_short>((c.a.port >> 8) | (c.a.port << 8)), back.port);  // swapped
+    EXPECT_EQ(static_cast<u_short>((c.a.port >> 8) | (c.a.port << 8)), back.port);  // byte-swapped
     EXPECT_EQ(0, memcmp(c.a.address, back.address, v6 ? 16 : 4));
   }
   EXPECT_TRUE(log.contains("us_family changed to 23 (AF_INET6)"));
