@@ -16,8 +16,7 @@ namespace {
 
 using namespace testing_support;
 
-class TestKavlet : public Kavlet {
- public:
+struct TestKavlet : Kavlet {
   int service(const char*) override { return 1; }
 };
 
@@ -85,19 +84,16 @@ TEST_F(KavletTest, LaterSourcesWin) {
   ASSERT_EQ(readSetup("COMMON"), 1);
   struct Case {
     Argv args;
-    int port;
-    const char* host;
-    int level;
-    const char* type;
+    int port, level;
+    const char *host, *type;
   } cases[] = {
-      {{"/bin/worker"}, 5000, "commonhost", 6, "worker"},
-      {{"/bin/worker", "-env", "site"}, 5001, "commonhost", 6, "worker"},
-      {{"/bin/worker", "-env", "site", "-P", "6000", "-kvhost", "cmd", "-loglevel", "3", "-type",
-        "stamper"},
+      {{"/bin/w"}, 5000, 6, "commonhost", "w"},
+      {{"/bin/w", "-env", "site"}, 5001, 6, "commonhost", "w"},
+      {{"/w", "-env", "site", "-P", "6000", "-kvhost", "cmd", "-loglevel", "3", "-type", "t"},
        6000,
-       "cmd",
        3,
-       "stamper"},
+       "cmd",
+       "t"},
   };
   for (Case& c : cases) {
     TestKavlet k;
@@ -106,7 +102,7 @@ TEST_F(KavletTest, LaterSourcesWin) {
     EXPECT_EQ(k.kvHost, c.host);
     EXPECT_EQ(k.logLevel, c.level);
     EXPECT_EQ(k.type, c.type);
-    EXPECT_EQ(k.name, "worker");
+    EXPECT_EQ(k.name, "w");
   }
 }
 
@@ -132,15 +128,14 @@ TEST_F(KavletTest, EnvPackagesAreReadInOrderIncludingEmptyNames) {
 TEST_F(KavletTest, TestModeOption) {
   struct Case {
     Argv args;
-    const char* testCount;
     int level;
-    const char* testPath;
+    const char *testCount, *testPath;
   } cases[] = {
-      {{"w", "-test", "3"}, "3", 2, ""},
-      {{"w", "-test", "-loglevel", "9"}, "-test", 9, ""},
-      {{"w", "-loglevel", "9", "-test"}, "-test", 9, ""},
-      {{"w", "-test", "", "-testpath", "/docs"}, "-test", 2, "/docs"},
-      {{"w", "-testpath", "/docs"}, "", 2, "/docs"},
+      {{"w", "-test", "3"}, 2, "3", ""},
+      {{"w", "-test", "-loglevel", "9"}, 9, "-test", ""},
+      {{"w", "-loglevel", "9", "-test"}, 9, "-test", ""},
+      {{"w", "-test", "", "-testpath", "/docs"}, 2, "-test", "/docs"},
+      {{"w", "-testpath", "/docs"}, 2, "", "/docs"},
   };
   for (Case& c : cases) {
     TestKavlet k;
@@ -192,23 +187,20 @@ TEST_F(KavletTest, LogLevelOptionAndParameterPackageSwitchLevels) {
 }
 
 TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
-  {
+  struct Case {
+    Argv args;
+    const char* file;
+  } cases[] = {{{"/bin/w", "-type", "stamper", "-loglevel", "13"}, "stamper.log"},
+               {{"/bin/w", "-type", "", "-logfile", "sub.log"}, "sub.log"}};
+  for (Case& c : cases) {
     TestKavlet k;
-    Argv a{"/bin/w", "-type", "stamper", "-loglevel", "13"};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    EXPECT_EQ(k.logFile, "stamper.log");
+    ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
+    EXPECT_EQ(k.logFile, c.file);
     EXPECT_EQ(k.serverLogDir, config_.file("logs"));
-    EXPECT_EQ(std::string(Log::logFileName()), config_.file("logs/stamper.log"));
+    EXPECT_EQ(std::string(Log::logFileName()), config_.file("logs/") + c.file);
+    EXPECT_TRUE(fileExists(config_.file("logs/") + c.file));
   }
-  {
-    TestKavlet k;
-    Argv a{"/bin/w", "-type", "", "-logfile", "sub.log"};
-    ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    EXPECT_EQ(k.logFile, "sub.log");
-  }
-  EXPECT_TRUE(fileExists(config_.file("logs/sub.log")));
-  std::string text = readFile(config_.file("logs/stamper.log"));
-  EXPECT_TRUE(contains(text, "Kavlet::initLog")) << text;
+  EXPECT_TRUE(contains(readFile(config_.file("logs/stamper.log")), "Kavlet::initLog"));
 }
 
 TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndEndTheStart) {
@@ -229,9 +221,8 @@ TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndEndTheStart) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(k.init(c.argv.argc(), c.argv.argv()), 0);
     EXPECT_TRUE(k.usageShown);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind(
-                  std::string(c.before) + " Usage: w [options...]\n", 0),
-              0u);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err.rfind(std::string(c.before) + " Usage: w [options...]\n", 0), 0u) << err;
   }
 }
 

@@ -1,6 +1,7 @@
 // The whole worker as a process: kavlet_testworker in test mode over real
-// directories, and in KV mode against the KV emulator kvmini (libtirpc),
-// driven with orders and control messages over UDP and with signals.
+// directories, and in KV mode against the KV emulator kvmini (libtirpc) or a
+// KV the test plays, driven with orders and control messages over UDP and
+// with signals.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,11 +11,13 @@
 #include <map>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testing/ChildProcess.h"
 #include "testing/KvPeers.h"
 #include "testing/TempDir.h"
+#include "testing/rpcpeer/TestProg.h"
 
 namespace {
 
@@ -30,10 +33,7 @@ std::string withoutStamps(const std::string& out) {
 class WorkerProcessTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    makeDir(dir_.file("config"));
-    makeDir(dir_.file("config/setup"));
-    makeDir(dir_.file("logs"));
-    makeDir(dir_.file("docs"));
+    for (const char* d : {"config", "config/setup", "logs", "docs"}) makeDir(dir_.file(d));
   }
 
   ChildOptions env(const std::map<std::string, std::string>& extra = {}) const {
@@ -55,9 +55,9 @@ class WorkerProcessTest : public ::testing::Test {
     return a;
   }
 
-  // A document directory under docs/ with the given COMMANDS text.
+  // A document directory with the given COMMANDS text.
   std::string document(const std::string& name, const std::string& commands) const {
-    std::string d = dir_.file("docs/" + name);
+    std::string d = dir_.file(name);
     makeDir(d);
     writeFile(d + "/COMMANDS", commands);
     return d;
@@ -71,9 +71,8 @@ class WorkerProcessTest : public ::testing::Test {
                        const std::map<std::string, std::string>& extraEnv = {}) {
     return served_.start(std::move(kvArgs), argv({}), env(extraEnv));
   }
-  // Sends a work order to the worker; kvmini's reply line. The request is
-  // sent once (no retransmission within the time-out), so that a slow
-  // machine does not make the worker see it twice.
+  // Sends a work order once (no retransmission within the time-out: a slow
+  // machine must not make the worker see it twice); kvmini's reply line.
   std::string order(const std::string& directory) const {
     return kvminiCall(served_.at, {"work", "--timeout", "20", "--retry", "20", directory});
   }
@@ -97,49 +96,36 @@ class WorkerProcessTest : public ::testing::Test {
   ServedWorker served_;
 };
 
-// ---- test mode -------------------------------------------------------------
-
 // The sorted subdirectories are the documents, run as often as asked; a
 // directory without subdirectories is itself the document; paths that cannot
 // be used stop the run. The KV is never contacted.
 TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv) {
   KvMini kv;
   std::string docs = dir_.file("docs");
-  document("b", "TESTWORKER fail\n");
-  std::string a = document("a", "TESTWORKER append NEW line\n");
+  document("docs/b", "TESTWORKER fail\n");
+  std::string a = document("docs/a", "TESTWORKER append NEW line\n");
   writeFile(docs + "/plain-file", "not a document\n");
-  std::string single = dir_.file("single");
-  makeDir(single);
-  writeFile(single + "/COMMANDS", "TESTWORKER ok\n");
-  std::string broken = dir_.file("broken");
-  makeDir(broken);
-  makeDir(broken + "/a");
+  std::string single = document("single", "TESTWORKER ok\n");
+  std::string broken = dir_.file("broken"), deep = dir_.file("deep"), longName(250, 'n');
+  for (const std::string& d : {broken, broken + "/a", deep, deep + "/" + longName}) makeDir(d);
   ASSERT_EQ(symlink((broken + "/nowhere").c_str(), (broken + "/gone").c_str()), 0);
-  std::string deep = dir_.file("deep");
-  makeDir(deep);
-  std::string longName(250, 'n');
-  makeDir(deep + "/" + longName);
   writeFile(dir_.file("file"), "x");
-
+  const std::string start = "T  --------- start test ...\nT  ", end = "T  --------- finished test";
+  const std::string ok = " op=ok         doc='", error = " op=error      doc='";
   struct Case {
-    std::string path;
-    std::string out;
+    std::string path, out;
     int exitCode = 1;  // a failed document fails the run
   } cases[] = {
-      {docs, "T  --------- start test ...\nT  0001 0001 op=ok         doc='" + a +
-                 "'\nT  0001 0002 op=error      doc='" + docs +
-                 "/b'\nT  0002 0001 op=ok         doc='" + a +
-                 "'\nT  0002 0002 op=error      doc='" + docs +
-                 "/b'\nT  --------- finished test with error!\n"},
+      {docs, start + "0001 0001" + ok + a + "'\nT  0001 0002" + error + docs + "/b'\nT  0002 0001" +
+                 ok + a + "'\nT  0002 0002" + error + docs + "/b'\n" + end + " with error!\n"},
       {single,
-       "T  --------- start test ...\nT  0001 0001 op=ok         doc='" + single +
-           "'\nT  0002 0001 op=ok         doc='" + single +
-           "'\nT  --------- finished test with success!\n",
+       start + "0001 0001" + ok + single + "'\nT  0002 0001" + ok + single + "'\n" + end +
+           " with success!\n",
        0},
-      {broken, "T  --------- start test ...\nT  cannot access path '" + broken +
-                   "/gone': 'No such file or directory'\nT  --------- finished test\n"},
-      {deep, "T  --------- start test ...\nT  cannot access path '" + deep + "/" + longName +
-                 "': 'File name too long'\nT  --------- finished test\n"},
+      {broken, start + "cannot access path '" + broken + "/gone': 'No such file or directory'\n" +
+                   end + "\n"},
+      {deep, start + "cannot access path '" + deep + "/" + longName + "': 'File name too long'\n" +
+                 end + "\n"},
       {dir_.file("missing"),
        "cannot access path '" + dir_.file("missing") + "': 'No such file or directory'\n"},
       {dir_.file("file"), "path '" + dir_.file("file") + "' must be a directory\n"},
@@ -157,21 +143,13 @@ TEST_F(WorkerProcessTest, TestModeRunsTheDocumentsOfItsPathAndNeverContactsTheKv
   EXPECT_EQ(kv.countLines("OP "), 0);
 }
 
-// ---- KV mode: orders --------------------------------------------------------
-
 TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
   ASSERT_TRUE(startRegistered());
   EXPECT_TRUE(contains(served_.kv->drain(0).back(), "type=\"kavlet_testworker\" -> 1"));
-
   struct Case {
-    const char* name;
-    const char* control;  // sent before the order, if any
-    const char* commands;
-    const char* status;
-    const char* comment;
-    const char* logLine;
+    const char *name, *control;  // control: sent before the order, if any
+    const char *commands, *status, *comment, *logLine;
   } cases[] = {
-      // clang-format off
       {"done", nullptr, "TESTWORKER ok\n", "ok", "document has been processed",
        "Document '%' processed well"},
       {"failed", nullptr, "TESTWORKER fail\n", "error", "could not process document",
@@ -185,7 +163,6 @@ TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
        "TEST::Error on document '%'"},
       {"done-after", "kvTestOff", "TESTWORKER ok\n", "ok", "document has been processed",
        "Document '%' processed well"},
-      // clang-format on
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -206,14 +183,12 @@ TEST_F(WorkerProcessTest, OrdersAreReportedWithTheirOutcome) {
   EXPECT_TRUE(served_.worker->running());
 }
 
-// The KV refuses the report here: that ends the worker.
 TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnErrorAndARefusedReportEndsTheWorker) {
   // The worker runs as "nobody" when the test runs as root, so that the
   // directory's permissions hold for it.
   chmod(dir_.path().c_str(), 0755);
   chmod(dir_.file("config").c_str(), 0755);
   chmod(dir_.file("logs").c_str(), 0777);
-  chmod(dir_.file("docs").c_str(), 0755);
   const std::string original = "TESTWORKER append NEW line\n";
   std::string doc = document("readonly", original);
   chmod((doc + "/COMMANDS").c_str(), 0644);
@@ -228,26 +203,17 @@ TEST_F(WorkerProcessTest, UnwritableCommandsIsReportedAsAnErrorAndARefusedReport
   EXPECT_EQ(readFile(doc + "/COMMANDS"), original);
 }
 
-// ---- KV mode: control messages and the end of the process ------------------
-
-TEST_F(WorkerProcessTest, ExitOrderEndsTheWorkerWithZeroWithoutGoodbye) {
-  ASSERT_TRUE(startRegistered());
-  // No reply: the worker is gone.
-  kvminiCall(served_.at, {"ctrl", "--timeout", "1", "0", ""});
-  EXPECT_EQ(served_.worker->wait(20), 0);
-  EXPECT_TRUE(contains(logText(), "That's it for me, I'm exiting \n"));
-  served_.kv->drain(1);
-  EXPECT_EQ(served_.kv->countLines("BYE "), 0);
-}
-
-TEST_F(WorkerProcessTest, StopSignalsEndTheWorkerWithOneAfterAGoodbyeAndHangupIsIgnored) {
+// The KV's exit order ends the worker with 0 and without a goodbye, a stop
+// signal with 1 after one.
+TEST_F(WorkerProcessTest, ExitOrderAndStopSignalsEndTheWorkerAndHangupIsIgnored) {
   struct Case {
-    int signal;
-    const char* logged;
+    int signal;  // 0: the exit order
+    const char* logged[2];
   } cases[] = {
-      {SIGINT, "Got signal 2, exiting ..."},
-      {SIGTERM, "received Console Control Event 0x2, exiting"},
-      {SIGQUIT, "received Console Control Event 0x1, exiting"},
+      {0, {"That's it for me, I'm exiting \n", ""}},
+      {SIGINT, {"Got signal 2, exiting ...", ""}},
+      {SIGTERM, {"Got signal 15,", "received Console Control Event 0x2, exiting"}},
+      {SIGQUIT, {"Got signal 15,", "received Console Control Event 0x1, exiting"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.signal);
@@ -256,22 +222,25 @@ TEST_F(WorkerProcessTest, StopSignalsEndTheWorkerWithOneAfterAGoodbyeAndHangupIs
     // were it a stop, it would show in the log below.
     kill(served_.worker->pid(), SIGHUP);
     EXPECT_EQ(control(13, "version"), "reply 1");
-    kill(served_.worker->pid(), c.signal);
-    EXPECT_EQ(served_.worker->wait(20), 1);
-    EXPECT_TRUE(served_.kv->waitFor("BYE "));
+    const int stopped = c.signal != 0;  // the exit code, the goodbyes, the signals logged
+    if (stopped) {
+      kill(served_.worker->pid(), c.signal);
+    } else {  // no reply: the worker is gone
+      kvminiCall(served_.at, {"ctrl", "--timeout", "1", "0", ""});
+    }
+    EXPECT_EQ(served_.worker->wait(20), stopped);
+    EXPECT_EQ(served_.kv->waitFor("BYE ", nullptr, stopped ? 20 : 1), stopped == 1);
     std::string log = logText();
-    EXPECT_TRUE(contains(log, c.logged));
-    EXPECT_EQ(count(log, "Got signal "), 1);
-    EXPECT_TRUE(contains(log, c.signal == SIGINT ? "Got signal 2," : "Got signal 15,"));
-    EXPECT_TRUE(contains(log, "KVbye() ..."));
+    for (const char* part : c.logged) EXPECT_TRUE(contains(log, part)) << part;
+    EXPECT_EQ(count(log, "Got signal "), stopped);
     remove(logPath().c_str());
   }
 }
 
 TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
   ASSERT_TRUE(startRegistered());
-  std::string release = dir_.file("release");
-  std::string held = document("held", "TESTWORKER hold " + release + "\n");
+  std::string release = dir_.file("release"),
+              held = document("held", "TESTWORKER hold " + release + "\n");
   EXPECT_EQ(order(held), "reply 1");  // acknowledged while the work goes on
   ASSERT_TRUE(waitForText(release + ".entered"));
   kill(served_.worker->pid(), SIGTERM);
@@ -284,8 +253,6 @@ TEST_F(WorkerProcessTest, AStopSignalWaitsForTheOrderInHandAndItsReport) {
   EXPECT_EQ(served_.worker->wait(20), 1);
 }
 
-// ---- registration ------------------------------------------------------------
-
 TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
   KvMini refusing({"--refuse"});
   int silent;
@@ -293,17 +260,17 @@ TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
   struct Case {
     const char* name;
     std::string host, port;
-    int serving, oneShot;
+    int oneShot;  // the exit code with -oneshot; 1 without
     const char* logged;
     std::string where;  // the line after it, naming the KV
   } cases[] = {
-      {"refused", "localhost", refusing.portText(), 1, 1,
+      {"refused", "localhost", refusing.portText(), 1,
        "Kavlet(kavlet_testworker) registration has *** not *** been accepted (already registered "
        "or not in configuration file)",
        ""},
-      {"no answer", "localhost", closedPort, 1, 3, "Timeout for KV host",
+      {"no answer", "localhost", closedPort, 3, "Timeout for KV host",
        "KV host 'localhost', port " + closedPort + " did not answer\n"},
-      {"unknown host", "no-such-host.invalid", closedPort, 1, 2,
+      {"unknown host", "no-such-host.invalid", closedPort, 2,
        "Sorry, host where KV is running is *** not *** reachable",
        "KV host 'no-such-host.invalid', port " + closedPort + ": "},
   };
@@ -313,15 +280,12 @@ TEST_F(WorkerProcessTest, FailedRegistrationsEndTheWorkerWithTheirExitCodes) {
       std::vector<std::string> a = argv({"-kvhost", c.host, "-P", c.port});
       if (oneShot) a.push_back("-oneshot");
       ChildResult r = runChild(a, env({{"KLCTO", "2/1"}}));
-      EXPECT_EQ(r.exitCode, oneShot ? c.oneShot : c.serving) << r.err;
+      EXPECT_EQ(r.exitCode, oneShot ? c.oneShot : 1) << r.err;
       std::string log = logText();
       size_t at = log.find(c.logged);
       ASSERT_NE(at, std::string::npos) << log;
-      std::string next = log.substr(log.find('\n', at) + 1);
-      next = next.substr(0, next.find('\n') + 1);
-      if (!c.where.empty()) {
-        EXPECT_TRUE(contains(next, c.where)) << next;
-      }
+      size_t next = log.find('\n', at) + 1;
+      EXPECT_TRUE(contains(log.substr(next, log.find('\n', next) + 1 - next), c.where)) << log;
       remove(logPath().c_str());
     }
   }
@@ -332,8 +296,7 @@ TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {
   KvMini kv;
   struct Case {
     const char* action;
-    int port;
-    int exitCode;
+    int port, exitCode;
   } cases[] = {
       {"ok", kv.port(), 0},
       {"fail", kv.port(), 1},
@@ -352,6 +315,38 @@ TEST_F(WorkerProcessTest, OneShotRegistersServesOnceAndSaysGoodbye) {
                                         " as type 'kavlet_testworker', orders to port "));
   }
   EXPECT_TRUE(contains(logText(), "document '(none)': fail"));
+}
+
+// 127.0.0.2 answers each of the worker's calls first, with the right xid.
+TEST_F(WorkerProcessTest, AnswersFromAnotherAddressNeitherRegisterNorEndTheWorker) {
+  std::string doc = document("forged", "TESTWORKER ok\n");
+  rpc_test::UdpSocket kv, forger(INADDR_LOOPBACK + 1);
+  // No retransmission: the KV sees each call once.
+  BackgroundChild worker(
+      argv({}),
+      env({{"KVHOST", "127.0.0.1"}, {"KVPORT", std::to_string(kv.port())}, {"KLCTO", "30/30"}}));
+  // The forger answers the worker's next call first, then the KV: accepted
+  // replies with an int result (xid, REPLY, MSG_ACCEPTED, null verifier, SUCCESS).
+  auto forgeThenAnswer = [&](uint32_t forged, uint32_t genuine) {
+    std::vector<uint8_t> call;
+    sockaddr_in from;
+    ASSERT_TRUE(kv.receive(&call, 20000, &from));
+    forger.sendTo(rpc_test::words({rpc_test::wordAt(call, 0), 1, 0, 0, 0, 0, forged}), from);
+    kv.sendTo(rpc_test::words({rpc_test::wordAt(call, 0), 1, 0, 0, 0, 0, genuine}), from);
+  };
+  forgeThenAnswer(0, 1);  // a forged "not accepted" would end it at once
+  ASSERT_TRUE(waitForLog("orders to port"));
+  const std::string at = "127.0.0.1:" + std::to_string(numberAfter(logText(), "orders to port"));
+  std::string orderReply;
+  std::thread order([&] {
+    orderReply = kvminiCall(at, {"work", "--timeout", "30", "--retry", "30", doc});
+  });
+  forgeThenAnswer(99, 0);  // the report: a forged 99 would end the worker
+  order.join();
+  EXPECT_EQ(orderReply, "reply 1");
+  EXPECT_EQ(worker.wait(1), -1) << logText();
+  EXPECT_EQ(count(logText(), "datagram from 127.0.0.2:"), 2) << "both seen and dropped";
+  worker.stop(9);
 }
 
 }  // namespace

@@ -70,22 +70,20 @@ TEST(KVclientTest, RegistersReportsCreatesDocumentsAndSaysGoodbye) {
   EXPECT_TRUE(kvLogged(kv, "BYE ", me + " type=\"clockette\""));
 }
 
-struct FailureCase {
-  const char* name;
-  std::vector<std::string> kvArgs;
-  std::string host;
-  long hiCode;
-  const char* stderrPart;
-};
-
 TEST(KVclientTest, RegistrationFailuresGiveTheirCodesAndLeaveNoRegistration) {
-  const FailureCase cases[] = {
+  const struct {
+    const char* name;
+    std::vector<std::string> kvArgs;
+    std::string host;
+    long hiCode;
+    const char* stderrPart;
+  } cases[] = {
       {"refused", {"--refuse"}, "localhost", -1, "answer 0"},
       {"unknown host", {}, "no.invalid", -2, "KVconnect: cannot get addess for 'no.invalid'"},
       {"silent", {"--silent"}, "localhost", -3, "rpc(hello): RPC: Timed out"},
       {"other program", {"--offset", "3"}, "localhost", -3, "rpc(hello): RPC: Program unavailable"},
   };
-  for (const FailureCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     KvMini kv(c.kvArgs);
     ChildResult r = probe(
@@ -138,11 +136,10 @@ TEST(KVclientTest, EnvironmentOverridesKvAnswersAndBoundsOfTheReport) {
 TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
   const struct {
     const char* klcto;
-    long minMs, maxMs;
     int minSends, maxSends;
   } cases[] = {
-      {"3/1", 2900, 4500, 3, 4},  // sent at 0, 1, 2 (and perhaps 3) s
-      {"3", 2900, 4500, 2, 2},    // the retry interval stays 2 s: sent at 0 and 2 s
+      {"3/1", 3, 4},  // sent at 0, 1, 2 (and perhaps 3) s
+      {"3", 2, 2},    // the retry interval stays 2 s: sent at 0 and 2 s
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.klcto);
@@ -151,8 +148,8 @@ TEST(KVclientTest, SilentKvTimesOutAfterTheTotalAndIsAskedAgainEveryRetry) {
                           probeEnv({{"KLCTO", c.klcto}}));
     EXPECT_EQ(stepResult(r, "hi"), -3) << r.out;
     long ms = stepResult(r, "hi -?[0-9]+ ms");
-    EXPECT_GE(ms, c.minMs);
-    EXPECT_LE(ms, c.maxMs);
+    EXPECT_GE(ms, 2900);
+    EXPECT_LE(ms, 4500);
     EXPECT_TRUE(contains(r.err, "clnt timeout on FD")) << r.err;
     kv.drain(1);
     EXPECT_GE(kv.countLines("HI "), c.minSends);

@@ -14,8 +14,6 @@ using namespace testing_support;
 
 namespace {
 
-const std::string kPeer = std::string(CLOCKETTE_BINARY_DIR) + "/testing/kvprot_peer";
-
 // Encodes a record with our routine; "FAIL" when it fails.
 template <typename T>
 std::string encode(bool_t (*fn)(XDR*, T*), T* rec) {
@@ -62,7 +60,7 @@ const std::string kV4Wire = "0000000200001234" + std::string("7f000001") + std::
 
 // Runs the peer; returns its standard output (without the last newline).
 std::string peer(std::vector<std::string> args) {
-  args.insert(args.begin(), kPeer);
+  args.insert(args.begin(), std::string(CLOCKETTE_BINARY_DIR) + "/testing/kvprot_peer");
   std::string out = runChild(args).out;
   return out.substr(0, out.find('\n'));
 }
@@ -77,8 +75,6 @@ Args addressArgs(const sockaddr_kl& a) {
   return {std::to_string(a.family), std::to_string(a.port),
           toHex(reinterpret_cast<const uint8_t*>(a.address), 16)};
 }
-
-u_short swapped(u_short p) { return static_cast<u_short>((p >> 8) | (p << 8)); }
 
 TEST(KVprot, DecodedRecordsOwnFreshStrings) {
   op_kl in{kV4, const_cast<char*>("/d"), const_cast<char*>("ok"), const_cast<char*>("fine")};
@@ -169,7 +165,7 @@ TEST(KVprot, WireMatchesTheSystemLibrary) {
     sockaddr_kl back;
     ASSERT_TRUE(decode(xdr_sockaddr_kl, ours, &back));
     EXPECT_EQ(v6 ? 23 : c.a.family, back.family);
-    EXPECT_EQ(swapped(c.a.port), back.port);
+    EXPECT_EQ(static_cast<u_short>((c.a.port >> 8) | (c.a.port << 8)), back.port);  // byte-swapped
     EXPECT_EQ(0, memcmp(c.a.address, back.address, v6 ? 16 : 4));
   }
   EXPECT_TRUE(log.contains("us_family changed to 23 (AF_INET6)"));
