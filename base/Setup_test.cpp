@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "testing/LogCapture.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -200,22 +201,16 @@ TEST_F(SetupTest, AFailedStoreStopsReading) {
   }
 }
 
-class ConfigDirectoryTest : public SetupTest {
- protected:
-  void SetUp() override {
-    makeDir(dir_.file("conf"));
-    for (const char* d : {"one", "two", "wrong"}) {
-      makeDir(dir_.file(d));
-      makeDir(dir_.file(std::string(d) + "/setup"));
-      writeFile(dir_.file(std::string(d) + "/setup/P.Setup"), std::string("ST_PKG=") + d + "\n");
-    }
-    setenv("ECM_CONF_DIRS", dir_.file("conf").c_str(), 1);
-  }
-};
-
 // A bare name takes the first directory of the sorted files; each is
 // collected once. Paths and unlisted names are used as they are.
-TEST_F(ConfigDirectoryTest, BareConfigNameIsLookedUpInSortedConfFiles) {
+TEST_F(SetupTest, BareConfigNameIsLookedUpInSortedConfFiles) {
+  makeDir(dir_.file("conf"));
+  for (std::string d : {"one", "two", "wrong"}) {
+    makeDir(dir_.file(d));
+    makeDir(dir_.file(d + "/setup"));
+    writeFile(dir_.file(d + "/setup/P.Setup"), "ST_PKG=" + d + "\n");
+  }
+  setenv("ECM_CONF_DIRS", dir_.file("conf").c_str(), 1);
   writeFile(dir_.file("conf/b.conf"),
             "CONFIG=" + dir_.file("two") + "\nCONFIG=" + dir_.file("one") + "\n");
   writeFile(dir_.file("conf/a.conf"),
@@ -223,17 +218,14 @@ TEST_F(ConfigDirectoryTest, BareConfigNameIsLookedUpInSortedConfFiles) {
   writeFile(dir_.file("conf/0.txt"), "CONFIG=" + dir_.file("wrong") + "\n");
   setenv("CONFIG", "production", 1);
 
-  Log::setLevel(9, 1);
-  testing::internal::CaptureStderr();
+  LogCapture log(LogCapture::kAllLevels);
   String first;
   EXPECT_EQ(readConfigDirectory("production", &first), 0);
-  std::string log = testing::internal::GetCapturedStderr();
-  Log::init();
   EXPECT_EQ(first.str(), dir_.file("one"));
-  EXPECT_TRUE(contains(log, "ConfigDir[0] (key CONFIG)  = " + dir_.file("one")));
+  EXPECT_TRUE(log.contains("ConfigDir[0] (key CONFIG)  = " + dir_.file("one")));
   EXPECT_TRUE(
-      contains(log, "Skip this path because found in list (key CONFIG) : " + dir_.file("one")));
-  EXPECT_TRUE(contains(log, "ConfigDir[1] (key CONFIG)  = " + dir_.file("two"))) << log;
+      log.contains("Skip this path because found in list (key CONFIG) : " + dir_.file("one")));
+  EXPECT_TRUE(log.contains("ConfigDir[1] (key CONFIG)  = " + dir_.file("two"))) << log.text();
 
   EXPECT_EQ(readSetup("P"), 1);
   EXPECT_EQ(env("ST_PKG"), "one");

@@ -16,6 +16,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using namespace testing_support;
 
 class DocumentTest : public ::testing::Test {
@@ -90,10 +91,9 @@ TEST_F(DocumentTest, DocMessageMarksErrorLevels) {
   doc.docMessage(scope, __LINE__, 8, "%s", longText.c_str());
   EXPECT_EQ(doc.closeProtocol(), 1);
   std::string text = readFile(file("KVprotocol"));
-  EXPECT_TRUE(contains(text, "] ERROR: failed file.pdf\n"));
-  EXPECT_TRUE(contains(text, "] ERROR: at five\n"));
-  EXPECT_TRUE(contains(text, "] fine 6\n"));
-  EXPECT_TRUE(contains(text, "] " + std::string(2999, 'm') + "\n"));
+  for (const std::string& line : {"] ERROR: failed file.pdf\n"s, "] ERROR: at five\n"s,
+                                  "] fine 6\n"s, "] " + std::string(2999, 'm') + "\n"})
+    EXPECT_TRUE(contains(text, line)) << line.substr(0, 40);
   EXPECT_TRUE(log.contains("test::DocMessage: failed file.pdf"));
 }
 

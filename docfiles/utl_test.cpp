@@ -19,47 +19,39 @@ std::string pattern(size_t n) {
   return s;
 }
 
-TEST(UtlCopy, CopiesManyChunksExactlyCreatesTheTargetAndKeepsOrCutsItsTail) {
-  TempDir dir;
-  std::string data = pattern(5 * 1024 + 17);
-  writeFile(dir.file("from"), data);
-  for (auto copy : {utlCopy, utlCopyAndSync, utlLinkOrCopy}) {
-    std::string to = dir.file("to");
-    unlink(to.c_str());
-    EXPECT_EQ(copy(dir.file("from").c_str(), to.c_str()), 1);
-    EXPECT_EQ(readFile(to), data);
-  }
-  // Even a link where it can be made is an independent copy.
-  const std::string changed = "changed afterwards";
-  writeFile(dir.file("from"), changed);
-  EXPECT_EQ(readFile(dir.file("to")), data);
-  // Over a longer target plain copying keeps its tail; copy-and-sync truncates.
-  writeFile(dir.file("plain"), data);
-  writeFile(dir.file("synced"), data);
-  EXPECT_EQ(utlCopy(dir.file("from").c_str(), dir.file("plain").c_str()), 1);
-  EXPECT_EQ(utlCopyAndSync(dir.file("from").c_str(), dir.file("synced").c_str()), 1);
-  EXPECT_EQ(readFile(dir.file("plain")), changed + data.substr(changed.size()));
-  EXPECT_EQ(readFile(dir.file("synced")), changed);
-}
-
-TEST(UtlCopy, FailuresLeaveTheTargetAlone) {
+// Every way of copying, whether it succeeds or fails.
+TEST(UtlCopy, CopiesManyChunksExactlyAndFailuresLeaveTheTargetAlone) {
   LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
-  writeFile(dir.file("target"), "keep me");
+  const std::string data = pattern(5 * 1024 + 17), from = dir.file("from"), to = dir.file("to");
+  writeFile(from, data);
   makeDir(dir.file("adir"));
   for (auto copy : {utlCopy, utlCopyAndSync, utlLinkOrCopy}) {
-    EXPECT_EQ(copy(dir.file("missing").c_str(), dir.file("target").c_str()), 0);
+    unlink(to.c_str());
+    EXPECT_EQ(copy(from.c_str(), to.c_str()), 1);
+    EXPECT_EQ(copy(dir.file("missing").c_str(), to.c_str()), 0);
     // A directory as source must not truncate the target before failing.
-    EXPECT_EQ(copy(dir.file("adir").c_str(), dir.file("target").c_str()), 0);
-    EXPECT_EQ(readFile(dir.file("target")), "keep me");
+    EXPECT_EQ(copy(dir.file("adir").c_str(), to.c_str()), 0);
+    EXPECT_EQ(readFile(to), data);
     EXPECT_EQ(copy(dir.file("missing").c_str(), dir.file("new").c_str()), 0);
     EXPECT_FALSE(fileExists(dir.file("new")));
   }
-  EXPECT_EQ(utlCopy(dir.file("target").c_str(), dir.file("no/such/dir").c_str()), 0);
-  EXPECT_TRUE(log.contains("the system call open64('" + dir.file("no/such/dir") +
-                           "',O_WRONLY|O_CREAT,0666) failed:No such file or directory"));
   EXPECT_TRUE(log.contains("can't copy file from '" + dir.file("missing") + "' to '" +
                            dir.file("new") + "'; the call of function utlCopy("));
+  EXPECT_EQ(utlCopy(from.c_str(), dir.file("no/such/dir").c_str()), 0);
+  EXPECT_TRUE(log.contains("the system call open64('" + dir.file("no/such/dir") +
+                           "',O_WRONLY|O_CREAT,0666) failed:No such file or directory"));
+  // Even a link where it can be made is an independent copy.
+  const std::string changed = "changed afterwards";
+  writeFile(from, changed);
+  EXPECT_EQ(readFile(to), data);
+  // Over a longer target plain copying keeps its tail; copy-and-sync truncates.
+  writeFile(dir.file("plain"), data);
+  writeFile(dir.file("synced"), data);
+  EXPECT_EQ(utlCopy(from.c_str(), dir.file("plain").c_str()), 1);
+  EXPECT_EQ(utlCopyAndSync(from.c_str(), dir.file("synced").c_str()), 1);
+  EXPECT_EQ(readFile(dir.file("plain")), changed + data.substr(changed.size()));
+  EXPECT_EQ(readFile(dir.file("synced")), changed);
 }
 
 TEST(UtlAppend, AppendsExactlyTheRangeWithinBounds) {
