@@ -1,6 +1,5 @@
-// The document lock on a real file system: only a writer's lock holds the
-// worker up. Locks of one process on two open file descriptions conflict
-// like those of two processes.
+// Locks of one process on two open file descriptions conflict like those of
+// two processes.
 #include "docfiles/DocumentLock.h"
 
 #include <fcntl.h>

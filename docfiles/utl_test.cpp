@@ -19,7 +19,6 @@ std::string pattern(size_t n) {
   return s;
 }
 
-// Every way of copying, whether it succeeds or fails.
 TEST(UtlCopy, CopiesManyChunksExactlyAndFailuresLeaveTheTargetAlone) {
   LogCapture log(LogCapture::kAllLevels);
   TempDir dir;
@@ -66,13 +65,10 @@ TEST(UtlAppend, AppendsExactlyTheRangeWithinBounds) {
   EXPECT_EQ(readFile(to), "head:" + data.substr(10, 2500));
   // offset + len == size is the last valid range; one byte more fails and
   // appends nothing.
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 2990, 10), 1);
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 2990, 11), 0);
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 3001, 0), 0);
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), -1, 5), 0);
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 5, -1), 0);
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 1, INT64_MAX), 0);
-  EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), 3000, 0), 1);
+  const int64_t cases[][3] = {{2990, 10, 1}, {2990, 11, 0},     {3001, 0, 0}, {-1, 5, 0},
+                              {5, -1, 0},    {1, INT64_MAX, 0}, {3000, 0, 1}};
+  for (const auto& c : cases)
+    EXPECT_EQ(utlAppend(from.c_str(), to.c_str(), c[0], c[1]), c[2]) << c[0] << ", " << c[1];
   EXPECT_EQ(readFile(to), "head:" + data.substr(10, 2500) + data.substr(2990, 10));
   EXPECT_TRUE(
       log.contains("invalid parameters: file '" + from + "': size=3000, offset=2990, len=11"));
@@ -81,16 +77,15 @@ TEST(UtlAppend, AppendsExactlyTheRangeWithinBounds) {
 
 TEST(ValidateDate, MonthsDaysAndLeapYears) {
   LogCapture log(LogCapture::kAllLevels);
-  struct Case {
+  const struct {
     const char* date;
     int valid;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"20240229", 1}, {"20230229", 0}, {"19000229", 0}, {"20000229", 1}, {"20240131", 1},
       {"20240132", 0}, {"20240431", 0}, {"20241231", 1}, {"20241301", 0}, {"20240100", 0},
       {"20240001", 0}, {"2024-101", 0}, {"", 0},
   };
-  for (const Case& c : cases) EXPECT_EQ(validateDate(c.date), c.valid) << c.date;
+  for (const auto& c : cases) EXPECT_EQ(validateDate(c.date), c.valid) << c.date;
   // Month 0 fails on its days, not on its range.
   EXPECT_TRUE(log.contains("month 0 of year 2024 consists of 0 days."));
   EXPECT_FALSE(log.contains("(month is 0)"));
