@@ -71,7 +71,6 @@ TEST_F(DocumentTest, CloseAllWritesCommandsProtocolAndFurtherFilesAndGoesOnAfter
     EXPECT_FALSE(out->isOpen());
     EXPECT_EQ(readIfThere(dir.file("COMMANDS")), commands ? "A 1\nB 2\n" : "");
     EXPECT_EQ(fileExists(dir.file("COMMANDS")), commands);
-    EXPECT_EQ(doc.hasReadPermission(), commands ? 1 : 0);
     EXPECT_EQ(readFile(dir.file("out.txt")), "payload\n");
     EXPECT_EQ(readFile(dir.file("KVprotocol")).substr(19), " [clockette] done\n");
   }

@@ -72,7 +72,6 @@ TEST(TextLine, TokensUnderBothRules) {
       {"a\\ \"b\"\t\tc ", 0, {"a\\", "\"b\"", "c"}},
       {"   ", 0, {}},
       {"A B\r\nC", 0, {"A", "B"}},
-      {"single", 0, {"single"}},
       {bigLine, 0, {"K", "\"" + big, "y\"", big}},
   };
   for (const auto& c : cases) {
