@@ -47,8 +47,7 @@ class SetupTest : public ::testing::Test {
 // One package holds every line rule, an over-long line and a value that
 // the traces must not show.
 TEST_F(SetupTest, LineRules) {
-  setenv("ST_KEEP", "old", 1);
-  setenv("ST_EQ", "old", 1);
+  for (const char* v : {"ST_KEEP", "ST_EQ"}) setenv(v, "old", 1);
   setenv("ST_HOME", "/home/u", 1);
   writePackage("P",
                "  ST_A = b\n"
