@@ -61,9 +61,8 @@ TEST_F(LogTest, RelativeFileGoesUnderServerLogDirWithPrefixAndOnlyEnabledLevels)
   }
   Log::setLogFile("stderr");
   std::string text = readFile(dir.file("worker.log"));
-  EXPECT_TRUE(contains(text, "BANNER [program=/x/y] : ")) << text;
-  EXPECT_TRUE(contains(text, "Comp::func: shown 42")) << text;
-  EXPECT_TRUE(contains(text, "continued here")) << text;
+  for (const char* part : {"BANNER [program=/x/y] : ", "Comp::func: shown 42", "continued here"})
+    EXPECT_TRUE(contains(text, part)) << text;
   EXPECT_FALSE(contains(text, "hidden")) << text;
   EXPECT_FALSE(contains(text, "entry")) << "level 13 is off: " << text;
   // A file that cannot be opened keeps the old destination.

@@ -17,8 +17,7 @@ using namespace testing_support;
 // The counters are process-wide: each test looks at what it added.
 TEST(MetricsTest, CountsFromManyThreadsAllArrive) {
   metrics::Totals before = metrics::totals();
-  constexpr int kThreads = 4;
-  constexpr int kEach = 2000;
+  constexpr int kThreads = 4, kEach = 2000;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([] {

@@ -15,22 +15,21 @@ TEST(NotifyTest, PlaceholdersTakeTheBracedArgumentsInOrder) {
   struct Case {
     const char* messageTemplate;
     const char* arguments;
-    const char* expected;
+    const char* expected;  // after the prefix
   } cases[] = {
-      {"file '%1/%2' failed", "{/docs/d 1} {a.pdf}",
-       "SRV BASE 700 ERR: file '/docs/d 1/a.pdf' failed"},
-      {"order '%2' then '%1'", "{one}{two}", "SRV BASE 700 ERR: order 'two' then 'one'"},
+      {"file '%1/%2' failed", "{/docs/d 1} {a.pdf}", "file '/docs/d 1/a.pdf' failed"},
+      {"order '%2' then '%1'", "{one}{two}", "order 'two' then 'one'"},
       // Missing arguments leave nothing; a lone % stays.
-      {"'%1' '%2' 100%", "{only}", "SRV BASE 700 ERR: 'only' '' 100%"},
-      {"'%1'", nullptr, "SRV BASE 700 ERR: ''"},
+      {"'%1' '%2' 100%", "{only}", "'only' '' 100%"},
+      {"'%1'", nullptr, "''"},
       // Balanced braces stay inside an argument; an open one runs to the end.
-      {"'%1' '%2'", "{a{b}c} {open", "SRV BASE 700 ERR: 'a{b}c' 'open'"},
+      {"'%1' '%2'", "{a{b}c} {open", "'a{b}c' 'open'"},
       // A notification stays one line whatever the arguments hold.
-      {"'%1'", "{line\none\rtwo\177three\tfour}", "SRV BASE 700 ERR: 'line one two three four'"},
+      {"'%1'", "{line\none\rtwo\177three\tfour}", "'line one two three four'"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(formatNotification("SRV", "BASE", 700, "ERR", c.messageTemplate, c.arguments).str(),
-              c.expected);
+              std::string("SRV BASE 700 ERR: ") + c.expected);
   }
 }
 

@@ -34,9 +34,8 @@ TEST(OrderedWork, EveryTaskRunsOnceWithAtMostThatManyAtATime) {
   EXPECT_FALSE(work.waitFor(20));
 }
 
-// With one thread a task runs on the caller's thread when its turn has come.
-// Dropping keeps the tasks already running; the rest never start, and
-// waiting for them does not hang.
+// Dropping keeps the tasks already running, and waiting for the rest does not
+// hang; one thread runs a task on the caller's thread when its turn has come.
 TEST(OrderedWork, DroppedTasksNeverStartAndOneThreadRunsEachInTurn) {
   for (int threads : {1, 2}) {
     SCOPED_TRACE(threads);

@@ -13,8 +13,7 @@ using namespace testing_support;
 
 TEST(RolledBackStampsTest, OnlyTheUnnamedStampFilesOfTakenBackStatementsGo) {
   TempDir d;
-  makeDir(d.file("doc"));
-  std::string doc = d.file("doc");
+  const std::string doc = d.path();
   const std::string before =
       "COMP c text/plain c.txt\n"
       "COMP_TIMESTAMP_FILE \"kept\" \"kept_ts0.txt\"\n";
