@@ -390,6 +390,11 @@ void reportQueueDone() {
   }
   server.queueReported = true;
   emit("QUEUE done");
+  // The time of the queue ends with its last report: the final orders below
+  // wait for workers that end without answering, which is no document's time.
+  char seconds[32];
+  snprintf(seconds, sizeof seconds, "%.3f",
+           server.firstOrderAt < 0 ? 0.0 : now() - server.firstOrderAt);
   if (server.finalCtrlSet) {
     for (const Worker& w : server.workers) {
       if (!w.gone && w.late.empty())
@@ -404,9 +409,6 @@ void reportQueueDone() {
     perWorker +=
         " | " + w.name + " ok=" + std::to_string(w.ok) + " error=" + std::to_string(w.error);
   }
-  char seconds[32];
-  snprintf(seconds, sizeof seconds, "%.3f",
-           server.firstOrderAt < 0 ? 0.0 : now() - server.firstOrderAt);
   emit("SUMMARY documents=" + std::to_string(server.documents) + " ok=" + std::to_string(ok) +
        " error=" + std::to_string(error) + " seconds=" + seconds + perWorker);
 }
