@@ -27,19 +27,13 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-build=${BUILD_DIR:-$root/build-bench}
 hash_mib=${HASH_MIB:-1024}
 docs=${DOCS:-1000}
 tls_docs=${TLS_DOCS:-300}
 
-echo "== building in $build (Release, with benchmarks)"
-if [ -f "$build/CMakeCache.txt" ]; then
-  cmake -S "$root" -B "$build" -DCLOCKETTE_BENCH=ON >/dev/null
-else
-  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCLOCKETTE_BENCH=ON \
-    -DCLOCKETTE_TESTS=OFF >/dev/null
-fi
-cmake --build "$build" --target clockette testtsa kvmini hash_bench -j 2 >/dev/null
+# shellcheck source=bench/build-bench.sh
+source "$root/bench/build-bench.sh"
+build_bench clockette testtsa kvmini hash_bench
 clockette=$build/app/clockette
 testtsa=$build/tools/testtsa/testtsa
 kvmini=$build/tools/kvmini/kvmini

@@ -20,21 +20,14 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-build=${BUILD_DIR:-$root/build-bench}
-[[ $build = /* ]] || build=$root/$build
 workers_list=${WORKERS:-1 2 4 8}
 per_worker=${DOCS_PER_WORKER:-40}
 big_per_worker=${BIG_DOCS_PER_WORKER:-4}
 hash_mib=${HASH_FILE_MIB:-512}
 
-echo "== building in $build (Release, with benchmarks)"
-if [ -f "$build/CMakeCache.txt" ]; then
-  cmake -S "$root" -B "$build" -DCLOCKETTE_BENCH=ON >/dev/null
-else
-  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCLOCKETTE_BENCH=ON \
-    -DCLOCKETTE_TESTS=OFF >/dev/null
-fi
-cmake --build "$build" --target clockette testtsa kvmini files_bench -j 2 >/dev/null
+# shellcheck source=bench/build-bench.sh
+source "$root/bench/build-bench.sh"
+build_bench clockette testtsa kvmini files_bench
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/clockette-bench-XXXXXX")
 trees=$work
