@@ -7,6 +7,7 @@
 #include <string>
 
 #include "app/DocumentStamper.h"
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/SecretFile.h"
 #include "base/Setup.h"
@@ -82,7 +83,7 @@ void Clockette::settleConfinement() {
     const char* v = getenv(variable);
     if (v != nullptr && *v != '\0') confinement_.workerFiles.push_back(v);
   }
-  String config = configDirectory();
+  String config = configDirectory(Environment::process());
   if (!config.empty()) confinement_.workerDirectories.push_back(config.str() + "/setup");
 }
 

@@ -9,6 +9,7 @@
 
 #include "app/Clockette.h"
 #include "app/ConfigCheck.h"
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Setup.h"
 #include "base/String.h"
@@ -73,8 +74,9 @@ int main(int argc, char** argv) {
     return 0;
   }
   Log log("main", "main", __FILE__, __LINE__, 13);
-  String configDir = configDirectory();
-  if (readSetup("COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
+  Environment& env = Environment::process();
+  String configDir = configDirectory(env);
+  if (readSetup(env, "COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
   installEventPrefix(argc > 0 ? argv[0] : "");
 
   auto worker = std::make_unique<Clockette>();

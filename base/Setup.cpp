@@ -22,9 +22,6 @@ namespace {
 // Longest line of a ".conf" file that is looked at.
 constexpr size_t kConfLineMax = 1022;
 
-EnvironmentSetter g_setter = nullptr;
-void* g_setterContext = nullptr;
-
 // Reads the next line without its end, keeping at most max characters (the
 // rest of an over-long line is dropped). The text of a line ends at a NUL
 // byte: what follows it up to the line end is dropped too, since a name cut
@@ -73,7 +70,7 @@ bool isNameChar(char c) { return isalnum(static_cast<unsigned char>(c)) != 0 || 
 
 // First pass: the program's own $ references. Returns the length the
 // expansion needs (without the NUL); out holds it when it fits.
-size_t expandDollar(const char* in, std::string* out) {
+size_t expandDollar(const Environment& env, const char* in, std::string* out) {
   out->clear();
   for (size_t i = 0; in[i] != '\0';) {
     if (in[i] == '\\' && in[i + 1] == '$') {
@@ -91,7 +88,7 @@ size_t expandDollar(const char* in, std::string* out) {
       bool complete = end > start && (!bracketed || in[end] == close);
       if (complete) {
         std::string name(in + start, end - start);
-        const char* value = getenv(name.c_str());
+        const char* value = env.get(name.c_str());
         if (value != nullptr && strlen(value) + 1 < static_cast<size_t>(kSetupBufferSize)) {
           out->append(value);
           i = bracketed ? end + 1 : end;
@@ -120,7 +117,7 @@ size_t expandDollar(const char* in, std::string* out) {
 
 // Second pass: %NAME% references from the environment. An unknown name, an
 // empty one ("%%") and a lone "%" stay as written.
-size_t expandPercent(const std::string& in, std::string* out) {
+size_t expandPercent(const Environment& env, const std::string& in, std::string* out) {
   out->clear();
   size_t i = 0;
   while (i < in.size()) {
@@ -136,7 +133,7 @@ size_t expandPercent(const std::string& in, std::string* out) {
       break;
     }
     std::string name = in.substr(open + 1, close - open - 1);
-    const char* value = name.empty() ? nullptr : getenv(name.c_str());
+    const char* value = name.empty() ? nullptr : env.get(name.c_str());
     if (value != nullptr) {
       out->append(value);
     } else {
@@ -147,16 +144,12 @@ size_t expandPercent(const std::string& in, std::string* out) {
   return out->size();
 }
 
-int storeInEnvironment(const std::string& text) {
-  if (g_setter != nullptr) return g_setter(g_setterContext, text.c_str());
-  // setenv keeps its own copy, so nothing of ours has to outlive the call;
-  // like a NAME=VALUE store, the first "=" separates the name.
+// Like a NAME=VALUE store, the first "=" separates the name.
+int storeInEnvironment(Environment& env, const std::string& text) {
   size_t eq = text.find('=');
   std::string name = text.substr(0, eq);
   std::string value = eq == std::string::npos ? std::string() : text.substr(eq + 1);
-  if (setenv(name.c_str(), value.c_str(), 1) == 0) return 0;
-  if (errno == ENOMEM) fprintf(stderr, "Memory problem could not malloc!\n");
-  return -1;
+  return env.set(name.c_str(), value.c_str()) == 0 ? 0 : -1;
 }
 
 bool isExistingPath(const char* path) {
@@ -166,16 +159,11 @@ bool isExistingPath(const char* path) {
 
 }  // namespace
 
-void setEnvironmentSetter(EnvironmentSetter setter, void* context) {
-  g_setter = setter;
-  g_setterContext = context;
-}
-
-int expandAndPut(const char* text) {
+int expandAndPut(Environment& env, const char* text) {
   Log log("setup", "expandAndPut", __FILE__, __LINE__, 13);
   const size_t limit = kSetupBufferSize - 1;
   std::string first;
-  size_t needed = expandDollar(text, &first);
+  size_t needed = expandDollar(env, text, &first);
   if (needed + 1 > limit) {
     // Too long for the buffer: report it and keep the text as it came.
     fprintf(stderr, "String <<%s>> expands to %d = more than %d bytes!\n", text,
@@ -183,7 +171,7 @@ int expandAndPut(const char* text) {
     first = text;
   }
   std::string second;
-  needed = expandPercent(first, &second);
+  needed = expandPercent(env, first, &second);
   if (needed + 1 > limit) {
     fprintf(stderr, "String <<%s>> expands to %d = more than %d bytes!\n", first.c_str(),
             static_cast<int>(needed + 1), kSetupBufferSize);
@@ -191,17 +179,17 @@ int expandAndPut(const char* text) {
   }
   // Only the name: setup values may hold credentials (TIMESTAMP_PASSWORD).
   log.msg(__LINE__, 10, "put '%s'", second.substr(0, second.find('=')).c_str());
-  return storeInEnvironment(second);
+  return storeInEnvironment(env, second);
 }
 
-String configDirectory() {
-  const char* config = getenv("CONFIG");
+String configDirectory(const Environment& env) {
+  const char* config = env.get("CONFIG");
   if (config == nullptr || *config == '\0') return String();
   String dir = config;
   if (strchr(config, '/') == nullptr && strchr(config, '\\') == nullptr &&
       !isExistingPath(config)) {
     String found;
-    if (readConfigDirectory(config, &found) == 0 && !found.empty()) dir = found;
+    if (readConfigDirectory(env, config, &found) == 0 && !found.empty()) dir = found;
   }
   return dir;
 }
@@ -217,14 +205,14 @@ String setupFileProblem(const String& dir, const char* package) {
   return String("'") + path + "' cannot be read: " + systemError(errno);
 }
 
-int readSetup(const char* package) {
+int readSetup(Environment& env, const char* package) {
   Log log("setup", "readSetup", __FILE__, __LINE__, 13);
-  const char* config = getenv("CONFIG");
+  const char* config = env.get("CONFIG");
   if (config == nullptr || *config == '\0') {
     fprintf(stderr, "Environment variable CONFIG not set!\n");
     return -1;
   }
-  String path = configDirectory() + "/setup/" + (package ? package : "") + ".Setup";
+  String path = configDirectory(env) + "/setup/" + (package ? package : "") + ".Setup";
   FilePtr file(fopen(path.c_str(), "r"));
   if (!file) {
     log.msg(__LINE__, 9, "no setup file '%s'", path.c_str());
@@ -236,7 +224,7 @@ int readSetup(const char* package) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (!parseLine(line, &name, &value)) continue;
     std::string setting = name + "=" + value;
-    if (expandAndPut(setting.c_str()) != 0) {
+    if (expandAndPut(env, setting.c_str()) != 0) {
       log.msg(__LINE__, 2, "could not store '%s' from '%s'", name.c_str(), path.c_str());
       return 0;
     }
@@ -244,9 +232,9 @@ int readSetup(const char* package) {
   return 1;
 }
 
-int readConfigDirectory(const char* name, String* result) {
+int readConfigDirectory(const Environment& env, const char* name, String* result) {
   Log log("setup", "readConfigDirectory", __FILE__, __LINE__, 13);
-  const char* confDir = getenv("ECM_CONF_DIRS");
+  const char* confDir = env.get("ECM_CONF_DIRS");
   if (confDir == nullptr || *confDir == '\0') {
     log.msg(__LINE__, 9, "ECM_CONF_DIRS not set, no configuration directory for '%s'",
             name ? name : "");

@@ -8,6 +8,7 @@
 
 #include "base/Log.h"
 #include "testing/LogCapture.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -16,39 +17,29 @@ using namespace std::string_literals;
 
 using namespace testing_support;
 
-// Variables a test sets; removed again after each test.
-const char* const kVariables[] = {
-    "  ST_A", "ST_A",         "ST_EMPTYQ", "ST_KEEP", "ST_Q",         "ST_C",     " #ST_C",
-    "ST_T",   "ST_EQ",        "ST_HALFQ",  "ST_LONG", "ST_TAIL",      "ST_AFTER", "ST_HOME",
-    "ST_PCT", "ST_BIG",       "ST_MID",    "ST_REAL", "ST_1",         "ST_2",     "ST_3",
-    "ST_PKG", "ST_COMMENTED", "ST_UNSET",  "CONFIG",  "ECM_CONF_DIRS"};
-
 class SetupTest : public ::testing::Test {
  protected:
   void SetUp() override {
     makeDir(dir_.file("setup"));
-    setenv("CONFIG", dir_.path().c_str(), 1);
+    env_.set("CONFIG", dir_.path().c_str());
   }
-  void TearDown() override {
-    setEnvironmentSetter(nullptr, nullptr);
-    for (const char* v : kVariables) unsetenv(v);
-    Log::init();
-  }
+  void TearDown() override { Log::init(); }
   void writePackage(const std::string& package, const std::string& text) {
     writeFile(dir_.file("setup/" + package + ".Setup"), text);
   }
-  static std::string env(const char* name) {
-    const char* v = getenv(name);
+  std::string env(const char* name) const {
+    const char* v = env_.get(name);
     return v ? v : "<unset>";
   }
   TempDir dir_;
+  MapEnvironment env_;
 };
 
 // One package holds every line rule, an over-long line and a value that
 // the traces must not show.
 TEST_F(SetupTest, LineRules) {
-  for (const char* v : {"ST_KEEP", "ST_EQ"}) setenv(v, "old", 1);
-  setenv("ST_HOME", "/home/u", 1);
+  for (const char* v : {"ST_KEEP", "ST_EQ"}) env_.set(v, "old");
+  env_.set("ST_HOME", "/home/u");
   writePackage("P",
                "  ST_A = b\n"
                "ST_EMPTYQ=\"\"\n"
@@ -73,7 +64,7 @@ TEST_F(SetupTest, LineRules) {
   Log::setLogFile("stderr");
   Log::setLevel(Log::kRpc, 1);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(readSetup("P"), 1);
+  EXPECT_EQ(readSetup(env_, "P"), 1);
   std::string logged = testing::internal::GetCapturedStderr();
   Log::init();
   // Traces name the variable but never show its value.
@@ -107,32 +98,21 @@ TEST_F(SetupTest, LineRules) {
 
 TEST_F(SetupTest, MissingPackageReturnsZeroSilentlyButUnsetOrEmptyConfigIsTold) {
   testing::internal::CaptureStderr();
-  EXPECT_EQ(readSetup("NoSuchPackage"), 0);
+  EXPECT_EQ(readSetup(env_, "NoSuchPackage"), 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   for (bool unset : {true, false}) {
-    unset ? unsetenv("CONFIG") : setenv("CONFIG", "", 1);
+    unset ? env_.unset("CONFIG") : (void)env_.set("CONFIG", "");
     testing::internal::CaptureStderr();
-    EXPECT_EQ(readSetup("COMMON"), -1);
+    EXPECT_EQ(readSetup(env_, "COMMON"), -1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Environment variable CONFIG not set!\n");
   }
 }
 
-// Collects what expandAndPut would store; refuses the refuseAt-th text (from 1).
-struct Stored {
-  std::vector<std::string> texts;
-  size_t refuseAt = 0;
-};
-int collect(void* context, const char* text) {
-  auto* stored = static_cast<Stored*>(context);
-  stored->texts.push_back(text);
-  return stored->texts.size() == stored->refuseAt ? 22 : 0;
-}
-
 TEST_F(SetupTest, ExpansionPasses) {
-  setenv("ST_HOME", "C:\\u", 1);
-  setenv("ST_PCT", "%ST_HOME%", 1);
-  setenv("ST_BIG", std::string(kSetupBufferSize - 1, 'b').c_str(), 1);
-  setenv("ST_MID", std::string(kSetupBufferSize - 10, 'm').c_str(), 1);
+  const MapEnvironment base = {{"ST_HOME", "C:\\u"},
+                                {"ST_PCT", "%ST_HOME%"},
+                                {"ST_BIG", std::string(kSetupBufferSize - 1, 'b')},
+                                {"ST_MID", std::string(kSetupBufferSize - 10, 'm')}};
   struct Case {
     const char* text;
     const char* stored;
@@ -166,35 +146,32 @@ TEST_F(SetupTest, ExpansionPasses) {
       {"B=$ST_MID/0123456789", "B=$ST_MID/0123456789",
        "String <<B=$ST_MID/0123456789>> expands to 2052 = more than 2048 bytes!\n"},
   };
-  Stored stored;
-  setEnvironmentSetter(collect, &stored);
   for (const Case& c : cases) {
-    stored.texts.clear();
+    MapEnvironment env;
+    for (const auto& [name, value] : base.values()) env.set(name.c_str(), value.c_str());
     testing::internal::CaptureStderr();
-    EXPECT_EQ(expandAndPut(c.text), 0) << c.text;
+    EXPECT_EQ(expandAndPut(env, c.text), 0) << c.text;
     EXPECT_EQ(testing::internal::GetCapturedStderr(), c.reported) << c.text;
-    EXPECT_EQ(stored.texts, std::vector<std::string>{c.stored}) << c.text;
+    std::vector<std::string> stored;
+    for (const auto& [name, value] : env.values()) {
+      if (base.get(name.c_str()) == nullptr) stored.push_back(name + "=" + value);
+    }
+    EXPECT_EQ(stored, std::vector<std::string>{c.stored}) << c.text;
   }
 }
 
 TEST_F(SetupTest, AFailedStoreStopsReading) {
-  writePackage("P", "ST_1=a\nST_2=b\nST_3=c\n");
-  Stored seen{{}, 2};
-  setEnvironmentSetter(collect, &seen);
-  EXPECT_EQ(readSetup("P"), 0);
-  EXPECT_EQ(seen.texts, (std::vector<std::string>{"ST_1=a", "ST_2=b"}));
-
-  // The same with the process environment: an empty name, written so or
-  // expanded to nothing, cannot be stored; what came before it stays.
-  setEnvironmentSetter(nullptr, nullptr);
-  setenv("ST_UNSET", "", 1);
+  // An empty name, written so or expanded to nothing, cannot be stored;
+  // what came before it stays. The process environment refuses it alike.
+  env_.set("ST_UNSET", "");
   for (const char* line : {"$ST_UNSET=b", "=b", "  = b"}) {
-    for (const char* v : {"ST_1", "ST_3"}) unsetenv(v);
+    for (const char* v : {"ST_1", "ST_3"}) env_.unset(v);
     writePackage("P", std::string("ST_1=a\n") + line + "\nST_3=c\n");
-    EXPECT_EQ(readSetup("P"), 0) << line;
+    EXPECT_EQ(readSetup(env_, "P"), 0) << line;
     EXPECT_EQ(env("ST_1"), "a") << line;
     EXPECT_EQ(env("ST_3"), "<unset>") << line;
   }
+  EXPECT_EQ(Environment::process().set("", "b"), -1);
 }
 
 // A bare name takes the first directory of the sorted files; each is
@@ -206,38 +183,38 @@ TEST_F(SetupTest, BareConfigNameIsLookedUpInSortedConfFiles) {
     makeDir(dir_.file(d + "/setup"));
     writeFile(dir_.file(d + "/setup/P.Setup"), "ST_PKG=" + d + "\n");
   }
-  setenv("ECM_CONF_DIRS", dir_.file("conf").c_str(), 1);
+  env_.set("ECM_CONF_DIRS", dir_.file("conf").c_str());
   writeFile(dir_.file("conf/b.conf"),
             "CONFIG=" + dir_.file("two") + "\nCONFIG=" + dir_.file("one") + "\n");
   writeFile(dir_.file("conf/a.conf"),
             "#CONFIG=" + dir_.file("wrong") + "\nOTHER=x\nCONFIG=\"" + dir_.file("one") + "\"\n");
   writeFile(dir_.file("conf/0.txt"), "CONFIG=" + dir_.file("wrong") + "\n");
-  setenv("CONFIG", "production", 1);
+  env_.set("CONFIG", "production");
 
   LogCapture log(LogCapture::kAllLevels);
   String first;
-  EXPECT_EQ(readConfigDirectory("production", &first), 0);
+  EXPECT_EQ(readConfigDirectory(env_, "production", &first), 0);
   EXPECT_EQ(first.str(), dir_.file("one"));
   EXPECT_TRUE(log.contains("ConfigDir[0] (key CONFIG)  = " + dir_.file("one")));
   EXPECT_TRUE(
       log.contains("Skip this path because found in list (key CONFIG) : " + dir_.file("one")));
   EXPECT_TRUE(log.contains("ConfigDir[1] (key CONFIG)  = " + dir_.file("two"))) << log.text();
 
-  EXPECT_EQ(readSetup("P"), 1);
+  EXPECT_EQ(readSetup(env_, "P"), 1);
   EXPECT_EQ(env("ST_PKG"), "one");
 
   // A path is never looked up.
-  setenv("CONFIG", dir_.file("two").c_str(), 1);
-  EXPECT_EQ(readSetup("P"), 1);
+  env_.set("CONFIG", dir_.file("two").c_str());
+  EXPECT_EQ(readSetup(env_, "P"), 1);
   EXPECT_EQ(env("ST_PKG"), "two");
   // Without a configuration list a bare name stays a (missing) directory.
-  unsetenv("ECM_CONF_DIRS");
-  unsetenv("ST_PKG");
-  setenv("CONFIG", "production", 1);
+  env_.unset("ECM_CONF_DIRS");
+  env_.unset("ST_PKG");
+  env_.set("CONFIG", "production");
   first = "unchanged";
-  EXPECT_EQ(readConfigDirectory("production", &first), -1);
+  EXPECT_EQ(readConfigDirectory(env_, "production", &first), -1);
   EXPECT_EQ(first.str(), "unchanged");
-  EXPECT_EQ(readSetup("P"), 0);
+  EXPECT_EQ(readSetup(env_, "P"), 0);
   EXPECT_EQ(env("ST_PKG"), "<unset>");
 }
 

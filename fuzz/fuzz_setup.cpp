@@ -1,8 +1,6 @@
 // Feeds arbitrary bytes as a setup file (and, by the first byte, as a
 // ".conf" file of the configuration list) through the setup reading: line
-// rules, quote removal and both expansion passes. The settings go to a
-// collector instead of the process environment, which would grow with every
-// input.
+// rules, quote removal and both expansion passes.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,18 +12,37 @@
 #include <filesystem>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Setup.h"
 #include "base/String.h"
 
 namespace {
 
-int collect(void* /*context*/, const char* text) {
-  // Every stored text is NAME=VALUE within the expansion buffer.
-  size_t length = strlen(text);
-  if (length >= static_cast<size_t>(kSetupBufferSize)) abort();
-  if (strchr(text, '=') == nullptr) abort();
-  return 0;
+// Answers the references the expansion passes can resolve, and checks what
+// would be stored without keeping it: the environment would grow with every
+// input.
+class CheckingEnvironment final : public Environment {
+ public:
+  const char* get(const char* name) const override {
+    if (strcmp(name, "CONFIG") == 0) return config.c_str();
+    if (strcmp(name, "ECM_CONF_DIRS") == 0) return confDirs.c_str();
+    if (strcmp(name, "HOME") == 0) return "/home/fuzz";
+    if (strcmp(name, "LONG") == 0) return longValue.c_str();
+    return nullptr;
+  }
+  int set(const char* name, const char* value) override {
+    // Every stored setting is NAME=VALUE within the expansion buffer.
+    if (strlen(name) + 1 + strlen(value) >= static_cast<size_t>(kSetupBufferSize)) abort();
+    return *name == '\0' ? -1 : 0;
+  }
+  std::string config, confDirs;
+  std::string longValue = std::string(1500, 'x');
+};
+
+CheckingEnvironment& environment() {
+  static CheckingEnvironment env;
+  return env;
 }
 
 std::string directory() {
@@ -41,12 +58,8 @@ std::string directory() {
     std::string d(name);
     mkdir((d + "/setup").c_str(), 0700);
     mkdir((d + "/conf").c_str(), 0700);
-    setenv("CONFIG", d.c_str(), 1);
-    setenv("ECM_CONF_DIRS", (d + "/conf").c_str(), 1);
-    // References the expansion passes can resolve.
-    setenv("HOME", "/home/fuzz", 1);
-    setenv("LONG", std::string(1500, 'x').c_str(), 1);
-    setEnvironmentSetter(collect, nullptr);
+    environment().config = d;
+    environment().confDirs = d + "/conf";
     return d;
   }();
   return dir;
@@ -66,10 +79,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 0 && data[0] == 'C') {
     writeWhole(dir + "/conf/a.conf", data + 1, size - 1);
     String found;
-    readConfigDirectory("bare", &found);
+    readConfigDirectory(environment(), "bare", &found);
     return 0;
   }
   writeWhole(dir + "/setup/F.Setup", data, size);
-  readSetup("F");
+  readSetup(environment(), "F");
   return 0;
 }

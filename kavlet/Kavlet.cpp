@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Platform.h"
 #include "base/SandboxHint.h"
@@ -110,7 +111,7 @@ void Kavlet::readEnvPackages(int argc, char** argv) {
     size_t end = comma < 0 ? list.length() : static_cast<size_t>(comma);
     String package = list.subString(start, end - start);
     log.msg(__LINE__, 9, "env-option: read setup from package '%s'", package.c_str());
-    readSetup(package.c_str());
+    readSetup(Environment::process(), package.c_str());
     if (comma < 0) break;
     start = end + 1;
   }
@@ -232,7 +233,7 @@ void Kavlet::initLog() {
     log.msg(__LINE__, 2, "cannot open log file '%s': '%s'", logFile.c_str(),
             systemError(errno).c_str());
   }
-  readSetup(parafile.c_str());
+  readSetup(Environment::process(), parafile.c_str());
   Log::initFromConfig();
   for (int level = 5; level <= Log::kMaxLevel; ++level) {
     if (level <= logLevel) Log::setLevel(level, 1);

@@ -81,7 +81,7 @@ TEST_F(KavletTest, LaterSourcesWin) {
   // beats the defaults and the command line beats everything.
   writePackage("COMMON", "KVPORT=5000\nKVHOST=commonhost\nLOGLEVEL=6\n");
   writePackage("site", "KVPORT=5001\n");
-  ASSERT_EQ(readSetup("COMMON"), 1);
+  ASSERT_EQ(readSetup(Environment::process(), "COMMON"), 1);
   struct Case {
     Argv args;
     int port, level;

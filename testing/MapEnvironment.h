@@ -2,6 +2,7 @@
 #ifndef TESTING_MAPENVIRONMENT_H_
 #define TESTING_MAPENVIRONMENT_H_
 
+#include <cstring>
 #include <initializer_list>
 #include <map>
 #include <string>
@@ -15,12 +16,18 @@ class MapEnvironment final : public Environment {
   MapEnvironment(std::initializer_list<std::pair<const std::string, std::string>> values)
       : values_(values) {}
 
-  void set(const std::string& name, const std::string& value) { values_[name] = value; }
   void unset(const std::string& name) { values_.erase(name); }
+  const std::map<std::string, std::string>& values() const { return values_; }
 
   const char* get(const char* name) const override {
     auto it = values_.find(name);
     return it == values_.end() ? nullptr : it->second.c_str();
+  }
+  // Refuses what setenv refuses, so a test sees the process's failures.
+  int set(const char* name, const char* value) override {
+    if (*name == '\0' || strchr(name, '=') != nullptr) return -1;
+    values_[name] = value;
+    return 0;
   }
 
  private:

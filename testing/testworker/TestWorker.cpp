@@ -21,6 +21,7 @@
 #include <ctime>
 #include <memory>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Setup.h"
 #include "kavlet/Kavlet.h"
@@ -87,7 +88,7 @@ void dropPrivileges() {
 
 int main(int argc, char** argv) {
   dropPrivileges();
-  if (readSetup("COMMON") < 0) return 1;
+  if (readSetup(Environment::process(), "COMMON") < 0) return 1;
   auto worker = std::make_unique<TestWorker>();
   int status = 1;
   if (worker->init(argc, argv) != 0) {
