@@ -21,8 +21,9 @@ constexpr int kMaxParallel = 64;
 
 }  // namespace
 
-Clockette::Clockette()
-    : host("localhost"),
+Clockette::Clockette(Environment& env)
+    : Kavlet(env),
+      host("localhost"),
       port(8080),
       protocol("http"),
       urlPath("/"),
@@ -83,7 +84,7 @@ void Clockette::settleConfinement() {
     const char* v = getenv(variable);
     if (v != nullptr && *v != '\0') confinement_.workerFiles.push_back(v);
   }
-  String config = configDirectory(Environment::process());
+  String config = configDirectory(env());
   if (!config.empty()) confinement_.workerDirectories.push_back(config.str() + "/setup");
 }
 

@@ -21,7 +21,7 @@
 
 class Clockette : public Kavlet {
  public:
-  Clockette();
+  explicit Clockette(Environment& env);
   ~Clockette() override;
 
   // Kavlet::init, then the timestamp requester with the Timestamp Server

@@ -44,7 +44,7 @@ class ClocketteTest : public ::testing::Test {
 
 TEST_F(ClocketteTest, DefaultSettingsText) {
   setenv("KVHOST", "kvhost", 1);
-  Clockette c;
+  Clockette c(Environment::process());
   Argv a{"/opt/bin/clockette"};
   ASSERT_EQ(c.init(a.argc(), a.argv()), 1);
   testing::internal::CaptureStderr();
@@ -80,7 +80,7 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
   for (Case& c : cases) {
     for (const char* v : kVariables) unsetenv(v);
     for (auto& kv : c.env) setenv(kv.first, kv.second, 1);
-    Clockette tool;
+    Clockette tool(Environment::process());
     ASSERT_EQ(tool.init(c.args.argc(), c.args.argv()), 1);
     EXPECT_EQ(tool.host, c.host);
     EXPECT_EQ(tool.protocol, c.protocol);
@@ -123,7 +123,7 @@ TEST_F(ClocketteTest, AFailingWriteAtAnyStepFailsTheDocumentAndLeavesItAsItWas) 
   const std::string port = std::to_string(tsa.httpPort());
   Argv a{"clockette", "-test",     "-testpath", doc.c_str(),
          "-host",     "127.0.0.1", "-port",     port.c_str()};
-  Clockette tool;
+  Clockette tool(Environment::process());
   ASSERT_EQ(tool.init(a.argc(), a.argv()), 1);
   FaultyFileSystem fs;
   tool.fileSystem = &fs;

@@ -79,7 +79,7 @@ int main(int argc, char** argv) {
   if (readSetup(env, "COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
   installEventPrefix(argc > 0 ? argv[0] : "");
 
-  auto worker = std::make_unique<Clockette>();
+  auto worker = std::make_unique<Clockette>(env);
   int status = 1;
   if (hasOption(argc, argv, "-check")) {
     status = checkOnly(worker.get(), argc, argv);

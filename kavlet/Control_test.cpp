@@ -16,6 +16,7 @@ using namespace testing_support;
 
 // Takes "sleep <n>" as a control command of its own.
 struct SleepyKavlet : Kavlet {
+  SleepyKavlet() : Kavlet(Environment::process()) {}
   int service(const char*) override { return 1; }
   int parseAdditionalKvctrlArguments(std::vector<String>& words, int* position) override {
     size_t at = static_cast<size_t>(*position);

@@ -46,7 +46,7 @@ bool requestsTestMode(int argc, char** argv) {
 
 }  // namespace
 
-Kavlet::Kavlet()
+Kavlet::Kavlet(Environment& env)
     : kvHost(localHostName()),
       kvPort(kDefaultKvPort),
       logLevel(2),
@@ -56,7 +56,8 @@ Kavlet::Kavlet()
       kvTest(0),
       errorStatus("error"),
       okStatus("ok"),
-      suspendTime(300) {
+      suspendTime(300),
+      env_(env) {
   Log log("Kavlet", "Kavlet", __FILE__, __LINE__, 13);
   installHandlers();
 }
@@ -85,7 +86,7 @@ int Kavlet::init(int argc, char** argv) {
   if (usageShown) return 0;
   initLog();
   documentOptions =
-      readDocumentOptions(getenv("KV_PROTOCOL"), getenv("DOUBLE_QUOTED_COMMANDS_ARGUMENTS"));
+      readDocumentOptions(env_.get("KV_PROTOCOL"), env_.get("DOUBLE_QUOTED_COMMANDS_ARGUMENTS"));
   return 1;
 }
 
@@ -111,7 +112,7 @@ void Kavlet::readEnvPackages(int argc, char** argv) {
     size_t end = comma < 0 ? list.length() : static_cast<size_t>(comma);
     String package = list.subString(start, end - start);
     log.msg(__LINE__, 9, "env-option: read setup from package '%s'", package.c_str());
-    readSetup(Environment::process(), package.c_str());
+    readSetup(env_, package.c_str());
     if (comma < 0) break;
     start = end + 1;
   }
@@ -133,10 +134,10 @@ int Kavlet::setProgname(const char* path) {
 
 void Kavlet::readEnvironment() {
   Log log("Kavlet", "readEnvironment", __FILE__, __LINE__, 13);
-  if (const char* v = getenv("KVHOST")) kvHost = v;
-  if (const char* v = getenv("LOGLEVEL")) logLevel = atoi(v);
-  if (const char* v = getenv("KVPORT")) kvPort = atoi(v);
-  if (const char* v = getenv("KVDIR")) {
+  if (const char* v = env_.get("KVHOST")) kvHost = v;
+  if (const char* v = env_.get("LOGLEVEL")) logLevel = atoi(v);
+  if (const char* v = env_.get("KVPORT")) kvPort = atoi(v);
+  if (const char* v = env_.get("KVDIR")) {
     std::string dir = v;
     for (char& c : dir)
       if (c == '\\') c = '/';
@@ -226,14 +227,14 @@ void Kavlet::parseArgv(int argc, char** argv) {
 void Kavlet::initLog() {
   Log log("Kavlet", "initLog", __FILE__, __LINE__, 13);
   if (logFile.empty()) logFile = (type.empty() ? name : type) + ".log";
-  const char* dir = getenv("ZEPH_SRV_LOG");
+  const char* dir = env_.get("ZEPH_SRV_LOG");
   serverLogDir = dir ? dir : "";
   Log::init();
   if (Log::setLogFile(logFile.c_str()) == 0) {
     log.msg(__LINE__, 2, "cannot open log file '%s': '%s'", logFile.c_str(),
             systemError(errno).c_str());
   }
-  readSetup(Environment::process(), parafile.c_str());
+  readSetup(env_, parafile.c_str());
   Log::initFromConfig();
   for (int level = 5; level <= Log::kMaxLevel; ++level) {
     if (level <= logLevel) Log::setLevel(level, 1);

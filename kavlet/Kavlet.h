@@ -32,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Environment.h"
 #include "base/FileSystem.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
@@ -45,7 +46,9 @@ class Kavlet : public ToolHandler {
   static constexpr int kDefaultKvPort = 4032;
 
   // Sets the defaults and blocks the stop signals for the signal thread.
-  Kavlet();
+  // The setup packages are stored in env and every setting is read from it;
+  // env must outlive the worker.
+  explicit Kavlet(Environment& env);
   Kavlet(const Kavlet&) = delete;
   Kavlet& operator=(const Kavlet&) = delete;
 
@@ -202,7 +205,11 @@ class Kavlet : public ToolHandler {
   int suspendTime;
   bool usageShown = false;  // the usage was printed for "-h" or an unknown option
 
+  // Where the worker's settings live.
+  Environment& env() const { return env_; }
+
  private:
+  Environment& env_;
   // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
   // takes them (kavlet/Signals.h), which connectKV starts.
   void installHandlers();

@@ -17,6 +17,7 @@ namespace {
 using namespace testing_support;
 
 struct TestKavlet : Kavlet {
+  TestKavlet() : Kavlet(Environment::process()) {}
   int service(const char*) override { return 1; }
 };
 

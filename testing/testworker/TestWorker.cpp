@@ -34,6 +34,7 @@ constexpr int kHoldSeconds = 60;
 
 class TestWorker : public Kavlet {
  public:
+  using Kavlet::Kavlet;
   bool oneShot = false;
 
   int parseOneArgument(int, char** argv, int* position) override {
@@ -88,8 +89,9 @@ void dropPrivileges() {
 
 int main(int argc, char** argv) {
   dropPrivileges();
-  if (readSetup(Environment::process(), "COMMON") < 0) return 1;
-  auto worker = std::make_unique<TestWorker>();
+  Environment& env = Environment::process();
+  if (readSetup(env, "COMMON") < 0) return 1;
+  auto worker = std::make_unique<TestWorker>(env);
   int status = 1;
   if (worker->init(argc, argv) != 0) {
     int rc = worker->oneShot ? worker->connectKVForService() : worker->connectKV();
