@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "app/Clockette.h"
+#include "base/Environment.h"
 #include "base/Resolver.h"
 #include "base/SandboxHint.h"
 #include "base/SecretFile.h"
@@ -32,7 +33,7 @@ std::string env(const char* name) {
 // "" when name resolves, else the resolver's reason.
 std::string unresolved(const std::string& name) {
   HostAddressList list;
-  int rc = resolveHost(name.c_str(), &list);
+  int rc = resolveHost(name.c_str(), hostPreference(Environment::process()), &list);
   return rc == 0 ? "" : gai_strerror(rc);
 }
 

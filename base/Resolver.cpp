@@ -34,14 +34,11 @@ void HostAddress::setPort(uint16_t port) {
   }
 }
 
-int hostPreference() {
-  static const int preference = [] {
-    const char* v = getenv("QR_PREF_IP");
-    if (v != nullptr && strcmp(v, "4") == 0) return 4;
-    if (v != nullptr && strcmp(v, "6") == 0) return 6;
-    return 0;
-  }();
-  return preference;
+int hostPreference(const Environment& env) {
+  const char* v = env.get("QR_PREF_IP");
+  if (v != nullptr && strcmp(v, "4") == 0) return 4;
+  if (v != nullptr && strcmp(v, "6") == 0) return 6;
+  return 0;
 }
 
 void orderHostAddresses(HostAddressList* list, int preference) {
@@ -58,11 +55,10 @@ void orderHostAddresses(HostAddressList* list, int preference) {
   if (global != list->end()) std::rotate(list->begin(), global, global + 1);
 }
 
-int resolveHost(const char* name, HostAddressList* list) {
+int resolveHost(const char* name, int preference, HostAddressList* list) {
   Log log("Resolver", "resolveHost", __FILE__, __LINE__, 13);
   list->clear();
   if (name == nullptr || *name == '\0') return EAI_NONAME;
-  int preference = hostPreference();
 
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;  // one entry per address, not one per socket type

@@ -1,7 +1,7 @@
 // Resolver: host names to addresses, in the order the worker should try them.
 //
 // "[v6]" is a numeric IPv6 address; the address family preference comes from
-// QR_PREF_IP (4 or 6), read on the first call; a link-local IPv6 address
+// QR_PREF_IP (4 or 6) of the caller's settings; a link-local IPv6 address
 // gives way at the front to a routable one, since only that one can be
 // called back. Used for the KV, the own address and the Timestamp Servers.
 #ifndef BASE_RESOLVER_H_
@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "base/Environment.h"
 
 // One resolved address (IPv4 or IPv6) with its port.
 struct HostAddress {
@@ -25,14 +27,14 @@ struct HostAddress {
 };
 using HostAddressList = std::vector<HostAddress>;
 
-// Resolves name into a non-empty address list ordered by the family preference
-// and the link-local rule (see orderHostAddresses). "[v6]" is a numeric IPv6
-// address. Returns 0, or a getaddrinfo error code (EAI_NONAME for an empty or
-// null name).
-int resolveHost(const char* name, HostAddressList* list);
+// Resolves name into a non-empty address list ordered by the family
+// preference (4, 6 or 0, see hostPreference) and the link-local rule (see
+// orderHostAddresses). "[v6]" is a numeric IPv6 address. Returns 0, or a
+// getaddrinfo error code (EAI_NONAME for an empty or null name).
+int resolveHost(const char* name, int preference, HostAddressList* list);
 
-// The preferred family of QR_PREF_IP: 4, 6, or 0 for none. Read once.
-int hostPreference();
+// The preferred family that QR_PREF_IP in env names: 4, 6, or 0 for none.
+int hostPreference(const Environment& env);
 
 // Puts the addresses of the preferred family (4 or 6; anything else: no
 // change) first, keeping relative orders; then, when the first address is a

@@ -6,13 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "testing/MapEnvironment.h"
+
 namespace {
 
 // The numeric address text (IPv6 without brackets) with port.
 HostAddress address(const std::string& text, uint16_t port = 0) {
   HostAddressList list;
   const bool v6 = text.find(':') != std::string::npos;
-  EXPECT_EQ(resolveHost((v6 ? "[" + text + "]" : text).c_str(), &list), 0) << text;
+  EXPECT_EQ(resolveHost((v6 ? "[" + text + "]" : text).c_str(), 0, &list), 0) << text;
   HostAddress a = list.empty() ? HostAddress{} : list[0];
   a.setPort(port);
   return a;
@@ -59,21 +61,28 @@ TEST(ResolverTest, OrderPutsThePreferredFamilyFirstAndAvoidsLinkLocal) {
   }
 }
 
+TEST(ResolverTest, OnlyFourOrSixIsAPreference) {
+  for (auto [value, preference] : {std::pair{"4", 4}, {"6", 6}, {"64", 0}, {"", 0}}) {
+    EXPECT_EQ(hostPreference(MapEnvironment{{"QR_PREF_IP", value}}), preference) << value;
+  }
+  EXPECT_EQ(hostPreference(MapEnvironment{}), 0);
+}
+
 TEST(ResolverTest, ResolverTakesBracketsAsNumericIpv6) {
   HostAddressList list;
-  ASSERT_EQ(resolveHost("[::1]", &list), 0);
+  ASSERT_EQ(resolveHost("[::1]", 0, &list), 0);
   EXPECT_EQ(texts(list), "[::1]");
   EXPECT_EQ(list[0].family(), AF_INET6);
 
-  EXPECT_NE(resolveHost("[::1", &list), 0);         // an ordinary name, and no such host
-  EXPECT_NE(resolveHost("[127.0.0.1]", &list), 0);  // brackets mean IPv6 only
-  EXPECT_EQ(resolveHost("", &list), EAI_NONAME);
-  EXPECT_EQ(resolveHost(nullptr, &list), EAI_NONAME);
+  EXPECT_NE(resolveHost("[::1", 0, &list), 0);         // an ordinary name, and no such host
+  EXPECT_NE(resolveHost("[127.0.0.1]", 0, &list), 0);  // brackets mean IPv6 only
+  EXPECT_EQ(resolveHost("", 0, &list), EAI_NONAME);
+  EXPECT_EQ(resolveHost(nullptr, 0, &list), EAI_NONAME);
   EXPECT_TRUE(list.empty());
 
-  ASSERT_EQ(resolveHost("127.0.0.1", &list), 0);
+  ASSERT_EQ(resolveHost("127.0.0.1", 0, &list), 0);
   EXPECT_EQ(texts(list), "127.0.0.1");
-  ASSERT_EQ(resolveHost("localhost", &list), 0);
+  ASSERT_EQ(resolveHost("localhost", 0, &list), 0);
   ASSERT_FALSE(list.empty());
   for (size_t i = 1; i < list.size(); ++i) EXPECT_NE(text(list[i]), text(list[0]));
 }

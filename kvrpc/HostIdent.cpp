@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 
 namespace {
@@ -77,7 +78,7 @@ const HostAddressList& getMyInetAddr() {
   bool found = false;
   for (const char* candidate : candidates) {
     errno = 0;
-    if (resolveHost(candidate, &mine) == 0) {
+    if (resolveHost(candidate, hostPreference(Environment::process()), &mine) == 0) {
       found = true;
       break;
     }

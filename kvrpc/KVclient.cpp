@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "kvrpc/HostIdent.h"
 #include "kvrpc/KVprot.h"
@@ -172,7 +173,7 @@ int KvClient::KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   State& s = state_;
   HostAddressList addresses;
   s.lastTarget = KVtarget{orNull(host), port, ""};
-  int resolved = resolveHost(host, &addresses);
+  int resolved = resolveHost(host, hostPreference(Environment::process()), &addresses);
   if (resolved != 0) {
     s.lastTarget.resolverError = gai_strerror(resolved);
     log.msg(__LINE__, 5, "KVconnect: cannot get addess for '%s'", orNull(host));

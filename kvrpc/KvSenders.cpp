@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/RateLimit.h"
 #include "kvrpc/HostIdent.h"
@@ -62,7 +63,7 @@ void KvSenders::add(const Sender& s) {
 
 bool KvSenders::addHost(const std::string& host) {
   HostAddressList list;
-  if (resolveHost(host.c_str(), &list) != 0) return false;
+  if (resolveHost(host.c_str(), hostPreference(Environment::process()), &list) != 0) return false;
   for (const HostAddress& a : list) add(senderOf(a.sa()));
   return true;
 }

@@ -11,6 +11,7 @@
 #include <climits>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Owners.h"
 #include "base/Resolver.h"
@@ -95,7 +96,7 @@ int openSocketBefore(const char* host, uint16_t port, long connectTimeoutS, long
   Log log(kComponent, "openSocket", __FILE__, __LINE__, 13);
   if (port == 0) return -1;
   HostAddressList addresses;
-  if (resolveHost(host, &addresses) != 0) {
+  if (resolveHost(host, hostPreference(Environment::process()), &addresses) != 0) {
     log.msg(__LINE__, 2, "timestamp server host %s unknown", maskCredentials(host).c_str());
     return -1;
   }

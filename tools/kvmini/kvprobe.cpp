@@ -34,6 +34,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "kvrpc/HostIdent.h"
 #include "kvrpc/KVclient.h"
@@ -151,7 +152,7 @@ int main(int argc, char** argv) {
       }
     } else if (step == "resolve" && left >= 1) {
       HostAddressList list;
-      int rc = resolveHost(argv[++i], &list);
+      int rc = resolveHost(argv[++i], hostPreference(Environment::process()), &list);
       std::string line = "resolve " + std::to_string(rc);
       char text[80];
       for (const HostAddress& a : list)
