@@ -14,9 +14,9 @@
 #include <filesystem>
 #include <string>
 
-#include "base/Log.h"
 #include "base/Setup.h"
 #include "base/String.h"
+#include "fuzz/DiscardedLog.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ int collect(void* /*context*/, const char* text) {
 
 std::string directory() {
   static std::string dir = [] {
-    Log::setLogFile("/dev/null");
+    static DiscardedLog quiet;
     char name[] = "/dev/shm/fuzz_setup.XXXXXX";
     if (mkdtemp(name) == nullptr) abort();
     // Replays run in every test run: leave nothing behind. (The path is

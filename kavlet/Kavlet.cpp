@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Platform.h"
 #include "base/SandboxHint.h"
@@ -46,7 +47,9 @@ bool requestsTestMode(int argc, char** argv) {
 }  // namespace
 
 Kavlet::Kavlet()
-    : kvHost(localHostName()),
+    : logTarget_(&LogTarget::current()),
+      logInstallation_(logTarget_),
+      kvHost(localHostName()),
       kvPort(kDefaultKvPort),
       logLevel(2),
       testJobs(1),
@@ -227,15 +230,16 @@ void Kavlet::initLog() {
   if (logFile.empty()) logFile = (type.empty() ? name : type) + ".log";
   const char* dir = getenv("ZEPH_SRV_LOG");
   serverLogDir = dir ? dir : "";
-  Log::init();
-  if (Log::setLogFile(logFile.c_str()) == 0) {
+  const Environment& env = Environment::process();
+  logTarget_.init(env);
+  if (logTarget_.setFile(logFile.c_str(), env) == 0) {
     log.msg(__LINE__, 2, "cannot open log file '%s': '%s'", logFile.c_str(),
             systemError(errno).c_str());
   }
   readSetup(parafile.c_str());
-  Log::initFromConfig();
+  logTarget_.applyVariables(env);
   for (int level = 5; level <= Log::kMaxLevel; ++level) {
-    if (level <= logLevel) Log::setLevel(level, 1);
+    if (level <= logLevel) logTarget_.setLevel(level, 1);
   }
 }
 
@@ -337,7 +341,7 @@ void Kavlet::describeSettings(SettingsLine* line) const {
     line->add("testpath", testPath.str());
     line->add("jobs", testJobs);
   }
-  line->add("log", Log::logFileName());
+  line->add("log", logTarget_.fileName());
   line->add("loglevel", logLevel);
 }
 

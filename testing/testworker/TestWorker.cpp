@@ -21,7 +21,9 @@
 #include <ctime>
 #include <memory>
 
+#include "base/Environment.h"
 #include "base/Log.h"
+#include "base/LogTarget.h"
 #include "base/Setup.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
@@ -87,6 +89,11 @@ void dropPrivileges() {
 
 int main(int argc, char** argv) {
   dropPrivileges();
+  // As in clockette: the LOG_* variables the program was started with
+  // decide what is logged until the worker's log is set up.
+  LogTarget startLog;
+  startLog.init(Environment::process());
+  LogTarget::Installation startLogInstalled(startLog);
   if (readSetup("COMMON") < 0) return 1;
   auto worker = std::make_unique<TestWorker>();
   int status = 1;
