@@ -76,9 +76,8 @@ void Clockette::settleConfinement() {
     confinement_.roots.push_back(kvDir.str()[0] == '/' ? kvDir.str() : ".");
   }
   confinement_.roots.insert(confinement_.roots.end(), allowedRoots.begin(), allowedRoots.end());
-  if (strcmp(Log::logFileName(), "stderr") != 0) {
-    confinement_.workerFiles.push_back(Log::logFileName());
-  }
+  std::string logName = logTarget().fileName();
+  if (logName != "stderr") confinement_.workerFiles.push_back(logName);
   for (const char* variable :
        {"CLOCKETTE_METRICS_FILE", "TIMESTAMP_PASSWORD_FILE", "KV_NOTIFY_FILE"}) {
     const char* v = getenv(variable);

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "base/Log.h"
 #include "testing/ChildProcess.h"
 #include "testing/FaultyFileSystem.h"
 #include "testing/TempDir.h"
@@ -36,8 +35,6 @@ class ClocketteTest : public ::testing::Test {
     for (const char* v : kVariables) unsetenv(v);
     unsetenv("CONFIG");
     unsetenv("ZEPH_SRV_LOG");
-    Log::setLogFile("stderr");
-    Log::init();
   }
   TempDir dir_;
 };

@@ -11,6 +11,7 @@
 #include "app/ConfigCheck.h"
 #include "base/Environment.h"
 #include "base/Log.h"
+#include "base/LogTarget.h"
 #include "base/Setup.h"
 #include "base/String.h"
 #include "kavlet/Kavlet.h"
@@ -21,10 +22,10 @@ namespace {
 const char kVersionBanner[] = "Kavane Core Kavlets CLOCKETTE 22.3.0 (Revision 22.3.0.127)";
 
 // Every log line starts with the version banner and the program path.
-void installEventPrefix(const char* program) {
+void installEventPrefix(LogTarget* target, const char* program) {
   char prefix[512];
   snprintf(prefix, sizeof prefix, "%s [program=%s] : ", kVersionBanner, program);
-  Log::setEventPrefix(prefix);
+  target->setEventPrefix(prefix);
 }
 
 // Without the common setup every setting the installation did not put into
@@ -73,11 +74,18 @@ int main(int argc, char** argv) {
     printf("%s\n", kVersionBanner);
     return 0;
   }
+  // Until the worker logs through its own target: standard error, at the
+  // levels the LOG_* variables the program was started with ask for.
+  LogTarget startLog;
+  startLog.init(Environment::process());
+  LogTarget::Installation startLogInstalled(startLog);
   Log log("main", "main", __FILE__, __LINE__, 13);
   Environment& env = Environment::process();
   String configDir = configDirectory(env);
   if (readSetup(env, "COMMON") < 0) return 1;  // CONFIG is not set; nothing runs yet
-  installEventPrefix(argc > 0 ? argv[0] : "");
+  // The worker's target takes the prefix over, and so do the lines the
+  // worker writes while it is made.
+  installEventPrefix(&startLog, argc > 0 ? argv[0] : "");
 
   auto worker = std::make_unique<Clockette>(env);
   int status = 1;

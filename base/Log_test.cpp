@@ -1,104 +1,67 @@
 #include "base/Log.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cstdlib>
 #include <string>
+#include <utility>
 
+#include "base/LogTarget.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TempDir.h"
-#include "testing/UnixDatagram.h"
 
 namespace {
 
 using namespace testing_support;
 
-class LogTest : public ::testing::Test {
- protected:
-  void TearDown() override {
-    Log::setLogFile("stderr");
-    Log::setEventPrefix("");
-    unsetenv("ZEPH_SRV_LOG");
-    for (const char* v : {"LOG_WARNING", "LOG_INFO", "LOG_DEBUG", "LOG_RPC", "LOG_ENTRY"})
-      unsetenv(v);
-    Log::init();
-  }
-};
-
-TEST_F(LogTest, PresetsLevelsZeroToFourAndVariablesOrNamesSwitchTheirLevel) {
-  setenv("LOG_WARNING", "off", 1);
-  setenv("LOG_DEBUG", "Yes", 1);
-  setenv("LOG_RPC", "ja", 1);
-  Log::init();
-  const char preset[] = "11110000011000";  // levels 0 to 13
-  for (int l = 0; l <= 13; ++l) EXPECT_EQ(Log::getLevel(l), preset[l] - '0') << l;
-  // Levels by name, and all at once.
-  EXPECT_EQ(Log::setLevel("INFO", 1), 1);
-  EXPECT_EQ(Log::getLevel(8), 1);
-  EXPECT_EQ(Log::setLevel("ENTRY", 1), 1);
-  EXPECT_EQ(Log::getLevel(13), 1);
-  EXPECT_EQ(Log::setLevel("NOSUCH", 1), 0);
-  EXPECT_EQ(Log::setLevel("ALL", 0), 1);
-  for (int l = 0; l <= 13; ++l) EXPECT_EQ(Log::getLevel(l), 0) << l;
-  EXPECT_EQ(Log::setLevel(14, 1), 0);
-  EXPECT_EQ(Log::getLevel(-1), 0);
+void logEveryWay(const char* text) {
+  Log log("Comp", "func", __FILE__, __LINE__, Log::kEntry);
+  log.msg(__LINE__, 2, "%s shown", text);
+  log.msgc("%s continued", text);
+  log.msg(__LINE__, 7, "%s hidden", text);
+  log.msgc("%s hidden continuation", text);
+  c_logmsg("module", 3, "%s from C", text);
+  c_logmsg("module", 5, "%s hidden from C", text);
 }
 
-TEST_F(LogTest, RelativeFileGoesUnderServerLogDirWithPrefixAndOnlyEnabledLevels) {
+// Lines go to the installed target at its levels; when its installation
+// ends the one before is back, and with none at all standard error at the
+// start-up levels.
+TEST(Log, ScopeObjectsWriteToTheInstalledTargetAtItsLevels) {
   TempDir dir;
-  setenv("ZEPH_SRV_LOG", dir.path().c_str(), 1);
-  ASSERT_EQ(Log::setLogFile("worker.log"), 1);
-  EXPECT_EQ(std::string(Log::logFileName()), dir.file("worker.log"));
-  Log::setEventPrefix("BANNER [program=/x/y] : ");
-  Log::init();
-  Log::unsetLevel(7);
+  LogTarget outer;
+  LogTarget inner;
+  ASSERT_EQ(outer.setFile(dir.file("outer.log").c_str(), MapEnvironment()), 1);
+  ASSERT_EQ(inner.setFile(dir.file("inner.log").c_str(), MapEnvironment()), 1);
+  inner.setLevel(Log::kEntry, 1);
+  testing::internal::CaptureStderr();
   {
-    Log log("Comp", "func", __FILE__, __LINE__, 13);
-    log.msg(__LINE__, 2, "shown %d", 42);
-    log.msgc("continued %s", "here");
-    log.msg(__LINE__, 7, "hidden");
-    log.msgc("hidden continuation");
+    LogTarget::Installation installedOuter(outer);
+    {
+      LogTarget::Installation installedInner(inner);
+      EXPECT_EQ(c_logging(Log::kEntry), 1);
+      logEveryWay("inner");
+    }
+    EXPECT_EQ(c_logging(Log::kEntry), 0);
+    logEveryWay("outer");
   }
-  Log::setLogFile("stderr");
-  std::string text = readFile(dir.file("worker.log"));
-  for (const char* part : {"BANNER [program=/x/y] : ", "Comp::func: shown 42", "continued here"})
-    EXPECT_TRUE(contains(text, part)) << text;
-  EXPECT_FALSE(contains(text, "hidden")) << text;
-  EXPECT_FALSE(contains(text, "entry")) << "level 13 is off: " << text;
-  // A file that cannot be opened keeps the old destination.
-  EXPECT_EQ(Log::setLogFile("/nonexistent-dir/x.log"), 0);
-  EXPECT_STREQ(Log::logFileName(), "stderr");
-}
+  EXPECT_EQ(Log::getLevel(Log::kWarning), 1);
+  EXPECT_EQ(Log::getLevel(Log::kWarning + 1), 0);
+  logEveryWay("none");
+  noMemMsg("module", 12);
+  std::string err = testing::internal::GetCapturedStderr();
 
-// Plays journald where none runs (this needs root); a running journal is
-// left alone.
-TEST_F(LogTest, JournalLinesCarryPriorityFromLevelAndNoBanner) {
-  struct stat st;
-  if (stat("/run/systemd/journal/socket", &st) == 0) GTEST_SKIP() << "a journal runs here";
-  mkdir("/run/systemd", 0755);
-  mkdir("/run/systemd/journal", 0755);
-  UnixDatagram journal("/run/systemd/journal/socket");
-  if (!journal.bound()) GTEST_SKIP() << "cannot play the journal here";
-  ASSERT_EQ(Log::setLogFile("journal"), 1);
-  EXPECT_STREQ(Log::logFileName(), "journal");
-  Log::setEventPrefix("BANNER : ");
-  Log::setLevel("ALL", 1);
-  Log::unsetLevel(Log::kEntry);
-  Log log("Comp", "func", __FILE__, __LINE__, 13);
-  struct {
-    int level;
-    const char* priority;
-  } cases[] = {{1, "2"}, {2, "3"}, {3, "4"}, {4, "4"}, {5, "5"}, {8, "6"}, {9, "7"}};
-  for (const auto& c : cases) {
-    log.msg(__LINE__, c.level, "level %d", c.level);
-    std::string got = journal.receive();
-    EXPECT_TRUE(contains(got, "MESSAGE=Comp::func: level " + std::to_string(c.level) + "\n"))
-        << got;
-    EXPECT_TRUE(contains(got, std::string("PRIORITY=") + c.priority + "\n")) << got;
-    EXPECT_FALSE(contains(got, "BANNER")) << got;
+  std::string innerText = readFile(dir.file("inner.log"));
+  std::string outerText = readFile(dir.file("outer.log"));
+  const std::pair<std::string, const std::string*> written[] = {
+      {"inner", &innerText}, {"outer", &outerText}, {"none", &err}};
+  for (const auto& [who, text] : written) {
+    for (const char* part : {" shown", " continued", " from C"})
+      EXPECT_EQ(count(*text, who + part), 1) << *text;
+    EXPECT_FALSE(contains(*text, "hidden")) << *text;
+    EXPECT_EQ(contains(*text, "Comp::func: entry (line "), who == "inner") << *text;
   }
-  log.msgc("more");  // a continuation keeps its message's priority
-  EXPECT_TRUE(contains(journal.receive(), "PRIORITY=7\n"));
+  EXPECT_EQ(innerText.find("outer"), std::string::npos);
+  EXPECT_TRUE(contains(err, " 2 module::: out of memory: could not allocate 12 bytes")) << err;
 }
 
 }  // namespace

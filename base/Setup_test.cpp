@@ -23,7 +23,6 @@ class SetupTest : public ::testing::Test {
     makeDir(dir_.file("setup"));
     env_.set("CONFIG", dir_.path().c_str());
   }
-  void TearDown() override { Log::init(); }
   void writePackage(const std::string& package, const std::string& text) {
     writeFile(dir_.file("setup/" + package + ".Setup"), text);
   }
@@ -61,12 +60,13 @@ TEST_F(SetupTest, LineRules) {
                    "ST_AFTER=1\n"
                    "ST_KEEP\0x=cleared\n"
                    "ST_NUL=a\0b\n"s);
-  Log::setLogFile("stderr");
-  Log::setLevel(Log::kRpc, 1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readSetup(env_, "P"), 1);
-  std::string logged = testing::internal::GetCapturedStderr();
-  Log::init();
+  std::string logged;
+  {
+    LogCapture log;
+    log.target().setLevel(Log::kRpc, 1);
+    EXPECT_EQ(readSetup(env_, "P"), 1);
+    logged = log.text();
+  }
   // Traces name the variable but never show its value.
   EXPECT_TRUE(contains(logged, "put 'ST_PKG'")) << logged;
   EXPECT_FALSE(contains(logged, "secret")) << logged;

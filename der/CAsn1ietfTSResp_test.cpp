@@ -293,9 +293,8 @@ TEST(CAsn1ietfTSResp, ToBeSignedNeedsEveryMember) {
   resp.setGenTime(time(nullptr));
   resp.setPolicy(OBJ_txt2nid("1.2.840.113549.1.9.16.1.4"));  // any known OID
   LogCapture log;
-  Log::setLevel(9, 1);
+  log.target().setLevel(Log::kDebug, 1);
   EXPECT_EQ(resp.getTBSbuf(&tbs), -1);
-  Log::setLevel(9, 0);
   EXPECT_TRUE(log.contains("Hash 0, Time 1, CertRef 0, Policy 1, SerialNo 0"));
 }
 

@@ -284,10 +284,9 @@ TEST(CAsn1ietfStatusInfo, ReadsTextsAndFailureInfo) {
   };
   for (const Case& c : cases) {
     LogCapture log;
-    Log::setLevel(9, 1);
+    log.target().setLevel(Log::kDebug, 1);
     CAsn1ietfStatusInfo info;
     EXPECT_EQ(decode(info, c.der), c.rc) << toHex(c.der);
-    Log::setLevel(9, 0);
     if (c.rc == 0) {
       EXPECT_EQ(info.statusText(), c.statusText) << toHex(c.der);
       EXPECT_EQ(info.failInfo.countSet(), c.failBits) << toHex(c.der);

@@ -16,18 +16,17 @@
 #include <vector>
 
 #include "base/List.h"
-#include "base/Log.h"
 #include "base/String.h"
 #include "docfiles/Commands.h"
 #include "docfiles/CommandsEntries.h"
 #include "docfiles/TextLine.h"
+#include "fuzz/DiscardedLog.h"
 
 namespace {
 
 std::string directory() {
   static std::string dir = [] {
-    // Millions of inputs: keep the log out of the way.
-    Log::setLogFile("/dev/null");
+    static DiscardedLog quiet;
     char name[] = "/dev/shm/fuzz_commands.XXXXXX";
     if (mkdtemp(name) == nullptr) abort();
     // Replays run in every test run: leave nothing behind. (The path is

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <vector>
 
-#include "base/Log.h"
 #include "der/CAsn1algorithmIdentifier.h"
 #include "der/CAsn1bitString.h"
 #include "der/CAsn1boolean.h"
@@ -25,16 +24,9 @@
 #include "der/CAsn1time.h"
 #include "der/Der.h"
 #include "der/asn1request.h"
+#include "fuzz/DiscardedLog.h"
 
 namespace {
-
-// Every level on, so that each message is formatted too, but written nowhere.
-struct QuietLog {
-  QuietLog() {
-    Log::setLogFile("/dev/null");
-    for (int level = 0; level < Log::kEntry; ++level) Log::setLevel(level, 1);
-  }
-};
 
 // Decodes data into object; on success encodes it again and checks the size.
 void roundTrip(CAsn1object& object, const uint8_t* data, size_t size) {
@@ -49,7 +41,8 @@ void roundTrip(CAsn1object& object, const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static QuietLog quiet;
+  // Every level on, so that each message is formatted too.
+  static DiscardedLog quiet(true);
   if (size > 1 << 20) return 0;
 
   CAsn1size length;

@@ -13,9 +13,9 @@
 #include <string>
 
 #include "base/Environment.h"
-#include "base/Log.h"
 #include "base/Setup.h"
 #include "base/String.h"
+#include "fuzz/DiscardedLog.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ CheckingEnvironment& environment() {
 
 std::string directory() {
   static std::string dir = [] {
-    Log::setLogFile("/dev/null");
+    static DiscardedLog quiet;
     char name[] = "/dev/shm/fuzz_setup.XXXXXX";
     if (mkdtemp(name) == nullptr) abort();
     // Replays run in every test run: leave nothing behind. (The path is

@@ -28,9 +28,9 @@ int Kavlet::control(int code, const char* text) {
       for (int level = kFirstNumericLevel; level <= Log::kMaxLevel; ++level) {
         log.msg(__LINE__, 9, "Setting loglevel '%d'", level);
         if (level <= value) {
-          Log::setLevel(level, 1);
+          logTarget_.setLevel(level, 1);
         } else {
-          Log::unsetLevel(level);
+          logTarget_.setLevel(level, 0);
         }
       }
     } else if (word == "setLogLevel" && left >= 2) {
@@ -39,9 +39,9 @@ int Kavlet::control(int code, const char* text) {
       i += 2;
       // Only these four spellings switch; "On" and the like do nothing.
       if (onOff == "on" || onOff == "ON") {
-        Log::setLevel(name.c_str(), 1);
+        logTarget_.setLevel(name.c_str(), 1);
       } else if (onOff == "off" || onOff == "OFF") {
-        Log::setLevel(name.c_str(), 0);
+        logTarget_.setLevel(name.c_str(), 0);
       }
     } else if (word == "print") {
       log.msg(__LINE__, 8, "print kavlet settings");

@@ -28,29 +28,25 @@ struct SleepyKavlet : Kavlet {
   int sleepSeconds = 0;
 };
 
-// Levels 5 to 13 as a string of 0/1, level 5 first.
-std::string levels() {
-  std::string s;
-  for (int level = 5; level <= Log::kMaxLevel; ++level) s += Log::getLevel(level) ? '1' : '0';
-  return s;
-}
-
 class ControlTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (int level = 5; level <= Log::kMaxLevel; ++level) Log::setLevel(level, 1);
+    for (int level = 5; level <= Log::kMaxLevel; ++level) kavlet_.logTarget().setLevel(level, 1);
   }
-  void TearDown() override {
-    exitInProgress = 0;
-    Log::init();
-    for (int level = 5; level <= Log::kMaxLevel; ++level) Log::unsetLevel(level);
+  void TearDown() override { exitInProgress = 0; }
+  // The worker's levels 5 to 13 as a string of 0/1, level 5 first.
+  std::string levels() const {
+    std::string s;
+    for (int level = 5; level <= Log::kMaxLevel; ++level)
+      s += kavlet_.logTarget().getLevel(level) ? '1' : '0';
+    return s;
   }
   SleepyKavlet kavlet_;
   int reply_ = 0;
 };
 
 TEST_F(ControlTest, LoglevelSetsFiveUpToItsValueAndUnsetsTheRest) {
-  LogCapture log;
+  LogCapture log(kavlet_.logTarget());
   testing::internal::CaptureStderr();
   EXPECT_EQ(kavlet_.control(13, "loglevel 7 print"), 1);
   std::string err = testing::internal::GetCapturedStderr();
@@ -76,11 +72,11 @@ TEST_F(ControlTest, SetLogLevelTakesOnlyTheFourSpellingsOfItsSwitch) {
       {"setLogLevel DEBUG yes", 0, 0}, {"setLogLevel DEBUG OFF", 1, 0},
       {"setLogLevel DEBUG off", 1, 0}, {"setLogLevel DEBUG Off", 1, 1},
   };
-  LogCapture quiet;
+  LogCapture quiet(kavlet_.logTarget());
   for (const Case& c : cases) {
-    Log::setLevel(9, c.debugBefore);
+    kavlet_.logTarget().setLevel(Log::kDebug, c.debugBefore);
     EXPECT_EQ(kavlet_.control(13, c.text), 1);
-    EXPECT_EQ(Log::getLevel(9), c.debugAfter) << c.text;
+    EXPECT_EQ(kavlet_.logTarget().getLevel(Log::kDebug), c.debugAfter) << c.text;
   }
 }
 

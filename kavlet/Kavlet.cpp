@@ -47,7 +47,9 @@ bool requestsTestMode(int argc, char** argv) {
 }  // namespace
 
 Kavlet::Kavlet(Environment& env)
-    : kvHost(localHostName()),
+    : logTarget_(&LogTarget::current()),
+      logInstallation_(logTarget_),
+      kvHost(localHostName()),
       kvPort(kDefaultKvPort),
       logLevel(2),
       testJobs(1),
@@ -229,15 +231,15 @@ void Kavlet::initLog() {
   if (logFile.empty()) logFile = (type.empty() ? name : type) + ".log";
   const char* dir = env_.get("ZEPH_SRV_LOG");
   serverLogDir = dir ? dir : "";
-  Log::init();
-  if (Log::setLogFile(logFile.c_str()) == 0) {
+  logTarget_.init(env_);
+  if (logTarget_.setFile(logFile.c_str(), env_) == 0) {
     log.msg(__LINE__, 2, "cannot open log file '%s': '%s'", logFile.c_str(),
             systemError(errno).c_str());
   }
   readSetup(env_, parafile.c_str());
-  Log::initFromConfig();
+  logTarget_.applyVariables(env_);
   for (int level = 5; level <= Log::kMaxLevel; ++level) {
-    if (level <= logLevel) Log::setLevel(level, 1);
+    if (level <= logLevel) logTarget_.setLevel(level, 1);
   }
 }
 
@@ -339,7 +341,7 @@ void Kavlet::describeSettings(SettingsLine* line) const {
     line->add("testpath", testPath.str());
     line->add("jobs", testJobs);
   }
-  line->add("log", Log::logFileName());
+  line->add("log", logTarget_.fileName());
   line->add("loglevel", logLevel);
 }
 

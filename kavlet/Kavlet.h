@@ -21,8 +21,13 @@
 // order or last order, a failed report, a stop signal) and connectKV returns
 // to main, which ends the worker (finishWorker, kavlet/Kv.h).
 //
+// Logging: a Kavlet owns its log target and installs it for its lifetime
+// (base/LogTarget.h). Until initLog gives it its file and levels, it logs as
+// the target installed when the Kavlet was made did (the levels and event
+// prefix main set up), on standard error.
+//
 // Threading: everything runs on the main thread except the signal thread
-// (kavlet/Signals.h), which never reaches the object.
+// (kavlet/Signals.h), which reaches the object only through its log target.
 //
 // Results follow the framework's rule: 1 for success, 0 for failure.
 #ifndef KAVLET_KAVLET_H_
@@ -34,6 +39,7 @@
 
 #include "base/Environment.h"
 #include "base/FileSystem.h"
+#include "base/LogTarget.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
 #include "kvrpc/KVclient.h"
@@ -42,6 +48,11 @@
 class SettingsLine;
 
 class Kavlet : public ToolHandler {
+  // First of all members, so that everything the worker logs, from its
+  // construction to its destruction, goes to its own target.
+  LogTarget logTarget_;
+  LogTarget::Installation logInstallation_;
+
  public:
   static constexpr int kDefaultKvPort = 4032;
 
@@ -102,6 +113,10 @@ class Kavlet : public ToolHandler {
   virtual void readEnvironment();
   // Log file, ZEPH_SRV_LOG, the -parafile package and the numeric log level.
   virtual void initLog();
+
+  // Where this worker logs: its file, levels and event prefix.
+  LogTarget& logTarget() { return logTarget_; }
+  const LogTarget& logTarget() const { return logTarget_; }
 
   // Takes the program name from path: the part after the last "/" (or "\"),
   // without a ".exe"/".EXE" suffix when something remains before it. Sets

@@ -53,9 +53,9 @@ int finishWorker(std::unique_ptr<Kavlet> worker, int status) {
     status = askedStatus;
   }
   stopSignalThread();
-  worker.reset();
+  // The summary goes to the worker's log, which ends with the worker.
   reporterFinish();
-  Log::flush();
+  worker.reset();
   fflush(nullptr);
   return status;
 }

@@ -41,9 +41,10 @@ std::recursive_mutex& kvWorkerLock();
 // failed): after a stop signal, unless the KV's exit order came first, says
 // goodbye to the KV and makes the status 1; after a designed entry asked
 // for an end, makes the status the one it asked for. Then stops the signal
-// thread, destroys worker, writes the last summary and metrics
-// (kavlet/Reporter.h) and flushes the log and stdio. Takes kvWorkerLock for
-// good. Returns the exit status for main to end the process with.
+// thread, writes the last summary (to the worker's log) and metrics
+// (kavlet/Reporter.h), destroys worker, which closes its log, and flushes
+// stdio. Takes kvWorkerLock for good. Returns the exit status for main to
+// end the process with.
 int finishWorker(std::unique_ptr<Kavlet> worker, int status);
 
 // A stop signal: asks for the goodbye and exit status 1 (kExitError; the

@@ -13,6 +13,7 @@
 #include <cstdio>
 
 #include "base/Log.h"
+#include "base/LogTarget.h"
 #include "base/Owners.h"
 #include "base/Stop.h"
 #include "base/SystemError.h"
@@ -52,7 +53,7 @@ bool SideBySide::start(int jobs) {
   // Whatever is buffered would otherwise be written once by every process.
   fflush(stdout);
   fflush(stderr);
-  Log::flush();
+  LogTarget::current().flush();
   pid_t parent = getpid();
   for (int w = 0; w < jobs; ++w) {
     int pair[2];

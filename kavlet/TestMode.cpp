@@ -100,7 +100,7 @@ int Kavlet::test() {
     fflush(stdout);
     // The reasons are in the log; the first failure says where that is.
     if (result == 0 && allDone) {
-      fprintf(stderr, "a document failed: why is in the log %s\n", Log::logFileName());
+      fprintf(stderr, "a document failed: why is in the log %s\n", logTarget_.fileName().c_str());
     }
     if (result == 0) allDone = false;
   };

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/Log.h"
+#include "base/LogTarget.h"
 #include "base/Owners.h"
 #include "base/Stop.h"
 #include "tsclient/TsSettings.h"
@@ -208,7 +209,7 @@ void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlEr
   }
   if (getenv("CURL_DEBUG") != nullptr) {
     curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
-    curl_easy_setopt(c, CURLOPT_STDERR, Log::stream());
+    curl_easy_setopt(c, CURLOPT_STDERR, LogTarget::current().stream());
     curl_easy_setopt(c, CURLOPT_VERBOSE, 1L);
   }
   if (!s.caFile.empty()) {

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "base/Log.h"
+#include "base/LogTarget.h"
 #include "base/SettingsLine.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
@@ -38,14 +38,11 @@ struct ScopedEnv {
 class TsRequestTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Log::setLevel(8, 1);
+    info_.setLevel(Log::kInfo, 1);
     ASSERT_EQ(ts_.initTimeStamper(), 0);
     source_ = dir_.file("document.pdf");
     target_ = dir_.file("document.tst");
     writeFile(source_, "%PDF-1.4 something worth a timestamp\n");
-  }
-  void TearDown() override {
-    for (int level = 5; level <= Log::kMaxLevel; ++level) Log::setLevel(level, 0);
   }
 
   // A server with its certificates in this test's directory (shared by the
@@ -58,6 +55,10 @@ class TsRequestTest : public ::testing::Test {
     return tsa;
   }
 
+  // Level 8 on, for the log captures the tests make; installed before the
+  // requester logs and ended after it.
+  LogTarget info_;
+  LogTarget::Installation infoInstalled_{info_};
   TsRequester ts_;
   TempDir dir_;
   std::string source_;

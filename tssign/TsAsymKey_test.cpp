@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "base/Log.h"
 #include "testing/ChildProcess.h"
 #include "testing/LogCapture.h"
 #include "testing/TempDir.h"
@@ -32,10 +31,9 @@ class TsAsymKeyTest : public ::testing::Test {
     delete dsa_;
   }
   void SetUp() override {
-    Log::setLevel(7, 1);
-    Log::setLevel(8, 1);
+    log_.target().setLevel(7, 1);
+    log_.target().setLevel(8, 1);
   }
-  void TearDown() override { Log::init(); }
 
   // The key as an unencrypted DER file written by the openssl command, then
   // encrypted the proprietary way by "openssl enc" (EVP_BytesToKey with MD5,

@@ -23,6 +23,7 @@
 
 #include "base/Environment.h"
 #include "base/Log.h"
+#include "base/LogTarget.h"
 #include "base/Setup.h"
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
@@ -89,7 +90,12 @@ void dropPrivileges() {
 
 int main(int argc, char** argv) {
   dropPrivileges();
+  // As in clockette: the LOG_* variables the program was started with
+  // decide what is logged until the worker's log is set up.
   Environment& env = Environment::process();
+  LogTarget startLog;
+  startLog.init(env);
+  LogTarget::Installation startLogInstalled(startLog);
   if (readSetup(env, "COMMON") < 0) return 1;
   auto worker = std::make_unique<TestWorker>(env);
   int status = 1;

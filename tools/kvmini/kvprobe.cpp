@@ -35,7 +35,7 @@
 #include <string>
 
 #include "base/Environment.h"
-#include "base/Log.h"
+#include "base/LogTarget.h"
 #include "kvrpc/HostIdent.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolService.h"
@@ -93,16 +93,19 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Log::init();
+  const Environment& env = Environment::process();
+  LogTarget logTarget;
+  logTarget.init(env);
+  LogTarget::Installation logInstalled(logTarget);
   KvClient kv;
   ProbeHandler probe(&kv);
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
     if (strcmp(argv[i], "-l") == 0 && i + 1 < argc) {
       int level = atoi(argv[++i]);
-      for (int l = 5; l <= level && l <= Log::kMaxLevel; ++l) Log::setLevel(l, 1);
+      for (int l = 5; l <= level && l <= Log::kMaxLevel; ++l) logTarget.setLevel(l, 1);
     } else if (strcmp(argv[i], "-log") == 0 && i + 1 < argc) {
-      Log::setLogFile(argv[++i]);
+      logTarget.setFile(argv[++i], env);
     } else if (strcmp(argv[i], "-opwork") == 0) {
       opAfterWork = true;
     } else {
@@ -163,7 +166,7 @@ int main(int argc, char** argv) {
     } else if (step == "serve") {
       ToolNext next = kv.service().serve();
       if (next != ToolNext::kGoOn) {
-        Log::flush();
+        logTarget.flush();
         return toolExitStatus(next);
       }
       out("served");
@@ -171,6 +174,6 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
-  Log::flush();
+  logTarget.flush();
   return 0;
 }

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "base/Log.h"
+#include "base/LogTarget.h"
 #include "docfiles/Document.h"
 #include "tools/verify/StampAudit.h"
 #include "tools/verify/StampedFiles.h"
@@ -107,7 +107,10 @@ std::string jsonRecord(const StampedFile& stamp, const StampAudit& audit) {
 int main(int argc, char** argv) {
   Options options;
   if (!parseOptions(argc, argv, &options)) return usage(argv[0]);
-  for (int level = 0; level <= 13; ++level) Log::setLevel(level, options.verbose && level <= 2);
+  LogTarget logTarget;
+  for (int level = 0; level <= 13; ++level)
+    logTarget.setLevel(level, options.verbose && level <= 2);
+  LogTarget::Installation logInstalled(logTarget);
 
   TokenTrust trust;
   std::string error;
