@@ -53,6 +53,7 @@ Kavlet::Kavlet(Environment& env)
       testJobs(1),
       errorComment("could not process document"),
       okComment("document has been processed"),
+      kvClient(env),
       kvTest(0),
       errorStatus("error"),
       okStatus("ok"),

@@ -94,7 +94,7 @@ int usage() {
 
 int main(int argc, char** argv) {
   Log::init();
-  KvClient kv;
+  KvClient kv(Environment::process());
   ProbeHandler probe(&kv);
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
@@ -145,9 +145,9 @@ int main(int argc, char** argv) {
     } else if (step == "port") {
       out("port %u socket %d", kv.service().port(), kv.service().socket());
     } else if (step == "myname") {
-      out("myname %s", MY_HOST_NAME());
+      out("myname %s", kv.hostIdent().name());
       char text[80];
-      for (const HostAddress& a : getMyInetAddr()) {
+      for (const HostAddress& a : kv.hostIdent().addresses()) {
         out("myaddr %s", addressText(a.sa(), 0, text, sizeof text));
       }
     } else if (step == "resolve" && left >= 1) {
