@@ -186,7 +186,7 @@ int KvClient::KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   int sock = RPC_ANYSOCK;
   CLIENT* c = clntudp_create(kv.sa(), KVPROG + s.programOffset, KVVERS, s.sharedTimeout, &sock);
   if (c == nullptr) {
-    log.msg(__LINE__, 2, "%s", clnt_spcreateerror("clntudp_create"));
+    log.msg(__LINE__, 2, "%s", clnt_spcreateerror("clntudp_create").c_str());
     clnt_pcreateerror("clntudp_create");
     return -4;
   }
