@@ -34,6 +34,7 @@
 
 #include "base/Environment.h"
 #include "base/FileSystem.h"
+#include "base/Notify.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
 #include "kvrpc/KVclient.h"
@@ -207,9 +208,13 @@ class Kavlet : public ToolHandler {
 
   // Where the worker's settings live.
   Environment& env() const { return env_; }
+  // The operators' alarm channel, with the notify file (KV_NOTIFY_FILE) as
+  // init found it.
+  Notifier& notifier() { return *notifier_; }
 
  private:
   Environment& env_;
+  std::unique_ptr<Notifier> notifier_;
   // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
   // takes them (kavlet/Signals.h), which connectKV starts.
   void installHandlers();
