@@ -41,7 +41,6 @@ class ControlTest : public ::testing::Test {
     for (int level = 5; level <= Log::kMaxLevel; ++level) Log::setLevel(level, 1);
   }
   void TearDown() override {
-    exitInProgress = 0;
     Log::init();
     for (int level = 5; level <= Log::kMaxLevel; ++level) Log::unsetLevel(level);
   }
@@ -127,13 +126,13 @@ TEST_F(ControlTest, ExitOrderSignalsAndConsoleEventsDecideWhatHappensNext) {
   } cases[] = {
       {"control", [this] { return kavlet_.onControlMessage(13, "kvTestOn", &reply_); },
        ToolNext::kGoOn, 1, "turn kvTest on"},
-      {"logoff", [] { return onConsoleEvent(kConsoleLogoffEvent); }, ToolNext::kGoOn, -1, ""},
+      {"logoff", [this] { return kavlet_.workerEnd().onConsoleEvent(kConsoleLogoffEvent); }, ToolNext::kGoOn, -1, ""},
       {"exit order", [this] { return kavlet_.onControlMessage(0, nullptr, &reply_); },
        ToolNext::kExitOk, -1, "That's it for me, I'm exiting "},
       // From here on the KV's exit order is in progress.
-      {"signal", [] { return onStopSignal(2); }, ToolNext::kGoOn, -1,
+      {"signal", [this] { return kavlet_.workerEnd().onStopSignal(2); }, ToolNext::kGoOn, -1,
        "exit already in progress, forced by KV -> no work"},
-      {"close", [] { return onConsoleEvent(kConsoleCloseEvent); }, ToolNext::kGoOn, -1,
+      {"close", [this] { return kavlet_.workerEnd().onConsoleEvent(kConsoleCloseEvent); }, ToolNext::kGoOn, -1,
        "exit already in progress, forced by KV -> no work"},
   };
   for (const Case& c : cases) {
@@ -147,7 +146,7 @@ TEST_F(ControlTest, ExitOrderSignalsAndConsoleEventsDecideWhatHappensNext) {
       EXPECT_TRUE(log.contains(c.logged)) << c.what << ": " << log.text();
     }
   }
-  EXPECT_EQ(exitInProgress, 1);
+  EXPECT_TRUE(kavlet_.workerEnd().exitInProgress());
 }
 
 }  // namespace

@@ -22,7 +22,8 @@
 // to main, which ends the worker (finishWorker, kavlet/Kv.h).
 //
 // Threading: everything runs on the main thread except the signal thread
-// (kavlet/Signals.h), which never reaches the object.
+// (kavlet/Signals.h), which reaches only the worker's WorkerEnd, and the
+// reporter's background thread (kavlet/Reporter.h).
 //
 // Results follow the framework's rule: 1 for success, 0 for failure.
 #ifndef KAVLET_KAVLET_H_
@@ -37,6 +38,8 @@
 #include "base/Notify.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
+#include "kavlet/Reporter.h"
+#include "kavlet/WorkerEnd.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolHandler.h"
 
@@ -211,10 +214,16 @@ class Kavlet : public ToolHandler {
   // The operators' alarm channel, with the notify file (KV_NOTIFY_FILE) as
   // init found it.
   Notifier& notifier() { return *notifier_; }
+  // What the KV's orders, signals and console events decided about the end.
+  WorkerEnd& workerEnd() { return end_; }
+  // The summary line and the metrics file.
+  Reporter& reporter() { return reporter_; }
 
  private:
   Environment& env_;
   std::unique_ptr<Notifier> notifier_;
+  WorkerEnd end_;
+  Reporter reporter_;
   // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
   // takes them (kavlet/Signals.h), which connectKV starts.
   void installHandlers();
