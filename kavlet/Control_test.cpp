@@ -9,6 +9,7 @@
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
 #include "testing/LogCapture.h"
+#include "testing/MapEnvironment.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ using namespace testing_support;
 
 // Takes "sleep <n>" as a control command of its own.
 struct SleepyKavlet : Kavlet {
-  SleepyKavlet() : Kavlet(Environment::process()) {}
+  explicit SleepyKavlet(Environment& env) : Kavlet(env) {}
   int service(const char*) override { return 1; }
   int parseAdditionalKvctrlArguments(std::vector<String>& words, int* position) override {
     size_t at = static_cast<size_t>(*position);
@@ -44,7 +45,8 @@ class ControlTest : public ::testing::Test {
     Log::init();
     for (int level = 5; level <= Log::kMaxLevel; ++level) Log::unsetLevel(level);
   }
-  SleepyKavlet kavlet_;
+  MapEnvironment env_;
+  SleepyKavlet kavlet_{env_};
   int reply_ = 0;
 };
 
