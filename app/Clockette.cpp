@@ -277,5 +277,6 @@ int Clockette::service(const char* directory) {
     log.msg(__LINE__, 2, "no document open for '%s'", dir);
     return 0;
   }
-  return DocumentStamper(document.get(), dir, &requester_, parallel, confinement_).run();
+  return DocumentStamper(document.get(), dir, &requester_, &notifier(), parallel, confinement_)
+      .run();
 }

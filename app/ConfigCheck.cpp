@@ -126,9 +126,10 @@ void checkKv(Problems* p, const Clockette& w) {
     checkHost(p, "MY_HOST_NAME", own, fix);
   } else {
     // The worker tries its short name, then its full name.
-    std::string why = unresolved(MY_HOST_NAME());
-    if (!why.empty() && !unresolved(myFullHostName()).empty()) {
-      p->push_back(std::string("MY_HOST_NAME: unset, and this host's name '") + MY_HOST_NAME() +
+    HostIdent host(w.env());
+    std::string why = unresolved(host.name());
+    if (!why.empty() && !unresolved(host.fullName()).empty()) {
+      p->push_back(std::string("MY_HOST_NAME: unset, and this host's name '") + host.name() +
                    "' does not resolve (" + why + "); " + fix);
     }
   }

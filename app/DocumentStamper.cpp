@@ -131,11 +131,12 @@ void chooseEarlyWrites(const std::vector<std::unique_ptr<Stamp>>& stamps) {
 }  // namespace
 
 DocumentStamper::DocumentStamper(Document* document, std::string directory,
-                                 TsRequester* requester, int parallel,
+                                 TsRequester* requester, Notifier* notifier, int parallel,
                                  const ConfinementSettings& confinement)
     : document_(document),
       dir_(std::move(directory)),
       requester_(requester),
+      notifier_(notifier),
       parallel_(parallel),
       confinement_(dir_, confinement) {}
 
@@ -369,6 +370,6 @@ int DocumentStamper::report(const StampFailure& f) {
       break;
   }
   int number = notificationNumber(f.result);
-  notifyOperator("SRV", "BASE", number, "ERR", notificationTemplate(number), arguments.c_str());
+  notifier_->notify("SRV", "BASE", number, "ERR", notificationTemplate(number), arguments.c_str());
   return 0;
 }

@@ -30,6 +30,7 @@
 
 class Document;
 class Log;
+class Notifier;
 class TsRequester;
 struct Stamp;
 
@@ -37,9 +38,9 @@ class DocumentStamper {
  public:
   // document: open, borrowed for the stamper's life. directory: as the work
   // cycle named it ("NULL" when it gave none). requester: configured,
-  // borrowed for the stamper's life.
+  // borrowed for the stamper's life; notifier too.
   DocumentStamper(Document* document, std::string directory, TsRequester* requester,
-                  int parallel, const ConfinementSettings& confinement);
+                  Notifier* notifier, int parallel, const ConfinementSettings& confinement);
   ~DocumentStamper();
   DocumentStamper(const DocumentStamper&) = delete;
   DocumentStamper& operator=(const DocumentStamper&) = delete;
@@ -62,6 +63,7 @@ class DocumentStamper {
   Document* document_;  // borrowed
   std::string dir_;
   TsRequester* requester_;  // borrowed
+  Notifier* notifier_;      // borrowed
   int parallel_;
   Confinement confinement_;
   std::vector<std::unique_ptr<Stamp>> stamps_;

@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <mutex>
 #include <vector>
 
 namespace {
@@ -38,19 +36,6 @@ std::vector<std::string> splitArguments(const char* text) {
     out.push_back(arg);
   }
   return out;
-}
-
-std::mutex syslogMutex;
-bool syslogOpen = false;
-
-void sendToSyslog(const String& line) {
-  std::lock_guard<std::mutex> lock(syslogMutex);
-  if (!syslogOpen) {
-    // The ident must stay valid while the log is open: a literal does.
-    openlog("clockette", LOG_PID, LOG_USER);
-    syslogOpen = true;
-  }
-  syslog(LOG_ERR, "%s", line.c_str());
 }
 
 // One write with O_APPEND, so lines of concurrent writers never interleave.
@@ -87,11 +72,26 @@ String formatNotification(const char* source, const char* area, int number, cons
   return String(out);
 }
 
-int notifyOperator(const char* source, const char* area, int number, const char* severity,
-                   const char* messageTemplate, const char* arguments) {
+Notifier::Notifier(const char* file) : file_(file ? file : "") {}
+
+Notifier::~Notifier() {
+  if (syslogOpen_) closelog();
+}
+
+void Notifier::sendToSyslog(const String& line) {
+  std::lock_guard<std::mutex> lock(syslogMutex_);
+  if (!syslogOpen_) {
+    // The ident must stay valid while the log is open: a literal does.
+    openlog("clockette", LOG_PID, LOG_USER);
+    syslogOpen_ = true;
+  }
+  syslog(LOG_ERR, "%s", line.c_str());
+}
+
+int Notifier::notify(const char* source, const char* area, int number, const char* severity,
+                     const char* messageTemplate, const char* arguments) {
   String line = formatNotification(source, area, number, severity, messageTemplate, arguments);
   sendToSyslog(line);
-  const char* file = getenv("KV_NOTIFY_FILE");
-  if (file == nullptr || *file == '\0') return 0;
-  return appendLine(file, line);
+  if (file_.empty()) return 0;
+  return appendLine(file_.c_str(), line);
 }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "testing/TempDir.h"
@@ -36,15 +35,14 @@ TEST(NotifyTest, PlaceholdersTakeTheBracedArgumentsInOrder) {
 TEST(NotifyTest, EachNotificationIsAppendedToTheNotifyFile) {
   TempDir dir;
   std::string file = dir.file("notices");
-  setenv("KV_NOTIFY_FILE", file.c_str(), 1);
-  EXPECT_EQ(notifyOperator("SRV", "BASE", 701, "ERR", "document '%1'", "{/d}"), 0);
-  EXPECT_EQ(notifyOperator("SRV", "BASE", 702, "ERR", "cannot write '%1'", "{/e}"), 0);
+  Notifier notifier(file.c_str());
+  EXPECT_EQ(notifier.notify("SRV", "BASE", 701, "ERR", "document '%1'", "{/d}"), 0);
+  EXPECT_EQ(notifier.notify("SRV", "BASE", 702, "ERR", "cannot write '%1'", "{/e}"), 0);
   EXPECT_EQ(readFile(file),
             "SRV BASE 701 ERR: document '/d'\nSRV BASE 702 ERR: cannot write '/e'\n");
-  setenv("KV_NOTIFY_FILE", dir.file("missing/notices").c_str(), 1);
-  EXPECT_EQ(notifyOperator("SRV", "BASE", 700, "ERR", "x", ""), -1);
-  unsetenv("KV_NOTIFY_FILE");
-  EXPECT_EQ(notifyOperator("SRV", "BASE", 700, "ERR", "x", ""), 0);
+  EXPECT_EQ(Notifier(dir.file("missing/notices").c_str()).notify("SRV", "BASE", 700, "ERR", "x", ""),
+            -1);
+  EXPECT_EQ(Notifier(nullptr).notify("SRV", "BASE", 700, "ERR", "x", ""), 0);
 }
 
 }  // namespace

@@ -8,8 +8,6 @@
 #include "base/Metrics.h"
 #include "base/ServiceNotify.h"
 #include "kavlet/Kavlet.h"
-#include "kavlet/Kv.h"
-#include "kavlet/Reporter.h"
 #include "kavlet/Signals.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolService.h"
@@ -47,7 +45,7 @@ int Kavlet::connectToKV(ToolHandler* handler) {
     service::notifyReady();
     return test();
   }
-  startSignalThread();
+  startSignalThread(&end_);
   setKvPort(&kvClient, kvPort);
   if (callKVhi(handler, kvHost.c_str(), 0) < 0 || stopRequested()) return 0;
   return run() == ToolNext::kExitOk ? 1 : 0;
@@ -60,13 +58,13 @@ int Kavlet::connectToKVForService(ToolHandler* handler) {
     service::notifyReady();
     return test();
   }
-  startSignalThread();
+  startSignalThread(&end_);
   setKvPort(&kvClient, kvPort);
   int rc = callKVhi(handler, kvHost.c_str(), 1);
   // Exit code 1 is the result 0 (main's mapping); the others stand for themselves.
   if (rc < 0) return rc == -1 ? 0 : -rc;
   // Held so that a signal waits for the service and its goodbye.
-  std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+  std::lock_guard<std::recursive_mutex> hold(end_.lock());
   int result = service(nullptr);
   kvClient.KVbye();
   return result;
@@ -76,14 +74,14 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
   Log log("Kavlet", "callKVhi", __FILE__, __LINE__, 13);
   // A signal during the registration waits for it, then says goodbye: the
   // goodbye must not run on the client state KVhi is filling in.
-  std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+  std::lock_guard<std::recursive_mutex> hold(end_.lock());
   int rc = kvClient.KVhi(host, type.c_str(), handler);
   KVtarget kv = kvClient.KVlastTarget();
   if (rc >= 0) {
     log.msg(__LINE__, 3, "registered with the KV at %s port %u as type '%s', orders to port %u",
             kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(),
             kvClient.service().port());
-    reporterStart(true);
+    reporter_.start(true, env_.get("CLOCKETTE_METRICS_FILE"));
     metrics::setRegistered(true);
     service::notifyReady();
     return rc;

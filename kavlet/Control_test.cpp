@@ -9,6 +9,7 @@
 #include "kavlet/Kavlet.h"
 #include "kavlet/Kv.h"
 #include "testing/LogCapture.h"
+#include "testing/MapEnvironment.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ using namespace testing_support;
 
 // Takes "sleep <n>" as a control command of its own.
 struct SleepyKavlet : Kavlet {
-  SleepyKavlet() : Kavlet(Environment::process()) {}
+  explicit SleepyKavlet(Environment& env) : Kavlet(env) {}
   int service(const char*) override { return 1; }
   int parseAdditionalKvctrlArguments(std::vector<String>& words, int* position) override {
     size_t at = static_cast<size_t>(*position);
@@ -33,7 +34,6 @@ class ControlTest : public ::testing::Test {
   void SetUp() override {
     for (int level = 5; level <= Log::kMaxLevel; ++level) kavlet_.logTarget().setLevel(level, 1);
   }
-  void TearDown() override { exitInProgress = 0; }
   // The worker's levels 5 to 13 as a string of 0/1, level 5 first.
   std::string levels() const {
     std::string s;
@@ -41,7 +41,8 @@ class ControlTest : public ::testing::Test {
       s += kavlet_.logTarget().getLevel(level) ? '1' : '0';
     return s;
   }
-  SleepyKavlet kavlet_;
+  MapEnvironment env_;
+  SleepyKavlet kavlet_{env_};
   int reply_ = 0;
 };
 
@@ -123,13 +124,13 @@ TEST_F(ControlTest, ExitOrderSignalsAndConsoleEventsDecideWhatHappensNext) {
   } cases[] = {
       {"control", [this] { return kavlet_.onControlMessage(13, "kvTestOn", &reply_); },
        ToolNext::kGoOn, 1, "turn kvTest on"},
-      {"logoff", [] { return onConsoleEvent(kConsoleLogoffEvent); }, ToolNext::kGoOn, -1, ""},
+      {"logoff", [this] { return kavlet_.workerEnd().onConsoleEvent(kConsoleLogoffEvent); }, ToolNext::kGoOn, -1, ""},
       {"exit order", [this] { return kavlet_.onControlMessage(0, nullptr, &reply_); },
        ToolNext::kExitOk, -1, "That's it for me, I'm exiting "},
       // From here on the KV's exit order is in progress.
-      {"signal", [] { return onStopSignal(2); }, ToolNext::kGoOn, -1,
+      {"signal", [this] { return kavlet_.workerEnd().onStopSignal(2); }, ToolNext::kGoOn, -1,
        "exit already in progress, forced by KV -> no work"},
-      {"close", [] { return onConsoleEvent(kConsoleCloseEvent); }, ToolNext::kGoOn, -1,
+      {"close", [this] { return kavlet_.workerEnd().onConsoleEvent(kConsoleCloseEvent); }, ToolNext::kGoOn, -1,
        "exit already in progress, forced by KV -> no work"},
   };
   for (const Case& c : cases) {
@@ -143,7 +144,7 @@ TEST_F(ControlTest, ExitOrderSignalsAndConsoleEventsDecideWhatHappensNext) {
       EXPECT_TRUE(log.contains(c.logged)) << c.what << ": " << log.text();
     }
   }
-  EXPECT_EQ(exitInProgress, 1);
+  EXPECT_TRUE(kavlet_.workerEnd().exitInProgress());
 }
 
 }  // namespace

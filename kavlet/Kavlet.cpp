@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "base/Environment.h"
@@ -55,11 +56,13 @@ Kavlet::Kavlet(Environment& env)
       testJobs(1),
       errorComment("could not process document"),
       okComment("document has been processed"),
+      kvClient(env),
       kvTest(0),
       errorStatus("error"),
       okStatus("ok"),
       suspendTime(300),
-      env_(env) {
+      env_(env),
+      notifier_(std::make_unique<Notifier>(env.get("KV_NOTIFY_FILE"))) {
   Log log("Kavlet", "Kavlet", __FILE__, __LINE__, 13);
   installHandlers();
 }
@@ -87,6 +90,8 @@ int Kavlet::init(int argc, char** argv) {
   parseArgv(argc, argv);
   if (usageShown) return 0;
   initLog();
+  // The -env and -parafile packages may have named the file.
+  notifier_ = std::make_unique<Notifier>(env_.get("KV_NOTIFY_FILE"));
   documentOptions =
       readDocumentOptions(env_.get("KV_PROTOCOL"), env_.get("DOUBLE_QUOTED_COMMANDS_ARGUMENTS"));
   return 1;

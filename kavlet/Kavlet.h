@@ -27,7 +27,8 @@
 // prefix main set up), on standard error.
 //
 // Threading: everything runs on the main thread except the signal thread
-// (kavlet/Signals.h), which reaches the object only through its log target.
+// (kavlet/Signals.h), which reaches only the worker's WorkerEnd and its log
+// target, and the reporter's background thread (kavlet/Reporter.h).
 //
 // Results follow the framework's rule: 1 for success, 0 for failure.
 #ifndef KAVLET_KAVLET_H_
@@ -40,8 +41,11 @@
 #include "base/Environment.h"
 #include "base/FileSystem.h"
 #include "base/LogTarget.h"
+#include "base/Notify.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
+#include "kavlet/Reporter.h"
+#include "kavlet/WorkerEnd.h"
 #include "kvrpc/KVclient.h"
 #include "kvrpc/ToolHandler.h"
 
@@ -222,9 +226,19 @@ class Kavlet : public ToolHandler {
 
   // Where the worker's settings live.
   Environment& env() const { return env_; }
+  // The operators' alarm channel, with the notify file (KV_NOTIFY_FILE) as
+  // init found it.
+  Notifier& notifier() { return *notifier_; }
+  // What the KV's orders, signals and console events decided about the end.
+  WorkerEnd& workerEnd() { return end_; }
+  // The summary line and the metrics file.
+  Reporter& reporter() { return reporter_; }
 
  private:
   Environment& env_;
+  std::unique_ptr<Notifier> notifier_;
+  WorkerEnd end_;
+  Reporter reporter_;
   // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
   // takes them (kavlet/Signals.h), which connectKV starts.
   void installHandlers();

@@ -10,6 +10,7 @@
 #include "base/Log.h"
 #include "base/Setup.h"
 #include "testing/ChildProcess.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -17,32 +18,24 @@ namespace {
 using namespace testing_support;
 
 struct TestKavlet : Kavlet {
-  TestKavlet() : Kavlet(Environment::process()) {}
+  explicit TestKavlet(Environment& env) : Kavlet(env) {}
   int service(const char*) override { return 1; }
 };
 
-const char* const kVariables[] = {"KVHOST",    "KVPORT",   "KVDIR",       "LOGLEVEL",
-                                  "LOG_DEBUG", "LOG_INFO", "LOG_WARNING", "LOG_RPC",
-                                  "LOG_ENTRY", "KT_ORDER", "CONFIG",      "ZEPH_SRV_LOG"};
-
 // Each test gets a configuration directory ($CONFIG/setup) and a log
-// directory (ZEPH_SRV_LOG), and leaves the environment and the current
-// directory as it found them.
+// directory (ZEPH_SRV_LOG) in settings of its own, and leaves the current
+// directory as it found it.
 class KavletTest : public ::testing::Test {
  protected:
   void SetUp() override {
     char cwd[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     cwd_ = cwd;
-    for (const char* v : kVariables) unsetenv(v);
     for (const char* d : {"setup", "logs"}) makeDir(config_.file(d));
-    setenv("CONFIG", config_.path().c_str(), 1);
-    setenv("ZEPH_SRV_LOG", config_.file("logs").c_str(), 1);
+    env_.set("CONFIG", config_.path().c_str());
+    env_.set("ZEPH_SRV_LOG", config_.file("logs").c_str());
   }
-  void TearDown() override {
-    ASSERT_EQ(chdir(cwd_.c_str()), 0);
-    for (const char* v : kVariables) unsetenv(v);
-  }
+  void TearDown() override { ASSERT_EQ(chdir(cwd_.c_str()), 0); }
   void writePackage(const std::string& package, const std::string& text) {
     writeFile(config_.file("setup/" + package + ".Setup"), text);
   }
@@ -50,6 +43,7 @@ class KavletTest : public ::testing::Test {
     return readFile(std::string(CLOCKETTE_SOURCE_DIR) + "/kavlet/testdata/" + name);
   }
   TempDir config_;
+  MapEnvironment env_;
   std::string cwd_;
 };
 
@@ -67,7 +61,7 @@ TEST_F(KavletTest, ProgramNameRules) {
       {"dir/tool.exe.exe", "tool.exe"},
       {"", ""},
   };
-  TestKavlet k;
+  TestKavlet k(env_);
   for (const Case& c : cases) {
     EXPECT_EQ(k.setProgname(c.path), 1);
     EXPECT_EQ(k.name, c.name) << c.path;
@@ -80,7 +74,7 @@ TEST_F(KavletTest, LaterSourcesWin) {
   // beats the defaults and the command line beats everything.
   writePackage("COMMON", "KVPORT=5000\nKVHOST=commonhost\nLOGLEVEL=6\n");
   writePackage("site", "KVPORT=5001\n");
-  ASSERT_EQ(readSetup(Environment::process(), "COMMON"), 1);
+  ASSERT_EQ(readSetup(env_, "COMMON"), 1);
   struct Case {
     Argv args;
     int port, level;
@@ -95,7 +89,7 @@ TEST_F(KavletTest, LaterSourcesWin) {
        "t"},
   };
   for (Case& c : cases) {
-    TestKavlet k;
+    TestKavlet k(env_);
     ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
     EXPECT_EQ(k.kvPort, c.port);
     EXPECT_EQ(k.kvHost, c.host);
@@ -116,11 +110,11 @@ TEST_F(KavletTest, EnvPackagesAreReadInOrderIncludingEmptyNames) {
     const char* order;
   } cases[] = {{"a,,b", "aebe"}, {"a,", "ae"}, {"b,a", "bae"}};
   for (const Case& c : cases) {
-    setenv("KT_ORDER", "", 1);
-    TestKavlet k;
+    env_.set("KT_ORDER", "");
+    TestKavlet k(env_);
     Argv a{"worker", "-env", c.list};
     ASSERT_EQ(k.init(a.argc(), a.argv()), 1);
-    EXPECT_STREQ(getenv("KT_ORDER"), c.order) << c.list;
+    EXPECT_STREQ(env_.get("KT_ORDER"), c.order) << c.list;
   }
 }
 
@@ -137,7 +131,7 @@ TEST_F(KavletTest, TestModeOption) {
       {{"w", "-testpath", "/docs"}, 2, "", "/docs"},
   };
   for (Case& c : cases) {
-    TestKavlet k;
+    TestKavlet k(env_);
     ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
     EXPECT_EQ(k.testCount, c.testCount);
     EXPECT_EQ(k.logLevel, c.level);
@@ -147,12 +141,12 @@ TEST_F(KavletTest, TestModeOption) {
 
 TEST_F(KavletTest, KvDirIsEnteredOnlyOutsideTestMode) {
   for (const char* d : {"kv", "kv/sub"}) makeDir(config_.file(d));
-  setenv("KVDIR", (config_.path() + "\\kv\\sub").c_str(), 1);  // Windows style
+  env_.set("KVDIR", (config_.path() + "\\kv\\sub").c_str());  // Windows style
   std::string expected = config_.path() + "/kv/sub";
   Argv inTest{"w", "-test"}, outside{"w"};
   for (Argv* a : {&inTest, &outside}) {
     const bool test = a == &inTest;
-    TestKavlet k;
+    TestKavlet k(env_);
     ASSERT_EQ(k.init(a->argc(), a->argv()), 1);
     EXPECT_EQ(k.kvDir, expected);
     char here[PATH_MAX], real[PATH_MAX];
@@ -177,7 +171,7 @@ TEST_F(KavletTest, LogLevelOptionAndParameterPackageSwitchLevels) {
       {{"w", "-parafile", "logging"}, "11110000010000"},
   };
   for (Case& c : cases) {
-    TestKavlet k;
+    TestKavlet k(env_);
     ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
     for (int level = 0; level <= 13; ++level)
       EXPECT_EQ(k.logTarget().getLevel(level), c.levels[level] - '0')
@@ -192,7 +186,7 @@ TEST_F(KavletTest, LogFileGoesUnderServerLogDir) {
   } cases[] = {{{"/bin/w", "-type", "stamper", "-loglevel", "13"}, "stamper.log"},
                {{"/bin/w", "-type", "", "-logfile", "sub.log"}, "sub.log"}};
   for (Case& c : cases) {
-    TestKavlet k;
+    TestKavlet k(env_);
     ASSERT_EQ(k.init(c.args.argc(), c.args.argv()), 1);
     EXPECT_EQ(k.logFile, c.file);
     EXPECT_EQ(k.serverLogDir, config_.file("logs"));
@@ -218,7 +212,7 @@ TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndEndTheStart) {
       {{"w", "-P"}, "unknown option '-P'\n\n\n"},
   };
   for (Case& c : cases) {
-    TestKavlet k;
+    TestKavlet k(env_);
     testing::internal::CaptureStderr();
     EXPECT_EQ(k.init(c.argv.argc(), c.argv.argv()), 0);
     EXPECT_TRUE(k.usageShown);
@@ -228,7 +222,7 @@ TEST_F(KavletTest, HelpAndUnknownOptionsPrintTheUsageAndEndTheStart) {
 }
 
 TEST_F(KavletTest, UsageSettingsAndVersionTexts) {
-  TestKavlet k;
+  TestKavlet k(env_);
   k.setProgname("/bin/worker");
   k.type = "stamper";
   testing::internal::CaptureStderr();

@@ -1,12 +1,7 @@
 #include "kavlet/Reporter.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <mutex>
-#include <thread>
 
 #include "base/Log.h"
 #include "base/Metrics.h"
@@ -14,88 +9,72 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr std::chrono::seconds kMetricsInterval(60);
 constexpr std::chrono::seconds kSummaryInterval(3600);
 
-struct ReporterState {
-  std::mutex mutex;
-  std::condition_variable wake;
-  bool started = false;
-  bool serving = false;
-  bool finished = false;
-  Clock::time_point start;
-  std::string metricsPath;
-  uint64_t writtenChanges = ~uint64_t{0};  // nothing written yet
-};
+}  // namespace
 
-// Never destroyed: the background thread may outlive main.
-ReporterState& state() {
-  static ReporterState* s = new ReporterState;
-  return *s;
+Reporter::~Reporter() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    finished_ = true;
+  }
+  endThread();
 }
 
-void logSummary() {
+void Reporter::logSummary() const {
   Log log("Reporter", "summary", __FILE__, __LINE__, 13);
-  log.msg(__LINE__, 3, "%s", reporterSummary().c_str());
+  log.msg(__LINE__, 3, "%s", summary().c_str());
 }
 
-// Writes the metrics file unless nothing changed since the last write.
-void writeMetrics(ReporterState& s) {
-  if (s.metricsPath.empty()) return;
+void Reporter::writeMetrics() {
+  if (metricsPath_.empty()) return;
   uint64_t changes = metrics::totals().changes;
-  if (changes == s.writtenChanges) return;
-  int err = metrics::writePrometheusFile(s.metricsPath);
+  if (changes == writtenChanges_) return;
+  int err = metrics::writePrometheusFile(metricsPath_);
   if (err != 0) {
     Log log("Reporter", "writeMetrics", __FILE__, __LINE__, 13);
-    log.msg(__LINE__, 4, "cannot write the metrics file '%s': '%s'", s.metricsPath.c_str(),
+    log.msg(__LINE__, 4, "cannot write the metrics file '%s': '%s'", metricsPath_.c_str(),
             systemError(err).c_str());
     return;
   }
-  s.writtenChanges = changes;
+  writtenChanges_ = changes;
 }
 
-void backgroundLoop() {
-  ReporterState& s = state();
-  std::unique_lock<std::mutex> lock(s.mutex);
-  Clock::time_point nextMetrics = s.start + kMetricsInterval;
-  Clock::time_point nextSummary = s.start + kSummaryInterval;
-  while (!s.finished) {
-    Clock::time_point until = s.serving ? std::min(nextMetrics, nextSummary) : nextMetrics;
-    if (s.wake.wait_until(lock, until, [&] { return s.finished; })) break;
+void Reporter::backgroundLoop() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  Clock::time_point nextMetrics = start_ + kMetricsInterval;
+  Clock::time_point nextSummary = start_ + kSummaryInterval;
+  while (!finished_) {
+    Clock::time_point until = serving_ ? std::min(nextMetrics, nextSummary) : nextMetrics;
+    if (wake_.wait_until(lock, until, [&] { return finished_; })) break;
     Clock::time_point now = Clock::now();
     if (now >= nextMetrics) {
-      writeMetrics(s);
+      writeMetrics();
       nextMetrics = now + kMetricsInterval;
     }
-    if (s.serving && now >= nextSummary) {
+    if (serving_ && now >= nextSummary) {
       logSummary();
       nextSummary += kSummaryInterval;
     }
   }
 }
 
-}  // namespace
-
-void reporterStart(bool serving) {
-  ReporterState& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (s.started) return;
-  s.started = true;
-  s.serving = serving;
-  s.start = Clock::now();
-  const char* path = getenv("CLOCKETTE_METRICS_FILE");
-  s.metricsPath = path ? path : "";
-  if (s.metricsPath.empty() && !serving) return;
-  std::thread(backgroundLoop).detach();
+void Reporter::start(bool serving, const char* metricsPath) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (started_) return;
+  started_ = true;
+  serving_ = serving;
+  start_ = Clock::now();
+  metricsPath_ = metricsPath ? metricsPath : "";
+  if (metricsPath_.empty() && !serving) return;
+  thread_ = std::thread([this] { backgroundLoop(); });
 }
 
-std::string reporterSummary() {
-  ReporterState& s = state();
+std::string Reporter::summary() const {
   metrics::Totals t = metrics::totals();
   double seconds = 0;
-  if (s.started) seconds = std::chrono::duration<double>(Clock::now() - s.start).count();
+  if (started_) seconds = std::chrono::duration<double>(Clock::now() - start_).count();
   uint64_t documents = t.documentsOk + t.documentsFailed;
   char text[256];
   snprintf(text, sizeof text,
@@ -108,13 +87,20 @@ std::string reporterSummary() {
   return servers.empty() ? std::string(text) : std::string(text) + ", servers: " + servers;
 }
 
-void reporterFinish() {
-  ReporterState& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (!s.started || s.finished) return;
-  s.finished = true;
-  s.wake.notify_all();
-  if (s.serving) logSummary();
-  s.writtenChanges = ~uint64_t{0};  // the last state is always written
-  writeMetrics(s);
+void Reporter::finish() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!started_ || finished_) return;
+    finished_ = true;
+    wake_.notify_all();
+    if (serving_) logSummary();
+    writtenChanges_ = ~uint64_t{0};  // the last state is always written
+    writeMetrics();
+  }
+  endThread();
+}
+
+void Reporter::endThread() {
+  wake_.notify_all();
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
 }

@@ -6,23 +6,58 @@
 //   - The metrics file named by CLOCKETTE_METRICS_FILE (base/Metrics.h):
 //     written when something changed, at most once a minute, and at exit.
 //
-// One reporter per process. reporterStart starts a background thread when
-// there is something to do in the background; reporterFinish may be called
-// from any thread, more than once (only the first call acts); the worker's
-// end (finishWorker, kavlet/Kv.h) calls it.
+// The Kavlet owns its Reporter. start starts a background thread when there
+// is something to do in the background; finish ends it and may be called
+// from any thread but that one, more than once (only the first call acts);
+// the worker's end (finishWorker, kavlet/Kv.h) calls it. A Reporter that goes
+// without finish ends its thread and writes nothing.
 #ifndef KAVLET_REPORTER_H_
 #define KAVLET_REPORTER_H_
 
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
 #include <string>
+#include <thread>
 
-// Starts reporting; serving: the worker serves the KV (hourly summary and a
-// summary at the end). Only the first call acts.
-void reporterStart(bool serving);
+class Reporter {
+ public:
+  Reporter() = default;
+  ~Reporter();
+  Reporter(const Reporter&) = delete;
+  Reporter& operator=(const Reporter&) = delete;
 
-// The summary line's text for what was counted so far.
-std::string reporterSummary();
+  // Starts reporting; serving: the worker serves the KV (hourly summary and
+  // a summary at the end). metricsPath: CLOCKETTE_METRICS_FILE's value (null
+  // or empty: no metrics file). Only the first call acts.
+  void start(bool serving, const char* metricsPath);
 
-// Ends reporting: logs the summary when serving and writes the metrics file.
-void reporterFinish();
+  // The summary line's text for what was counted so far.
+  std::string summary() const;
+
+  // Ends reporting: logs the summary when serving and writes the metrics file.
+  void finish();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void backgroundLoop();
+  void logSummary() const;
+  // Writes the metrics file unless nothing changed since the last write.
+  void writeMetrics();
+  // Wakes the background thread for its end and waits for it.
+  void endThread();
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool started_ = false;
+  bool serving_ = false;
+  bool finished_ = false;
+  Clock::time_point start_;
+  std::string metricsPath_;
+  uint64_t writtenChanges_ = ~uint64_t{0};  // nothing written yet
+  std::thread thread_;
+};
 
 #endif  // KAVLET_REPORTER_H_

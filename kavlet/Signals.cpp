@@ -10,17 +10,19 @@
 #include "base/Stop.h"
 #include "base/SystemError.h"
 #include "kavlet/Kavlet.h"
-#include "kavlet/Kv.h"
+#include "kavlet/WorkerEnd.h"
 
 namespace {
 
 constexpr const char* kComponent = "Signals";
 
+// The one signal thread of the process (see Signals.h).
 std::atomic<bool> quit{false};
 pthread_t thread;
 bool started = false;
 
-void* signalThread(void*) {
+void* signalThread(void* arg) {
+  WorkerEnd* end = static_cast<WorkerEnd*>(arg);
   sigset_t set;
   workerSignalSet(&set);
   for (;;) {
@@ -28,9 +30,9 @@ void* signalThread(void*) {
     if (sigwait(&set, &signal) != 0) continue;
     if (quit) break;
     if (signal == SIGINT) {
-      sig_handler(SIGINT);
+      end->signal(SIGINT);
     } else {
-      sigwin_handler(consoleEventForSignal(signal));
+      end->consoleEvent(consoleEventForSignal(signal));
     }
     // Raised after the handler has decided (whether a goodbye is due), since
     // main may end the worker as soon as it sees the request: hashing and
@@ -68,7 +70,7 @@ void blockWorkerSignals() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-int startSignalThread() {
+int startSignalThread(WorkerEnd* end) {
   Log log(kComponent, "startSignalThread", __FILE__, __LINE__, 13);
   sigset_t set;
   workerSignalSet(&set);
@@ -76,7 +78,7 @@ int startSignalThread() {
   pthread_sigmask(SIG_BLOCK, &set, &previous);
   static std::once_flag once;
   std::call_once(once, [&]() {
-    int rc = pthread_create(&thread, nullptr, signalThread, nullptr);
+    int rc = pthread_create(&thread, nullptr, signalThread, end);
     if (rc != 0) {
       log.msg(__LINE__, 2, "cannot start the signal thread: '%s'", systemError(rc).c_str());
       return;

@@ -80,18 +80,18 @@ int Kavlet::test() {
   if (!listed) return 0;
   // A stop request waits for the document in hand (see kavlet/Kv.h).
   auto workOn = [&](size_t i) {
-    std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+    std::lock_guard<std::recursive_mutex> hold(end_.lock());
     return stopRequested() ? 0 : work(documents[i].c_str());
   };
   SideBySide side;
   bool apart = testJobs > 1 && documents.size() > 1 &&
                side.start(static_cast<int>(std::min<size_t>(testJobs, documents.size())));
-  startSignalThread();
+  startSignalThread(&end_);
   if (side.inWorker()) {
     side.serve(workOn);
     return 1;
   }
-  reporterStart(false);
+  reporter_.start(false, env_.get("CLOCKETTE_METRICS_FILE"));
   int repetitions = std::max(atoi(testCount.c_str()), 1);
   bool allDone = true;
   auto report = [&](int r, size_t i, int result) {
@@ -107,7 +107,7 @@ int Kavlet::test() {
   for (int r = 1; r <= repetitions && !stopRequested(); ++r) {
     if (apart) {
       // Held until the workers are gone: a stop's goodbye comes after them.
-      std::lock_guard<std::recursive_mutex> hold(kvWorkerLock());
+      std::lock_guard<std::recursive_mutex> hold(end_.lock());
       // One repetition at a time: a document is never worked on twice at once.
       if (!side.run(documents.size(), [&](size_t i, int result) { report(r, i, result); })) {
         allDone = false;
@@ -117,7 +117,7 @@ int Kavlet::test() {
     for (size_t i = 0; i < documents.size() && !stopRequested(); ++i) report(r, i, workOn(i));
   }
   if (stopRequested()) allDone = false;
-  log.msg(__LINE__, 3, "%s", reporterSummary().c_str());
+  log.msg(__LINE__, 3, "%s", reporter_.summary().c_str());
   printf("%s --------- finished test with %s!\n", getTime().c_str(), allDone ? "success" : "error");
   fflush(stdout);
   return allDone ? 1 : 0;

@@ -20,9 +20,9 @@ constexpr int kWithProtocol = 1;
 // How long a worker waits for a document that another process holds.
 constexpr int kDefaultLockWaitSeconds = 60;
 
-// DOCUMENT_LOCK_WAIT: seconds from 0 to 86400; anything else is the default.
-int lockWaitSeconds() {
-  const char* v = getenv("DOCUMENT_LOCK_WAIT");
+// DOCUMENT_LOCK_WAIT's value v: seconds from 0 to 86400; anything else
+// (null: unset) is the default.
+int lockWaitSeconds(const char* v) {
   if (v == nullptr || *v == '\0') return kDefaultLockWaitSeconds;
   char* end = nullptr;
   long seconds = strtol(v, &end, 10);
@@ -52,7 +52,7 @@ int Kavlet::work(const char* directory) {
   String reason = "the document's lock couldn't be taken";
   // One worker per document: held until the document is closed and deleted.
   DocumentLock lock;
-  if (lock.acquire(dir, lockWaitSeconds(), *fileSystem) == 1 &&
+  if (lock.acquire(dir, lockWaitSeconds(env_.get("DOCUMENT_LOCK_WAIT")), *fileSystem) == 1 &&
       createDocument(dir, type.c_str()) != 0 && document != nullptr) {
     // A COMMANDS that exists but cannot be read must not pass for one
     // without statements: the document would go on without its work done.

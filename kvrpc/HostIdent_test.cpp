@@ -5,12 +5,9 @@
 
 #include <string>
 
-#include "testing/KvPeers.h"
-#include "testing/TempDir.h"
+#include "testing/MapEnvironment.h"
 
 namespace {
-
-using namespace testing_support;
 
 TEST(HostIdentTest, ShortHostNameCutsAtTheFirstDotAndLowersAscii) {
   const struct {
@@ -29,31 +26,31 @@ TEST(HostIdentTest, ShortHostNameCutsAtTheFirstDotAndLowersAscii) {
   EXPECT_STREQ(small, "abc");
 }
 
-// MY_HOST_NAME and the own addresses are computed once per process, so each
-// case runs in a fresh kvprobe. The own address comes from the first of the
-// configured name, the system host name and KVHOST that resolves.
-TEST(HostIdentTest, HostNameAndAddressComeFromTheEnvironmentOrTheSystem) {
+// The own address comes from the first of the configured name, the system
+// host name and KVHOST that resolves.
+TEST(HostIdentTest, HostNameAndAddressComeFromTheSettingsOrTheSystem) {
   char system[257] = "";
   ASSERT_EQ(gethostname(system, 256), 0);
   char shortName[257];
   shortHostName(system, shortName, sizeof shortName);
   const struct {
-    const char* myHostName;
+    const char* myHostName;  // null: unset
     const char* myhostname;
     std::string expected;
   } cases[] = {
       {"localhost", "other", "localhost"},
       {"", "localhost", "localhost"},
-      {kUnset, kUnset, shortName},
-      {"[::1", kUnset, "[::1"},  // cannot resolve: the address comes from another name
+      {nullptr, nullptr, shortName},
+      {"[::1", nullptr, "[::1"},  // cannot resolve: the address comes from another name
   };
   for (const auto& c : cases) {
-    ChildOptions o;
-    o.env = {{"MY_HOST_NAME", c.myHostName}, {"MYHOSTNAME", c.myhostname}, {"KVHOST", "127.0.0.1"}};
-    ChildResult r = runChild({kvprobePath(), "myname"}, o);
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "myname " + c.expected);
-    EXPECT_TRUE(contains(r.out, "\nmyaddr ")) << r.out;
+    MapEnvironment env{{"KVHOST", "127.0.0.1"}};
+    if (c.myHostName) env.set("MY_HOST_NAME", c.myHostName);
+    if (c.myhostname) env.set("MYHOSTNAME", c.myhostname);
+    HostIdent host(env);
+    EXPECT_EQ(host.name(), c.expected);
+    EXPECT_STREQ(host.fullName(), system);
+    EXPECT_FALSE(host.addresses().empty()) << c.expected;
   }
 }
 

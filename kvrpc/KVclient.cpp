@@ -9,9 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "base/Environment.h"
 #include "base/Log.h"
-#include "kvrpc/HostIdent.h"
 #include "kvrpc/KVprot.h"
 #include "kvrpc/KvSenders.h"
 #include "rpc/Clnt.h"
@@ -48,12 +46,8 @@ void KvClient::applyOverrides(Log& log, const char** host, const char** type) {
   }
 }
 
-namespace {
-
-// The tool's own address (first address of the host) with port 0; false
-// when the host's address is unknown.
-bool ownAddress(sockaddr_kl* own) {
-  const HostAddressList& mine = getMyInetAddr();
+bool KvClient::ownAddress(sockaddr_kl* own) {
+  const HostAddressList& mine = host_.addresses();
   if (mine.empty()) return false;
   const HostAddress& a = mine.front();
   sockaddr_kl& kl = *own;
@@ -67,6 +61,8 @@ bool ownAddress(sockaddr_kl* own) {
   }
   return true;
 }
+
+namespace {
 
 // Text form of a record's address for log lines.
 std::string klText(const sockaddr_kl& kl) {
@@ -114,7 +110,8 @@ bool KvClient::startService(Log& log, const char* host, const char* caller) {
   State& s = state_;
   s.simulation = host != nullptr && strcmp(host, "DEBUG") == 0;
   if (s.simulation) log.msg(__LINE__, 5, "KVhi: simulation: no connection to KV");
-  if (service_.socket() != 0 || service_.create(s.simulation ? 17 : 0, &senders_) >= 0) {
+  if (service_.socket() != 0 ||
+      service_.create(s.simulation ? 17 : 0, &senders_, env_.get("KV_ORDER_PORT")) >= 0) {
     return true;
   }
   log.msg(__LINE__, 5, "%s: ToolCreateService() failed; creating the Kavlet service failed",
@@ -122,7 +119,7 @@ bool KvClient::startService(Log& log, const char* host, const char* caller) {
   return false;
 }
 
-KvClient::KvClient() = default;
+KvClient::KvClient(const Environment& env) : env_(env), host_(env) {}
 
 KvClient::~KvClient() {
   if (state_.registration != nullptr) clnt_destroy(state_.registration);
@@ -133,15 +130,15 @@ void KvClient::getEnv() {
   State& s = state_;
   if (s.envRead) return;
   s.envRead = true;
-  if (const char* host = getenv("kavletHOST")) {
+  if (const char* host = env_.get("kavletHOST")) {
     s.hostOverride = host;
     s.hostOverridden = true;
   }
-  if (const char* type = getenv("kavletTYPE")) {
+  if (const char* type = env_.get("kavletTYPE")) {
     s.typeOverride = type;
     s.typeOverridden = true;
   }
-  if (const char* klcto = getenv("KLCTO")) {
+  if (const char* klcto = env_.get("KLCTO")) {
     char* end = nullptr;
     s.totalTimeout = static_cast<int>(strtol(klcto, &end, 10));
     if (s.totalTimeout < 0) s.totalTimeout = 0;
@@ -153,8 +150,8 @@ void KvClient::getEnv() {
     log.msg(__LINE__, 9, "KLCTO=%s: total %d s, retry %d s", klcto, s.totalTimeout,
             s.retryInterval);
   }
-  if (const char* offset = getenv("RPC_OFFSET")) s.programOffset = atol(offset);
-  if (const char* port = getenv("KVPORT")) {
+  if (const char* offset = env_.get("RPC_OFFSET")) s.programOffset = atol(offset);
+  if (const char* port = env_.get("KVPORT")) {
     long p = atol(port);
     if (p > 0 && p <= 65535 && !s.portFixed) s.kvPort = static_cast<uint16_t>(p);
   }
@@ -173,7 +170,7 @@ int KvClient::KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   State& s = state_;
   HostAddressList addresses;
   s.lastTarget = KVtarget{orNull(host), port, ""};
-  int resolved = resolveHost(host, hostPreference(Environment::process()), &addresses);
+  int resolved = resolveHost(host, hostPreference(env_), &addresses);
   if (resolved != 0) {
     s.lastTarget.resolverError = gai_strerror(resolved);
     log.msg(__LINE__, 5, "KVconnect: cannot get addess for '%s'", orNull(host));
@@ -189,7 +186,7 @@ int KvClient::KVclnt_create(const char* host, uint16_t port, CLIENT** client) {
   int sock = RPC_ANYSOCK;
   CLIENT* c = clntudp_create(kv.sa(), KVPROG + s.programOffset, KVVERS, s.sharedTimeout, &sock);
   if (c == nullptr) {
-    log.msg(__LINE__, 2, "%s", clnt_spcreateerror("clntudp_create"));
+    log.msg(__LINE__, 2, "%s", clnt_spcreateerror("clntudp_create").c_str());
     clnt_pcreateerror("clntudp_create");
     return -4;
   }
@@ -218,7 +215,7 @@ int KvClient::KVconnect(const char* host, const char* type, uint16_t servicePort
   int rc = KVclnt_create(host, s.kvPort, &s.registration);
   if (rc != 0) return rc;
   // Before the hello: the KV may send an order as soon as it accepts us.
-  senders_.set(host, getenv("KV_ACCEPT_FROM"));
+  senders_.set(host, env_.get("KV_ACCEPT_FROM"), hostPreference(env_));
 
   s.sharedTimeout.tv_sec = s.totalTimeout;
   int answer = 0;

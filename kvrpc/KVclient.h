@@ -2,19 +2,22 @@
 // result reports (KVop), document creation (KVcrt, KVcrt2), keep-alive and
 // goodbye.
 //
-// One KvClient per worker, made by its program: it keeps the registration
-// client, the registration record, the time-outs, the KV port, the
-// environment it read (getEnv), who may call back (KvSenders.h) and the tool
+// One KvClient per worker, made by its program with the Environment its
+// settings live in: it keeps the registration client, the registration
+// record, the time-outs, the KV port, the settings it read (getEnv), the
+// host's identity (HostIdent.h), who may call back (KvSenders.h) and the tool
 // service (ToolService.h) they call, whose sockets the first KVhi/KVinfo
 // creates and which serves while the client lives.
 // Results: 0 for success, -1 to -5 for registration failures (KVstringError
 // gives their texts), 1 when a call itself failed, otherwise the KV's answer.
 // Single-threaded: called from the worker's main thread.
 //
-// Environment, read once by getEnv: kavletHOST and kavletTYPE replace the
+// Settings, read once by getEnv: kavletHOST and kavletTYPE replace the
 // host and type the caller passes; KLCTO is "total[/retry]" in seconds (default
 // 60/2); RPC_OFFSET is added to the KV's program number (never to the tool's);
 // KVPORT sets the KV's port (default 4032) unless KVSetPort was called first.
+// At each registration: KV_ACCEPT_FROM (KvSenders.h), QR_PREF_IP
+// (base/Resolver.h); KV_ORDER_PORT when the tool service is made.
 #ifndef KVRPC_KVCLIENT_H_
 #define KVRPC_KVCLIENT_H_
 
@@ -23,6 +26,8 @@
 #include <cstdint>
 #include <string>
 
+#include "base/Environment.h"
+#include "kvrpc/HostIdent.h"
 #include "kvrpc/KVprot.h"
 #include "kvrpc/KvSenders.h"
 #include "kvrpc/ToolService.h"
@@ -30,7 +35,7 @@
 class Log;
 struct CLIENT;
 
-// The own host's address could not be found (logged by getMyInetAddr): the
+// The own host's address could not be found (logged by HostIdent): the
 // result of KVhi, KVinfo, KVconnect and KVcrt that cannot tell the KV where
 // this tool is.
 constexpr int kKvOwnAddressUnknown = -6;
@@ -47,7 +52,9 @@ struct KVtarget {
 
 class KvClient {
  public:
-  KvClient();
+  // env: where the settings are read, borrowed for the client's life. They
+  // are read at the first call that needs them, not here.
+  explicit KvClient(const Environment& env);
   // Drops a registration that got no goodbye (nothing is sent).
   ~KvClient();
   KvClient(const KvClient&) = delete;
@@ -99,7 +106,7 @@ class KvClient {
   // retry interval. Returns 0 with *client set, -2 (host unknown) or -4.
   int KVclnt_create(const char* host, uint16_t port, CLIENT** client);
 
-  // Reads the environment variables above; only the first call does anything.
+  // Reads the settings above; only the first call does anything.
   void getEnv();
 
   // Where the last client was meant to reach the KV.
@@ -107,6 +114,8 @@ class KvClient {
 
   // The callback service: its port, its loop.
   ToolService& service() { return service_; }
+  // Who this host is, as announced to the KV.
+  HostIdent& hostIdent() { return host_; }
 
  private:
   struct State {
@@ -133,8 +142,13 @@ class KvClient {
   // and the callback service, created when none exists yet. false (logged)
   // when it cannot be made.
   bool startService(Log& log, const char* host, const char* caller);
+  // The own address (first address of the host) with port 0; false when the
+  // host's address is unknown.
+  bool ownAddress(sockaddr_kl* own);
 
+  const Environment& env_;
   State state_;
+  HostIdent host_;
   // Who may call the callback service; made at registration, checked by
   // the service for as long as it serves.
   KvSenders senders_;

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/RateLimit.h"
 #include "kvrpc/HostIdent.h"
@@ -61,24 +60,24 @@ void KvSenders::add(const Sender& s) {
   accepted_.push_back(s);
 }
 
-bool KvSenders::addHost(const std::string& host) {
+bool KvSenders::addHost(const std::string& host, int preference) {
   HostAddressList list;
-  if (resolveHost(host.c_str(), hostPreference(Environment::process()), &list) != 0) return false;
+  if (resolveHost(host.c_str(), preference, &list) != 0) return false;
   for (const HostAddress& a : list) add(senderOf(a.sa()));
   return true;
 }
 
-void KvSenders::set(const char* kvHost, const char* acceptFrom) {
+void KvSenders::set(const char* kvHost, const char* acceptFrom, int preference) {
   Log log("KvSenders", "KVsetSenders", __FILE__, __LINE__, 13);
   accepted_.clear();
   kvHost_ = kvHost ? kvHost : "";
   limited_ = true;
-  addHost(kvHost_);  // a KV host that does not resolve fails the registration anyway
+  addHost(kvHost_, preference);  // a KV host that does not resolve fails the registration anyway
   bool loopbackKv = false;
   for (const Sender& a : accepted_) loopbackKv = loopbackKv || isLoopback(a);
   if (loopbackKv) {
-    addHost("127.0.0.1");
-    addHost("::1");
+    addHost("127.0.0.1", preference);
+    addHost("::1", preference);
   }
 
   std::string list = acceptFrom ? acceptFrom : "";
@@ -90,7 +89,7 @@ void KvSenders::set(const char* kvHost, const char* acceptFrom) {
     if (host.empty()) continue;
     if (strcasecmp(host.c_str(), "any") == 0) {
       limited_ = false;
-    } else if (!addHost(host)) {
+    } else if (!addHost(host, preference)) {
       log.msg(__LINE__, 2, "KV_ACCEPT_FROM: cannot resolve '%s'; calls from it are refused",
               host.c_str());
     }

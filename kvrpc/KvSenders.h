@@ -40,9 +40,10 @@ class KvSenders {
   KvSenders& operator=(const KvSenders&) = delete;
 
   // Makes the set from the KV host (as resolved now) and acceptFrom, the
-  // value of KV_ACCEPT_FROM (null: unset). Names that do not resolve are
-  // logged at level 2 and left out.
-  void set(const char* kvHost, const char* acceptFrom);
+  // value of KV_ACCEPT_FROM (null: unset), resolved with the family
+  // preference (base/Resolver.h). Names that do not resolve are logged at
+  // level 2 and left out.
+  void set(const char* kvHost, const char* acceptFrom, int preference);
 
   // True when a call from addr is to be carried out.
   bool accepted(const sockaddr* addr, socklen_t len) const;
@@ -53,7 +54,7 @@ class KvSenders {
  private:
   void add(const KvSenderAddress& s);
   // Adds every address of host; false when it does not resolve.
-  bool addHost(const std::string& host);
+  bool addHost(const std::string& host, int preference);
 
   bool limited_ = false;  // false: everyone may call
   std::string kvHost_;

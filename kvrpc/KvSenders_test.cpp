@@ -44,7 +44,7 @@ TEST(KvSendersTest, OnlyTheKvAndTheNamedHostsMayCall) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.kvHost) + " / " + (c.acceptFrom ? c.acceptFrom : "unset"));
     KvSenders senders;
-    senders.set(c.kvHost, c.acceptFrom);
+    senders.set(c.kvHost, c.acceptFrom, 0);
     for (bool expected : {true, false}) {
       std::istringstream list(expected ? c.in : c.out);
       for (std::string address; list >> address;) {
@@ -54,7 +54,7 @@ TEST(KvSendersTest, OnlyTheKvAndTheNamedHostsMayCall) {
   }
   // A sender address too short to hold its family is no sender.
   KvSenders senders;
-  senders.set("192.0.2.1", nullptr);
+  senders.set("192.0.2.1", nullptr, 0);
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
   EXPECT_FALSE(senders.accepted(reinterpret_cast<sockaddr*>(&v4), 1));

@@ -47,14 +47,14 @@ int ToolOrderPort(const char* text) {
   return static_cast<int>(port);
 }
 
-int ToolService::create(int protocol, KvSenders* senders) {
+int ToolService::create(int protocol, KvSenders* senders, const char* orderPort) {
   Log log("ToolService", "ToolCreateService", __FILE__, __LINE__, 13);
 
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
   v4.sin_addr.s_addr = htonl(INADDR_ANY);
   // A fixed port lets a firewall rule for the KV's orders stay narrow.
-  const char* fixed = getenv("KV_ORDER_PORT");
+  const char* fixed = orderPort;
   int port = ToolOrderPort(fixed);
   if (port < 0) {
     log.msg(__LINE__, 2, "KV_ORDER_PORT '%s' is no UDP port from 0 to 65535, using any free port",

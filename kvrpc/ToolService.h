@@ -41,14 +41,15 @@ class ToolService {
   ToolService(const ToolService&) = delete;
   ToolService& operator=(const ToolService&) = delete;
 
-  // Creates the IPv4 service on the port KV_ORDER_PORT names (a value that
-  // is no port is logged at level 2; unset, empty or 0: an ephemeral port)
+  // Creates the IPv4 service on the port orderPort, the value of
+  // KV_ORDER_PORT, names (a value that is no port is logged at level 2;
+  // null, empty or 0: an ephemeral port)
   // and an IPv6 one on the same port, both serving only the callers that
   // senders accepts (borrowed for the life of the service; null: everyone).
   // protocol is passed on to the registration (kept for the record only; no
   // port mapper is contacted). Returns the IPv4 socket, or -1 when the IPv4
   // service cannot be made; a missing IPv6 service is logged and tolerated.
-  int create(int protocol, KvSenders* senders = nullptr);
+  int create(int protocol, KvSenders* senders = nullptr, const char* orderPort = nullptr);
 
   // Runs the service loop (svc_run) until a handler asks for the end of the
   // process, and returns what it asked; kGoOn when the loop ended otherwise

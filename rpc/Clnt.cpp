@@ -46,6 +46,7 @@ struct CLIENT {
   std::vector<char> sendBuf;
   std::vector<char> recvBuf;
   u_int replyLen = 0;  // bytes of the last reply (for clnt_freeres)
+  std::string errorText;  // what clnt_sperror returned last
 
   ~CLIENT() {
     if (closeSock && sock >= 0) close(sock);
@@ -507,10 +508,6 @@ std::string errorText(const char* s, const rpc_err& e) {
   return out;
 }
 
-// The clnt_sperror family return a pointer, as in ONC RPC: the text stays
-// here until the thread's next call.
-thread_local std::string perrorBuf;
-
 }  // namespace
 
 const char* clnt_sperrno(clnt_stat stat) {
@@ -556,19 +553,18 @@ const char* clnt_sperrno(clnt_stat stat) {
 }
 
 const char* clnt_sperror(CLIENT* cl, const char* s) {
-  perrorBuf = errorText(s, cl->err);
-  return perrorBuf.c_str();
+  cl->errorText = errorText(s, cl->err);
+  return cl->errorText.c_str();
 }
 
-const char* clnt_spcreateerror(const char* s) {
+std::string clnt_spcreateerror(const char* s) {
   rpc_err e = rpc_createerr.cf_error;
   e.re_status = rpc_createerr.cf_stat;
-  perrorBuf = errorText(s, e);
-  return perrorBuf.c_str();
+  return errorText(s, e);
 }
 
 void clnt_perror(CLIENT* cl, const char* s) { fprintf(stderr, "%s\n", clnt_sperror(cl, s)); }
 
-void clnt_pcreateerror(const char* s) { fprintf(stderr, "%s\n", clnt_spcreateerror(s)); }
+void clnt_pcreateerror(const char* s) { fprintf(stderr, "%s\n", clnt_spcreateerror(s).c_str()); }
 
 void clnt_perrno(clnt_stat stat) { fprintf(stderr, "%s", clnt_sperrno(stat)); }

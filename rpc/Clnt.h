@@ -22,6 +22,7 @@
 #include <sys/socket.h>
 
 #include <memory>
+#include <string>
 
 #include "rpc/RpcTypes.h"
 #include "rpc/Xdr.h"
@@ -136,10 +137,11 @@ bool_t clnt_control(CLIENT* cl, u_int request, void* info);
 // Status texts ("RPC: Timed out", ...).
 const char* clnt_sperrno(clnt_stat stat);
 // "<s>: <status text>[<detail>]" of the client's last error, without a newline.
-// The text lives in a thread-local buffer until the next call.
+// The text is kept in the client until its next clnt_sperror or its end.
 const char* clnt_sperror(CLIENT* cl, const char* s);
-// The same for the creation error in rpc_createerr.
-const char* clnt_spcreateerror(const char* s);
+// The same for the creation error in rpc_createerr; there is no client to
+// keep it, so the caller gets its own copy.
+std::string clnt_spcreateerror(const char* s);
 // Print the texts above, with a newline, to standard error.
 void clnt_perror(CLIENT* cl, const char* s);
 void clnt_pcreateerror(const char* s);

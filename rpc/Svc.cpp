@@ -175,7 +175,6 @@ void svc_getreq_common(RpcService& svc, int fd) {
 }
 
 void svc_dispatch_request(SVCXPRT* xprt, rpc_call_hdr* hdr) {
-  XdrRequestScope request;
   xprt->xp_xid = hdr->xid;
   if (hdr->rpcvers != RPC_MSG_VERSION) {
     rpc_reply_parts parts;

@@ -23,6 +23,7 @@
 #include <atomic>
 #include <vector>
 
+#include "base/RateLimit.h"
 #include "rpc/RpcTypes.h"
 #include "rpc/Xdr.h"
 
@@ -99,6 +100,9 @@ class RpcService {
   SVCXPRT* xports[NOFILE];  // the transport of each descriptor
   std::vector<Callout> callouts;
   std::atomic<bool> running{false};  // cleared by terminateSvcrun
+  // Anyone can send requests: the transports decode them with this limit on
+  // the log lines of refused lengths (rpc/Xdr.h).
+  RateLimit decodeRefusals{20, 60};
 };
 
 // Registers dispatch for prog/vers in the transport's service (protocol is

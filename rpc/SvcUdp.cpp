@@ -32,6 +32,7 @@ bool_t decodeCall(SVCXPRT* xprt, rpc_call_hdr* hdr) {
   UdpData* d = dataOf(xprt);
   if (d->recvLen < 4 * sizeof(uint32_t)) return FALSE;  // not even a header start
   xdrmem_create(&d->in, d->recvBuf.data(), d->recvLen, XDR_DECODE);
+  d->in.x_refusals = &xprt->xp_svc->decodeRefusals;
   return rpcmsg_decode_call(&d->in, hdr);
 }
 

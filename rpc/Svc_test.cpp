@@ -189,4 +189,21 @@ TEST(Svc, DispatchesADatagramHandedInWithoutTheLoop) {
   EXPECT_FALSE(caller.receive(&reply, 200));
 }
 
+// Anyone can send a length too large to allocate: each service logs at most
+// 20 such refusals a minute, whatever another service logged.
+TEST(Svc, RefusedLengthsAreLoggedWithinTheLimitOfEachService) {
+  testing_support::LogCapture log;
+  UdpSocket caller;
+  const sockaddr_in from = caller.address();
+  const Bytes huge = words({6, 0, 2, TESTPROG, TESTVERS, TESTPROC_ECHO, 0, 0, 0, 0, 0x08000000});
+  ServiceLoop first, second;
+  for (ServiceLoop* svc : {&first, &first, &second}) {
+    for (int i = 0; i < 15; ++i) {
+      svcudp_dispatch(svc->xprt(), huge.data(), huge.size(),
+                      reinterpret_cast<const sockaddr*>(&from), sizeof from);
+    }
+  }
+  EXPECT_EQ(log.count("cannot allocate 134217729 bytes"), 35u);
+}
+
 }  // namespace

@@ -12,16 +12,10 @@ namespace {
 
 const char kComponent[] = "xdr";
 
-// XdrRequestScopes open on this thread: the XDR routines are called with
-// no object that could carry it.
-thread_local int requestScopes = 0;
-
-// Logs a decoded length too large to allocate; see XdrRequestScope.
-void logTooLarge(long long nodesize) {
-  // One limit for every decoder: a flood of bad lengths is one flood.
-  static RateLimit limit(20, 60);
+// Logs a decoded length too large to allocate, within the stream's limit.
+void logTooLarge(const XDR* xdrs, long long nodesize) {
   int suppressed = 0;
-  if (requestScopes > 0 && !limit.admit(&suppressed)) return;
+  if (xdrs->x_refusals != nullptr && !xdrs->x_refusals->admit(&suppressed)) return;
   c_logmsg(kComponent, 2, "cannot allocate %lld bytes", nodesize);
   if (suppressed > 0) {
     c_logmsg(kComponent, 2, "cannot allocate ... suppressed %d times", suppressed);
@@ -62,9 +56,9 @@ bool_t xdrUint32(XDR* xdrs, uint32_t* v) {
 
 // Allocation of a decoded string or byte array: too large a request, or
 // running out of memory, is a decoding failure.
-char* allocDecoded(u_int nodesize) {
+char* allocDecoded(const XDR* xdrs, u_int nodesize) {
   if (nodesize > XDR_MAX_ALLOC) {
-    logTooLarge(nodesize);
+    logTooLarge(xdrs, nodesize);
     return nullptr;
   }
   char* p = static_cast<char*>(malloc(nodesize == 0 ? 1 : nodesize));
@@ -83,6 +77,7 @@ void xdrmem_create(XDR* xdrs, caddr_t addr, u_int size, xdr_op op) {
   xdrs->x_private = addr;
   xdrs->x_handy = size;
   xdrs->x_size = size;
+  xdrs->x_refusals = nullptr;
 }
 
 u_int xdr_getpos(const XDR* xdrs) { return static_cast<u_int>(xdrs->x_private - xdrs->x_base); }
@@ -208,7 +203,7 @@ bool_t xdr_bytes(XDR* xdrs, char** cpp, u_int* sizep, u_int maxsize) {
     if (nodesize == 0) return TRUE;
     if (nodesize > xdrs->x_handy) return FALSE;  // cannot be there: do not allocate
     if (sp == nullptr) {
-      sp = allocDecoded(nodesize);
+      sp = allocDecoded(xdrs, nodesize);
       if (sp == nullptr) return FALSE;
       *cpp = sp;
     }
@@ -237,12 +232,12 @@ bool_t xdr_string(XDR* xdrs, char** cpp, u_int maxsize) {
   if (xdrs->x_op == XDR_DECODE) {
     const uint64_t nodesize = static_cast<uint64_t>(size) + 1;
     if (nodesize > XDR_MAX_ALLOC) {
-      logTooLarge(static_cast<long long>(nodesize));
+      logTooLarge(xdrs, static_cast<long long>(nodesize));
       return FALSE;
     }
     if (size > xdrs->x_handy) return FALSE;  // cannot be there: do not allocate
     if (sp == nullptr) {
-      sp = allocDecoded(static_cast<u_int>(nodesize));
+      sp = allocDecoded(xdrs, static_cast<u_int>(nodesize));
       if (sp == nullptr) return FALSE;
       *cpp = sp;
     }
@@ -267,6 +262,3 @@ void xdr_free(xdrproc_t proc, void* objp) {
   xdrmem_create(&x, nullptr, 0, XDR_FREE);
   proc(&x, objp);
 }
-
-XdrRequestScope::XdrRequestScope() { ++requestScopes; }
-XdrRequestScope::~XdrRequestScope() { --requestScopes; }

@@ -23,12 +23,19 @@ enum xdr_op : int { XDR_ENCODE = 0, XDR_DECODE = 1, XDR_FREE = 2 };
 // Largest string or byte array the decoder allocates (including the NUL).
 #define XDR_MAX_ALLOC 0x8000000u
 
+class RateLimit;
+
 struct XDR {
   xdr_op x_op;
   char* x_base;     // first byte of the buffer (borrowed)
   char* x_private;  // next byte to read or write
   u_int x_handy;    // bytes left after x_private
   u_int x_size;     // size of the buffer
+  // Holds back the log lines of lengths refused as too large to allocate
+  // (borrowed); null: each is logged. A service decodes requests anyone can
+  // send with its own limit (rpc/Svc.h), at most 20 lines a minute with a
+  // "... suppressed N times" line.
+  RateLimit* x_refusals;
 };
 
 // The generic routine type. Record routines have the form
@@ -47,7 +54,7 @@ bool_t xdr_proc(XDR* xdrs, void* objp) {
   return F(xdrs, static_cast<typename XdrRoutineArg<decltype(F)>::type*>(objp));
 }
 
-// Makes a stream over size bytes at addr.
+// Makes a stream over size bytes at addr, without a limit of refusal lines.
 void xdrmem_create(XDR* xdrs, caddr_t addr, u_int size, xdr_op op);
 // Bytes consumed or produced so far.
 u_int xdr_getpos(const XDR* xdrs);
@@ -89,17 +96,5 @@ bool_t xdr_vector(XDR* xdrs, char* basep, u_int nelem, u_int elemsize, xdrproc_t
 
 // Releases what a decode allocated inside *objp (not objp itself).
 void xdr_free(xdrproc_t proc, void* objp);
-
-// While one lives on a thread, the refusals of decoding on that thread (a
-// length too large to allocate) are logged at most 20 times a minute, with a
-// "... suppressed N times" line: the service decodes requests in one, as
-// anyone can send them. Elsewhere every refusal is logged.
-class XdrRequestScope {
- public:
-  XdrRequestScope();
-  ~XdrRequestScope();
-  XdrRequestScope(const XdrRequestScope&) = delete;
-  XdrRequestScope& operator=(const XdrRequestScope&) = delete;
-};
 
 #endif  // RPC_XDR_H_

@@ -97,7 +97,7 @@ int main(int argc, char** argv) {
   LogTarget logTarget;
   logTarget.init(env);
   LogTarget::Installation logInstalled(logTarget);
-  KvClient kv;
+  KvClient kv(env);
   ProbeHandler probe(&kv);
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
@@ -148,9 +148,9 @@ int main(int argc, char** argv) {
     } else if (step == "port") {
       out("port %u socket %d", kv.service().port(), kv.service().socket());
     } else if (step == "myname") {
-      out("myname %s", MY_HOST_NAME());
+      out("myname %s", kv.hostIdent().name());
       char text[80];
-      for (const HostAddress& a : getMyInetAddr()) {
+      for (const HostAddress& a : kv.hostIdent().addresses()) {
         out("myaddr %s", addressText(a.sa(), 0, text, sizeof text));
       }
     } else if (step == "resolve" && left >= 1) {
