@@ -29,7 +29,8 @@ Clockette::Clockette(Environment& env)
       urlPath("/"),
       login(""),
       password(""),
-      parallel(kDefaultParallel) {
+      parallel(kDefaultParallel),
+      requester_(env) {
   Log log("clockette", "Clockette", __FILE__, __LINE__, 13);
 }
 

@@ -206,7 +206,7 @@ void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlEr
     // Room in the shared cache for the connections of every parallel request.
     curl_easy_setopt(c, CURLOPT_MAXCONNECTS, kKeptConnections);
   }
-  if (getenv("CURL_DEBUG") != nullptr) {
+  if (s.curlTrace) {
     curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
     curl_easy_setopt(c, CURLOPT_STDERR, Log::stream());
     curl_easy_setopt(c, CURLOPT_VERBOSE, 1L);
@@ -217,7 +217,7 @@ void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlEr
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
   } else {
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, verifyHostWanted() ? 1L : 0L);
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, s.verifyHost ? 1L : 0L);
     // Without one the server's chain is not checked; the token is.
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
   }

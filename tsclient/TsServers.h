@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+class Environment;
 class Log;
 
 // One Timestamp Server.
@@ -100,12 +101,13 @@ class TsServers {
   // Sets the servers (the primary first) and the policy; forgets holds and counts.
   void configure(const TsServer& primary, const std::vector<TsServer>& fallbacks,
                  const TsRetryPolicy& policy);
-  // configure() from TIMESTAMP_FALLBACK, TS_RETRIES (0 to 10, default 0),
+  // configure() from env's TIMESTAMP_FALLBACK, TS_RETRIES (0 to 10, default 0),
   // TS_FALLBACK_HOLD (seconds, default 60) and TS_FILE_DEADLINE (seconds,
   // default (retries + 1) * timeoutS). A value out of range or a malformed
   // server entry is logged at level 2 and left out (the default is used).
   // When the primary has a url, http and https entries are URLs as well.
-  void configureFromEnvironment(Log& log, const TsServer& primary, long timeoutS);
+  void configureFromEnvironment(Log& log, const Environment& env, const TsServer& primary,
+                                long timeoutS);
 
   // Runs attempts until one brings an answer, the failure is no passing one,
   // every server failed, the deadline passed or a stop was requested. Returns

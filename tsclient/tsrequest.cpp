@@ -12,9 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Metrics.h"
 #include "base/Platform.h"
+#include "base/Resolver.h"
 #include "base/SettingsLine.h"
 #include "base/String.h"
 #include "base/SystemError.h"
@@ -27,6 +29,7 @@
 #include "encoding/Base64Crc.h"
 #include "ossl/OpenSslErrors.h"
 #include "tsclient/CurlTransport.h"
+#include "tsclient/HashFiles.h"
 #include "tsclient/TcpTransport.h"
 #include "tsclient/TokenCheck.h"
 #include "tsclient/TsServers.h"
@@ -71,7 +74,7 @@ TsAttempt exchangeWith(Log& log, const TsSettings& settings, const TsServer& ser
                        const std::vector<unsigned char>& request, long long timeoutMs,
                        CAsn1string* response) {
   const CurlTransport http(&settings);
-  const TcpTransport tcp(settings.connectTimeoutS);
+  const TcpTransport tcp(settings.connectTimeoutS, settings.hostPreference);
   const TsTransport& transport = isHttpServer(server) ? static_cast<const TsTransport&>(http) : tcp;
   const uint64_t limit = settings.responseLimit;
   std::vector<unsigned char> buffer(limit + 1, 0);
@@ -159,11 +162,15 @@ int TsRequester::initTsServer(const char* host, uint16_t port, const char* proto
   primary.port = port;
   primary.protocol = protocol ? protocol : "";
   primary.path = path ? path : "/";
-  s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
-  s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
-  s.responseLimit = responseLimitFromEnv(log);
-  s.digestNid = getDigest();
-  bool settingsOk = readTokenSettings(log, &s);
+  s.connectTimeoutS = timeoutFromEnv(log, env_, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
+  s.totalTimeoutS = timeoutFromEnv(log, env_, "TS_TIMEOUT", kDefaultTotalTimeoutS);
+  s.responseLimit = responseLimitFromEnv(log, env_);
+  s.digestNid = getDigest(env_);
+  s.hashThreads = ::hashThreads(env_);
+  s.verifyHost = verifyHostWanted(env_);
+  s.curlTrace = env_.get("CURL_DEBUG") != nullptr;
+  s.hostPreference = hostPreference(env_);
+  bool settingsOk = readTokenSettings(log, env_, &s);
   if (url != nullptr && *url != '\0' && !parseTsUrl(url, &primary)) {
     TsServer shown;
     shown.url = url;
@@ -176,7 +183,7 @@ int TsRequester::initTsServer(const char* host, uint16_t port, const char* proto
           primary.path.c_str());
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
-  servers_.configureFromEnvironment(log, primary, s.totalTimeoutS);
+  servers_.configureFromEnvironment(log, env_, primary, s.totalTimeoutS);
   s.primary = primary;
   return settingsOk ? 0 : -1;
 }
@@ -188,7 +195,7 @@ void TsRequester::describeTimestampSettings(SettingsLine* line) const {
   line->add("hash", OBJ_nid2sn(s.digestNid));
   line->add("connect_timeout", std::to_string(s.connectTimeoutS) + "s");
   line->add("timeout", std::to_string(s.totalTimeoutS) + "s");
-  line->add("verify_host", verifyHostWanted() ? "on" : "off");
+  line->add("verify_host", s.verifyHost ? "on" : "off");
   line->add("verify_peer", s.caFile.empty() ? "off" : "on");  // TS_CAFILE
   line->addSecret("basic_auth", s.haveCredentials && s.credentials != "Og==");
   line->add("nonce", s.sendNonce ? "on" : "off");
