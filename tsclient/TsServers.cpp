@@ -55,19 +55,18 @@ std::string trimmed(const std::string& text) {
   return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
 }
 
-// Milliseconds of back-off before retry number retry (0 for the first):
-// uniformly drawn from 0 to min(30 s, 0.5 s * 2^retry), so that workers that
-// failed together do not come back together.
-long long backoffMs(int retry) {
-  thread_local std::mt19937_64 random{std::random_device{}()};
-  long long ceiling = kBackoffCapMs;
-  if (retry < 16) ceiling = std::min(kBackoffCapMs, kBackoffBaseMs << std::max(retry, 0));
-  return std::uniform_int_distribution<long long>(0, ceiling)(random);
-}
-
 bool isHttp(const std::string& protocol) { return protocol == "http" || protocol == "https"; }
 
 }  // namespace
+
+TsServers::TsServers() : random_(std::random_device{}()) {}
+
+long long TsServers::backoffMs(int retry) {
+  long long ceiling = kBackoffCapMs;
+  if (retry < 16) ceiling = std::min(kBackoffCapMs, kBackoffBaseMs << std::max(retry, 0));
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::uniform_int_distribution<long long>(0, ceiling)(random_);
+}
 
 std::string maskCredentials(const std::string& text) {
   const size_t scheme = text.find("://");

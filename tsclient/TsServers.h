@@ -16,8 +16,8 @@
 // attempt with the primary server and logs nothing of its own.
 //
 // Threading: run() may be called from several threads at once. The settings,
-// the hold table and the counts are guarded by one mutex that is never held
-// during an attempt or a wait; the jitter comes from a generator per thread.
+// the hold table, the counts and the jitter's generator are guarded by one
+// mutex that is never held during an attempt or a wait.
 // Waits end at once when a stop is requested (base/Stop.h).
 #ifndef TSCLIENT_TSSERVERS_H_
 #define TSCLIENT_TSSERVERS_H_
@@ -26,6 +26,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -94,7 +95,7 @@ using TsAttemptFunction = std::function<TsAttempt(const TsServer& server, long l
 
 class TsServers {
  public:
-  TsServers() = default;
+  TsServers();
   TsServers(const TsServers&) = delete;
   TsServers& operator=(const TsServers&) = delete;
 
@@ -132,10 +133,15 @@ class TsServers {
   void record(const std::string& name, const TsAttempt& attempt);
   void hold(const std::string& name, long long untilMs);
   void release(const std::string& name);
+  // Milliseconds of back-off before retry number retry (0 for the first):
+  // uniformly drawn from 0 to min(30 s, 0.5 s * 2^retry), so that workers
+  // that failed together do not come back together.
+  long long backoffMs(int retry);
 
   mutable std::mutex mutex_;  // guards everything below
   std::vector<Entry> entries_;
   TsRetryPolicy policy_;
+  std::mt19937_64 random_;  // the back-off jitter
 };
 
 #endif  // TSCLIENT_TSSERVERS_H_

@@ -7,7 +7,6 @@
 #include <openssl/ssl.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -70,10 +69,10 @@ bool encodeRequest(const TsSettings& s, CAsn1messageImprint* imprint,
 
 // One exchange with server for the DER request, within timeoutMs: the
 // designed exchange and its checks. The answer goes into response.
-TsAttempt exchangeWith(Log& log, const TsSettings& settings, const TsServer& server,
-                       const std::vector<unsigned char>& request, long long timeoutMs,
-                       CAsn1string* response) {
-  const CurlTransport http(&settings);
+TsAttempt exchangeWith(Log& log, const TsSettings& settings, const CurlShare& share,
+                       const TsServer& server, const std::vector<unsigned char>& request,
+                       long long timeoutMs, CAsn1string* response) {
+  const CurlTransport http(&settings, &share);
   const TcpTransport tcp(settings.connectTimeoutS, settings.hostPreference);
   const TsTransport& transport = isHttpServer(server) ? static_cast<const TsTransport&>(http) : tcp;
   const uint64_t limit = settings.responseLimit;
@@ -95,7 +94,7 @@ TsAttempt exchangeWith(Log& log, const TsSettings& settings, const TsServer& ser
   }
   if (rb.used == 0) {
     int err = errno;
-    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err));
+    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err).c_str());
     log.msgc("Timestamp Server %s", serverName(server).c_str());
     return {-8, true, "no data received"};
   }
@@ -267,20 +266,16 @@ int TsRequester::requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* res
   }
   // Retries and fallback servers, when configured, happen in here.
   return servers_.run([&](const TsServer& server, long long timeoutMs) {
-    return exchangeWith(log, settings_, server, request, timeoutMs, response);
+    return exchangeWith(log, settings_, curlShare_, server, request, timeoutMs, response);
   });
 }
 
-const char* systemErrorText(int code) {
+std::string systemErrorText(int code) {
   Log log(kComponent, "systemErrorText", __FILE__, __LINE__, 13);
-  // One buffer per thread: exchanges run on several threads at once.
-  static thread_local char buffer[256];
-  String text = systemError(code);
-  // Texts that do not fit the buffer with their NUL are cut to 254 characters.
-  size_t keep = text.str().size() >= sizeof buffer ? 254 : text.str().size();
-  memcpy(buffer, text.c_str(), keep);
-  buffer[keep] = '\0';
-  return buffer;
+  // A text of 256 characters or more is cut to 254, as the log has always shown it.
+  std::string text = systemError(code).str();
+  if (text.size() >= 256) text.resize(254);
+  return text;
 }
 
 int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp) {

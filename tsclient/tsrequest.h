@@ -40,8 +40,10 @@
 #define TSCLIENT_TSREQUEST_H_
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
+#include "tsclient/CurlShare.h"
 #include "tsclient/TsHash.h"
 #include "tsclient/TsResultFile.h"
 #include "tsclient/TsServers.h"
@@ -160,10 +162,12 @@ class TsRequester {
  private:
   const Environment& env_;
   TsSettings settings_;
-  TsServers servers_;  // the primary, the fallbacks, their holds and counts
+  TsServers servers_;     // the primary, the fallbacks, their holds and counts
+  CurlShare curlShare_;  // connections and TLS sessions of all HTTP(S) exchanges
 };
 
-// The system's text for an errno value, in a buffer of the calling thread.
-const char* systemErrorText(int code);
+// The system's text for an errno value; one of 256 characters or more is
+// cut to 254.
+std::string systemErrorText(int code);
 
 #endif  // TSCLIENT_TSREQUEST_H_
