@@ -183,8 +183,8 @@ int TcpTransport::exchange(Log& log, const TsServer& server,
                            ResponseBuffer* answer, unsigned int* offset, TsAttempt* outcome) const {
   long long deadline = steadyNowMs() + timeoutMs;
   const std::vector<unsigned char> frame = tcpRequestFrame(request);
-  UniqueFd sock(openSocketBefore(server.host.c_str(), server.port, preference_, connectTimeoutS_,
-                                   deadline));
+  UniqueFd sock(
+      openSocketBefore(server.host.c_str(), server.port, preference_, connectTimeoutS_, deadline));
   if (!sock.valid()) {
     log.msg(__LINE__, 2, "openSocket failed");
     *outcome = {-4, true, "no connection"};

@@ -33,8 +33,8 @@ struct TsSettings {
   std::string clientKeyFile;   // DER
   std::string clientCertFile;  // DER
   TsServer primary;            // as configured; retries and fallbacks live in TsServers
-  int digestNid = 0;  // TS_HASHALG, as getDigest reads it
-  int hashThreads = 1;  // TS_HASH_THREADS and the usable cores, as hashThreads reads them
+  int digestNid = 0;           // TS_HASHALG, as getDigest reads it
+  int hashThreads = 1;         // TS_HASH_THREADS and the usable cores, as hashThreads reads them
   int tstInfoNid = 0;
   int policyNid = 0;
   long connectTimeoutS = kDefaultConnectTimeoutS;
@@ -45,7 +45,7 @@ struct TsSettings {
   bool certReq = false;
   std::string policyOid;  // dotted; empty: no reqPolicy
   int policyNidRequested = 0;
-  std::string caFile;  // TLS: the server chain is checked against it when set
+  std::string caFile;                 // TLS: the server chain is checked against it when set
   bool verifyHost = false;            // TS_VERFHOST: the host name is checked without TS_CAFILE
   bool curlTrace = false;             // CURL_DEBUG: libcurl's trace goes to the log
   int hostPreference = 0;             // QR_PREF_IP: the address family tried first for raw TCP

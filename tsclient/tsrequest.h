@@ -162,7 +162,7 @@ class TsRequester {
  private:
   const Environment& env_;
   TsSettings settings_;
-  TsServers servers_;     // the primary, the fallbacks, their holds and counts
+  TsServers servers_;    // the primary, the fallbacks, their holds and counts
   CurlShare curlShare_;  // connections and TLS sessions of all HTTP(S) exchanges
 };
 
