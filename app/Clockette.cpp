@@ -29,7 +29,8 @@ Clockette::Clockette(Environment& env)
       urlPath("/"),
       login(""),
       password(""),
-      parallel(kDefaultParallel) {
+      parallel(kDefaultParallel),
+      requester_(env) {
   Log log("clockette", "Clockette", __FILE__, __LINE__, 13);
 }
 
@@ -80,7 +81,7 @@ void Clockette::settleConfinement() {
   if (logName != "stderr") confinement_.workerFiles.push_back(logName);
   for (const char* variable :
        {"CLOCKETTE_METRICS_FILE", "TIMESTAMP_PASSWORD_FILE", "KV_NOTIFY_FILE"}) {
-    const char* v = getenv(variable);
+    const char* v = env().get(variable);
     if (v != nullptr && *v != '\0') confinement_.workerFiles.push_back(v);
   }
   String config = configDirectory(env());
@@ -119,14 +120,15 @@ int Clockette::parseOneArgument(int argc, char** argv, int* position) {
 void Clockette::readEnvironment() {
   Log log("clockette", "readEnvironment", __FILE__, __LINE__, 13);
   Kavlet::readEnvironment();
-  if (const char* v = getenv("TIMESTAMP_PROTOCOL")) protocol = v;
-  if (const char* v = getenv("TIMESTAMP_HOST")) host = v;
-  if (const char* v = getenv("TIMESTAMP_PORT")) port = atoi(v);
-  if (const char* v = getenv("TIMESTAMP_URL_PATH")) urlPath = v;
-  if (const char* v = getenv("TIMESTAMP_URL")) url = v;
-  if (const char* v = getenv("TIMESTAMP_LOGIN")) login = v;
-  if (const char* v = getenv("TIMESTAMP_PASSWORD")) password = v;
-  if (const char* v = getenv("TS_PARALLEL")) {
+  const Environment& settings = env();
+  if (const char* v = settings.get("TIMESTAMP_PROTOCOL")) protocol = v;
+  if (const char* v = settings.get("TIMESTAMP_HOST")) host = v;
+  if (const char* v = settings.get("TIMESTAMP_PORT")) port = atoi(v);
+  if (const char* v = settings.get("TIMESTAMP_URL_PATH")) urlPath = v;
+  if (const char* v = settings.get("TIMESTAMP_URL")) url = v;
+  if (const char* v = settings.get("TIMESTAMP_LOGIN")) login = v;
+  if (const char* v = settings.get("TIMESTAMP_PASSWORD")) password = v;
+  if (const char* v = settings.get("TS_PARALLEL")) {
     char* end = nullptr;
     long n = strtol(v, &end, 10);
     if (end == v || *end != '\0' || n < 1 || n > kMaxParallel) {
@@ -136,7 +138,7 @@ void Clockette::readEnvironment() {
       parallel = static_cast<int>(n);
     }
   }
-  if (const char* v = getenv("TS_ALLOWED_ROOTS")) {
+  if (const char* v = settings.get("TS_ALLOWED_ROOTS")) {
     allowedRoots.clear();
     std::string roots = v;
     for (size_t start = 0; start <= roots.size();) {
@@ -147,7 +149,7 @@ void Clockette::readEnvironment() {
   }
   // Read here, so that -password still wins; a refusal is logged by init,
   // once the log is set up.
-  if (const char* v = getenv("TIMESTAMP_PASSWORD_FILE")) {
+  if (const char* v = settings.get("TIMESTAMP_PASSWORD_FILE")) {
     std::string secret;
     if (readSecretFile(v, &secret, &passwordFileProblem_)) password = secret.c_str();
   }

@@ -11,6 +11,7 @@
 
 #include "testing/ChildProcess.h"
 #include "testing/FaultyFileSystem.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TempDir.h"
 #include "testing/TestTsa.h"
 
@@ -18,30 +19,23 @@ namespace {
 
 using namespace testing_support;
 
-const char* const kVariables[] = {"TIMESTAMP_PROTOCOL", "TIMESTAMP_HOST", "TIMESTAMP_PORT",
-                                  "TIMESTAMP_URL_PATH", "KVHOST",         "TIMESTAMP_LOGIN",
-                                  "TIMESTAMP_PASSWORD", "KVPORT",         "LOGLEVEL",
-                                  "TIMESTAMP_URL"};
-
 class ClocketteTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    for (const char* v : kVariables) unsetenv(v);
-    makeDir(dir_.file("setup"));
-    setenv("CONFIG", dir_.path().c_str(), 1);
-    setenv("ZEPH_SRV_LOG", dir_.path().c_str(), 1);
-  }
-  void TearDown() override {
-    for (const char* v : kVariables) unsetenv(v);
-    unsetenv("CONFIG");
-    unsetenv("ZEPH_SRV_LOG");
+  void SetUp() override { makeDir(dir_.file("setup")); }
+  // The worker's settings: the test's directory and values, nothing else.
+  void settings(MapEnvironment* env,
+                const std::vector<std::pair<const char*, const char*>>& values = {}) {
+    env->set("CONFIG", dir_.path().c_str());
+    env->set("ZEPH_SRV_LOG", dir_.path().c_str());
+    for (const auto& [name, value] : values) env->set(name, value);
   }
   TempDir dir_;
 };
 
 TEST_F(ClocketteTest, DefaultSettingsText) {
-  setenv("KVHOST", "kvhost", 1);
-  Clockette c(Environment::process());
+  MapEnvironment env;
+  settings(&env, {{"KVHOST", "kvhost"}});
+  Clockette c(env);
   Argv a{"/opt/bin/clockette"};
   ASSERT_EQ(c.init(a.argc(), a.argv()), 1);
   testing::internal::CaptureStderr();
@@ -75,9 +69,9 @@ TEST_F(ClocketteTest, TimestampServerSettingsFromEnvironmentAndOptions) {
       // clang-format on
   };
   for (Case& c : cases) {
-    for (const char* v : kVariables) unsetenv(v);
-    for (auto& kv : c.env) setenv(kv.first, kv.second, 1);
-    Clockette tool(Environment::process());
+    MapEnvironment env;
+    settings(&env, c.env);
+    Clockette tool(env);
     ASSERT_EQ(tool.init(c.args.argc(), c.args.argv()), 1);
     EXPECT_EQ(tool.host, c.host);
     EXPECT_EQ(tool.protocol, c.protocol);
@@ -120,7 +114,9 @@ TEST_F(ClocketteTest, AFailingWriteAtAnyStepFailsTheDocumentAndLeavesItAsItWas) 
   const std::string port = std::to_string(tsa.httpPort());
   Argv a{"clockette", "-test",     "-testpath", doc.c_str(),
          "-host",     "127.0.0.1", "-port",     port.c_str()};
-  Clockette tool(Environment::process());
+  MapEnvironment env;
+  settings(&env);
+  Clockette tool(env);
   ASSERT_EQ(tool.init(a.argc(), a.argv()), 1);
   FaultyFileSystem fs;
   tool.fileSystem = &fs;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "app/Clockette.h"
 #include "base/Environment.h"
@@ -23,26 +24,32 @@
 
 namespace {
 
-using Problems = std::vector<std::string>;
+// The problems found so far, and the settings the checks look at.
+struct Problems {
+  const Environment& env;
+  int preference;  // the address family tried first (QR_PREF_IP), as the worker does
+  std::vector<std::string> lines;
 
-std::string env(const char* name) {
-  const char* v = getenv(name);
-  return v ? v : "";
-}
-
-// "" when name resolves, else the resolver's reason.
-std::string unresolved(const std::string& name) {
-  HostAddressList list;
-  int rc = resolveHost(name.c_str(), hostPreference(Environment::process()), &list);
-  return rc == 0 ? "" : gai_strerror(rc);
-}
+  void push_back(std::string line) { lines.push_back(std::move(line)); }
+  // The value of name, "" when unset.
+  std::string setting(const char* name) const {
+    const char* v = env.get(name);
+    return v ? v : "";
+  }
+  // "" when name resolves, else the resolver's reason.
+  std::string unresolved(const std::string& name) const {
+    HostAddressList list;
+    int rc = resolveHost(name.c_str(), preference, &list);
+    return rc == 0 ? "" : gai_strerror(rc);
+  }
+};
 
 void checkHost(Problems* p, const char* setting, const std::string& host, const char* fix) {
   if (host.empty()) {
     p->push_back(std::string(setting) + ": empty; " + fix);
     return;
   }
-  std::string why = unresolved(host);
+  std::string why = p->unresolved(host);
   if (!why.empty()) {
     p->push_back(std::string(setting) + ": '" + host + "' does not resolve (" + why + "); " + fix);
   }
@@ -55,7 +62,7 @@ void checkTimestampServers(Problems* p, const Clockette& w) {
     p->push_back("TIMESTAMP_PORT: " + std::to_string(w.port) +
                  " is no TCP port; set 1 to 65535 (-port)");
   }
-  std::string list = env("TIMESTAMP_FALLBACK");
+  std::string list = p->setting("TIMESTAMP_FALLBACK");
   for (size_t start = 0; start <= list.size();) {
     size_t comma = list.find(',', start);
     if (comma == std::string::npos) comma = list.size();
@@ -76,7 +83,7 @@ void checkTimestampServers(Problems* p, const Clockette& w) {
 }
 
 void checkCertificates(Problems* p) {
-  std::string ca = env("TS_CAFILE");
+  std::string ca = p->setting("TS_CAFILE");
   if (!ca.empty()) {
     BioPtr bio(BIO_new_file(ca.c_str(), "r"));
     X509Ptr first(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
@@ -86,8 +93,8 @@ void checkCertificates(Problems* p) {
                    "certificates (the system's: /etc/ssl/certs/ca-certificates.crt)");
     }
   }
-  std::string anchors = env("TS_TRUST_CA");
-  std::string certs = env("TS_TSA_CERTS");
+  std::string anchors = p->setting("TS_TRUST_CA");
+  std::string certs = p->setting("TS_TSA_CERTS");
   if (!anchors.empty() || !certs.empty()) {
     TokenTrust trust;
     std::string error;
@@ -96,7 +103,7 @@ void checkCertificates(Problems* p) {
                    "; name PEM files (or a directory of them) that the worker may read");
     }
   }
-  std::string policy = env("TS_POLICY");
+  std::string policy = p->setting("TS_POLICY");
   if (!policy.empty()) {
     ASN1_OBJECT* oid = OBJ_txt2obj(policy.c_str(), 1);
     if (oid == nullptr) {
@@ -108,7 +115,7 @@ void checkCertificates(Problems* p) {
 }
 
 void checkPasswordFile(Problems* p) {
-  std::string path = env("TIMESTAMP_PASSWORD_FILE");
+  std::string path = p->setting("TIMESTAMP_PASSWORD_FILE");
   if (path.empty()) return;
   std::string secret;
   std::string problem;
@@ -118,7 +125,7 @@ void checkPasswordFile(Problems* p) {
 }
 
 void checkKv(Problems* p, const Clockette& w) {
-  std::string own = env("MY_HOST_NAME");
+  std::string own = p->setting("MY_HOST_NAME");
   const char* fix =
       "set MY_HOST_NAME to a name or address of this host that resolves and that the KV can "
       "reach";
@@ -127,15 +134,15 @@ void checkKv(Problems* p, const Clockette& w) {
   } else {
     // The worker tries its short name, then its full name.
     HostIdent host(w.env());
-    std::string why = unresolved(host.name());
-    if (!why.empty() && !unresolved(host.fullName()).empty()) {
+    std::string why = p->unresolved(host.name());
+    if (!why.empty() && !p->unresolved(host.fullName()).empty()) {
       p->push_back(std::string("MY_HOST_NAME: unset, and this host's name '") + host.name() +
                    "' does not resolve (" + why + "); " + fix);
     }
   }
   if (!w.testCount.empty()) return;  // test mode needs no KV
   checkHost(p, "KVHOST", w.kvHost.c_str(), "set the KV's host name or address (-kvhost)");
-  const char* port = getenv("KV_ORDER_PORT");
+  const char* port = p->env.get("KV_ORDER_PORT");
   if (ToolOrderPort(port) < 0) {
     p->push_back(std::string("KV_ORDER_PORT: '") + port +
                  "' is no UDP port; set 0 (any free port) or 1 to 65535");
@@ -157,10 +164,10 @@ void checkKv(Problems* p, const Clockette& w) {
 }  // namespace
 
 std::vector<std::string> checkConfiguration(const Clockette& worker) {
-  Problems problems;
+  Problems problems{worker.env(), hostPreference(worker.env()), {}};
   checkTimestampServers(&problems, worker);
   checkCertificates(&problems);
   checkPasswordFile(&problems);
   checkKv(&problems, worker);
-  return problems;
+  return problems.lines;
 }

@@ -232,7 +232,7 @@ StampFailure DocumentStamper::hashSources() {
     for (size_t i = first; i < end; ++i) {
       jobs.push_back({stamps_[i]->planned.source, files[i - first].get(), &stamps_[i]->imprint});
     }
-    size_t failed = hashFiles(&jobs, requester_->digest(), hashThreads());
+    size_t failed = hashFiles(&jobs, requester_->digest(), requester_->hashThreads());
     if (failed < jobs.size()) {
       const PlannedStamp& p = stamps_[first + failed]->planned;
       metrics::countTimestamp(metricsCode(StampResult::kHashFailed));

@@ -3,8 +3,7 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <memory>
 
 #include "base/Log.h"
@@ -29,14 +28,6 @@ std::string gmtText(time_t t) {
   snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d GMT", tm.tm_year + 1900, tm.tm_mon + 1,
            tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
   return text;
-}
-
-// The date check can be switched off for tests with old certificates; only
-// these exact texts count (not the usual truth-value rule).
-bool ignoreValidityDates() {
-  const char* value = getenv("IgnoreCertificateValidyDates");
-  return value != nullptr &&
-         (strcmp(value, "on") == 0 || strcmp(value, "yes") == 0 || strcmp(value, "1") == 0);
 }
 
 }  // namespace
@@ -164,9 +155,9 @@ int CAsn1ietfTSResp::getTBSbuf(CAsn1string* out) {
   return signerInfo_.signedAttributes.getToBeHashedSequence(out);
 }
 
-int CAsn1ietfTSResp::addRefFromCert(const CCertInfo& cert) {
+int CAsn1ietfTSResp::addRefFromCert(const CCertInfo& cert, bool ignoreValidityDates) {
   Log log("CAsn1ietfTSResp", "addRefFromCert", __FILE__, __LINE__, 13);
-  if (!ignoreValidityDates()) {
+  if (!ignoreValidityDates) {
     if (genTime_ < cert.GetNotBefore()) {
       log.msg(__LINE__, 7, "Certificate is no valid yet. VNB: %s - Now: %s",
               cert.GetTimeNotBeforeText().c_str(), gmtText(genTime_).c_str());

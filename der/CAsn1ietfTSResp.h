@@ -86,9 +86,9 @@ class CAsn1ietfTSResp : public CAsn1tsToken {
   int getTBSbuf(CAsn1string* out);
 
   // Records the signer certificate's issuer and serial number after checking
-  // that the generation time lies within its validity (unless
-  // IgnoreCertificateValidyDates is exactly "on", "yes" or "1"). 0 or -1.
-  int addRefFromCert(const CCertInfo& cert);
+  // that the generation time lies within its validity (skipped with
+  // ignoreValidityDates, for tests with old certificates). 0 or -1.
+  int addRefFromCert(const CCertInfo& cert, bool ignoreValidityDates);
 
   // Members of a response being built.
   void setMessageImprint(const CAsn1messageImprint& imprint);

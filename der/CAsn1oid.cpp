@@ -16,7 +16,8 @@ namespace {
 
 // OpenSSL 3.0 does not lock its table of added objects: an OBJ_create at
 // start-up while another thread looks a NID up can break the lookup. Every
-// use of the table here goes through this lock.
+// use of the table here goes through this lock. It is process-wide because
+// the table it guards is OpenSSL's own, one per process.
 std::mutex& objectTable() {
   static std::mutex lock;
   return lock;

@@ -17,8 +17,6 @@
 #include "docfiles/TextLine.h"
 #include "docfiles/utl.h"
 
-void (*Commands::rewriteProbe)(int written) = nullptr;
-
 namespace {
 
 // A malloc'ed copy of text, or null when memory ran out.
@@ -375,12 +373,9 @@ int Commands::rewriteWhole() {
   Log log("Commands", "rewriteWhole", __FILE__, __LINE__, 13);
   if (closeCommands() != 1 || makeBackupCopy() != 1) return 0;
   std::string text;
-  int written = 0;
   for (const CommandsEntries& e : entries_) {
     if (e.deleted()) continue;
     text += e.key().str() + "\t" + e.value().str() + "\n";
-    ++written;
-    if (rewriteProbe != nullptr) rewriteProbe(written);
   }
   for (const String& line : toAdd_) text += line.str() + "\n";
   std::string step;
@@ -429,12 +424,9 @@ int Commands::write2(const List<String>& lines) {
 
 int Commands::write3(const List<CommandsEntries>& list) {
   Log log("Commands", "write3", __FILE__, __LINE__, 13);
-  int written = 0;
   for (const CommandsEntries& e : list) {
     if (e.deleted()) continue;
     if (writeLineToFile(e.key() + "\t" + e.value()) != 1) return 0;
-    ++written;
-    if (rewriteProbe != nullptr) rewriteProbe(written);
   }
   return 1;
 }

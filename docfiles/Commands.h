@@ -114,11 +114,6 @@ class Commands : private FileH {
   using FileH::isOpen;
   using FileH::openType;
 
-  // Test seam: when set, called after each statement written into the new
-  // copy during a rewrite with the number written so far, so that a test
-  // can stop the process in the middle of the rewrite. Null in production.
-  static void (*rewriteProbe)(int written);
-
  private:
   friend class Document;  // Document::hasReadPermission opens the file
 

@@ -8,13 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "base/Log.h"
 #include "base/LogTarget.h"
 #include "base/Owners.h"
 #include "base/Stop.h"
+#include "tsclient/CurlShare.h"
 #include "tsclient/TsSettings.h"
 
 namespace {
@@ -24,50 +24,6 @@ constexpr long kKeptConnections = 64;  // at least the largest TS_PARALLEL
 
 using CurlPtr = std::unique_ptr<CURL, FreeWith<curl_easy_cleanup>>;
 using SlistPtr = std::unique_ptr<curl_slist, FreeWith<curl_slist_free_all>>;
-
-// What the exchanges of the process share through libcurl: open connections
-// (keep-alive), name lookups and TLS sessions (resumption). Exchanges run on
-// several threads at once, so every kind of shared data has a lock of its own.
-class CurlShare {
- public:
-  CurlShare() {
-    // Once per process: curl_global_init itself is not safe to call from
-    // threads running at the same time.
-    curl_global_init(CURL_GLOBAL_NOTHING);
-    share_ = curl_share_init();
-    if (share_ == nullptr) return;
-    curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, lock);
-    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, unlock);
-    curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-  }
-  CurlShare(const CurlShare&) = delete;
-  CurlShare& operator=(const CurlShare&) = delete;
-  CURLSH* get() const { return share_; }
-
-  // The one share of the process. It lives until the process ends: easy
-  // handles may still use it while static objects are destroyed.
-  static CurlShare& instance() {
-    static CurlShare* share = new CurlShare;
-    return *share;
-  }
-
- private:
-  static void lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
-    static_cast<CurlShare*>(self)->mutexFor(data).lock();
-  }
-  static void unlock(CURL*, curl_lock_data data, void* self) {
-    static_cast<CurlShare*>(self)->mutexFor(data).unlock();
-  }
-  std::mutex& mutexFor(curl_lock_data data) {
-    return mutexes_[data >= 0 && data < CURL_LOCK_DATA_LAST ? data : 0];
-  }
-
-  CURLSH* share_ = nullptr;
-  std::mutex mutexes_[CURL_LOCK_DATA_LAST];
-};
 
 // Failures of a transfer that say nothing about the request: the next
 // attempt may well succeed.
@@ -201,13 +157,14 @@ std::string urlOf(Log& log, const TsServer& server) {
 
 // Everything of the transfer but the request: shared caches, trace, TLS,
 // redirects, time-outs, libcurl's error text and the stop check.
-void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlError) {
-  if (CURLSH* share = CurlShare::instance().get()) {
+void setTransfer(CURL* c, const TsSettings& s, CURLSH* share, long long timeoutMs,
+                 char* curlError) {
+  if (share != nullptr) {
     curl_easy_setopt(c, CURLOPT_SHARE, share);
     // Room in the shared cache for the connections of every parallel request.
     curl_easy_setopt(c, CURLOPT_MAXCONNECTS, kKeptConnections);
   }
-  if (getenv("CURL_DEBUG") != nullptr) {
+  if (s.curlTrace) {
     curl_easy_setopt(c, CURLOPT_DEBUGFUNCTION, curldbg);
     curl_easy_setopt(c, CURLOPT_STDERR, LogTarget::current().stream());
     curl_easy_setopt(c, CURLOPT_VERBOSE, 1L);
@@ -218,7 +175,7 @@ void setTransfer(CURL* c, const TsSettings& s, long long timeoutMs, char* curlEr
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
   } else {
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, verifyHostWanted() ? 1L : 0L);
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, s.verifyHost ? 1L : 0L);
     // Without one the server's chain is not checked; the token is.
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
   }
@@ -309,7 +266,7 @@ int CurlTransport::exchange(Log& log, const TsServer& server,
   if (url.empty()) return -1;
   log.msg(__LINE__, 8, "url: %s", serverName(server).c_str());
   curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-  setTransfer(c, *settings_, timeoutMs, curlError);
+  setTransfer(c, *settings_, share_->get(), timeoutMs, curlError);
   SlistPtr headers;
   if (!setRequest(log, c, *settings_, request, &headers, answer)) return -1;
   CURLcode rc = curl_easy_perform(c);

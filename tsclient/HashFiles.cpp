@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "tsclient/TsHash.h"
 
@@ -101,12 +102,9 @@ int hashThreadsFor(int cores, const char* setting) {
   return std::min(cores, static_cast<int>(n));
 }
 
-int hashThreads() {
-  static const int threads = [] {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    int cores = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
-    return hashThreadsFor(cores, getenv("TS_HASH_THREADS"));
-  }();
-  return threads;
+int hashThreads(const Environment& env) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  int cores = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
+  return hashThreadsFor(cores, env.get("TS_HASH_THREADS"));
 }

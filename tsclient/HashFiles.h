@@ -7,8 +7,8 @@
 // Each thread holds at most the three blocks of one file's read-ahead.
 //
 // Threads: hashFiles starts its threads and joins them before it returns;
-// it may be called from several threads at once. hashThreads reads its
-// setting once per process.
+// it may be called from several threads at once. The requester reads the
+// number of threads once, when it is configured (TsRequester::hashThreads).
 #ifndef TSCLIENT_HASHFILES_H_
 #define TSCLIENT_HASHFILES_H_
 
@@ -17,6 +17,7 @@
 #include <vector>
 
 class CAsn1messageImprint;
+class Environment;
 
 // One file to hash: an open descriptor (a confined open hands one over) or
 // a path to open.
@@ -40,7 +41,7 @@ size_t hashFiles(std::vector<FileToHash>* files, int nid, int threads);
 // Another setting is logged at level 2 and the cores are used.
 int hashThreadsFor(int cores, const char* setting);
 
-// hashThreadsFor with this process's cores and TS_HASH_THREADS, read once.
-int hashThreads();
+// hashThreadsFor with this process's cores and TS_HASH_THREADS of env.
+int hashThreads(const Environment& env);
 
 #endif  // TSCLIENT_HASHFILES_H_

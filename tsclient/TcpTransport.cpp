@@ -11,7 +11,6 @@
 #include <climits>
 #include <string>
 
-#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Owners.h"
 #include "base/Resolver.h"
@@ -92,11 +91,12 @@ uint64_t receiveAll(int fd, unsigned char* buffer, uint64_t capacity, long long 
 
 // openSocket, giving up after connectTimeoutS or at notAfterMs (steady
 // clock), whichever comes first.
-int openSocketBefore(const char* host, uint16_t port, long connectTimeoutS, long long notAfterMs) {
+int openSocketBefore(const char* host, uint16_t port, int preference, long connectTimeoutS,
+                     long long notAfterMs) {
   Log log(kComponent, "openSocket", __FILE__, __LINE__, 13);
   if (port == 0) return -1;
   HostAddressList addresses;
-  if (resolveHost(host, hostPreference(Environment::process()), &addresses) != 0) {
+  if (resolveHost(host, preference, &addresses) != 0) {
     log.msg(__LINE__, 2, "timestamp server host %s unknown", maskCredentials(host).c_str());
     return -1;
   }
@@ -174,8 +174,8 @@ TcpReply readTcpReply(const unsigned char* data, uint64_t used, uint64_t capacit
   return {0, kHeaderSize, cutShort};
 }
 
-int openSocket(const char* host, uint16_t port, long connectTimeoutS) {
-  return openSocketBefore(host, port, connectTimeoutS, LLONG_MAX);
+int openSocket(const char* host, uint16_t port, int preference, long connectTimeoutS) {
+  return openSocketBefore(host, port, preference, connectTimeoutS, LLONG_MAX);
 }
 
 int TcpTransport::exchange(Log& log, const TsServer& server,
@@ -183,7 +183,8 @@ int TcpTransport::exchange(Log& log, const TsServer& server,
                            ResponseBuffer* answer, unsigned int* offset, TsAttempt* outcome) const {
   long long deadline = steadyNowMs() + timeoutMs;
   const std::vector<unsigned char> frame = tcpRequestFrame(request);
-  UniqueFd sock(openSocketBefore(server.host.c_str(), server.port, connectTimeoutS_, deadline));
+  UniqueFd sock(
+      openSocketBefore(server.host.c_str(), server.port, preference_, connectTimeoutS_, deadline));
   if (!sock.valid()) {
     log.msg(__LINE__, 2, "openSocket failed");
     *outcome = {-4, true, "no connection"};

@@ -34,13 +34,17 @@ struct TcpReply {
 // is left for the caller to judge. A full buffer is never cut short.
 TcpReply readTcpReply(const unsigned char* data, uint64_t used, uint64_t capacity);
 
-// A TCP socket connected to host:port, or -1. Refused connections are tried
-// again every second, up to 10 attempts and within connectTimeoutS.
-int openSocket(const char* host, uint16_t port, long connectTimeoutS = kDefaultConnectTimeoutS);
+// A TCP socket connected to host:port, or -1. The host's addresses are
+// ordered by preference (resolveHost, base/Resolver.h). Refused connections
+// are tried again every second, up to 10 attempts and within connectTimeoutS.
+int openSocket(const char* host, uint16_t port, int preference,
+               long connectTimeoutS = kDefaultConnectTimeoutS);
 
 class TcpTransport : public TsTransport {
  public:
-  explicit TcpTransport(long connectTimeoutS) : connectTimeoutS_(connectTimeoutS) {}
+  // preference: the address family tried first (resolveHost).
+  TcpTransport(long connectTimeoutS, int preference)
+      : connectTimeoutS_(connectTimeoutS), preference_(preference) {}
 
   int exchange(Log& log, const TsServer& server, const std::vector<unsigned char>& request,
                long long timeoutMs, ResponseBuffer* answer, unsigned int* offset,
@@ -48,6 +52,7 @@ class TcpTransport : public TsTransport {
 
  private:
   long connectTimeoutS_;
+  int preference_;
 };
 
 #endif  // TSCLIENT_TCPTRANSPORT_H_

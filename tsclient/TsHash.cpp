@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Owners.h"
 #include "base/SandboxHint.h"
@@ -41,9 +42,9 @@ int digestNidByName(const char* name) {
   return NID_undef;
 }
 
-int getDigest() {
+int getDigest(const Environment& env) {
   Log log(kComponent, "getDigest", __FILE__, __LINE__, 13);
-  const char* name = getenv("TS_HASHALG");
+  const char* name = env.get("TS_HASHALG");
   int nid = digestNidByName(name);
   if (nid == NID_undef) {
     log.msg(__LINE__, 2, "Message Digest '%s' unknown .. defaulting to SHA256", name);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <random>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Metrics.h"
 #include "base/Owners.h"
@@ -31,10 +32,11 @@ long long nowMs() {
       .count();
 }
 
-// A whole number from the environment within [low, high], else fallback;
-// unset and empty take the fallback silently.
-long wholeNumberFromEnv(Log& log, const char* name, long low, long high, long fallback) {
-  const char* value = getenv(name);
+// A whole number from env within [low, high], else fallback; unset and
+// empty take the fallback silently.
+long wholeNumberFromEnv(Log& log, const Environment& env, const char* name, long low, long high,
+                        long fallback) {
+  const char* value = env.get(name);
   if (value == nullptr || *value == '\0') return fallback;
   char* end = nullptr;
   errno = 0;
@@ -53,19 +55,18 @@ std::string trimmed(const std::string& text) {
   return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
 }
 
-// Milliseconds of back-off before retry number retry (0 for the first):
-// uniformly drawn from 0 to min(30 s, 0.5 s * 2^retry), so that workers that
-// failed together do not come back together.
-long long backoffMs(int retry) {
-  thread_local std::mt19937_64 random{std::random_device{}()};
-  long long ceiling = kBackoffCapMs;
-  if (retry < 16) ceiling = std::min(kBackoffCapMs, kBackoffBaseMs << std::max(retry, 0));
-  return std::uniform_int_distribution<long long>(0, ceiling)(random);
-}
-
 bool isHttp(const std::string& protocol) { return protocol == "http" || protocol == "https"; }
 
 }  // namespace
+
+TsServers::TsServers() : random_(std::random_device{}()) {}
+
+long long TsServers::backoffMs(int retry) {
+  long long ceiling = kBackoffCapMs;
+  if (retry < 16) ceiling = std::min(kBackoffCapMs, kBackoffBaseMs << std::max(retry, 0));
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::uniform_int_distribution<long long>(0, ceiling)(random_);
+}
 
 std::string maskCredentials(const std::string& text) {
   const size_t scheme = text.find("://");
@@ -166,19 +167,20 @@ void TsServers::configure(const TsServer& primary, const std::vector<TsServer>& 
   metrics::nameExchangeServers(names);
 }
 
-void TsServers::configureFromEnvironment(Log& log, const TsServer& primary, long timeoutS) {
+void TsServers::configureFromEnvironment(Log& log, const Environment& env, const TsServer& primary,
+                                         long timeoutS) {
   TsRetryPolicy policy;
-  policy.retries = static_cast<int>(wholeNumberFromEnv(log, "TS_RETRIES", 0, kMaxRetries, 0));
+  policy.retries = static_cast<int>(wholeNumberFromEnv(log, env, "TS_RETRIES", 0, kMaxRetries, 0));
   policy.attemptMs = timeoutS * 1000LL;
   policy.holdMs =
-      wholeNumberFromEnv(log, "TS_FALLBACK_HOLD", 0, kMaxSeconds, kDefaultHoldS) * 1000LL;
+      wholeNumberFromEnv(log, env, "TS_FALLBACK_HOLD", 0, kMaxSeconds, kDefaultHoldS) * 1000LL;
   long defaultDeadlineS = (policy.retries + 1) * timeoutS;
   policy.deadlineMs =
-      wholeNumberFromEnv(log, "TS_FILE_DEADLINE", 1, std::max(kMaxSeconds, defaultDeadlineS),
+      wholeNumberFromEnv(log, env, "TS_FILE_DEADLINE", 1, std::max(kMaxSeconds, defaultDeadlineS),
                          defaultDeadlineS) *
       1000LL;
   std::vector<TsServer> fallbacks;
-  const char* list = getenv("TIMESTAMP_FALLBACK");
+  const char* list = env.get("TIMESTAMP_FALLBACK");
   std::string text = list ? list : "";
   for (size_t start = 0; start <= text.size();) {
     size_t comma = text.find(',', start);

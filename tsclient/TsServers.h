@@ -16,8 +16,8 @@
 // attempt with the primary server and logs nothing of its own.
 //
 // Threading: run() may be called from several threads at once. The settings,
-// the hold table and the counts are guarded by one mutex that is never held
-// during an attempt or a wait; the jitter comes from a generator per thread.
+// the hold table, the counts and the jitter's generator are guarded by one
+// mutex that is never held during an attempt or a wait.
 // Waits end at once when a stop is requested (base/Stop.h).
 #ifndef TSCLIENT_TSSERVERS_H_
 #define TSCLIENT_TSSERVERS_H_
@@ -26,9 +26,11 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
+class Environment;
 class Log;
 
 // One Timestamp Server.
@@ -93,19 +95,20 @@ using TsAttemptFunction = std::function<TsAttempt(const TsServer& server, long l
 
 class TsServers {
  public:
-  TsServers() = default;
+  TsServers();
   TsServers(const TsServers&) = delete;
   TsServers& operator=(const TsServers&) = delete;
 
   // Sets the servers (the primary first) and the policy; forgets holds and counts.
   void configure(const TsServer& primary, const std::vector<TsServer>& fallbacks,
                  const TsRetryPolicy& policy);
-  // configure() from TIMESTAMP_FALLBACK, TS_RETRIES (0 to 10, default 0),
+  // configure() from env's TIMESTAMP_FALLBACK, TS_RETRIES (0 to 10, default 0),
   // TS_FALLBACK_HOLD (seconds, default 60) and TS_FILE_DEADLINE (seconds,
   // default (retries + 1) * timeoutS). A value out of range or a malformed
   // server entry is logged at level 2 and left out (the default is used).
   // When the primary has a url, http and https entries are URLs as well.
-  void configureFromEnvironment(Log& log, const TsServer& primary, long timeoutS);
+  void configureFromEnvironment(Log& log, const Environment& env, const TsServer& primary,
+                                long timeoutS);
 
   // Runs attempts until one brings an answer, the failure is no passing one,
   // every server failed, the deadline passed or a stop was requested. Returns
@@ -130,10 +133,15 @@ class TsServers {
   void record(const std::string& name, const TsAttempt& attempt);
   void hold(const std::string& name, long long untilMs);
   void release(const std::string& name);
+  // Milliseconds of back-off before retry number retry (0 for the first):
+  // uniformly drawn from 0 to min(30 s, 0.5 s * 2^retry), so that workers
+  // that failed together do not come back together.
+  long long backoffMs(int retry);
 
   mutable std::mutex mutex_;  // guards everything below
   std::vector<Entry> entries_;
   TsRetryPolicy policy_;
+  std::mt19937_64 random_;  // the back-off jitter
 };
 
 #endif  // TSCLIENT_TSSERVERS_H_

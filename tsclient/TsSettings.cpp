@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Switch.h"
 #include "ossl/OpenSslErrors.h"
@@ -18,15 +19,15 @@ namespace {
 
 constexpr long kMaxTimeoutS = INT_MAX / 1000;
 
-const char* envText(const char* name) {
-  const char* value = getenv(name);
+const char* envText(const Environment& env, const char* name) {
+  const char* value = env.get(name);
   return value != nullptr ? value : "";
 }
 
 }  // namespace
 
-long timeoutFromEnv(Log& log, const char* name, long fallback) {
-  const char* value = getenv(name);
+long timeoutFromEnv(Log& log, const Environment& env, const char* name, long fallback) {
+  const char* value = env.get(name);
   if (value == nullptr || *value == '\0') return fallback;
   char* end = nullptr;
   errno = 0;
@@ -39,8 +40,8 @@ long timeoutFromEnv(Log& log, const char* name, long fallback) {
   return seconds;
 }
 
-uint64_t responseLimitFromEnv(Log& log) {
-  const char* value = getenv("TS_RESPONSE_LIMIT");
+uint64_t responseLimitFromEnv(Log& log, const Environment& env) {
+  const char* value = env.get("TS_RESPONSE_LIMIT");
   if (value == nullptr || *value == '\0') return kResponseLimit;
   char* end = nullptr;
   errno = 0;
@@ -56,11 +57,11 @@ uint64_t responseLimitFromEnv(Log& log) {
   return static_cast<uint64_t>(bytes);
 }
 
-bool readTokenSettings(Log& log, TsSettings* s) {
-  s->sendNonce = switchIsOn(getenv("TS_NONCE"));
-  const char* certReq = getenv("TS_CERTREQ");
+bool readTokenSettings(Log& log, const Environment& env, TsSettings* s) {
+  s->sendNonce = switchIsOn(env.get("TS_NONCE"));
+  const char* certReq = env.get("TS_CERTREQ");
   s->certReq = switchIsOn(certReq);
-  s->policyOid = envText("TS_POLICY");
+  s->policyOid = envText(env, "TS_POLICY");
   s->policyNidRequested = 0;
   bool ok = true;
   if (!s->policyOid.empty()) {
@@ -75,14 +76,14 @@ bool readTokenSettings(Log& log, TsSettings* s) {
       ok = s->policyNidRequested != 0;
     }
   }
-  s->caFile = envText("TS_CAFILE");
+  s->caFile = envText(env, "TS_CAFILE");
   if (!s->caFile.empty() && access(s->caFile.c_str(), R_OK) != 0) {
     log.msg(__LINE__, 2, "TS_CAFILE '%s' cannot be read: %d", s->caFile.c_str(), errno);
     ok = false;
   }
   s->trust.reset();
-  const std::string ca = envText("TS_TRUST_CA");
-  const std::string certs = envText("TS_TSA_CERTS");
+  const std::string ca = envText(env, "TS_TRUST_CA");
+  const std::string certs = envText(env, "TS_TSA_CERTS");
   if (!ca.empty() || !certs.empty()) {
     auto trust = std::make_unique<TokenTrust>();
     std::string error;
@@ -110,8 +111,8 @@ bool readTokenSettings(Log& log, TsSettings* s) {
   return ok;
 }
 
-bool verifyHostWanted() {
-  const char* v = getenv("TS_VERFHOST");
+bool verifyHostWanted(const Environment& env) {
+  const char* v = env.get("TS_VERFHOST");
   if (v == nullptr) return false;
   return strcmp(v, "on") == 0 || strcmp(v, "ON") == 0 || v[0] == '1' || v[0] == 'y' || v[0] == 'Y';
 }

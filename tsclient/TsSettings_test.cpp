@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "base/Log.h"
 #include "testing/LogCapture.h"
+#include "testing/MapEnvironment.h"
 
 namespace {
 
@@ -37,12 +37,11 @@ TEST(TsSettingsTest, NumbersOutOfRangeFallBackToTheDefaults) {
   Log log("TsSettingsTest", "numbers", __FILE__, __LINE__, 13);
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.name) + "=" + c.value);
-    setenv(c.name, c.value, 1);
+    const MapEnvironment env{{c.name, c.value}};
     testing_support::LogCapture capture;
     const bool limit = std::string(c.name) == "TS_RESPONSE_LIMIT";
-    const long long effective =
-        limit ? static_cast<long long>(responseLimitFromEnv(log)) : timeoutFromEnv(log, c.name, 60);
-    unsetenv(c.name);
+    const long long effective = limit ? static_cast<long long>(responseLimitFromEnv(log, env))
+                                      : timeoutFromEnv(log, env, c.name, 60);
     EXPECT_EQ(effective, c.effective);
     EXPECT_EQ(capture.contains(std::string(c.name) + " '" + c.value + "' is no number of " +
                                (limit ? "bytes from 1024 to 1048576, using 4096"

@@ -7,14 +7,15 @@
 #include <openssl/ssl.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "base/Metrics.h"
 #include "base/Platform.h"
+#include "base/Resolver.h"
 #include "base/SettingsLine.h"
 #include "base/String.h"
 #include "base/SystemError.h"
@@ -27,6 +28,7 @@
 #include "encoding/Base64Crc.h"
 #include "ossl/OpenSslErrors.h"
 #include "tsclient/CurlTransport.h"
+#include "tsclient/HashFiles.h"
 #include "tsclient/TcpTransport.h"
 #include "tsclient/TokenCheck.h"
 #include "tsclient/TsServers.h"
@@ -67,11 +69,11 @@ bool encodeRequest(const TsSettings& s, CAsn1messageImprint* imprint,
 
 // One exchange with server for the DER request, within timeoutMs: the
 // designed exchange and its checks. The answer goes into response.
-TsAttempt exchangeWith(Log& log, const TsSettings& settings, const TsServer& server,
-                       const std::vector<unsigned char>& request, long long timeoutMs,
-                       CAsn1string* response) {
-  const CurlTransport http(&settings);
-  const TcpTransport tcp(settings.connectTimeoutS);
+TsAttempt exchangeWith(Log& log, const TsSettings& settings, const CurlShare& share,
+                       const TsServer& server, const std::vector<unsigned char>& request,
+                       long long timeoutMs, CAsn1string* response) {
+  const CurlTransport http(&settings, &share);
+  const TcpTransport tcp(settings.connectTimeoutS, settings.hostPreference);
   const TsTransport& transport = isHttpServer(server) ? static_cast<const TsTransport&>(http) : tcp;
   const uint64_t limit = settings.responseLimit;
   std::vector<unsigned char> buffer(limit + 1, 0);
@@ -92,7 +94,7 @@ TsAttempt exchangeWith(Log& log, const TsSettings& settings, const TsServer& ser
   }
   if (rb.used == 0) {
     int err = errno;
-    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err));
+    log.msg(__LINE__, 2, "no data received. errno = %d(%s)", err, systemErrorText(err).c_str());
     log.msgc("Timestamp Server %s", serverName(server).c_str());
     return {-8, true, "no data received"};
   }
@@ -159,11 +161,15 @@ int TsRequester::initTsServer(const char* host, uint16_t port, const char* proto
   primary.port = port;
   primary.protocol = protocol ? protocol : "";
   primary.path = path ? path : "/";
-  s.connectTimeoutS = timeoutFromEnv(log, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
-  s.totalTimeoutS = timeoutFromEnv(log, "TS_TIMEOUT", kDefaultTotalTimeoutS);
-  s.responseLimit = responseLimitFromEnv(log);
-  s.digestNid = getDigest();
-  bool settingsOk = readTokenSettings(log, &s);
+  s.connectTimeoutS = timeoutFromEnv(log, env_, "TS_CONNECT_TIMEOUT", kDefaultConnectTimeoutS);
+  s.totalTimeoutS = timeoutFromEnv(log, env_, "TS_TIMEOUT", kDefaultTotalTimeoutS);
+  s.responseLimit = responseLimitFromEnv(log, env_);
+  s.digestNid = getDigest(env_);
+  s.hashThreads = ::hashThreads(env_);
+  s.verifyHost = verifyHostWanted(env_);
+  s.curlTrace = env_.get("CURL_DEBUG") != nullptr;
+  s.hostPreference = hostPreference(env_);
+  bool settingsOk = readTokenSettings(log, env_, &s);
   if (url != nullptr && *url != '\0' && !parseTsUrl(url, &primary)) {
     TsServer shown;
     shown.url = url;
@@ -176,7 +182,7 @@ int TsRequester::initTsServer(const char* host, uint16_t port, const char* proto
           primary.path.c_str());
   log.msg(__LINE__, 9, "connect time-out %ld s, total time-out %ld s", s.connectTimeoutS,
           s.totalTimeoutS);
-  servers_.configureFromEnvironment(log, primary, s.totalTimeoutS);
+  servers_.configureFromEnvironment(log, env_, primary, s.totalTimeoutS);
   s.primary = primary;
   return settingsOk ? 0 : -1;
 }
@@ -188,7 +194,7 @@ void TsRequester::describeTimestampSettings(SettingsLine* line) const {
   line->add("hash", OBJ_nid2sn(s.digestNid));
   line->add("connect_timeout", std::to_string(s.connectTimeoutS) + "s");
   line->add("timeout", std::to_string(s.totalTimeoutS) + "s");
-  line->add("verify_host", verifyHostWanted() ? "on" : "off");
+  line->add("verify_host", s.verifyHost ? "on" : "off");
   line->add("verify_peer", s.caFile.empty() ? "off" : "on");  // TS_CAFILE
   line->addSecret("basic_auth", s.haveCredentials && s.credentials != "Og==");
   line->add("nonce", s.sendNonce ? "on" : "off");
@@ -260,20 +266,16 @@ int TsRequester::requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* res
   }
   // Retries and fallback servers, when configured, happen in here.
   return servers_.run([&](const TsServer& server, long long timeoutMs) {
-    return exchangeWith(log, settings_, server, request, timeoutMs, response);
+    return exchangeWith(log, settings_, curlShare_, server, request, timeoutMs, response);
   });
 }
 
-const char* systemErrorText(int code) {
+std::string systemErrorText(int code) {
   Log log(kComponent, "systemErrorText", __FILE__, __LINE__, 13);
-  // One buffer per thread: exchanges run on several threads at once.
-  static thread_local char buffer[256];
-  String text = systemError(code);
-  // Texts that do not fit the buffer with their NUL are cut to 254 characters.
-  size_t keep = text.str().size() >= sizeof buffer ? 254 : text.str().size();
-  memcpy(buffer, text.c_str(), keep);
-  buffer[keep] = '\0';
-  return buffer;
+  // A text of 256 characters or more is cut to 254, as the log has always shown it.
+  std::string text = systemError(code).str();
+  if (text.size() >= 256) text.resize(254);
+  return text;
 }
 
 int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp) {

@@ -5,9 +5,10 @@
 // line of BASE64 into a timestamp file.
 //
 // A TsRequester holds one Timestamp Server configuration and its servers; the
-// program makes one and configures it with initTimeStamper, initTsServer and
-// initStamperAuth (optionally initSSLAuth), then makes any number of per-file
-// requestTimestamp calls. The free functions below need no configuration.
+// program makes one over the Environment its settings live in and configures
+// it with initTimeStamper, initTsServer and initStamperAuth (optionally
+// initSSLAuth), then makes any number of per-file requestTimestamp calls. The
+// free functions below need no configuration.
 // Results: 0 for success, distinct negative codes per failure (listed at each
 // function); every failure is logged at level 2.
 //
@@ -26,8 +27,8 @@
 //
 // Time-outs (beyond what a plain RFC 3161 client does): every exchange is
 // bounded by a connect time-out and a total time-out in seconds, read by
-// initTsServer from TS_CONNECT_TIMEOUT (default 10) and TS_TIMEOUT (default
-// 60); a value that is no whole number from 1 to 2147483 is refused with a
+// initTsServer from the settings TS_CONNECT_TIMEOUT (default 10) and
+// TS_TIMEOUT (default 60); a value that is no whole number from 1 to 2147483 is refused with a
 // level 2 message and the default is used. The login and password never
 // reach the log in any form: messages that would show them show "********"
 // instead.
@@ -39,14 +40,17 @@
 #define TSCLIENT_TSREQUEST_H_
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
+#include "tsclient/CurlShare.h"
 #include "tsclient/TsHash.h"
 #include "tsclient/TsResultFile.h"
 #include "tsclient/TsServers.h"
 #include "tsclient/TsSettings.h"
 
 class CAsn1messageImprint;
+class Environment;
 class SettingsLine;
 class CAsn1string;
 class CAsn1ietfTSResp;
@@ -71,7 +75,8 @@ int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp);
 // any stamping; a TsRequester is not copied.
 class TsRequester {
  public:
-  TsRequester() = default;
+  // initTsServer reads its settings from env, which must outlive the requester.
+  explicit TsRequester(const Environment& env) : env_(env) {}
   TsRequester(const TsRequester&) = delete;
   TsRequester& operator=(const TsRequester&) = delete;
 
@@ -81,8 +86,10 @@ class TsRequester {
 
   // Sets the Timestamp Server: host, port, protocol ("http" and "https" go
   // through libcurl, anything else is the raw TCP transport) and URL path (null:
-  // "/"). Also reads the time-out variables, the retry and fallback settings
-  // (tsclient/TsServers.h), and the request and check settings:
+  // "/"). Also reads from the environment the time-out variables, the retry
+  // and fallback settings (tsclient/TsServers.h), the digest (TS_HASHALG) and
+  // the hashing threads (TS_HASH_THREADS), TS_VERFHOST, CURL_DEBUG,
+  // QR_PREF_IP, and the request and check settings:
   //   TS_NONCE (switch): send a random 64-bit nonce; the answer must echo it.
   //   TS_CERTREQ (switch): ask for the signer certificate (certReq TRUE).
   //   TS_POLICY=<OID>: send reqPolicy; the answer's policy must equal it.
@@ -148,13 +155,19 @@ class TsRequester {
 
   // The message digest files are hashed with (TS_HASHALG), set by initTsServer.
   int digest() const { return settings_.digestNid; }
+  // The threads the files of one document are hashed on (hashFiles), set by
+  // initTsServer.
+  int hashThreads() const { return settings_.hashThreads; }
 
  private:
+  const Environment& env_;
   TsSettings settings_;
-  TsServers servers_;  // the primary, the fallbacks, their holds and counts
+  TsServers servers_;    // the primary, the fallbacks, their holds and counts
+  CurlShare curlShare_;  // connections and TLS sessions of all HTTP(S) exchanges
 };
 
-// The system's text for an errno value, in a buffer of the calling thread.
-const char* systemErrorText(int code);
+// The system's text for an errno value; one of 256 characters or more is
+// cut to 254.
+std::string systemErrorText(int code);
 
 #endif  // TSCLIENT_TSREQUEST_H_

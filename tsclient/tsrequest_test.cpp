@@ -13,6 +13,7 @@
 #include "base/LogTarget.h"
 #include "base/SettingsLine.h"
 #include "testing/LogCapture.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TempDir.h"
 #include "testing/TestTsa.h"
 #include "testing/TimestampFile.h"
@@ -25,15 +26,6 @@
 namespace {
 
 using namespace testing_support;
-
-// Sets (value nullptr: unsets) an environment variable for the life of the object.
-struct ScopedEnv {
-  ScopedEnv(const char* name, const char* value) : name(name) {
-    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() { unsetenv(name); }
-  const char* name;
-};
 
 class TsRequestTest : public ::testing::Test {
  protected:
@@ -55,11 +47,17 @@ class TsRequestTest : public ::testing::Test {
     return tsa;
   }
 
+  // Sets name to value (nullptr: unsets it) for the next initTsServer.
+  void setting(const char* name, const char* value) {
+    value != nullptr ? (void)env_.set(name, value) : env_.unset(name);
+  }
+
   // Level 8 on, for the log captures the tests make; installed before the
   // requester logs and ended after it.
   LogTarget info_;
   LogTarget::Installation infoInstalled_{info_};
-  TsRequester ts_;
+  MapEnvironment env_;
+  TsRequester ts_{env_};
   TempDir dir_;
   std::string source_;
   std::string target_;
@@ -104,7 +102,7 @@ TEST_F(TsRequestTest, BasicAuthorizationIsSentAndRequiredAndNeverLogged) {
   options.login = "stamp-user";
   options.password = "s3cret-pass";
   auto tsa = startTsa(options);
-  ScopedEnv debug("CURL_DEBUG", "1");
+  setting("CURL_DEBUG", "1");
   LogCapture log(LogCapture::kAllLevels);
   for (const char* protocol : {"http", "https"}) {
     SCOPED_TRACE(protocol);
@@ -180,7 +178,7 @@ TEST_F(TsRequestTest, BrokenServersAndAnswerLimitsGiveTheirResultCodes) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.fault) + " over " + c.protocol);
-    ScopedEnv limit("TS_RESPONSE_LIMIT", c.responseLimit);
+    setting("TS_RESPONSE_LIMIT", c.responseLimit);
     TestTsaOptions options;
     options.fault = c.fault;
     auto tsa = startTsa(options);
@@ -188,7 +186,7 @@ TEST_F(TsRequestTest, BrokenServersAndAnswerLimitsGiveTheirResultCodes) {
     ts_.initTsServer("127.0.0.1", port, c.protocol, nullptr);
     LogCapture log;
     CAsn1messageImprint imprint;
-    ASSERT_EQ(computeHash(source_.c_str(), getDigest(), &imprint), 0);
+    ASSERT_EQ(computeHash(source_.c_str(), ts_.digest(), &imprint), 0);
     CAsn1string response(kTagOctetString);
     EXPECT_EQ(ts_.requestTimestamp(&imprint, &response), c.exchangeResult);
     EXPECT_EQ(ts_.requestTimestamp(source_.c_str(), target_.c_str()), c.fileResult);
@@ -202,8 +200,8 @@ TEST_F(TsRequestTest, SilentRefusingAndUnknownServersEndWithinTheTimeouts) {
   TestTsaOptions options;
   options.fault = "hang";
   auto tsa = startTsa(options);
-  ScopedEnv timeout("TS_TIMEOUT", "3");
-  ScopedEnv connectTimeout("TS_CONNECT_TIMEOUT", "2");
+  setting("TS_TIMEOUT", "3");
+  setting("TS_CONNECT_TIMEOUT", "2");
   const struct {
     const char* host;
     int port;  // 1: nobody listens there
@@ -228,7 +226,7 @@ TEST_F(TsRequestTest, SilentRefusingAndUnknownServersEndWithinTheTimeouts) {
     ts_.initTsServer(c.host, static_cast<uint16_t>(c.port), c.protocol, nullptr);
     LogCapture log;
     CAsn1messageImprint imprint;
-    ASSERT_EQ(computeHash(source_.c_str(), getDigest(), &imprint), 0);
+    ASSERT_EQ(computeHash(source_.c_str(), ts_.digest(), &imprint), 0);
     CAsn1string response(kTagOctetString);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(ts_.requestTimestamp(&imprint, &response), c.result);
@@ -269,9 +267,9 @@ TEST_F(TsRequestTest, TokenSettingsAgainstTheTestServer) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    std::vector<std::unique_ptr<ScopedEnv>> env;
-    for (const auto& [name, value] : c.env)
-      env.push_back(std::make_unique<ScopedEnv>(name, value.c_str()));
+    for (const char* name : {"TS_CERTREQ", "TS_NONCE", "TS_POLICY", "TS_TRUST_CA", "TS_TSA_CERTS"})
+      setting(name, nullptr);
+    for (const auto& [name, value] : c.env) setting(name, value.c_str());
     LogCapture log(LogCapture::kAllLevels);
     const auto port = static_cast<uint16_t>(tsa->httpPort());
     ASSERT_EQ(ts_.initTsServer("127.0.0.1", port, "http", nullptr), 0);
@@ -290,13 +288,14 @@ TEST_F(TsRequestTest, TokenSettingsAgainstTheTestServer) {
     unlink(target_.c_str());
   }
   for (const char* bad : {"TS_TRUST_CA", "TS_TSA_CERTS", "TS_CAFILE"}) {
-    ScopedEnv env(bad, dir_.file("missing.pem").c_str());
+    MapEnvironment env{{bad, dir_.file("missing.pem")}};
+    TsRequester ts(env);
     LogCapture log;
-    EXPECT_EQ(ts_.initTsServer("127.0.0.1", 1, "http", nullptr), -1) << bad;
+    EXPECT_EQ(ts.initTsServer("127.0.0.1", 1, "http", nullptr), -1) << bad;
     EXPECT_TRUE(log.contains("missing.pem")) << log.text();
   }
-  ScopedEnv policy("TS_POLICY", "no-oid");
-  EXPECT_EQ(ts_.initTsServer("127.0.0.1", 1, "http", nullptr), -1);
+  MapEnvironment badPolicy{{"TS_POLICY", "no-oid"}};
+  EXPECT_EQ(TsRequester(badPolicy).initTsServer("127.0.0.1", 1, "http", nullptr), -1);
 }
 
 // A standard URL replaces the designed "/</" form, for the primary and for
@@ -307,7 +306,7 @@ TEST_F(TsRequestTest, TimestampUrlIsPostedExactlyAsWritten) {
   const std::string https = "https://localhost:" + std::to_string(tsa->httpsPort());
   const std::string fallbacks =
       https + "/second?x=1,tcp://127.0.0.1:" + std::to_string(tsa->tcpPort());
-  ScopedEnv fallback("TIMESTAMP_FALLBACK", fallbacks.c_str());
+  setting("TIMESTAMP_FALLBACK", fallbacks.c_str());
   // The second primary refuses, and the https fallback answers.
   for (const std::string& url : {http + "/tsr", std::string("http://127.0.0.1:1/tsr")}) {
     SCOPED_TRACE(url);
@@ -361,8 +360,8 @@ TEST_F(TsRequestTest, TlsChecksFollowTsCafileAndTsVerfhost) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.host) + " " + c.caFile + " " + (c.verifyHost ? c.verifyHost : ""));
-    ScopedEnv caFile("TS_CAFILE", c.caFile.empty() ? nullptr : c.caFile.c_str());
-    ScopedEnv verify("TS_VERFHOST", c.verifyHost);
+    setting("TS_CAFILE", c.caFile.empty() ? nullptr : c.caFile.c_str());
+    setting("TS_VERFHOST", c.verifyHost);
     ts_.initTsServer(c.host, static_cast<uint16_t>(c.server.httpsPort()), "https", nullptr);
     LogCapture log;
     EXPECT_EQ(ts_.requestTimestamp(source_.c_str(), target_.c_str()), c.result) << log.text();
@@ -371,8 +370,9 @@ TEST_F(TsRequestTest, TlsChecksFollowTsCafileAndTsVerfhost) {
     unlink(target_.c_str());
   }
   // https against a plain HTTP port: the handshake never ends, and the log says why.
-  ScopedEnv connectTimeout("TS_CONNECT_TIMEOUT", "1");
-  ScopedEnv timeout("TS_TIMEOUT", "3");
+  setting("TS_VERFHOST", nullptr);
+  setting("TS_CONNECT_TIMEOUT", "1");
+  setting("TS_TIMEOUT", "3");
   ts_.initTsServer("127.0.0.1", static_cast<uint16_t>(tsa->httpPort()), "https", nullptr);
   LogCapture log;
   EXPECT_EQ(ts_.requestTimestamp(source_.c_str(), target_.c_str()), -2);
@@ -397,7 +397,7 @@ TEST_F(TsRequestTest, CredentialsOverAnUncheckedConnectionDrawOneWarning) {
   const std::string kWarning = "Basic credentials go to the Timestamp Server ";
   for (const auto& c : cases) {
     SCOPED_TRACE(c.protocol);
-    ScopedEnv caFile("TS_CAFILE", c.caFile);
+    setting("TS_CAFILE", c.caFile);
     ts_.initTsServer("127.0.0.1", 1, c.protocol, nullptr);
     LogCapture log;
     ts_.initStamperAuth(c.login, "");

@@ -5,9 +5,11 @@
 #include <openssl/rand.h>
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <vector>
 
+#include "base/Environment.h"
 #include "base/Log.h"
 #include "der/CAsn1attribute.h"
 #include "der/CAsn1attributes.h"
@@ -51,7 +53,8 @@ int policyNid() {
 // OpenSSL 3.0 knows the object identifiers of DSA with SHA-384, SHA-512 and
 // SHA-3 but has no signature-algorithm entry joining them to their digest and
 // key, so a DSA signer with such a digest would find no signature algorithm.
-// Adds the missing entries once per process.
+// Adds the missing entries once per process: the guard is process-wide
+// because the table it fills is OpenSSL's own.
 void registerDsaSignatureIds() {
   static const bool registered = [] {
     const int ids[][2] = {
@@ -141,12 +144,13 @@ int checkKeyAgainstCert(Log& log, const TsAsymKey& key, const CCertInfo& cert) {
 // assembles the token around them, not yet signed. 0, or generateTimestamp's
 // -5, -6 or -7.
 int prepareResponse(Log& log, const CAsn1messageImprint& imprint, const CCertInfo& cert,
-                    const TsAsymKey& key, time_t now, CAsn1ietfTSResp* resp) {
+                    const TsAsymKey& key, time_t now, bool ignoreValidityDates,
+                    CAsn1ietfTSResp* resp) {
   resp->setGenTime(now);  // also the signing time
   resp->setMessageImprint(imprint);
   resp->setPolicy(policyNid());
   resp->setSerialNumber(newSerialNumber());
-  if (resp->addRefFromCert(cert) != 0) {
+  if (resp->addRefFromCert(cert, ignoreValidityDates) != 0) {
     log.msg(__LINE__, 2, "Error adding certificate reference");
     return -5;
   }
@@ -239,7 +243,7 @@ int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, c
   registerDsaSignatureIds();
   CAsn1ietfTSResp resp;
   const time_t now = time(nullptr);
-  rc = prepareResponse(log, imprint, cert, key, now, &resp);
+  rc = prepareResponse(log, imprint, cert, key, now, options.ignoreValidityDates, &resp);
   if (rc != 0) return rc;
   CAsn1contentInfo token = resp.getToken();
   rc = signToken(log, key, cert, now, imprint.hashAlgorithm.algorithm.nid, options, &token);
@@ -249,4 +253,10 @@ int generateTimestamp(const CAsn1messageImprint& imprint, const char* keyFile, c
   log.msg(__LINE__, 8, "local timestamp of %u bytes signed by %s", response->length(),
           cert.GetSubjectName().c_str());
   return 0;
+}
+
+bool ignoreValidityDatesWanted(const Environment& env) {
+  const char* value = env.get("IgnoreCertificateValidyDates");
+  return value != nullptr &&
+         (strcmp(value, "on") == 0 || strcmp(value, "yes") == 0 || strcmp(value, "1") == 0);
 }

@@ -7,6 +7,7 @@
 
 class CAsn1messageImprint;
 class CAsn1string;
+class Environment;
 
 struct LocalTimestampOptions {
   // Adds the signingCertificateV2 attribute (SHA-256 of the signer's
@@ -23,7 +24,14 @@ struct LocalTimestampOptions {
   // that, but the library's own time decoder refuses a time without zone, so
   // the requester cannot read such tokens back. For peers that need it.
   bool signingTimeWithZone = false;
+  // Signs with a certificate whose validity does not cover the generation
+  // time (IgnoreCertificateValidyDates, see ignoreValidityDatesWanted).
+  bool ignoreValidityDates = false;
 };
+
+// IgnoreCertificateValidyDates in env: only exactly "on", "yes" or "1" turn
+// the date check off (not the usual truth-value rule).
+bool ignoreValidityDatesWanted(const Environment& env);
 
 // Builds and signs a granted TimeStampResp for imprint: generation and
 // signing time now, the library's timestamp policy (1.3.6.1.4.1.7359.1.2), a
@@ -38,7 +46,7 @@ struct LocalTimestampOptions {
 //   -3 "Can't retrive public RSA key from certificate" (or DSA)
 //   -4 "RSA key doesn't match certificate" (or DSA); nothing has been signed
 //   -5 "Error adding certificate reference" (certificate not valid now,
-//      unless IgnoreCertificateValidyDates is on)
+//      unless options.ignoreValidityDates)
 //   -6 "Can't retrieve to-be-signed data"
 //   -7 "Error signing timestamp"
 //   -8 "Error serializing timestamp to DER" (also: more than 4096 octets)

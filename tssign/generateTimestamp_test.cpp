@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "testing/LogCapture.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TempDir.h"
 #include "testing/TestTsa.h"
 #include "testing/TokenMaker.h"
@@ -196,14 +197,16 @@ TEST(GenerateTimestamp, CertificateValidityDatesUnlessIgnored) {
   } cases[] = {{nullptr, true}, {"off", true},  {"YES", true}, {"true", true},
                {"on", false},   {"yes", false}, {"1", false}};
   for (const auto& c : cases) {
-    c.ignore != nullptr ? setenv("IgnoreCertificateValidyDates", c.ignore, 1)
-                        : unsetenv("IgnoreCertificateValidyDates");
+    MapEnvironment env;
+    if (c.ignore != nullptr) env.set("IgnoreCertificateValidyDates", c.ignore);
+    LocalTimestampOptions options;
+    options.ignoreValidityDates = ignoreValidityDatesWanted(env);
     for (const std::string cert : {"expired", "future"}) {
       SCOPED_TRACE(cert + " " + (c.ignore ? c.ignore : "(unset)"));
       LogCapture log(LogCapture::kAllLevels);
       CAsn1string response;
       EXPECT_EQ(generateTimestamp(imprintOf(NID_sha256), dir.file("k.key").c_str(),
-                                  dir.file(cert + ".pem").c_str(), &response),
+                                  dir.file(cert + ".pem").c_str(), &response, options),
                 c.refused ? -5 : 0);
       EXPECT_EQ(log.contains("Error adding certificate reference"), c.refused);
       EXPECT_EQ(log.contains(cert == "expired" ? "Certificate has expired. VNA: "
@@ -211,7 +214,6 @@ TEST(GenerateTimestamp, CertificateValidityDatesUnlessIgnored) {
                 c.refused);
     }
   }
-  unsetenv("IgnoreCertificateValidyDates");
 }
 
 }  // namespace

@@ -5,29 +5,63 @@
 // Each argument is one step, run in order:
 //   rewrite:<dir>:<tag>:<n>   Document(dir, tag, 0): reads COMMANDS, marks
 //                             the first statement deleted, appends a line,
-//                             and closes; after statement n of the rewrite
-//                             it prints "STOPPED" and waits to be killed.
+//                             and closes; once the first n statements of
+//                             the rewritten copy are on disk it prints
+//                             "STOPPED" and waits to be killed.
 //                             Prints "done <result>" if it gets to the end.
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <map>
 #include <string>
 
+#include "base/FileSystem.h"
 #include "base/List.h"
+#include "base/ReplaceFile.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
 
 namespace {
 
-int g_stopAt = 0;
+// The system's calls, but the write of the new copy of one file stops the
+// process after its first lines: a rewrite killed half-way.
+class StopInRewrite final : public FileSystem {
+ public:
+  StopInRewrite(const std::string& path, int lines)
+      : temporary_(replaceFileTemporary(path.c_str())), lines_(lines) {}
 
-void stopHere(int written) {
-  if (written != g_stopAt) return;
-  printf("STOPPED\n");
-  fflush(stdout);
-  for (;;) pause();
-}
+  int open(const char* path, int flags, mode_t mode) override {
+    int fd = posix().open(path, flags, mode);
+    if (fd >= 0) paths_[fd] = path;
+    return fd;
+  }
+  ssize_t write(int fd, const void* data, size_t size) override {
+    if (paths_[fd] != temporary_) return posix().write(fd, data, size);
+    const char* text = static_cast<const char*>(data);
+    size_t keep = 0;
+    for (int line = 0; line < lines_ && keep < size; ++line) {
+      const void* end = memchr(text + keep, '\n', size - keep);
+      keep = end == nullptr ? size : static_cast<size_t>(static_cast<const char*>(end) - text) + 1;
+    }
+    writeWhole(posix(), fd, text, keep);
+    printf("STOPPED\n");
+    fflush(stdout);
+    for (;;) pause();
+  }
+  int sync(int fd) override { return posix().sync(fd); }
+  int truncate(int fd, off_t length) override { return posix().truncate(fd, length); }
+  int rename(const char* from, const char* to) override { return posix().rename(from, to); }
+  int unlink(const char* path) override { return posix().unlink(path); }
+  int syncDirectory(const char* directory) override { return posix().syncDirectory(directory); }
+  int tryLock(int fd) override { return posix().tryLock(fd); }
+
+ private:
+  const std::string temporary_;
+  const int lines_;
+  std::map<int, std::string> paths_;  // what each descriptor was opened as
+};
 
 // Field index (0 to 2) of "a:b:c"; the third keeps the rest, colons and all.
 std::string field(const std::string& s, int index) {
@@ -37,9 +71,9 @@ std::string field(const std::string& s, int index) {
 }
 
 int rewrite(const std::string& args) {
-  Document doc(field(args, 0).c_str(), field(args, 1).c_str(), 0);
-  g_stopAt = atoi(field(args, 2).c_str());
-  Commands::rewriteProbe = stopHere;
+  const std::string dir = field(args, 0);
+  StopInRewrite fs(dir + "/COMMANDS", atoi(field(args, 2).c_str()));
+  Document doc(dir.c_str(), field(args, 1).c_str(), 0, fs);
   List<CommandsEntries> all;
   doc.getAllValuesFromCommands(all);
   if (all.empty()) return 0;

@@ -105,6 +105,7 @@ Answer answerTimestampRequest(const std::vector<unsigned char>& request,
   LocalTimestampOptions options;
   options.includeCertificate = TS_REQ_get_cert_req(req.get()) != 0;
   options.signingTimeWithZone = server.signingTimeWithZone;
+  options.ignoreValidityDates = server.ignoreValidityDates;
   CAsn1string response;
   int rc = generateTimestamp(imprint, server.keyFile.c_str(), server.certFile.c_str(), &response,
                              options);

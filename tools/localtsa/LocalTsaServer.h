@@ -27,6 +27,7 @@ struct ServerOptions {
   std::string certFile;                   // signer certificate (PEM)
   int ioTimeoutSeconds = 10;              // per read/write on a connection
   bool signingTimeWithZone = false;       // see LocalTimestampOptions
+  bool ignoreValidityDates = false;       // see LocalTimestampOptions
 };
 
 // What an HTTP exchange answered: status code and body.

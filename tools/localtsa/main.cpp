@@ -11,11 +11,13 @@
 #include <cstring>
 #include <string>
 
+#include "base/Environment.h"
 #include "tools/localtsa/LocalTsaServer.h"
 #include "tools/testtsa/CertMaker.h"
 #include "ossl/KeyType.h"
 #include "ossl/OpenSslErrors.h"
 #include "tssign/TsAsymKey.h"
+#include "tssign/generateTimestamp.h"
 
 namespace {
 
@@ -75,6 +77,7 @@ bool makeSigner(const std::string& dir, int keyType, std::string* error) {
 
 int main(int argc, char** argv) {
   localtsa::ServerOptions options;
+  options.ignoreValidityDates = ignoreValidityDatesWanted(Environment::process());
   std::string dir;
   int keyType = kKeyTypeRsa;
   for (int i = 1; i < argc; ++i) {
