@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/Environment.h"
+#include "base/LogTarget.h"
 #include "tools/localtsa/LocalTsaServer.h"
 #include "tools/testtsa/CertMaker.h"
 #include "ossl/KeyType.h"
@@ -76,6 +77,11 @@ bool makeSigner(const std::string& dir, int keyType, std::string* error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The libraries log through the installed target: the LOG_* variables the
+  // program starts with decide what they write.
+  LogTarget logTarget;
+  logTarget.init(Environment::process());
+  LogTarget::Installation logInstalled(logTarget);
   localtsa::ServerOptions options;
   options.ignoreValidityDates = ignoreValidityDatesWanted(Environment::process());
   std::string dir;

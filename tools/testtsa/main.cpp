@@ -10,6 +10,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/Environment.h"
+#include "base/LogTarget.h"
 #include "tools/testtsa/TsaPki.h"
 #include "tools/testtsa/TsaServer.h"
 
@@ -72,6 +74,11 @@ int usage(const char* program) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The libraries log through the installed target: the LOG_* variables the
+  // program starts with decide what they write.
+  LogTarget logTarget;
+  logTarget.init(Environment::process());
+  LogTarget::Installation logInstalled(logTarget);
   testtsa::TsaOptions options;
   std::string dir;
   bool haveLogin = false, havePassword = false;
