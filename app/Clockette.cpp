@@ -30,7 +30,7 @@ Clockette::Clockette(Environment& env)
       login(""),
       password(""),
       parallel(kDefaultParallel),
-      requester_(env) {
+      requester_(env, metrics()) {
   Log log("clockette", "Clockette", __FILE__, __LINE__, 13);
 }
 
@@ -279,6 +279,7 @@ int Clockette::service(const char* directory) {
     log.msg(__LINE__, 2, "no document open for '%s'", dir);
     return 0;
   }
-  return DocumentStamper(document.get(), dir, &requester_, &notifier(), parallel, confinement_)
+  return DocumentStamper(document.get(), dir, &requester_, &notifier(), &metrics(), parallel,
+                         confinement_)
       .run();
 }

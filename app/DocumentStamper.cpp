@@ -130,13 +130,14 @@ void chooseEarlyWrites(const std::vector<std::unique_ptr<Stamp>>& stamps) {
 
 }  // namespace
 
-DocumentStamper::DocumentStamper(Document* document, std::string directory,
-                                 TsRequester* requester, Notifier* notifier, int parallel,
+DocumentStamper::DocumentStamper(Document* document, std::string directory, TsRequester* requester,
+                                 Notifier* notifier, Metrics* metrics, int parallel,
                                  const ConfinementSettings& confinement)
     : document_(document),
       dir_(std::move(directory)),
       requester_(requester),
       notifier_(notifier),
+      metrics_(metrics),
       parallel_(parallel),
       confinement_(dir_, confinement) {}
 
@@ -208,7 +209,7 @@ StampFailure DocumentStamper::openSources(size_t first, size_t end, std::vector<
       log.msg(__LINE__, 2, "File %s cannot be read: errno=%d (%s)", p.source.c_str(), err,
               systemError(err).c_str());
       if (!sandboxHint(err).empty()) log.msgc("%s", sandboxHint(err).c_str());
-      metrics::countTimestamp(metricsCode(StampResult::kHashFailed));
+      metrics_->countTimestamp(metricsCode(StampResult::kHashFailed));
       log.msg(__LINE__, 2, "Hashing %s failed", p.source.c_str());
       return {StampResult::kHashFailed, p.source, p.target, ""};
     }
@@ -235,7 +236,7 @@ StampFailure DocumentStamper::hashSources() {
     size_t failed = hashFiles(&jobs, requester_->digest(), requester_->hashThreads());
     if (failed < jobs.size()) {
       const PlannedStamp& p = stamps_[first + failed]->planned;
-      metrics::countTimestamp(metricsCode(StampResult::kHashFailed));
+      metrics_->countTimestamp(metricsCode(StampResult::kHashFailed));
       log.msg(__LINE__, 2, "Hashing %s failed", p.source.c_str());
       return {StampResult::kHashFailed, p.source, p.target, ""};
     }
@@ -280,7 +281,7 @@ StampFailure DocumentStamper::exchangeAndCommit() {
     if (result == StampResult::kOk) {
       result = fromStoreCode(commitTimestamp(p.source.c_str(), p.target.c_str(), false, fs));
     }
-    metrics::countTimestamp(metricsCode(result));
+    metrics_->countTimestamp(metricsCode(result));
     if (result != StampResult::kOk) {
       dropFrom(i + 1);
       return {result, p.source, p.target, ""};

@@ -30,6 +30,7 @@
 
 class Document;
 class Log;
+class Metrics;
 class Notifier;
 class TsRequester;
 struct Stamp;
@@ -38,9 +39,11 @@ class DocumentStamper {
  public:
   // document: open, borrowed for the stamper's life. directory: as the work
   // cycle named it ("NULL" when it gave none). requester: configured,
-  // borrowed for the stamper's life; notifier too.
+  // borrowed for the stamper's life; notifier and metrics (where each file's
+  // result is counted) too.
   DocumentStamper(Document* document, std::string directory, TsRequester* requester,
-                  Notifier* notifier, int parallel, const ConfinementSettings& confinement);
+                  Notifier* notifier, Metrics* metrics, int parallel,
+                  const ConfinementSettings& confinement);
   ~DocumentStamper();
   DocumentStamper(const DocumentStamper&) = delete;
   DocumentStamper& operator=(const DocumentStamper&) = delete;
@@ -64,6 +67,7 @@ class DocumentStamper {
   std::string dir_;
   TsRequester* requester_;  // borrowed
   Notifier* notifier_;      // borrowed
+  Metrics* metrics_;        // borrowed
   int parallel_;
   Confinement confinement_;
   std::vector<std::unique_ptr<Stamp>> stamps_;

@@ -17,7 +17,6 @@
 
 #include "base/ServiceNotify.h"
 
-namespace metrics {
 namespace {
 
 // Upper bounds (seconds) of the answer-time buckets: from a local server's
@@ -27,43 +26,11 @@ constexpr size_t kBucketCount = sizeof kBuckets / sizeof kBuckets[0];
 // Per-file results 0 to -10 have a counter each; any other shares the last.
 constexpr size_t kResultSlots = 12;
 
-// Lock-free counters only: they are shared with the worker processes that
-// test mode forks (-jobs), which count into the same memory.
-struct State {
-  std::atomic<uint64_t> documentsOk{0};
-  std::atomic<uint64_t> documentsFailed{0};
-  std::atomic<uint64_t> timestamps[kResultSlots] = {};
-  // By server position: per bucket, not cumulative.
-  std::atomic<uint64_t> answerBuckets[kMaxServers][kBucketCount] = {};
-  std::atomic<uint64_t> answerCount[kMaxServers] = {};
-  std::atomic<uint64_t> answerMicros[kMaxServers] = {};
-  std::atomic<bool> registered{false};
-  int64_t startMs = 0;                    // Unix time the process started; set once, before main
-  std::atomic<int64_t> lastSuccessMs{0};  // Unix time, 0 until the first stamped file
-  std::atomic<uint64_t> changes{0};
-  std::atomic<uint64_t> servers[kMaxServers][4] = {};  // by ServerEvent
-};
-static_assert(std::atomic<uint64_t>::is_always_lock_free, "counters shared between processes");
-
 int64_t unixNowMs() {
   timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
-
-// Made before main runs, so that forked processes inherit the mapping; never
-// destroyed, since a thread may still count while the process ends.
-State& state() {
-  static State* s = [] {
-    void* shared =
-        mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    State* made = shared == MAP_FAILED ? new State : new (shared) State;
-    made->startMs = unixNowMs();
-    return made;
-  }();
-  return *s;
-}
-State& kState = state();
 
 size_t resultSlot(int result) {
   return result <= 0 && result > -static_cast<int>(kResultSlots - 1) ? static_cast<size_t>(-result)
@@ -91,16 +58,52 @@ void appendf(std::string* out, const char* format, ...) {
 
 }  // namespace
 
-void countDocument(bool ok) {
-  State& s = state();
+// Lock-free counters only: they are shared with the worker processes that
+// test mode forks (-jobs), which count into the same memory.
+struct Metrics::State {
+  std::atomic<uint64_t> documentsOk{0};
+  std::atomic<uint64_t> documentsFailed{0};
+  std::atomic<uint64_t> timestamps[kResultSlots] = {};
+  // By server position: per bucket, not cumulative.
+  std::atomic<uint64_t> answerBuckets[Metrics::kMaxServers][kBucketCount] = {};
+  std::atomic<uint64_t> answerCount[Metrics::kMaxServers] = {};
+  std::atomic<uint64_t> answerMicros[Metrics::kMaxServers] = {};
+  std::atomic<bool> registered{false};
+  int64_t startMs = 0;                    // Unix time the worker started; set once, when made
+  std::atomic<int64_t> lastSuccessMs{0};  // Unix time, 0 until the first stamped file
+  std::atomic<uint64_t> changes{0};
+  std::atomic<uint64_t> servers[Metrics::kMaxServers][4] = {};  // by ServerEvent
+};
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "counters shared between processes");
+
+Metrics::Metrics() : state_(nullptr), shared_(false) {
+  // Made before any worker process is forked, so that they all inherit it.
+  void* mapping =
+      mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  shared_ = mapping != MAP_FAILED;
+  state_ = shared_ ? new (mapping) State : new State;
+  state_->startMs = unixNowMs();
+}
+
+Metrics::~Metrics() {
+  if (!shared_) {
+    delete state_;
+    return;
+  }
+  state_->~State();
+  munmap(state_, sizeof(State));
+}
+
+void Metrics::countDocument(bool ok) {
+  State& s = *state_;
   ++(ok ? s.documentsOk : s.documentsFailed);
   ++s.changes;
   service::notifyStatus(std::to_string(s.documentsOk + s.documentsFailed) + " documents done, " +
                         std::to_string(s.documentsFailed) + " failed");
 }
 
-void countTimestamp(int result) {
-  State& s = state();
+void Metrics::countTimestamp(int result) {
+  State& s = *state_;
   ++s.timestamps[resultSlot(result)];
   if (result == 0) {
     int64_t now = unixNowMs();
@@ -111,32 +114,20 @@ void countTimestamp(int result) {
   ++s.changes;
 }
 
-// Names of the servers counted; set at start, read by the reporting thread.
-std::mutex serverNamesMutex;
-std::vector<std::string>& serverNames() {
-  static auto* names = new std::vector<std::string>;
-  return *names;
-}
-// Names of the servers whose exchanges are timed, whether or not counted.
-std::vector<std::string>& exchangeNames() {
-  static auto* names = new std::vector<std::string>;
-  return *names;
+void Metrics::nameExchangeServers(const std::vector<std::string>& names) {
+  std::lock_guard<std::mutex> lock(namesMutex_);
+  exchangeNames_.assign(names.begin(), names.begin() + std::min(names.size(), kMaxServers));
 }
 
-void nameExchangeServers(const std::vector<std::string>& names) {
-  std::lock_guard<std::mutex> lock(serverNamesMutex);
-  exchangeNames().assign(names.begin(), names.begin() + std::min(names.size(), kMaxServers));
-}
-
-void observeAnswer(const std::string& server, double seconds) {
+void Metrics::observeAnswer(const std::string& server, double seconds) {
   size_t at = 0;
   {
-    std::lock_guard<std::mutex> lock(serverNamesMutex);
-    const std::vector<std::string>& names = exchangeNames();
+    std::lock_guard<std::mutex> lock(namesMutex_);
+    const std::vector<std::string>& names = exchangeNames_;
     at = static_cast<size_t>(std::find(names.begin(), names.end(), server) - names.begin());
     if (at == names.size()) at = 0;  // an unnamed server shares the first histogram
   }
-  State& s = state();
+  State& s = *state_;
   for (size_t i = 0; i < kBucketCount; ++i) {
     if (seconds <= kBuckets[i]) {
       ++s.answerBuckets[at][i];
@@ -148,38 +139,38 @@ void observeAnswer(const std::string& server, double seconds) {
   ++s.changes;
 }
 
-void setRegistered(bool registered) {
-  state().registered = registered;
-  ++state().changes;
+void Metrics::setRegistered(bool registered) {
+  state_->registered = registered;
+  ++state_->changes;
 }
 
-void nameServers(const std::vector<std::string>& names) {
-  std::lock_guard<std::mutex> lock(serverNamesMutex);
-  serverNames().assign(names.begin(), names.begin() + std::min(names.size(), kMaxServers));
+void Metrics::nameServers(const std::vector<std::string>& names) {
+  std::lock_guard<std::mutex> lock(namesMutex_);
+  serverNames_.assign(names.begin(), names.begin() + std::min(names.size(), kMaxServers));
 }
 
-void countServer(size_t index, ServerEvent event) {
+void Metrics::countServer(size_t index, ServerEvent event) {
   if (index >= kMaxServers) return;
-  ++state().servers[index][static_cast<int>(event)];
-  ++state().changes;
+  ++state_->servers[index][static_cast<int>(event)];
+  ++state_->changes;
 }
 
-std::string serverSummary() {
-  std::lock_guard<std::mutex> lock(serverNamesMutex);
-  State& s = state();
+std::string Metrics::serverSummary() const {
+  std::lock_guard<std::mutex> lock(namesMutex_);
+  const State& s = *state_;
   std::string out;
-  for (size_t i = 0; i < serverNames().size(); ++i) {
+  for (size_t i = 0; i < serverNames_.size(); ++i) {
     const auto& n = s.servers[i];
     uint64_t attempts = n[0] + n[1] + n[2];
     appendf(&out, "%s%s attempts=%" PRIu64 " ok=%" PRIu64 " failed=%" PRIu64 " held=%" PRIu64,
-            i > 0 ? ", " : "", serverNames()[i].c_str(), attempts, n[0].load(), n[1].load(),
+            i > 0 ? ", " : "", serverNames_[i].c_str(), attempts, n[0].load(), n[1].load(),
             n[3].load());
   }
   return out;
 }
 
-Totals totals() {
-  State& s = state();
+Metrics::Totals Metrics::totals() const {
+  const State& s = *state_;
   Totals t;
   t.documentsOk = s.documentsOk;
   t.documentsFailed = s.documentsFailed;
@@ -188,8 +179,8 @@ Totals totals() {
   return t;
 }
 
-std::string prometheusText() {
-  State& s = state();
+std::string Metrics::prometheusText() const {
+  const State& s = *state_;
   std::string out;
   out +=
       "# HELP clockette_build_info The worker's version.\n"
@@ -220,9 +211,9 @@ std::string prometheusText() {
   out +=
       "# HELP clockette_tsa_answer_seconds Time a Timestamp Server exchange took.\n"
       "# TYPE clockette_tsa_answer_seconds histogram\n";
-  std::unique_lock<std::mutex> names(serverNamesMutex);
+  std::unique_lock<std::mutex> names(namesMutex_);
   const std::vector<std::string> servers =
-      exchangeNames().empty() ? std::vector<std::string>{""} : exchangeNames();
+      exchangeNames_.empty() ? std::vector<std::string>{""} : exchangeNames_;
   names.unlock();
   for (size_t at = 0; at < servers.size(); ++at) {
     const char* server = servers[at].c_str();
@@ -245,31 +236,31 @@ std::string prometheusText() {
       "none yet).\n"
       "# TYPE clockette_last_success_timestamp_seconds gauge\n";
   appendf(&out, "clockette_last_success_timestamp_seconds %.3f\n", s.lastSuccessMs / 1e3);
-  std::lock_guard<std::mutex> lock(serverNamesMutex);
-  if (serverNames().empty()) return out;
+  std::lock_guard<std::mutex> lock(namesMutex_);
+  if (serverNames_.empty()) return out;
   out +=
       "# HELP clockette_tsa_attempts_total Attempts with each Timestamp Server, by result "
       "(failed: may pass, tried again or elsewhere).\n"
       "# TYPE clockette_tsa_attempts_total counter\n";
   static const char* const kResults[] = {"ok", "failed", "other"};
-  for (size_t i = 0; i < serverNames().size(); ++i) {
+  for (size_t i = 0; i < serverNames_.size(); ++i) {
     for (int r = 0; r < 3; ++r) {
       appendf(&out, "clockette_tsa_attempts_total{server=\"%s\",result=\"%s\"} %" PRIu64 "\n",
-              serverNames()[i].c_str(), kResults[r], s.servers[i][r].load());
+              serverNames_[i].c_str(), kResults[r], s.servers[i][r].load());
     }
   }
   out +=
       "# HELP clockette_tsa_holds_total Times a Timestamp Server that failed was skipped for a "
       "while.\n"
       "# TYPE clockette_tsa_holds_total counter\n";
-  for (size_t i = 0; i < serverNames().size(); ++i) {
-    appendf(&out, "clockette_tsa_holds_total{server=\"%s\"} %" PRIu64 "\n",
-            serverNames()[i].c_str(), s.servers[i][3].load());
+  for (size_t i = 0; i < serverNames_.size(); ++i) {
+    appendf(&out, "clockette_tsa_holds_total{server=\"%s\"} %" PRIu64 "\n", serverNames_[i].c_str(),
+            s.servers[i][3].load());
   }
   return out;
 }
 
-int writePrometheusFile(const std::string& path) {
+int Metrics::writePrometheusFile(const std::string& path) const {
   std::string text = prometheusText();
   // A name of our own, created afresh: whatever another user placed beside
   // the file (a file, a link) is never written through, only avoided.
@@ -301,5 +292,3 @@ int writePrometheusFile(const std::string& path) {
   if (err != 0) unlink(temporary.c_str());
   return err;
 }
-
-}  // namespace metrics

@@ -82,7 +82,7 @@ int Kavlet::callKVhi(ToolHandler* handler, const char* host, int forService) {
             kv.host.empty() ? host : kv.host.c_str(), kv.port, type.c_str(),
             kvClient.service().port());
     reporter_.start(true, env_.get("CLOCKETTE_METRICS_FILE"));
-    metrics::setRegistered(true);
+    metrics_.setRegistered(true);
     service::notifyReady();
     return rc;
   }

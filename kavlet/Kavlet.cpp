@@ -62,7 +62,8 @@ Kavlet::Kavlet(Environment& env)
       okStatus("ok"),
       suspendTime(300),
       env_(env),
-      notifier_(std::make_unique<Notifier>(env.get("KV_NOTIFY_FILE"))) {
+      notifier_(std::make_unique<Notifier>(env.get("KV_NOTIFY_FILE"))),
+      reporter_(metrics_) {
   Log log("Kavlet", "Kavlet", __FILE__, __LINE__, 13);
   installHandlers();
 }

@@ -26,6 +26,10 @@
 // the target installed when the Kavlet was made did (the levels and event
 // prefix main set up), on standard error.
 //
+// Metrics: a Kavlet owns its Metrics (base/Metrics.h), made with it and so
+// before test mode forks its worker processes, and lends it to its reporter,
+// its work cycle and whatever of the tool counts.
+//
 // Threading: everything runs on the main thread except the signal thread
 // (kavlet/Signals.h), which reaches only the worker's WorkerEnd and its log
 // target, and the reporter's background thread (kavlet/Reporter.h).
@@ -41,6 +45,7 @@
 #include "base/Environment.h"
 #include "base/FileSystem.h"
 #include "base/LogTarget.h"
+#include "base/Metrics.h"
 #include "base/Notify.h"
 #include "base/String.h"
 #include "docfiles/Document.h"
@@ -231,6 +236,9 @@ class Kavlet : public ToolHandler {
   Notifier& notifier() { return *notifier_; }
   // What the KV's orders, signals and console events decided about the end.
   WorkerEnd& workerEnd() { return end_; }
+  // What the worker counts, shared with its test-mode worker processes;
+  // lent to whatever counts.
+  Metrics& metrics() { return metrics_; }
   // The summary line and the metrics file.
   Reporter& reporter() { return reporter_; }
 
@@ -238,6 +246,7 @@ class Kavlet : public ToolHandler {
   Environment& env_;
   std::unique_ptr<Notifier> notifier_;
   WorkerEnd end_;
+  Metrics metrics_;  // before the reporter, which reads it until its end
   Reporter reporter_;
   // Blocks SIGINT, SIGTERM, SIGQUIT and SIGHUP until the signal thread
   // takes them (kavlet/Signals.h), which connectKV starts.

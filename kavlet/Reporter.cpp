@@ -29,9 +29,9 @@ void Reporter::logSummary() const {
 
 void Reporter::writeMetrics() {
   if (metricsPath_.empty()) return;
-  uint64_t changes = metrics::totals().changes;
+  uint64_t changes = metrics_.totals().changes;
   if (changes == writtenChanges_) return;
-  int err = metrics::writePrometheusFile(metricsPath_);
+  int err = metrics_.writePrometheusFile(metricsPath_);
   if (err != 0) {
     Log log("Reporter", "writeMetrics", __FILE__, __LINE__, 13);
     log.msg(__LINE__, 4, "cannot write the metrics file '%s': '%s'", metricsPath_.c_str(),
@@ -72,7 +72,7 @@ void Reporter::start(bool serving, const char* metricsPath) {
 }
 
 std::string Reporter::summary() const {
-  metrics::Totals t = metrics::totals();
+  Metrics::Totals t = metrics_.totals();
   double seconds = 0;
   if (started_) seconds = std::chrono::duration<double>(Clock::now() - start_).count();
   uint64_t documents = t.documentsOk + t.documentsFailed;
@@ -83,7 +83,7 @@ std::string Reporter::summary() const {
            static_cast<unsigned long long>(t.documentsFailed),
            static_cast<unsigned long long>(t.filesStamped), seconds,
            seconds > 0 ? documents / seconds : 0.0);
-  std::string servers = metrics::serverSummary();
+  std::string servers = metrics_.serverSummary();
   return servers.empty() ? std::string(text) : std::string(text) + ", servers: " + servers;
 }
 

@@ -6,11 +6,12 @@
 //   - The metrics file named by CLOCKETTE_METRICS_FILE (base/Metrics.h):
 //     written when something changed, at most once a minute, and at exit.
 //
-// The Kavlet owns its Reporter. start starts a background thread when there
-// is something to do in the background; finish ends it and may be called
-// from any thread but that one, more than once (only the first call acts);
-// the worker's end (finishWorker, kavlet/Kv.h) calls it. A Reporter that goes
-// without finish ends its thread and writes nothing.
+// The Kavlet owns its Reporter, which reads the Kavlet's Metrics. start
+// starts a background thread when there is something to do in the
+// background; finish ends it and may be called from any thread but that one,
+// more than once (only the first call acts); the worker's end (finishWorker,
+// kavlet/Kv.h) calls it. A Reporter that goes without finish ends its
+// thread and writes nothing.
 #ifndef KAVLET_REPORTER_H_
 #define KAVLET_REPORTER_H_
 
@@ -21,9 +22,12 @@
 #include <string>
 #include <thread>
 
+class Metrics;
+
 class Reporter {
  public:
-  Reporter() = default;
+  // metrics: what is reported; borrowed, it must outlive the Reporter.
+  explicit Reporter(const Metrics& metrics) : metrics_(metrics) {}
   ~Reporter();
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
@@ -49,6 +53,7 @@ class Reporter {
   // Wakes the background thread for its end and waits for it.
   void endThread();
 
+  const Metrics& metrics_;
   std::mutex mutex_;
   std::condition_variable wake_;
   bool started_ = false;

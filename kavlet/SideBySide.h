@@ -10,8 +10,9 @@
 // (its signal thread, the side threads of hashing and requests). start
 // checks the rule and refuses to fork when it is broken. Each worker renews
 // its stop request (base/Stop.h) so that a stop of one process leaves the
-// others alone, and counts into the metrics that every process shares
-// (base/Metrics.h), from which the parent writes the summary and the file.
+// others alone, and counts into the worker's Metrics (base/Metrics.h), whose
+// counters every process shares: the parent writes the summary and the file
+// from them.
 //
 // How the processes end: a stop of the parent (a signal) is passed on to
 // every worker as SIGTERM and the parent waits for them; a worker's own stop

@@ -80,7 +80,7 @@ int Kavlet::work(const char* directory) {
     if (result == 0 && !commandsWritten) document->removeCreatedFiles();
   }
   document.reset();
-  metrics::countDocument(result != 0);
+  metrics_.countDocument(result != 0);
 
   if (!testCount.empty()) return result;
 

@@ -59,7 +59,7 @@ bool isHttp(const std::string& protocol) { return protocol == "http" || protocol
 
 }  // namespace
 
-TsServers::TsServers() : random_(std::random_device{}()) {}
+TsServers::TsServers(Metrics& metrics) : metrics_(metrics), random_(std::random_device{}()) {}
 
 long long TsServers::backoffMs(int retry) {
   long long ceiling = kBackoffCapMs;
@@ -163,8 +163,8 @@ void TsServers::configure(const TsServer& primary, const std::vector<TsServer>& 
   policy_ = policy;
   // The counts per server are shown where they tell something.
   bool inUse = policy.retries > 0 || entries_.size() > 1;
-  metrics::nameServers(inUse ? names : std::vector<std::string>());
-  metrics::nameExchangeServers(names);
+  metrics_.nameServers(inUse ? names : std::vector<std::string>());
+  metrics_.nameExchangeServers(names);
 }
 
 void TsServers::configureFromEnvironment(Log& log, const Environment& env, const TsServer& primary,
@@ -255,12 +255,12 @@ void TsServers::record(const std::string& name, const TsAttempt& attempt) {
     TsServerCounts& counts = entries_[i].counts;
     if (counts.server != name) continue;
     ++counts.attempts;
-    metrics::ServerEvent event = attempt.mayPass       ? metrics::ServerEvent::kFailed
-                                 : attempt.result == 0 ? metrics::ServerEvent::kOk
-                                                       : metrics::ServerEvent::kOther;
-    if (event == metrics::ServerEvent::kFailed) ++counts.failures;
-    if (event == metrics::ServerEvent::kOk) ++counts.ok;
-    metrics::countServer(i, event);
+    Metrics::ServerEvent event = attempt.mayPass       ? Metrics::ServerEvent::kFailed
+                                 : attempt.result == 0 ? Metrics::ServerEvent::kOk
+                                                       : Metrics::ServerEvent::kOther;
+    if (event == Metrics::ServerEvent::kFailed) ++counts.failures;
+    if (event == Metrics::ServerEvent::kOk) ++counts.ok;
+    metrics_.countServer(i, event);
     return;
   }
 }
@@ -271,7 +271,7 @@ void TsServers::hold(const std::string& name, long long untilMs) {
     if (entries_[i].counts.server != name) continue;
     entries_[i].heldUntilMs = untilMs;
     ++entries_[i].counts.holds;
-    metrics::countServer(i, metrics::ServerEvent::kHeld);
+    metrics_.countServer(i, Metrics::ServerEvent::kHeld);
   }
 }
 

@@ -32,6 +32,7 @@
 
 class Environment;
 class Log;
+class Metrics;
 
 // One Timestamp Server.
 struct TsServer {
@@ -95,7 +96,9 @@ using TsAttemptFunction = std::function<TsAttempt(const TsServer& server, long l
 
 class TsServers {
  public:
-  TsServers();
+  // metrics: where the servers are named and their attempts and holds
+  // counted; borrowed, it must outlive the TsServers.
+  explicit TsServers(Metrics& metrics);
   TsServers(const TsServers&) = delete;
   TsServers& operator=(const TsServers&) = delete;
 
@@ -138,6 +141,7 @@ class TsServers {
   // that failed together do not come back together.
   long long backoffMs(int retry);
 
+  Metrics& metrics_;
   mutable std::mutex mutex_;  // guards everything below
   std::vector<Entry> entries_;
   TsRetryPolicy policy_;

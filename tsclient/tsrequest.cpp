@@ -68,10 +68,12 @@ bool encodeRequest(const TsSettings& s, CAsn1messageImprint* imprint,
 }
 
 // One exchange with server for the DER request, within timeoutMs: the
-// designed exchange and its checks. The answer goes into response.
+// designed exchange and its checks, its time observed in metrics. The answer
+// goes into response.
 TsAttempt exchangeWith(Log& log, const TsSettings& settings, const CurlShare& share,
-                       const TsServer& server, const std::vector<unsigned char>& request,
-                       long long timeoutMs, CAsn1string* response) {
+                       Metrics& metrics, const TsServer& server,
+                       const std::vector<unsigned char>& request, long long timeoutMs,
+                       CAsn1string* response) {
   const CurlTransport http(&settings, &share);
   const TcpTransport tcp(settings.connectTimeoutS, settings.hostPreference);
   const TsTransport& transport = isHttpServer(server) ? static_cast<const TsTransport&>(http) : tcp;
@@ -83,7 +85,7 @@ TsAttempt exchangeWith(Log& log, const TsSettings& settings, const CurlShare& sh
   errno = 0;
   long long started = steadyNowMs();
   int rc = transport.exchange(log, server, request, timeoutMs, &rb, &offset, &outcome);
-  metrics::observeAnswer(server.name(), (steadyNowMs() - started) / 1000.0);
+  metrics.observeAnswer(server.name(), (steadyNowMs() - started) / 1000.0);
   if (rc != 0) {
     outcome.result = rc;  // failures without a reason of their own are final
     return outcome;
@@ -266,7 +268,7 @@ int TsRequester::requestTimestamp(CAsn1messageImprint* imprint, CAsn1string* res
   }
   // Retries and fallback servers, when configured, happen in here.
   return servers_.run([&](const TsServer& server, long long timeoutMs) {
-    return exchangeWith(log, settings_, curlShare_, server, request, timeoutMs, response);
+    return exchangeWith(log, settings_, curlShare_, metrics_, server, request, timeoutMs, response);
   });
 }
 

@@ -51,6 +51,7 @@
 
 class CAsn1messageImprint;
 class Environment;
+class Metrics;
 class SettingsLine;
 class CAsn1string;
 class CAsn1ietfTSResp;
@@ -75,8 +76,10 @@ int timestampParse(CAsn1string* response, CAsn1ietfTSResp* resp);
 // any stamping; a TsRequester is not copied.
 class TsRequester {
  public:
-  // initTsServer reads its settings from env, which must outlive the requester.
-  explicit TsRequester(const Environment& env) : env_(env) {}
+  // initTsServer reads its settings from env; every exchange and server
+  // attempt is counted in metrics. Both must outlive the requester.
+  TsRequester(const Environment& env, Metrics& metrics)
+      : env_(env), metrics_(metrics), servers_(metrics) {}
   TsRequester(const TsRequester&) = delete;
   TsRequester& operator=(const TsRequester&) = delete;
 
@@ -161,6 +164,7 @@ class TsRequester {
 
  private:
   const Environment& env_;
+  Metrics& metrics_;
   TsSettings settings_;
   TsServers servers_;    // the primary, the fallbacks, their holds and counts
   CurlShare curlShare_;  // connections and TLS sessions of all HTTP(S) exchanges

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "base/LogTarget.h"
+#include "base/Metrics.h"
 #include "base/SettingsLine.h"
 #include "testing/LogCapture.h"
 #include "testing/MapEnvironment.h"
@@ -57,7 +58,8 @@ class TsRequestTest : public ::testing::Test {
   LogTarget info_;
   LogTarget::Installation infoInstalled_{info_};
   MapEnvironment env_;
-  TsRequester ts_{env_};
+  Metrics metrics_;
+  TsRequester ts_{env_, metrics_};
   TempDir dir_;
   std::string source_;
   std::string target_;
@@ -289,13 +291,13 @@ TEST_F(TsRequestTest, TokenSettingsAgainstTheTestServer) {
   }
   for (const char* bad : {"TS_TRUST_CA", "TS_TSA_CERTS", "TS_CAFILE"}) {
     MapEnvironment env{{bad, dir_.file("missing.pem")}};
-    TsRequester ts(env);
+    TsRequester ts(env, metrics_);
     LogCapture log;
     EXPECT_EQ(ts.initTsServer("127.0.0.1", 1, "http", nullptr), -1) << bad;
     EXPECT_TRUE(log.contains("missing.pem")) << log.text();
   }
   MapEnvironment badPolicy{{"TS_POLICY", "no-oid"}};
-  EXPECT_EQ(TsRequester(badPolicy).initTsServer("127.0.0.1", 1, "http", nullptr), -1);
+  EXPECT_EQ(TsRequester(badPolicy, metrics_).initTsServer("127.0.0.1", 1, "http", nullptr), -1);
 }
 
 // A standard URL replaces the designed "/</" form, for the primary and for
