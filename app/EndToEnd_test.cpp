@@ -264,21 +264,22 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
        refusedAs("COMMANDS.other", "COMMANDS.other")},
       {"protocol", "data.txt KVprotocol", nullptr, refusedAs("KVprotocol", "KVprotocol")},
       {"link-to-commands", "data.txt link",
-       [](Path d) { symlink("COMMANDS", (d + "/link").c_str()); }, refusedAs("link", "COMMANDS")},
+       [](Path d) { ASSERT_EQ(symlink("COMMANDS", (d + "/link").c_str()), 0); },
+       refusedAs("link", "COMMANDS")},
       {"source-itself", "data.txt data.txt", nullptr,
        "timestamp file 'D/data.txt' refused: it is its source file 'D/data.txt'"},
       {"hard-link-to-source", "data.txt hard",
-       [](Path d) { link((d + "/data.txt").c_str(), (d + "/hard").c_str()); },
+       [](Path d) { ASSERT_EQ(link((d + "/data.txt").c_str(), (d + "/hard").c_str()), 0); },
        "timestamp file 'D/hard' refused: it is its source file 'D/data.txt'"},
       {"commands-is-a-link", "data.txt data.tst",
        [&](Path d) {
          writeFile(elsewhere.file("commands"), kOneFile);
          unlink((d + "/COMMANDS").c_str());
-         symlink(elsewhere.file("commands").c_str(), (d + "/COMMANDS").c_str());
+         ASSERT_EQ(symlink(elsewhere.file("commands").c_str(), (d + "/COMMANDS").c_str()), 0);
        },
        "file 'D/COMMANDS' is a symbolic link; it is not opened"},
       {"backup-is-a-link", "data.txt data.tst",
-       [&](Path d) { symlink(secret.c_str(), (d + "/COMMANDS.clockette").c_str()); },
+       [&](Path d) { ASSERT_EQ(symlink(secret.c_str(), (d + "/COMMANDS.clockette").c_str()), 0); },
        "refused backup 'D/COMMANDS.clockette': it is no regular file owned by this worker's user"},
       {"source-outside", secret + " leak.tst", nullptr,
        "source file '" + secret + "' refused: it lies outside the directories",
@@ -296,16 +297,17 @@ TEST_F(EndToEndTest, HostileDocumentsFailAndAreLeftAsTheyWere) {
        },
        "is being worked on by another process (lock 'D/.COMMANDS.lock' held for 1 s)"},
   };
-  cases.push_back(geteuid() == 0 ? Case{"backup-of-another-user", "data.txt data.tst",
-                                        [](Path d) {
-                                          writeFile(d + "/COMMANDS.clockette",
-                                                    "TIMESTAMP_FILE data.txt x.tst\n");
-                                          chown((d + "/COMMANDS.clockette").c_str(), 65534, 65534);
-                                        },
-                                        "refused backup 'D/COMMANDS.clockette'"}
-                                 : Case{"commands-unreadable", "data.txt data.tst",
-                                        [](Path d) { chmod((d + "/COMMANDS").c_str(), 0); },
-                                        "cannot open file D/COMMANDS: errno=Permission denied"});
+  cases.push_back(
+      geteuid() == 0
+          ? Case{"backup-of-another-user", "data.txt data.tst",
+                 [](Path d) {
+                   writeFile(d + "/COMMANDS.clockette", "TIMESTAMP_FILE data.txt x.tst\n");
+                   ASSERT_EQ(chown((d + "/COMMANDS.clockette").c_str(), 65534, 65534), 0);
+                 },
+                 "refused backup 'D/COMMANDS.clockette'"}
+          : Case{"commands-unreadable", "data.txt data.tst",
+                 [](Path d) { chmod((d + "/COMMANDS").c_str(), 0); },
+                 "cannot open file D/COMMANDS: errno=Permission denied"});
   std::map<std::string, std::string> before;
   for (const Case& c : cases) {
     std::string doc = addDocument(
