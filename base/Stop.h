@@ -2,9 +2,10 @@
 // watched by every long wait or loop (hashing, Timestamp Server exchanges,
 // back-off sleeps), so that a SIGTERM ends the worker promptly wherever it is.
 //
-// Process-wide by nature, and the one exception to "state is owned by main
-// and handed down": a stop signal is delivered to the process, not to an
-// object, and requestStop must work where nothing can be reached (a signal
+// Process-wide by nature, and with the signal thread one of the two
+// exceptions to "state is owned by main and handed down" (the other: which
+// log target is installed, base/Log.h): a stop signal is delivered to the
+// process, not to an object, and requestStop must work where nothing can be reached (a signal
 // handler, a library deep in a wait). The flag and its wake-up pipe are the
 // only state kept here; the decisions about the worker's end live in its
 // WorkerEnd (kavlet/WorkerEnd.h).
